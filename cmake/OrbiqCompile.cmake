@@ -1,0 +1,24 @@
+# How every target of the project is compiled.
+include(GNUInstallDirs)
+
+if(NOT CMAKE_BUILD_TYPE AND PROJECT_IS_TOP_LEVEL)
+  set(CMAKE_BUILD_TYPE RelWithDebInfo CACHE STRING "" FORCE)
+endif()
+
+add_library(orbiq_compile INTERFACE)
+target_compile_features(orbiq_compile INTERFACE cxx_std_20)
+target_compile_options(orbiq_compile INTERFACE
+  -Wall -Wextra -Wpedantic -Wshadow -Wconversion
+  -fvisibility=hidden -fvisibility-inlines-hidden)
+if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
+  target_compile_options(orbiq_compile INTERFACE -Wthread-safety -Werror=thread-safety)
+endif()
+if(ORBIQ_SANITIZE)
+  target_compile_options(orbiq_compile INTERFACE -fsanitize=${ORBIQ_SANITIZE} -fno-omit-frame-pointer
+    -fno-sanitize-recover=all)
+  target_link_options(orbiq_compile INTERFACE -fsanitize=${ORBIQ_SANITIZE})
+endif()
+option(ORBIQ_WERROR "Treat warnings as errors" OFF)
+if(ORBIQ_WERROR)
+  target_compile_options(orbiq_compile INTERFACE -Werror)
+endif()

@@ -1,0 +1,90 @@
+#include <orbiq/orbiq.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdint>
+#include <filesystem>
+#include <iostream>
+#include <string_view>
+#include <thread>
+
+/// Shows what the library does, step by step, in its own log lines:
+///
+///     orbiq-demo hits     audience hits for two serials
+///     orbiq-demo stream   queues one streaming request, then waits to be killed
+///     orbiq-demo resume   sends what an earlier process left in the requests file
+namespace {
+
+constexpr int kHitsPerSerial = 5;
+constexpr std::chrono::seconds kPatience{30};
+
+void showFile(std::string_view moment) {
+  const std::filesystem::path path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
+  std::error_code missing;
+  const std::uintmax_t size = std::filesystem::file_size(path, missing);
+  std::cout << "requests file " << moment << ": " << (missing ? 0 : size) << " bytes" << std::endl;
+}
+
+/// Waits until every hit is settled, and says what became of them; true if all were sent.
+bool finish() {
+  const orbiqAgent& agent = orbiqAgent::sharedAgent();
+  const auto end = std::chrono::steady_clock::now() + kPatience;
+  while (agent.statistics().pending > 0 && std::chrono::steady_clock::now() < end) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+  showFile("at the end");
+  const orbiq::Statistics statistics = agent.statistics();
+  std::cout << "statistics: accepted " << statistics.accepted << " = sent " << statistics.sent
+            << " + refused " << statistics.refused << " + answered with another status "
+            << statistics.answeredWithAnotherStatus << " + given up " << statistics.givenUp
+            << " + pushed out " << statistics.pushedOut << " + discarded at start "
+            << statistics.discardedAtStart << " + discarded at the network's return "
+            << statistics.discardedAtNetworkReturn << " + pending " << statistics.pending
+            << "; last failure " << statistics.lastFailure.description() << std::endl;
+  return statistics.accepted > 0 && statistics.sent == statistics.accepted;
+}
+
+bool sendHits() {
+  for (const char* serial : {"DEMO-1", "DEMO-2"}) {
+    auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(serial);
+    for (int hit = 0; hit < kHitsPerSerial; ++hit) tagger->sendHit();
+  }
+  showFile("after sendHit");
+  return finish();
+}
+
+[[noreturn]] void queueStream() {
+  const char* const serial = "DEMO-STREAM";
+  auto& agent = orbiqAgent::sharedAgent();
+  agent.addRequestToQueue(std::make_shared<orbiqRequest>(
+      std::make_shared<const orbiq::Parameters>(agent.defaultParametersForRequest()),
+      orbiq::RequestTypeStreaming, orbiq::SendingModeHost, serial,
+      std::make_shared<orbiqTaggerID>(serial, agent.getPartialID(), true)));
+  for (;;) pause();
+}
+
+bool resume() {
+  orbiqAgent::sharedAgent();  // its first use loads the file
+  return finish();
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const std::string_view mode = argc == 2 ? argv[1] : "";
+  const orbiq::String refused = orbiq::HostApplication::describe({
+      .bundleIdentifier = "tv.example.demo",
+      .bundleName = "Demo",
+      .shortVersion = "1.0",
+  });
+  if (!refused.isNull()) {
+    std::cerr << refused.view() << "\n";
+    return 1;
+  }
+  orbiqLogger::sharedLogger().setLoggingMode(orbiq::LoggingModeInfo);
+  if (mode == "hits") return sendHits() ? 0 : 1;
+  if (mode == "resume") return resume() ? 0 : 1;
+  if (mode == "stream") queueStream();
+  std::cerr << "usage: " << argv[0] << " hits|stream|resume\n";
+  return 2;
+}

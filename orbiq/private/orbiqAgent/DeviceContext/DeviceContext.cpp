@@ -1,0 +1,96 @@
+#include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
+
+#include <cmath>
+#include <cstdint>
+#include <cstdio>
+#include <string>
+
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/Random.h"
+
+namespace orbiq {
+namespace {
+
+constexpr std::intptr_t kPhone = 0;
+constexpr std::intptr_t kPad = 1;
+constexpr std::intptr_t kTelevision = 2;
+
+/// A header must not be broken in two by a name.
+std::string withoutControlCharacters(std::string text) {
+  std::erase_if(text, [](unsigned char byte) { return byte < 0x20 || byte == 0x7F; });
+  return text;
+}
+
+const char* deviceKind() {
+  switch (HostApplication::current().userInterfaceIdiom.value_or(kPhone)) {
+    case kPad:
+      return "ipad";
+    case kTelevision:
+      return "tv";
+    default:
+      return "iphone";
+  }
+}
+
+}  // namespace
+
+String DeviceContext::orbiqVersion() { return HostApplication::current().shortVersion; }
+
+String DeviceContext::userAgent() {
+  const HostDescription& host = HostApplication::current();
+  // The application's version stands in the header twice, and that is meant.
+  return withoutControlCharacters(host.bundleName.description() + "/" +
+                                  host.shortVersion.description() + " orbiq SDK v" +
+                                  orbiqVersion().description() + " apple " + deviceKind());
+}
+
+String DeviceContext::appleDID() {
+  const auto& advertisingIdentifier = HostApplication::current().advertisingIdentifier;
+  if (!advertisingIdentifier) {
+    orbiqLogger::log_withMode("Can't get did", LoggingModeInfo);
+    return nullptr;
+  }
+  String identifier;
+  try {
+    // No tracking preference is consulted and nothing stands in for a missing identifier: meant.
+    identifier = advertisingIdentifier().copy();
+  } catch (...) {
+    orbiqLogger::log_withMode("The advertising identifier's provider threw an exception",
+                              LoggingModeError);
+    return nullptr;
+  }
+  orbiqLogger::log_withMode([&] { return "Using did : " + identifier.description(); },
+                            LoggingModeInfo);
+  return identifier;
+}
+
+Parameters DeviceContext::defaultParametersForRequest() {
+  Parameters parameters;
+  if (String version = orbiqVersion(); !version.isNull()) {
+    parameters.emplace("v", std::move(version));
+  }
+  parameters.emplace("n", nineRandomDigits());
+  return parameters;
+}
+
+GraphicsFloat DeviceContext::screenDiagonal() {
+  const HostDescription& host = HostApplication::current();
+  // No screen has no size; its scale of 1 keeps the quotient a number.
+  const Screen screen = host.mainScreen.value_or(Screen{});
+  const GraphicsFloat scale = screen.nativeScale.value_or(screen.scale);
+  const bool isPhone = host.userInterfaceIdiom.value_or(kPhone) == kPhone;
+  const GraphicsFloat pixelsPerInch = isPhone ? 163 : 132;
+  // The scale cancels; that it is carried through is meant.
+  const GraphicsFloat height = screen.height * scale;
+  const GraphicsFloat width = screen.width * scale;
+  return std::sqrt(height * height + width * width) / (pixelsPerInch * scale);
+}
+
+String DeviceContext::nineRandomDigits() {
+  char digits[16];
+  std::snprintf(digits, sizeof digits, "%09u",
+                static_cast<unsigned>(randomUint32() % 1'000'000'000U));
+  return digits;
+}
+
+}  // namespace orbiq

@@ -1,0 +1,74 @@
+#include "orbiq/private/orbiqAgent/HitLedger.h"
+
+#include <algorithm>
+#include <numeric>
+
+namespace orbiq {
+
+void HitLedger::countAccepted(std::uint64_t hits) {
+  const Lock lock(_lock);
+  _accepted += hits;
+}
+
+void HitLedger::countFate(HitFate fate) {
+  const Lock lock(_lock);
+  ++_fates[static_cast<std::size_t>(fate)];
+}
+
+void HitLedger::noteSuccess(const Date& time) {
+  const Lock lock(_lock);
+  _lastSuccess = time;
+}
+
+void HitLedger::noteFailure(const String& text) {
+  const Lock lock(_lock);
+  _lastFailure = text;
+}
+
+void HitLedger::additionBegins(bool isCounted) {
+  const Lock lock(_lock);
+  if (isCounted) ++_accepted;
+  ++_additionsWaiting;
+  noteWaiting();
+}
+
+void HitLedger::sendBegins() {
+  const Lock lock(_lock);
+  _isSending = true;
+  noteWaiting();
+}
+
+void HitLedger::sendEnds() {
+  const Lock lock(_lock);
+  _isSending = false;
+}
+
+void HitLedger::noteWaiting() {
+  if (!_isSending) return;
+  _additionsWaitingHighWater = std::max(_additionsWaitingHighWater, _additionsWaiting);
+}
+
+void HitLedger::additionEnds() {
+  const Lock lock(_lock);
+  --_additionsWaiting;
+}
+
+Statistics HitLedger::statistics() const {
+  const Lock lock(_lock);
+  Statistics result;
+  result.accepted = _accepted;
+  result.sent = countOf(HitFate::Sent);
+  result.refused = countOf(HitFate::Refused);
+  result.answeredWithAnotherStatus = countOf(HitFate::AnsweredWithAnotherStatus);
+  result.givenUp = countOf(HitFate::GivenUp);
+  result.pushedOut = countOf(HitFate::PushedOut);
+  result.discardedAtStart = countOf(HitFate::DiscardedAtStart);
+  result.discardedAtNetworkReturn = countOf(HitFate::DiscardedAtNetworkReturn);
+  result.pending = _accepted - std::accumulate(_fates.begin(), _fates.end(), std::uint64_t{0});
+  result.lastSuccess = _lastSuccess;
+  result.lastFailure = _lastFailure;
+  result.additionsWaitingHighWater = _additionsWaitingHighWater;
+  return result;
+}
+
+}  // namespace orbiq

@@ -1,0 +1,59 @@
+#pragma once
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+#include "orbiq/private/orbiqAgent/Statistics.h"
+#include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/String.h"
+
+namespace orbiq {
+
+/// What can become of a hit.
+enum class HitFate : std::size_t {
+  Sent,
+  Refused,
+  AnsweredWithAnotherStatus,
+  GivenUp,
+  PushedOut,
+  DiscardedAtStart,
+  DiscardedAtNetworkReturn,
+};
+
+/// The accounts of the hits, under a lock of its own that is held for a few instructions. Any
+/// thread.
+class HitLedger {
+ public:
+  void countAccepted(std::uint64_t hits = 1);
+  /// A request is on its way to the queue; a marker is not counted as accepted.
+  void additionBegins(bool isCounted);
+  void countFate(HitFate fate);
+  void noteSuccess(const Date& time);
+  void noteFailure(const String& text);
+  void additionEnds();
+  /// A send is under way between these two.
+  void sendBegins();
+  void sendEnds();
+  Statistics statistics() const;
+
+ private:
+  std::uint64_t countOf(HitFate fate) const ORBIQ_REQUIRES(_lock) {
+    return _fates[static_cast<std::size_t>(fate)];
+  }
+
+  void noteWaiting() ORBIQ_REQUIRES(_lock);
+
+  mutable Mutex _lock;
+  std::uint64_t _accepted ORBIQ_GUARDED_BY(_lock) = 0;
+  std::array<std::uint64_t, 7> _fates ORBIQ_GUARDED_BY(_lock){};
+  std::optional<Date> _lastSuccess ORBIQ_GUARDED_BY(_lock);
+  String _lastFailure ORBIQ_GUARDED_BY(_lock);
+  bool _isSending ORBIQ_GUARDED_BY(_lock) = false;
+  std::uint64_t _additionsWaiting ORBIQ_GUARDED_BY(_lock) = 0;
+  std::uint64_t _additionsWaitingHighWater ORBIQ_GUARDED_BY(_lock) = 0;
+};
+
+}  // namespace orbiq

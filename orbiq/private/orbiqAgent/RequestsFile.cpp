@@ -1,0 +1,85 @@
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
+
+#include <array>
+#include <cerrno>
+#include <cstddef>
+#include <new>
+#include <optional>
+#include <system_error>
+#include <vector>
+
+#include "orbiq/private/orbiqRequest/orbiqClearCache.h"
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/KeyedUnarchiver.h"
+
+namespace orbiq {
+namespace {
+
+// Far above what a full queue takes, for reading and writing.
+constexpr std::size_t kLargestFile = 64U << 20U;
+
+constexpr std::array kRequestClasses{&orbiqRequest::kArchivedClass,
+                                     &orbiqClearCache::kArchivedClass};
+
+}  // namespace
+
+RequestQueue RequestsFile::load(const std::string& path) {
+  RequestQueue queue;
+  if (isAnothers(path)) return queue;
+  const std::optional<std::string> bytes = readFile(path, kLargestFile);
+  if (!bytes) return queue;
+  const auto requests = KeyedUnarchiver::unarchiveArray(*bytes, kRequestClasses);
+  if (!requests) return queue;
+  for (const std::shared_ptr<Archivable>& request : *requests) {
+    queue.push_back(std::static_pointer_cast<orbiqRequest>(request));
+  }
+  return queue;
+}
+
+void RequestsFile::save(const std::string& path, const RequestQueue& queue) {
+  if (!isAnothers(path)) report(path, write(path, queue));
+}
+
+int RequestsFile::write(const std::string& path, const RequestQueue& queue) try {
+  // Without the lock, another process may be writing.
+  if (_lock.state() != FileLock::State::Held) return _lock.failure();
+  _archiver.beginRootArray();
+  for (const std::shared_ptr<orbiqRequest>& request : queue) _archiver.addElement(*request);
+  const std::string_view bytes = _archiver.finish();
+  if (bytes.size() > kLargestFile) return EFBIG;
+  const bool synced = HostApplication::current().durability == Durability::PowerLoss;
+  const int failure = replaceFile(path, bytes, synced);
+  if (failure == 0) _isUnsynced = !synced;
+  return failure;
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
+}
+
+void RequestsFile::sync(const std::string& path) {
+  if (!_isUnsynced) return;
+  _isUnsynced = false;
+  report(path, syncFile(path));
+}
+
+bool RequestsFile::isAnothers(const std::string& path) {
+  if (_lock.tryLock(path + ".lock") != FileLock::State::HeldByAnother) return false;
+  if (!_saidThatAnotherHasIt) {
+    _saidThatAnotherHasIt = true;
+    orbiqLogger::log_withMode("Another process of this application has the requests file " + path +
+                                  "; this one starts without it and saves nothing",
+                              LoggingModeWarning);
+  }
+  return true;
+}
+
+void RequestsFile::report(const std::string& path, int failure) {
+  if (failure == _lastFailure) return;
+  _lastFailure = failure;
+  orbiqLogger::log_withMode(failure == 0 ? "The requests are saved again to " + path
+                                         : "The requests can't be saved to " + path + ": " +
+                                               std::generic_category().message(failure),
+                            LoggingModeWarning);
+}
+
+}  // namespace orbiq

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <deque>
+#include <memory>
+#include <string>
+
+#include "orbiq/private/orbiqRequest/orbiqRequest.h"
+#include "orbiq/services/platform/AtomicFile.h"
+#include "orbiq/services/platform/KeyedArchiver.h"
+
+namespace orbiq {
+
+/// Oldest first.
+using RequestQueue = std::deque<std::shared_ptr<orbiqRequest>>;
+
+/// The queue on disk. Of several processes of one application the first one has the file; the
+/// others start empty and write nothing. Where the lock cannot be had for another reason, what the
+/// file holds is loaded, and saving begins when the lock can be had. One thread at a time.
+class RequestsFile {
+ public:
+  /// The queue that the file holds; empty, without a word, if there is none that can be read.
+  RequestQueue load(const std::string& path);
+  /// Replaces the file by the queue. What fails is logged when the cause changes, and changes
+  /// nothing else: the next save tries again.
+  void save(const std::string& path, const RequestQueue& queue);
+  /// Brings the last save to the disk, if it is not there yet.
+  void sync(const std::string& path);
+
+ private:
+  bool isAnothers(const std::string& path);
+  int write(const std::string& path, const RequestQueue& queue);
+  void report(const std::string& path, int failure);
+
+  FileLock _lock;
+  KeyedArchiver _archiver;
+  int _lastFailure = 0;
+  bool _saidThatAnotherHasIt = false;
+  bool _isUnsynced = false;
+};
+
+}  // namespace orbiq

@@ -1,0 +1,116 @@
+// The agent's queue and its file.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <string>
+#include <utility>
+
+#include "orbiq/private/orbiqAgent/orbiqAgent.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/private/orbiqRequest/orbiqClearCache.h"
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/Paths.h"
+
+namespace {
+
+bool isMarker(const orbiqRequest& request) {
+  return dynamic_cast<const orbiqClearCache*>(&request) != nullptr;
+}
+
+void logQueueLength(std::size_t length) {
+  orbiqLogger::log_withMode(
+      [&] { return "We have now " + std::to_string(length) + " request(s) to handle"; },
+      orbiq::LoggingModeInfo);
+}
+
+}  // namespace
+
+orbiq::String orbiqAgent::requestsFilePath() const {
+  const std::string& library = orbiq::Paths::libraryDirectory();
+  const std::string cache = library + "/orbiqCache";
+  struct stat status {};
+  if (::lstat(cache.c_str(), &status) != 0) {
+    // What fails here shows at the save.
+    orbiq::Paths::makeDirectories(library);
+    ::mkdir(cache.c_str(), 0700);
+  }
+  return cache + "/requests.ser";
+}
+
+void orbiqAgent::loadRequests() {
+  orbiqLogger::log_withMode("Loading requests from cache", orbiq::LoggingModeInfo);
+  requestQueue = requestsFile.load(requestsFilePath().toStdString());
+  ledger.countAccepted(static_cast<std::uint64_t>(std::count_if(
+      requestQueue.begin(), requestQueue.end(),
+      [](const std::shared_ptr<orbiqRequest>& request) { return !isMarker(*request); })));
+  // Audience requests of an earlier process are not sent late. That is meant.
+  discardAudienceRequests(orbiq::HitFate::DiscardedAtStart);
+  if (!requestQueue.empty()) requestQueue.push_back(std::make_shared<orbiqClearCache>());
+}
+
+void orbiqAgent::saveRequests() {
+  orbiqLogger::log_withMode("Saving requests to cache", orbiq::LoggingModeInfo);
+  requestsFile.save(requestsFilePath().toStdString(), requestQueue);
+}
+
+void orbiqAgent::countRefusedHit() {
+  ledger.countAccepted();
+  ledger.countFate(orbiq::HitFate::Refused);
+}
+
+void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
+  if (!request || isForkedAway()) return;
+  ledger.additionBegins(!isMarker(*request));
+  requestHandler.async([this, request = std::move(request)] {
+    requestSender.resume();  // its one task gets no successor that could start a thread for it
+    orbiqLogger::log_withMode("Adding a request in queue", orbiq::LoggingModeInfo);
+    const orbiq::Lock lock(requestsProtector);
+    ledger.additionEnds();
+    append(request);
+    saveRequests();
+    logQueueLength(requestQueue.size());
+    requestsProtector.signal();
+  });
+}
+
+void orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) {
+  const orbiqClearCache anyMarker;
+  const bool clearIsPending =
+      std::any_of(requestQueue.begin(), requestQueue.end(),
+                  [&](const auto& queued) { return queued->isEqual(&anyMarker); });
+  if (!clearIsPending) {
+    request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
+    if (request->shouldRenewSessionAfter()) renewSession(*request);
+  }
+  requestQueue.push_back(request);
+  if (requestQueue.size() >= kQueueBound) {
+    if (!isMarker(*requestQueue.front())) ledger.countFate(orbiq::HitFate::PushedOut);
+    requestQueue.pop_front();
+  }
+}
+
+void orbiqAgent::renewSession(const orbiqRequest& request) {
+  orbiqAuthManager::manager().forgetAuthForTagger(request.taggerID());
+  orbiqLogger::log_withMode("ShouldRenewSession", orbiq::LoggingModeInfo);
+}
+
+void orbiqAgent::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
+                                        std::optional<orbiq::HitFate> fate) {
+  if (!request) return;
+  orbiqLogger::log_withMode("Removing request from queue", orbiq::LoggingModeInfo);
+  const std::size_t removed = std::erase_if(
+      requestQueue,
+      [&](const std::shared_ptr<orbiqRequest>& queued) { return request->isEqual(queued.get()); });
+  for (std::size_t i = 0; fate && i < removed; ++i) ledger.countFate(*fate);
+  saveRequests();
+  logQueueLength(requestQueue.size());
+}
+
+void orbiqAgent::discardAudienceRequests(orbiq::HitFate fate) {
+  std::erase_if(requestQueue, [&](const std::shared_ptr<orbiqRequest>& request) {
+    if (request->requestType() != orbiq::RequestTypeAudience) return false;
+    if (!isMarker(*request)) ledger.countFate(fate);
+    return true;
+  });
+}

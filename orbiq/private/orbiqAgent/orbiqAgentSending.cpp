@@ -1,0 +1,191 @@
+// The agent's sending loop.
+#include <algorithm>
+#include <cmath>
+#include <cstddef>
+#include <exception>
+#include <string>
+
+#include "orbiq/private/orbiqAgent/orbiqAgent.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/private/orbiqRequest/orbiqClearCache.h"
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/Ask.h"
+#include "orbiq/services/platform/Calendar.h"
+#include "orbiq/services/platform/Platform.h"
+
+using orbiq::ask;
+using orbiq::HitFate;
+
+namespace {
+
+constexpr char kErrorDomain[] = "com.bramwell.orbiq";
+constexpr char kHttpErrorDomain[] = "http";
+
+constexpr std::int64_t kNotReachable = 1;
+constexpr std::int64_t kNotAllowed = 2;
+constexpr std::int64_t kNoResponse = 3;
+
+constexpr double kSecondsBeforeRetry = 60.0;
+constexpr double kValiditySlackSeconds = 5.0;
+constexpr std::intptr_t kHourLimit = 3;
+constexpr int kStatusOk = 200;
+
+void logAbout(const orbiqRequest& request, const char* what, orbiq::LoggingMode mode) {
+  orbiqLogger::log_withMode([&] { return "Request " + request.description() + what; }, mode);
+}
+
+void logRefusal(const orbiqRequest& request, const std::shared_ptr<orbiqAccess>& access) {
+  if (ask(access, &orbiqAccess::accessMode) == orbiq::AccessModeDenied) {
+    logAbout(request, " can't be sent because of access denied for its serial",
+             orbiq::LoggingModeError);
+    return;
+  }
+  orbiqLogger::log_withMode("orbiqAudienceTagger - Can't send hit anymore with this serial : " +
+                                request.serial().description(),
+                            orbiq::LoggingModeError);
+}
+
+void recordFailure(orbiqRequest& request) {
+  request.setNumberOfFails(request.numberOfFails() + 1);
+  request.setLastFail(orbiq::Platform::now());
+  request.setStatus(orbiq::RequestStatusFailed);
+}
+
+}  // namespace
+
+bool orbiqAgent::Error::keepsRequest() const {
+  return domain == kErrorDomain && (code == kNotReachable || code == kNoResponse);
+}
+
+bool orbiqAgent::isReachable() const { return ask(reachability, &orbiqReachability::isReachable); }
+
+void orbiqAgent::handleRequests() {
+  for (;;) {
+    const orbiq::Lock lock(requestsProtector);
+    waitForHead();
+    try {
+      handleHead();
+    } catch (const std::exception& error) {
+      // Out of memory, most likely: the queue stands as it is until the next signal.
+      orbiqLogger::log_withMode(std::string("The sending loop failed: ") + error.what(),
+                                orbiq::LoggingModeError);
+      requestsProtector.wait();
+    }
+  }
+}
+
+void orbiqAgent::waitForHead() {
+  while (!headIsDue()) {
+    const bool streamingIsPending = std::any_of(
+        requestQueue.begin(), requestQueue.end(),
+        [](const auto& request) { return request->requestType() != orbiq::RequestTypeAudience; });
+    if (streamingIsPending) requestsFile.sync(requestsFilePath().toStdString());
+    requestsProtector.wait();
+  }
+}
+
+bool orbiqAgent::headIsDue() const {
+  if (requestQueue.empty() || !isReachable()) return false;
+  const std::optional<orbiq::Date> lastFail = requestQueue.front()->lastFail();
+  // Asked this way round, a date that is no number does not hold the queue up for ever.
+  return !lastFail ||
+         !(std::abs(lastFail->secondsSince(orbiq::Platform::now())) < kSecondsBeforeRetry);
+}
+
+void orbiqAgent::handleHead() {
+  orbiqLogger::log_withMode("Request to handle !", orbiq::LoggingModeInfo);
+  const std::shared_ptr<orbiqRequest> head = requestQueue.front();
+  if (dynamic_cast<const orbiqClearCache*>(head.get()) != nullptr) {
+    orbiqAuthManager::manager().clearCache();
+    removeRequestFromQueue(head, std::nullopt);
+    return;
+  }
+  if (!isTheRequestValid(*head)) {
+    removeRequestFromQueue(head, HitFate::GivenUp);
+    return;
+  }
+  orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },
+                            orbiq::LoggingModeInfo);
+  ledger.sendBegins();
+  const Attempt result = attempt(head);
+  ledger.sendEnds();
+  if (!result.failure.isNull()) ledger.noteFailure(result.failure);
+  if (result.fate == HitFate::Sent) ledger.noteSuccess(orbiq::Platform::now());
+  if (result.error && result.error->keepsRequest()) {
+    logAbout(*head, " handling resulted in a timeout or lack of connection",
+             orbiq::LoggingModeWarning);
+    if (requestQueue.size() >= kQueueBound) removeRequestFromQueue(head, HitFate::PushedOut);
+    return;
+  }
+  logAbout(*head, " handling done", orbiq::LoggingModeInfo);
+  removeRequestFromQueue(head, result.fate);
+  if (head->shouldRenewSessionAfter() && head->sendingMode() == orbiq::SendingModeSerialWithStop) {
+    head->setCreationDate(orbiq::Platform::now());
+    head->transformToStop();
+    handleRequest(head);  // once, whatever comes of it
+  }
+}
+
+std::optional<orbiqAgent::Error> orbiqAgent::handleRequest(
+    const std::shared_ptr<orbiqRequest>& request) {
+  return attempt(request).error;
+}
+
+orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& request) {
+  if (!request) return {};
+  request->setStatus(orbiq::RequestStatusSending);
+  if (!isReachable()) return {Error{kErrorDomain, kNotReachable}, std::nullopt, {}};
+
+  if (request->requestType() == orbiq::RequestTypeAudience || !request->auth()) {
+    request->setAuth(orbiqAuthManager::manager().authForTagger(request->taggerID()));
+  }
+  const auto access = ask(request->auth(), &orbiqAuth::currentAccess);
+  if (!ask(access, &orbiqAccess::canSendRequestFor, request->requestType())) {
+    logRefusal(*request, access);
+    return {Error{kErrorDomain, kNotAllowed}, HitFate::Refused, {}};
+  }
+  if (request->shouldRenewSessionAfter()) renewSession(*request);
+
+  const std::optional<orbiq::Url> url = request->url();
+  if (!url) {
+    logAbout(*request, " was not sent because of invalid parameters", orbiq::LoggingModeError);
+    return {std::nullopt, HitFate::GivenUp, "the host or the serial makes no URL"};
+  }
+  return send(*request, *url);
+}
+
+orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& url) {
+  const orbiq::HttpResult result =
+      orbiq::Platform::httpClient().send({url, userAgent(), orbiq::Platform::current().hitTimeout});
+  if (result.response && result.response->status == kStatusOk) {
+    logAbout(request, " sent", orbiq::LoggingModeInfo);
+    if (request.requestType() == orbiq::RequestTypeAudience) {
+      orbiqAuthManager::manager().hitSuccessfullySentForTagger(request.taggerID());
+    }
+    return {std::nullopt, HitFate::Sent, {}};
+  }
+  if (!result.response) {
+    recordFailure(request);
+    return {Error{kErrorDomain, kNoResponse}, std::nullopt,
+            url.text() + ": " + (result.error ? result.error->text : "no response")};
+  }
+  Attempt answered{
+      std::nullopt, HitFate::AnsweredWithAnotherStatus,
+      url.text() + ": answered with status " + std::to_string(result.response->status)};
+  if (result.error) answered.error = Error{kHttpErrorDomain, result.error->code};
+  return answered;
+}
+
+bool orbiqAgent::isTheRequestValid(const orbiqRequest& request) const {
+  if (!request.creationDate()) return true;
+  const double offset = timeIntervalBetweenServerAndDevice();
+  const orbiq::Date now = orbiq::Platform::now().adding(offset);
+  const orbiq::Date created = request.creationDate()->adding(offset);
+  if (created.secondsSince(now) <= kValiditySlackSeconds) return true;
+
+  const auto today = orbiq::CalendarComponents::dayOf(now);
+  if (today.isSameDayAs(orbiq::CalendarComponents::dayOf(created))) return true;
+  // The hour is read from components that were taken without one, so this is never true. It is
+  // meant.
+  return today.isSameDayAs(orbiq::CalendarComponents::dayAfter(created)) && today.hour < kHourLimit;
+}

@@ -1,0 +1,105 @@
+// The exchange with the authorization server.
+#include <optional>
+#include <stdexcept>
+#include <string>
+
+#include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
+#include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/Ask.h"
+#include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/HttpDate.h"
+#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/Random.h"
+
+using orbiq::ask;
+
+namespace {
+
+/// What one exchange came to.
+struct Grant {
+  std::shared_ptr<orbiqSession> session;
+  std::shared_ptr<orbiqAccess> access;
+  bool isDefault;
+};
+
+Grant fallbackFor(const orbiq::String& serial) {
+  return {
+      orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, std::to_string(orbiq::randomUint32())),
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(serial, orbiq::AccessModeFull,
+                                                                    ""),
+      true};
+}
+
+/// No data for whatever kept a complete answer from coming.
+orbiq::HttpResult fetch(const orbiq::String& serial) {
+  if (!orbiq::HostApplication::authorizationServerProblem().isNull()) return {};
+  const std::string server = orbiq::HostApplication::current().authorizationServer.toStdString();
+  const std::optional<orbiq::Url> url = orbiq::Url::fromText(server + serial.toStdString());
+  if (!url) return {};
+  return orbiq::Platform::httpClient().send(
+      {*url, orbiq::DeviceContext::userAgent(), orbiq::Platform::current().exchangeTimeout});
+}
+
+/// The server's clock minus the device's; 0 where the header is missing or cannot be read.
+double clockOffset(const orbiq::HttpResponse& response) {
+  const std::string* const text = response.header("Date");
+  const std::optional<orbiq::Date> date = text ? orbiq::parseHttpDate(*text) : std::nullopt;
+  return date ? date->secondsSince(orbiq::Platform::now()) : 0;
+}
+
+/// No value if one of the three fields is missing.
+std::optional<Grant> readGrant(const orbiq::AuthFields& fields, const orbiq::String& serial,
+                               const orbiqAuthManager::TaggerID& tagger) {
+  const auto access = fields.find("access");
+  const auto host = fields.find("host");
+  const auto cmsVI = fields.find("cmsVI");
+  if (access == fields.end() || host == fields.end() || cmsVI == fields.end()) return std::nullopt;
+  orbiqLogger::log_withMode(
+      [&] {
+        return "Access for serial " + serial.description() + " is " + access->second + " on host " +
+               host->second;
+      },
+      orbiq::LoggingModeInfo);
+  auto chosen = orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
+      serial, orbiq::accessModeFromString(access->second), host->second);
+  // An access of the same mode stays as it is, its host and first-hit mark too, also when the host
+  // just received differs. That is meant.
+  const auto cached =
+      ask(orbiqAuthManager::manager().authFromCacheForKey(tagger), &orbiqAuth::currentAccess);
+  if (cached && cached->accessMode() == chosen->accessMode()) chosen = cached;
+  return Grant{orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, cmsVI->second), chosen,
+               false};
+}
+
+}  // namespace
+
+orbiq::AccessMode orbiqAuthManager::accessModeFromString(const orbiq::String& text) {
+  return orbiq::accessModeFromString(text);
+}
+
+void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagger) try {
+  const orbiq::String serial = ask(tagger, &orbiqTaggerID::serial);
+  Grant grant = fallbackFor(serial);
+  const orbiq::HttpResult answer = fetch(serial);
+  if (answer.data) {  // whatever its status, which is not looked at: that is meant
+    if (answer.response) {
+      deltaBetweenServerAndDevice.store(clockOffset(*answer.response), std::memory_order_relaxed);
+    }
+    const auto read = readGrant(orbiq::parseAuthAnswer(*answer.data), serial, tagger);
+    if (read) grant = *read;
+  }
+  orbiqLogger::log_withMode(
+      [&] {
+        return "Serial " + grant.access->serial().description() + " on host " +
+               grant.access->host().description();
+      },
+      orbiq::LoggingModeInfo);
+  setAuthToCache_forKey(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
+                            grant.session, grant.access, grant.isDefault),
+                        tagger);
+} catch (const std::invalid_argument& error) {
+  orbiqLogger::log_withMode(std::string("No authorization can be asked for: ") + error.what(),
+                            orbiq::LoggingModeError);
+}

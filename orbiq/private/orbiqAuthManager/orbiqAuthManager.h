@@ -1,0 +1,61 @@
+#pragma once
+
+#include <atomic>
+#include <memory>
+#include <unordered_map>
+
+#include "orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h"
+#include "orbiq/services/platform/Enumerations.h"
+#include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/String.h"
+
+/// The process's authorizations, one per tagger identity, in memory only. Any thread. A null
+/// identity, or one without a serial, reads null and stores nothing.
+class ORBIQ_EXPORT orbiqAuthManager {
+ public:
+  /// The one manager of the process, made on first use and never destroyed.
+  static orbiqAuthManager& manager();
+
+  orbiqAuthManager(const orbiqAuthManager&) = delete;
+  orbiqAuthManager& operator=(const orbiqAuthManager&) = delete;
+
+  using TaggerID = std::shared_ptr<const orbiqTaggerID>;
+
+  /// The cached authorization, fetched first if there is none: then the call blocks for the whole
+  /// exchange. A fallback, once stored, is used as it stands until it is forgotten.
+  std::shared_ptr<orbiqAuth> authForTagger(const TaggerID& tagger);
+  /// The cached authorization or null; never fetches.
+  std::shared_ptr<orbiqAuth> authFromCacheForTagger(const TaggerID& tagger) const;
+  /// A copy of the stored record, which shares its session and access; null if there is none.
+  std::shared_ptr<orbiqAuth> authFromCacheForKey(const TaggerID& tagger) const;
+  /// Stores the record in place of an earlier one, under a copy of the key.
+  void setAuthToCache_forKey(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger);
+  void forgetAuthForTagger(const TaggerID& tagger);
+  void clearCache();
+  /// Marks the tagger's access, which all copies share. With nothing cached, a record without
+  /// session and access is stored, which refuses everything until it is forgotten: that is meant.
+  void hitSuccessfullySentForTagger(const TaggerID& tagger);
+
+  /// The server's clock minus the device's, in seconds, as last measured; 0 before.
+  double timeIntervalBetweenServerAndDevice() const {
+    return deltaBetweenServerAndDevice.load(std::memory_order_relaxed);
+  }
+
+  /// Asks the authorization server and stores its answer or, whatever goes wrong, the fallback. An
+  /// identity without a serial is an error, which is logged; then nothing is stored. Blocks. Of two
+  /// exchanges for one tagger at once, the later answer stays.
+  void authentificationInformationForTagger(const TaggerID& tagger);
+  static orbiq::AccessMode accessModeFromString(const orbiq::String& text);
+
+ private:
+  orbiqAuthManager() = default;
+
+  std::atomic<double> deltaBetweenServerAndDevice{0};
+  // In the place of the queue "com.bramwell.cacheAccessQueue". It is held for a few instructions,
+  // so one that readers share would cost more than it saves.
+  mutable orbiq::Mutex cacheAccessQueue;
+  std::unordered_map<TaggerID, std::shared_ptr<orbiqAuth>, orbiq::ObjectHash, orbiq::ObjectIsEqual>
+      orbiqAuths ORBIQ_GUARDED_BY(cacheAccessQueue);
+};

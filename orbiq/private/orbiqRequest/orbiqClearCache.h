@@ -1,0 +1,23 @@
+#pragma once
+
+#include <memory>
+
+#include "orbiq/private/orbiqRequest/orbiqRequest.h"
+
+/// A marker in the queue: when the sending loop reaches it, the authorization cache is cleared. It
+/// carries nothing; all its fields are null, 0 or false.
+class ORBIQ_EXPORT orbiqClearCache final : public orbiqRequest {
+ public:
+  orbiqClearCache() = default;
+  /// An empty marker, whatever the archive holds.
+  explicit orbiqClearCache(orbiq::KeyedUnarchiver& coder);
+
+  /// Every marker equals every other one, but no request does. A plain request asked about a marker
+  /// denies it: one-sided, and that is meant.
+  bool isEqual(const orbiq::Object* other) const override;
+
+  static const orbiq::ArchivedClass kArchivedClass;
+  const orbiq::ArchivedClass& archivedClass() const override { return kArchivedClass; }
+  /// Writes nothing, not even what every request has: a marker carries nothing. That is meant.
+  void encodeWithCoder(orbiq::KeyedArchiver& coder) const override;
+};

@@ -1,0 +1,109 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <optional>
+
+#include "orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h"
+#include "orbiq/services/platform/Archivable.h"
+#include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/Enumerations.h"
+#include "orbiq/services/platform/Parameters.h"
+#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/Url.h"
+
+/// One hit that waits to be sent, with the agent's bookkeeping. It has no lock: once it is queued
+/// it belongs to the agent.
+class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
+ public:
+  /// A request made by the constructor below.
+  static std::shared_ptr<orbiqRequest>
+  orbiqRequestWithParameters_withRequestType_forSendingMode_forSerial_forTagger(
+      orbiq::SharedParameters parameters, orbiq::RequestType requestType,
+      orbiq::SendingMode sendingMode, orbiq::String serial,
+      std::shared_ptr<orbiqTaggerID> taggerID);
+
+  /// Keeps the arguments as given; any may be null. The request is created now and waits.
+  orbiqRequest(orbiq::SharedParameters parameters, orbiq::RequestType requestType,
+               orbiq::SendingMode sendingMode, orbiq::String serial,
+               std::shared_ptr<orbiqTaggerID> taggerID);
+  /// Reads a request out of an archive; what is missing there is null, 0 or false.
+  explicit orbiqRequest(orbiq::KeyedUnarchiver& coder);
+
+  /// The hit's parameters: saved and described, but never sent.
+  orbiq::SharedParameters parameters() const { return _parameters; }
+  /// Audience requests do not outlive the process; streaming ones do.
+  orbiq::RequestType requestType() const { return _requestType; }
+  /// Where the request is sent.
+  orbiq::SendingMode sendingMode() const { return _sendingMode; }
+  /// The tagger by which the authorization is looked up.
+  std::shared_ptr<orbiqTaggerID> taggerID() const { return _taggerID; }
+  /// The customer account. Setting it keeps a copy.
+  orbiq::String serial() const { return _serial; }
+  void setSerial(const orbiq::String& serial) { _serial = serial.copy(); }
+  /// Time of the last failed send; none before one.
+  std::optional<orbiq::Date> lastFail() const { return _lastFail; }
+  void setLastFail(std::optional<orbiq::Date> lastFail) { _lastFail = lastFail; }
+  /// None for a marker. A request from a later day is not sent.
+  std::optional<orbiq::Date> creationDate() const { return _creationDate; }
+  void setCreationDate(std::optional<orbiq::Date> creationDate) { _creationDate = creationDate; }
+  /// How many sends brought no response.
+  std::uint64_t numberOfFails() const { return _numberOfFails; }
+  void setNumberOfFails(std::uint64_t numberOfFails) { _numberOfFails = numberOfFails; }
+  /// Kept for whoever looks; nothing depends on it.
+  orbiq::RequestStatus status() const { return _status; }
+  void setStatus(orbiq::RequestStatus status) { _status = status; }
+  /// The agent forgets the tagger's authorization before it sends this request and, in
+  /// `SendingModeSerialWithStop`, sends a stop copy after it.
+  bool shouldRenewSessionAfter() const { return _shouldRenewSessionAfter; }
+  void setShouldRenewSessionAfter(bool renew) { _shouldRenewSessionAfter = renew; }
+  /// The authorization under which the request is sent; attached by the agent, null before.
+  std::shared_ptr<orbiqAuth> auth() const { return _auth; }
+  void setAuth(std::shared_ptr<orbiqAuth> auth) { _auth = std::move(auth); }
+
+  /// The URL that the request is sent to: the access's host, in the serial modes its serial alone,
+  /// and nothing added; the parameters are not sent. No value if that text is no URL or there is no
+  /// access.
+  std::optional<orbiq::Url> url() const;
+  /// Makes the parameters those of the stop: "cmsPS" 12 and the next rank. Null ones stay null.
+  void transformToStop();
+  /// Sets the rank, "cmsRK"; null parameters stay null. For callers: the library does not use it.
+  void setTheRank(std::int64_t rank);
+  /// Percent-escapes all but ASCII letters, digits, "-", ".", "_" and "~". For callers: the library
+  /// escapes nothing.
+  orbiq::String urlEncode(const orbiq::String& text) const;
+
+  /// A request of the same values, sharing parameters and identity, with a copy of the
+  /// authorization; always an `orbiqRequest`, also of an `orbiqClearCache`, and that is meant.
+  std::shared_ptr<orbiqRequest> copy() const;
+
+  // isEqual is identity.
+  std::uintptr_t hash() const override;
+  /// Serial, type, host and parameters, as the log shows them.
+  std::string description() const override;
+
+  static const orbiq::ArchivedClass kArchivedClass;
+  const orbiq::ArchivedClass& archivedClass() const override { return kArchivedClass; }
+  void encodeWithCoder(orbiq::KeyedArchiver& coder) const override;
+
+ protected:
+  /// All fields null, 0 or false.
+  orbiqRequest() = default;
+
+ private:
+  bool isSentToSerial() const;
+  std::shared_ptr<orbiqAccess> currentAccess() const;
+
+  orbiq::SharedParameters _parameters;
+  orbiq::RequestType _requestType = orbiq::RequestTypeAudience;
+  orbiq::SendingMode _sendingMode = orbiq::SendingModeSerial;
+  std::shared_ptr<orbiqTaggerID> _taggerID;
+  orbiq::String _serial;
+  std::optional<orbiq::Date> _lastFail;
+  std::optional<orbiq::Date> _creationDate;
+  std::uint64_t _numberOfFails = 0;
+  orbiq::RequestStatus _status = orbiq::RequestStatusWaiting;
+  bool _shouldRenewSessionAfter = false;
+  std::shared_ptr<orbiqAuth> _auth;
+};

@@ -1,0 +1,278 @@
+#include "orbiq/services/orbiqReachability/orbiqReachability.h"
+
+#include <arpa/inet.h>
+#include <cxxabi.h>
+#include <netinet/in.h>
+
+#include <array>
+#include <atomic>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <typeinfo>
+#include <utility>
+
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/MainLoop.h"
+#include "orbiq/services/platform/NotificationCenter.h"
+#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/Thread.h"
+
+using orbiq::kSCNetworkReachabilityFlagsConnectionOnDemand;
+using orbiq::kSCNetworkReachabilityFlagsConnectionOnTraffic;
+using orbiq::kSCNetworkReachabilityFlagsConnectionRequired;
+using orbiq::kSCNetworkReachabilityFlagsInterventionRequired;
+using orbiq::kSCNetworkReachabilityFlagsIsDirect;
+using orbiq::kSCNetworkReachabilityFlagsIsLocalAddress;
+using orbiq::kSCNetworkReachabilityFlagsIsWWAN;
+using orbiq::kSCNetworkReachabilityFlagsReachable;
+using orbiq::kSCNetworkReachabilityFlagsTransientConnection;
+
+constinit const char* const korbiqReachabilityChangedNotification =
+    "korbiqReachabilityChangedNotification";
+
+namespace {
+
+constexpr std::uint32_t kAnyInternetAddress = 0;
+constexpr std::uint32_t kLocalNetworkAddress = 0xA9FE0000;  // 169.254.0.0
+
+bool hasAll(std::uint32_t flags, std::uint32_t wanted) { return (flags & wanted) == wanted; }
+
+/// The source of handles, or null. That the network cannot be watched is said at its first use.
+orbiq::NetworkReachabilitySource* reachabilitySource() {
+  orbiq::NetworkReachabilitySource* const source =
+      orbiq::Platform::current().reachabilitySource.get();
+  static std::atomic_flag isSaid;
+  const std::string failure = source ? source->failure() : std::string();
+  if (!failure.empty() && !isSaid.test_and_set()) {
+    orbiqLogger::log_withMode(
+        "The network cannot be watched, every target counts as reachable: " + failure,
+        orbiq::LoggingModeWarning);
+  }
+  return source;
+}
+
+std::shared_ptr<orbiqReachability> monitorOf(orbiqReachability::Handle handle) {
+  return handle ? orbiqReachability::initWithReachabilityRef(std::move(handle)) : nullptr;
+}
+
+std::shared_ptr<orbiqReachability> monitorOfIPv4(std::uint32_t hostOrderAddress) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(hostOrderAddress);
+  return orbiqReachability::reachabilityWithAddress(reinterpret_cast<const sockaddr*>(&address));
+}
+
+/// Null if there is no memory for it.
+std::shared_ptr<orbiq::SerialQueue> makeSerialQueue() {
+  try {
+    return std::make_shared<orbiq::SerialQueue>("com.vorlune.reachability");
+  } catch (const std::exception&) {
+    return nullptr;
+  }
+}
+
+orbiq::String localized(const char* text) {
+  const auto& localize = orbiq::HostApplication::current().localize;
+  orbiq::String translated;
+  orbiq::runTask([&] {
+    if (localize) translated = localize(text);
+  });
+  return translated.isNull() ? orbiq::String(text) : translated;
+}
+
+}  // namespace
+
+std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostname(
+    const orbiq::String& hostname) {
+  orbiq::NetworkReachabilitySource* const source = reachabilitySource();
+  if (!source || hostname.isNull()) return nullptr;
+  return monitorOf(source->createWithName(hostname.toStdString()));
+}
+
+std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostName(
+    const orbiq::String& hostName) {
+  return orbiqReachability::reachabilityWithHostname(hostName);
+}
+
+std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithAddress(
+    const sockaddr* hostAddress) {
+  orbiq::NetworkReachabilitySource* const source = reachabilitySource();
+  return source ? monitorOf(source->createWithAddress(hostAddress)) : nullptr;
+}
+
+std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityForInternetConnection() {
+  return monitorOfIPv4(kAnyInternetAddress);
+}
+
+std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityForLocalWiFi() {
+  return monitorOfIPv4(kLocalNetworkAddress);
+}
+
+std::shared_ptr<orbiqReachability> orbiqReachability::initWithReachabilityRef(
+    Handle reachabilityRef) {
+  return std::make_shared<orbiqReachability>(Passkey(), std::move(reachabilityRef));
+}
+
+orbiqReachability::orbiqReachability(Passkey, Handle reachabilityRef)
+    : _reachabilityRef(std::move(reachabilityRef)) {}
+
+orbiqReachability::~orbiqReachability() { stopNotifier(); }
+
+void orbiqReachability::setReachabilityRef(Handle reachabilityRef) {
+  // That the old handle is kept, and goes on reporting if it was registered, is meant.
+  if (_reachabilityRef && _reachabilityRef != reachabilityRef) {
+    _replacedReachabilityRefs.push_back(std::move(_reachabilityRef));
+  }
+  _reachabilityRef = std::move(reachabilityRef);
+}
+
+void orbiqReachability::setReachabilitySerialQueue(std::shared_ptr<orbiq::SerialQueue> queue) {
+  _reachabilitySerialQueue = std::move(queue);
+}
+
+void orbiqReachability::setReachabilityObject(std::shared_ptr<orbiq::Object> object) {
+  _reachabilityObject.swap(object);
+}
+
+bool orbiqReachability::startNotifier() {
+  // There is deliberately no guard against a second start: it registers anew.
+  _reachabilityObject = shared_from_this();
+  _reachabilitySerialQueue = makeSerialQueue();
+  // The self-reference is left in place here, which is meant.
+  if (!_reachabilitySerialQueue) return false;
+
+  if (_reachabilityRef) {
+    const orbiq::NetworkReachabilityContext context{0, shared_from_this()};
+    if (_reachabilityRef->setCallback(orbiq::reachabilityCallback, context)) {
+      if (_reachabilityRef->setDispatchQueue(_reachabilitySerialQueue)) return true;
+      _reachabilityRef->setCallback(nullptr, {});
+    }
+  }
+  _reachabilitySerialQueue = nullptr;
+  // Last, because the monitor may end with it.
+  setReachabilityObject(nullptr);
+  return false;
+}
+
+void orbiqReachability::stopNotifier() {
+  if (_reachabilityRef) {
+    _reachabilityRef->setCallback(nullptr, {});
+    _reachabilityRef->setDispatchQueue(nullptr);
+  }
+  _reachabilitySerialQueue = nullptr;
+  // Last, because the monitor may end with it.
+  setReachabilityObject(nullptr);
+}
+
+void orbiqReachability::reachabilityChanged(std::uint32_t flags) {
+  const auto self = shared_from_this();  // the block may let go of the last other owner
+  // Copied, so that a block may replace itself.
+  const Block block = isReachableWithFlags(flags) ? _reachableBlock : _unreachableBlock;
+  if (block) orbiq::runTask([&] { block(*this); });
+  orbiq::MainLoop::mainLoop().post([self] {
+    orbiq::NotificationCenter::defaultCenter().postNotificationName(
+        korbiqReachabilityChangedNotification, self);
+  });
+}
+
+bool orbiqReachability::readFlags(std::uint32_t& flags) const {
+  return _reachabilityRef && _reachabilityRef->getFlags(flags);
+}
+
+bool orbiqReachability::isReachableWithFlags(std::uint32_t flags) const {
+  if (hasAll(flags, kSCNetworkReachabilityFlagsTransientConnection |
+                        kSCNetworkReachabilityFlagsConnectionRequired)) {
+    return false;
+  }
+  if (hasAll(flags, kSCNetworkReachabilityFlagsIsWWAN) && !reachableOnWWAN()) return false;
+  return hasAll(flags, kSCNetworkReachabilityFlagsReachable);
+}
+
+bool orbiqReachability::isReachable() {
+  std::uint32_t flags = 0;
+  return readFlags(flags) && isReachableWithFlags(flags);
+}
+
+bool orbiqReachability::isReachableViaWWAN() {
+  return hasAll(reachabilityFlags(),
+                kSCNetworkReachabilityFlagsReachable | kSCNetworkReachabilityFlagsIsWWAN);
+}
+
+bool orbiqReachability::isReachableViaWiFi() {
+  const std::uint32_t flags = reachabilityFlags();
+  return hasAll(flags, kSCNetworkReachabilityFlagsReachable) &&
+         !hasAll(flags, kSCNetworkReachabilityFlagsIsWWAN);
+}
+
+bool orbiqReachability::connectionRequired() {
+  return hasAll(reachabilityFlags(), kSCNetworkReachabilityFlagsConnectionRequired);
+}
+
+bool orbiqReachability::isConnectionRequired() { return connectionRequired(); }
+
+bool orbiqReachability::isConnectionOnDemand() {
+  const std::uint32_t flags = reachabilityFlags();
+  return hasAll(flags, kSCNetworkReachabilityFlagsConnectionRequired) &&
+         (flags & (kSCNetworkReachabilityFlagsConnectionOnTraffic |
+                   kSCNetworkReachabilityFlagsConnectionOnDemand)) != 0;
+}
+
+bool orbiqReachability::isInterventionRequired() {
+  return hasAll(reachabilityFlags(), kSCNetworkReachabilityFlagsConnectionRequired |
+                                         kSCNetworkReachabilityFlagsInterventionRequired);
+}
+
+std::uint32_t orbiqReachability::reachabilityFlags() {
+  std::uint32_t flags = 0;
+  return readFlags(flags) ? flags : 0;
+}
+
+orbiq::ReachabilityStatus orbiqReachability::currentReachabilityStatus() {
+  // Two readings, one for each question.
+  if (!isReachable()) return orbiq::ReachabilityStatusNotReachable;
+  return isReachableViaWiFi() ? orbiq::ReachabilityStatusViaWiFi : orbiq::ReachabilityStatusViaWWAN;
+}
+
+orbiq::String orbiqReachability::currentReachabilityString() {
+  const orbiq::ReachabilityStatus status = currentReachabilityStatus();
+  // Compared with the switch itself, which is meant: without mobile networks, "not reachable" (0)
+  // reads "Cellular".
+  if (status == static_cast<std::uintptr_t>(reachableOnWWAN())) return localized("Cellular");
+  return localized(status == orbiq::ReachabilityStatusViaWiFi ? "WiFi" : "No Connection");
+}
+
+orbiq::String orbiqReachability::currentReachabilityFlags() {
+  const std::uint32_t flags = reachabilityFlags();
+  const auto letter = [flags](std::uint32_t flag, char set) { return (flags & flag) ? set : '-'; };
+  return std::string{letter(kSCNetworkReachabilityFlagsIsWWAN, 'W'),
+                     letter(kSCNetworkReachabilityFlagsReachable, 'R'),
+                     ' ',
+                     letter(kSCNetworkReachabilityFlagsConnectionRequired, 'c'),
+                     letter(kSCNetworkReachabilityFlagsTransientConnection, 't'),
+                     letter(kSCNetworkReachabilityFlagsInterventionRequired, 'i'),
+                     letter(kSCNetworkReachabilityFlagsConnectionOnTraffic, 'C'),
+                     letter(kSCNetworkReachabilityFlagsConnectionOnDemand, 'D'),
+                     letter(kSCNetworkReachabilityFlagsIsLocalAddress, 'l'),
+                     letter(kSCNetworkReachabilityFlagsIsDirect, 'd')};
+}
+
+std::string orbiqReachability::description() const {
+  const std::unique_ptr<char, void (*)(void*)> name(
+      abi::__cxa_demangle(typeid(*this).name(), nullptr, nullptr, nullptr), std::free);
+  std::array<char, 16> address;
+  std::snprintf(address.data(), address.size(), "%#x",
+                static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(this)));
+  std::string text = "<";
+  return text.append(name ? name.get() : "orbiqReachability")
+      .append(": ")
+      .append(address.data())
+      .append(">");
+}
+
+void orbiq::reachabilityCallback(NetworkReachability&, std::uint32_t flags, void* info) {
+  if (!info) return;
+  const auto monitor = static_cast<orbiqReachability*>(info)->weak_from_this().lock();
+  if (monitor) monitor->reachabilityChanged(flags);
+}

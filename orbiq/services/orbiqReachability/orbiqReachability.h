@@ -1,0 +1,145 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "orbiq/services/platform/Enumerations.h"
+#include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/NetworkReachability.h"
+#include "orbiq/services/platform/Object.h"
+#include "orbiq/services/platform/SerialQueue.h"
+#include "orbiq/services/platform/String.h"
+
+/// Posted on the main loop, with the monitor as its object, after each change that a started
+/// monitor is told of.
+extern ORBIQ_EXPORT const char* const korbiqReachabilityChangedNotification;
+
+/// Watches whether a network target can be reached.
+///
+/// The predicates read the network's state at the time of the call, on any thread, without waiting;
+/// where it cannot be read (no handle, a name that is not yet resolved) they answer false or 0. The
+/// properties are not synchronised: set them before `startNotifier`. Only `reachableOnWWAN` may be
+/// changed at any time.
+///
+/// Monitors are made by the factories. A started monitor keeps itself alive until `stopNotifier`.
+class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
+                                       public std::enable_shared_from_this<orbiqReachability> {
+ protected:
+  /// Only factories, also those of a subclass, can name it.
+  struct Passkey {
+    explicit Passkey() = default;
+  };
+
+ public:
+  using Handle = std::shared_ptr<orbiq::NetworkReachability>;
+  using Block = std::function<void(orbiqReachability& monitor)>;
+
+  /// A monitor of a host by name; null for a null or empty name.
+  static std::shared_ptr<orbiqReachability> reachabilityWithHostname(const orbiq::String& hostname);
+  /// The same under another name. A subclass that has its own `reachabilityWithHostname` still gets
+  /// a monitor of this class here.
+  static std::shared_ptr<orbiqReachability> reachabilityWithHostName(const orbiq::String& hostName);
+  /// A monitor of an IPv4 or IPv6 address; null for a null pointer or another family.
+  static std::shared_ptr<orbiqReachability> reachabilityWithAddress(const sockaddr* hostAddress);
+  /// A monitor of any route to the internet (0.0.0.0).
+  static std::shared_ptr<orbiqReachability> reachabilityForInternetConnection();
+  /// A monitor of the link-local network (169.254.0.0).
+  static std::shared_ptr<orbiqReachability> reachabilityForLocalWiFi();
+  /// A monitor of the handle's target. With a null handle everything reads as unreachable.
+  static std::shared_ptr<orbiqReachability> initWithReachabilityRef(Handle reachabilityRef);
+
+  orbiqReachability(Passkey passkey, Handle reachabilityRef);
+  /// Stops the notifier and lets go of the handle and the callbacks.
+  ~orbiqReachability() override;
+  orbiqReachability(const orbiqReachability&) = delete;
+  orbiqReachability& operator=(const orbiqReachability&) = delete;
+
+  /// Whether a connection over a mobile network counts as reachable; true at first.
+  bool reachableOnWWAN() const { return _reachableOnWWAN.load(std::memory_order_relaxed); }
+  void setReachableOnWWAN(bool reachable) {
+    _reachableOnWWAN.store(reachable, std::memory_order_relaxed);
+  }
+  Handle reachabilityRef() const { return _reachabilityRef; }
+  /// Only stores the new handle. The old one is not let go before the monitor ends, and if it was
+  /// registered it goes on reporting.
+  void setReachabilityRef(Handle reachabilityRef);
+  /// The queue "com.vorlune.reachability" on which changes arrive; null unless notifying.
+  std::shared_ptr<orbiq::SerialQueue> reachabilitySerialQueue() const {
+    return _reachabilitySerialQueue;
+  }
+  void setReachabilitySerialQueue(std::shared_ptr<orbiq::SerialQueue> queue);
+  /// Called on the serial queue after a change that leaves the target reachable; may be empty.
+  Block reachableBlock() const { return _reachableBlock; }
+  void setReachableBlock(Block block) { _reachableBlock = std::move(block); }
+  /// Called on the serial queue after a change that leaves the target unreachable; may be empty.
+  Block unreachableBlock() const { return _unreachableBlock; }
+  void setUnreachableBlock(Block block) { _unreachableBlock = std::move(block); }
+  /// The monitor itself while notifying, null otherwise.
+  std::shared_ptr<orbiq::Object> reachabilityObject() const { return _reachabilityObject; }
+  void setReachabilityObject(std::shared_ptr<orbiq::Object> object);
+
+  /// Begins to report changes: each one runs one of the two blocks on the serial queue and posts
+  /// one notification on the main loop. Nothing is reported for the state at the time of the call.
+  /// A second call registers anew, on a new queue. False, and nothing is reported, if it cannot be
+  /// done.
+  bool startNotifier();
+  /// Ends the reports; harmless if there are none. A block in progress on the serial queue may
+  /// still end. The monitor may be destroyed by this call if nobody else holds it.
+  void stopNotifier();
+  /// Handles a change to the given flags: the fitting block is called on the calling thread, then
+  /// the notification is handed to the main loop, which keeps the monitor alive until it is posted.
+  void reachabilityChanged(std::uint32_t flags);
+
+  /// Reachable, not by a connection that would first have to be made, and not over a mobile network
+  /// unless that counts.
+  bool isReachable();
+  /// Reachable over a mobile network, whether that counts or not.
+  bool isReachableViaWWAN();
+  /// Reachable otherwise than over a mobile network.
+  bool isReachableViaWiFi();
+  /// A connection would first have to be made.
+  bool connectionRequired();
+  bool isConnectionRequired();
+  /// Such a connection is made when there is traffic.
+  bool isConnectionOnDemand();
+  /// Such a connection needs the user.
+  bool isInterventionRequired();
+  /// The current `NetworkReachabilityFlags`, 0 where they cannot be read.
+  std::uint32_t reachabilityFlags();
+  orbiq::ReachabilityStatus currentReachabilityStatus();
+  /// "Cellular", "WiFi" or "No Connection", as the host application translates it. While mobile
+  /// networks do not count, an unreachable target reads "Cellular".
+  orbiq::String currentReachabilityString();
+  /// One letter for each flag that is set, "-" for one that is not: "WR ctiCDld".
+  orbiq::String currentReachabilityFlags();
+  /// "<orbiqReachability: 0x1f2e3d4c>": the class and the low 32 bits of the address.
+  std::string description() const override;
+
+ private:
+  bool readFlags(std::uint32_t& flags) const;
+  bool isReachableWithFlags(std::uint32_t flags) const;
+
+  std::atomic<bool> _reachableOnWWAN{true};
+  Handle _reachabilityRef;
+  std::shared_ptr<orbiq::SerialQueue> _reachabilitySerialQueue;
+  Block _reachableBlock;
+  Block _unreachableBlock;
+  std::shared_ptr<orbiq::Object> _reachabilityObject;
+  std::vector<Handle> _replacedReachabilityRefs;
+};
+
+namespace orbiq {
+
+/// What a monitor registers with its handle: tells the monitor that `info` points to of a change.
+/// Does nothing for a null `info` or a monitor that is being destroyed.
+ORBIQ_EXPORT void reachabilityCallback(NetworkReachability& target, std::uint32_t flags,
+                                       void* info);
+
+}  // namespace orbiq

@@ -1,0 +1,95 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <variant>
+
+namespace orbiq {
+
+/// A number of a property list. Each conversion truncates; reals out of range saturate, integers
+/// keep their low 64 bits, NaN is 0.
+class PlistNumber {
+ public:
+  explicit PlistNumber(std::int64_t number) : _number(number) {}
+  explicit PlistNumber(std::uint64_t number) : _number(number) {}
+  explicit PlistNumber(double number) : _number(number) {}
+
+  std::int64_t toInteger() const;
+  std::uint64_t toUnsigned() const;
+  double toReal() const;
+  bool toBoolean() const;
+
+ private:
+  std::variant<std::int64_t, std::uint64_t, double> _number;
+};
+
+/// One object of a binary property list: its kind, and where its contents stand in the bytes. The
+/// contents lie within bounds.
+struct PlistObject {
+  enum class Kind : std::uint8_t {
+    kNone,  ///< damaged, missing, or of a kind that keyed archives do not need
+    kBoolean,
+    kInteger,
+    kReal,
+    kText,   ///< ASCII or UTF-8
+    kUtf16,  ///< big-endian
+    kUid,
+    kArray,
+    kDictionary,
+  };
+
+  Kind kind = Kind::kNone;
+  std::uint64_t number = 0;  ///< the object's own number
+  std::size_t start = 0;     ///< of the contents
+  std::size_t count = 0;     ///< bytes, UTF-16 code units, elements or pairs; a boolean's value
+
+  bool isText() const { return kind == Kind::kText || kind == Kind::kUtf16; }
+};
+
+/// Reads a binary property list where it lies, one object at a time and only when asked; allocates
+/// nothing but the texts it returns. The bytes may be anything, and must outlive the reader.
+class BinaryPlistReader {
+ public:
+  /// No value if the bytes have not the frame of a binary property list.
+  static std::optional<BinaryPlistReader> open(std::string_view bytes);
+
+  PlistObject top() const { return object(_top); }
+  /// An element of an array, below its count.
+  PlistObject element(const PlistObject& array, std::size_t index) const;
+  /// A key of a dictionary, below its count, and the value that belongs to it.
+  PlistObject key(const PlistObject& dictionary, std::size_t index) const;
+  PlistObject value(const PlistObject& dictionary, std::size_t index) const;
+
+  /// No value if the object is no number (or boolean, or UID), or one beyond 64 bits.
+  std::optional<PlistNumber> number(const PlistObject& object) const;
+  std::optional<std::uint64_t> uid(const PlistObject& object) const;
+  /// The text as UTF-8, malformed parts as U+FFFD; empty if the object is no text.
+  std::string text(const PlistObject& object) const;
+  /// True if the object is that text, which is ASCII.
+  bool isText(const PlistObject& object, std::string_view ascii) const;
+  /// The memory that `text` takes, at most.
+  static std::size_t textBytes(const PlistObject& object) { return 3 * object.count; }
+
+ private:
+  explicit BinaryPlistReader(std::string_view bytes) : _bytes(bytes) {}
+
+  PlistObject object(std::uint64_t number) const;
+  PlistObject referred(const PlistObject& container, std::size_t index) const;
+  PlistObject counted(PlistObject::Kind kind, std::size_t start, unsigned info,
+                      std::size_t unit) const;
+  PlistObject bounded(PlistObject::Kind kind, std::size_t start, std::uint64_t count,
+                      std::size_t unit) const;
+  std::uint64_t bigEndian(std::size_t start, std::size_t size) const;
+
+  std::string_view _bytes;
+  std::size_t _end = 0;  ///< of the objects, where the offset table starts
+  std::uint64_t _objectCount = 0;
+  std::uint64_t _top = 0;
+  std::size_t _offsetSize = 0;
+  std::size_t _refSize = 0;
+};
+
+}  // namespace orbiq

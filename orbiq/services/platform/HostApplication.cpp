@@ -1,0 +1,147 @@
+#include "orbiq/services/platform/HostApplication.h"
+
+#include <arpa/inet.h>
+#include <limits.h>
+#include <netinet/in.h>
+#include <strings.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/Url.h"
+
+namespace orbiq {
+namespace {
+
+struct State {
+  Mutex lock;
+  // Every description that ever counted stays alive, as callers hold references to it.
+  std::vector<std::unique_ptr<const HostDescription>> descriptions ORBIQ_GUARDED_BY(lock);
+  bool settled ORBIQ_GUARDED_BY(lock) = false;
+  // The last of them, for readers: they are on every hit's way and take no lock.
+  std::atomic<const HostDescription*> current{nullptr};
+
+  void add(HostDescription description) ORBIQ_REQUIRES(lock) {
+    descriptions.push_back(std::make_unique<const HostDescription>(std::move(description)));
+    current.store(descriptions.back().get(), std::memory_order_release);
+  }
+};
+
+State& state() {
+  static auto* const only = new State();
+  return *only;
+}
+
+/// The first argument may be anything; the kernel knows the name.
+std::string executableName() {
+  char path[PATH_MAX];
+  const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
+  const std::string_view text(path, length > 0 ? static_cast<std::size_t>(length) : 0);
+  const std::string name(text.substr(text.rfind('/') + 1));
+  return name.empty() || name.starts_with('.') ? "application" : name;
+}
+
+void setFromEnvironment(String& field, const char* variable) {
+  const char* const value = std::getenv(variable);
+  if (field.isNull() && value != nullptr && *value != '\0') field = value;
+}
+
+/// Texts become the library's own: what was checked must not change afterwards.
+HostDescription withDefaults(HostDescription description) {
+  for (String HostDescription::*text :
+       {&HostDescription::bundleIdentifier, &HostDescription::bundleName,
+        &HostDescription::shortVersion, &HostDescription::authorizationServer,
+        &HostDescription::libraryDirectory, &HostDescription::caBundle}) {
+    description.*text = (description.*text).copy();
+  }
+  const String executable(executableName());
+  if (description.bundleIdentifier.isEmpty()) description.bundleIdentifier = executable;
+  if (description.bundleName.isNull()) description.bundleName = executable;
+  setFromEnvironment(description.authorizationServer, "ORBIQ_AUTHORIZATION_SERVER");
+  setFromEnvironment(description.libraryDirectory, "ORBIQ_LIBRARY_DIRECTORY");
+  return description;
+}
+
+bool isLoopback(const std::string& host) {
+  in6_addr address6{};
+  if (inet_pton(AF_INET6, host.c_str(), &address6) == 1) return IN6_IS_ADDR_LOOPBACK(&address6);
+  if (strcasecmp(host.c_str(), "localhost") == 0) return true;
+  in_addr address{};
+  return inet_pton(AF_INET, host.c_str(), &address) == 1 &&
+         (ntohl(address.s_addr) >> 24) == IN_LOOPBACKNET;
+}
+
+/// Null if the text can be used.
+String whatIsWrongWithServer(const String& server) {
+  if (server.isEmpty()) return "no authorization server is set";
+  const std::string text = server.toStdString();
+  const std::optional<Url> url = Url::fromText(server);
+  if (!url || url->host().empty()) return "\"" + text + "\" is not a URL of a server";
+  if (url->scheme() != "https" && !(url->scheme() == "http" && isLoopback(url->host()))) {
+    return "the authorization server \"" + text + "\" must be https (http only on loopback)";
+  }
+  if (!text.ends_with('/')) {
+    return "the authorization server \"" + text + "\" must end in \"/\"";
+  }
+  return nullptr;
+}
+
+String whatIsWrongWith(const HostDescription& description) {
+  const std::string_view identifier = description.bundleIdentifier.view();
+  if (identifier.starts_with('.') || identifier.find('/') != std::string_view::npos ||
+      identifier.find('\0') != std::string_view::npos) {
+    return "the bundle identifier \"" + std::string(identifier) + "\" cannot name a directory";
+  }
+  if (!description.libraryDirectory.isNull() &&
+      !description.libraryDirectory.view().starts_with('/')) {
+    return "the library directory must be an absolute path";
+  }
+  if (description.authorizationServer.isNull()) return nullptr;
+  return whatIsWrongWithServer(description.authorizationServer);
+}
+
+String accept(const HostDescription& description) {
+  if (String reason = whatIsWrongWith(description); !reason.isNull()) return reason;
+  const Lock lock(state().lock);
+  if (state().settled) return "the agent is in use already";
+  state().add(withDefaults(description));
+  SystemLog::setSink(description.logSink);
+  return nullptr;
+}
+
+}  // namespace
+
+String HostApplication::describe(const HostDescription& description) {
+  String reason = accept(description);
+  if (!reason.isNull()) {
+    // The logger and its threshold stand on a higher floor: this line is always printed.
+    SystemLog::write(
+        LoggingModeError,
+        "(ERROR) : The description of the application was refused: " + reason.toStdString());
+  }
+  return reason;
+}
+
+const HostDescription& HostApplication::current() {
+  if (const auto* const known = state().current.load(std::memory_order_acquire)) return *known;
+  const Lock lock(state().lock);
+  if (state().descriptions.empty()) state().add(withDefaults({}));
+  return *state().descriptions.back();
+}
+
+void HostApplication::settle() {
+  current();
+  const Lock lock(state().lock);
+  state().settled = true;
+}
+
+String HostApplication::authorizationServerProblem() {
+  return whatIsWrongWithServer(current().authorizationServer);
+}
+
+}  // namespace orbiq

@@ -1,0 +1,82 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <type_traits>
+
+#include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/SystemLog.h"
+
+namespace orbiq {
+
+/// The graphics float: 64 bits on 64-bit processors, 32 bits otherwise.
+using GraphicsFloat = std::conditional_t<sizeof(void*) == 8, double, float>;
+
+/// The main screen. Width and height are in points; `nativeScale`, where the device tells it,
+/// counts instead of `scale`.
+struct Screen {
+  GraphicsFloat width = 0;
+  GraphicsFloat height = 0;
+  GraphicsFloat scale = 1;
+  std::optional<GraphicsFloat> nativeScale = {};
+};
+
+/// What a saved queue survives.
+enum class Durability {
+  /// The end of the process at any moment; a loss of power may cost the last seconds.
+  ProcessEnd,
+  /// A loss of power as well: every save waits for the disk.
+  PowerLoss,
+};
+
+/// What the library knows of the application and the device. Every field may be left out.
+struct HostDescription {
+  /// Names the state directory. Default: the executable's name. No "/" and no leading ".".
+  String bundleIdentifier = {};
+  /// Stands in the User-Agent. Default: the executable's name.
+  String bundleName = {};
+  /// Stands in the User-Agent and, as "v", in the default parameters. Default: none.
+  String shortVersion = {};
+  /// URL to which the serial is appended: https (http only on loopback), ending in "/".
+  /// Default: the environment's ORBIQ_AUTHORIZATION_SERVER.
+  String authorizationServer = {};
+  /// Absolute path under which "orbiqCache" is made. Default: the environment's
+  /// ORBIQ_LIBRARY_DIRECTORY, else `$XDG_STATE_HOME` (or `~/.local/state`)/bundle
+  /// identifier/Library.
+  String libraryDirectory = {};
+  /// 0 phone, 1 pad, 2 television. Absent: the device does not say.
+  std::optional<std::intptr_t> userInterfaceIdiom = {};
+  std::optional<Screen> mainScreen = {};
+  /// Translates a text of the library; absent, the text stands for itself. Any thread.
+  std::function<String(const String& key)> localize = {};
+  /// The advertising identifier, asked for at every hit of a tagger that uses it, on the threads
+  /// that call `sendHit`, several at once. An exception counts as none and is logged. Absent: the
+  /// device has none.
+  std::function<String()> advertisingIdentifier = {};
+  /// Takes the log lines; see `LogSink` for what it may not do. Absent: standard error.
+  LogSink logSink = {};
+  /// File of the certificates to trust. Default: the system's.
+  String caBundle = {};
+  Durability durability = Durability::ProcessEnd;
+};
+
+/// The application that the library is linked into.
+class ORBIQ_EXPORT HostApplication {
+ public:
+  /// Describes the application. Returns null, or the reason why the description was refused, which
+  /// is logged as well; then nothing has changed. The last accepted call before the agent's first
+  /// use counts, later ones are refused. Any thread.
+  static String describe(const HostDescription& description);
+
+  /// The description in force, its defaults filled in. Valid as long as the process lives.
+  static const HostDescription& current();
+
+  /// Ends the time for descriptions.
+  static void settle();
+  /// Null, or why the authorization server in force must not be asked.
+  static String authorizationServerProblem();
+};
+
+}  // namespace orbiq

@@ -1,0 +1,411 @@
+#include "orbiq/services/platform/MainLoop.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <deque>
+#include <map>
+#include <memory>
+#include <set>
+#include <utility>
+
+#include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/Thread.h"
+
+namespace orbiq {
+namespace {
+
+using Task = std::function<void()>;
+/// Shared by the loop's table and the call in progress, so that a callback may remove itself.
+using Callback = std::shared_ptr<const Task>;
+using std::chrono::nanoseconds;
+
+constexpr nanoseconds kShortestInterval = std::chrono::microseconds{100};
+/// So far below the clock's range that adding the time since the start of the machine is safe, even
+/// where the kernel's seconds have 32 bits.
+constexpr nanoseconds kLongestInterval = std::chrono::seconds{1'000'000'000};
+constexpr nanoseconds kDescriptorRetry = std::chrono::seconds{1};
+/// Added to a watched descriptor's number, so that an event of a closed descriptor is not taken for
+/// one of its successor of the same number.
+constexpr std::uint64_t kKeyStep = std::uint64_t{1} << 32;
+
+thread_local bool onLoopThread = false;
+
+/// CLOCK_MONOTONIC, the clock of the timer descriptor.
+nanoseconds monotonicNow() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+/// Who asks for work, and so what makes it stop asking.
+enum class Runner { library, host, run };
+
+struct Timer {
+  nanoseconds start;
+  nanoseconds interval;
+  nanoseconds deadline;
+  bool repeats;
+  Callback fire;
+};
+
+struct Watch {
+  std::uint64_t key;
+  Callback readable;
+};
+
+bool addToEpoll(int epoll, int descriptor, std::uint64_t key) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.u64 = key;
+  if (epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
+  return errno == EEXIST && epoll_ctl(epoll, EPOLL_CTL_MOD, descriptor, &event) == 0;
+}
+
+}  // namespace
+
+struct MainLoop::State {
+  Condition condition;
+
+  // The descriptors: all three, or none yet (-1).
+  int epoll ORBIQ_GUARDED_BY(condition) = -1;
+  int wakeEvent ORBIQ_GUARDED_BY(condition) = -1;
+  int alarm ORBIQ_GUARDED_BY(condition) = -1;
+  /// What the kernel was last told: whether the event is raised, and when the alarm goes off (0 for
+  /// never).
+  bool raised ORBIQ_GUARDED_BY(condition) = false;
+  nanoseconds armed ORBIQ_GUARDED_BY(condition){0};
+
+  bool adopted ORBIQ_GUARDED_BY(condition) = false;
+  bool threadRuns ORBIQ_GUARDED_BY(condition) = false;
+  bool stopRequested ORBIQ_GUARDED_BY(condition) = false;
+  int runs ORBIQ_GUARDED_BY(condition) = 0;
+
+  std::deque<Task> posted ORBIQ_GUARDED_BY(condition);
+  /// How many were ever posted, and ever taken to be run.
+  std::uint64_t postedCount ORBIQ_GUARDED_BY(condition) = 0;
+  std::uint64_t takenCount ORBIQ_GUARDED_BY(condition) = 0;
+
+  std::map<TimerId, Timer> timers ORBIQ_GUARDED_BY(condition);
+  /// The timers by deadline, except those whose call is in progress.
+  std::set<std::pair<nanoseconds, TimerId>> schedule ORBIQ_GUARDED_BY(condition);
+  TimerId lastTimer ORBIQ_GUARDED_BY(condition) = 0;
+
+  std::map<int, Watch> watches ORBIQ_GUARDED_BY(condition);
+  std::uint64_t lastKey ORBIQ_GUARDED_BY(condition) = 0;
+
+  bool openDescriptors() ORBIQ_REQUIRES(condition);
+  void updateEvent() ORBIQ_REQUIRES(condition);
+  void updateAlarm() ORBIQ_REQUIRES(condition);
+  /// After a change that the loop's thread must see: tells it, or starts it.
+  void attend() ORBIQ_REQUIRES(condition);
+
+  bool mayRun(Runner runner) const ORBIQ_REQUIRES(condition);
+  void leave(Runner runner) ORBIQ_REQUIRES(condition);
+  void waitWithoutDescriptors() ORBIQ_REQUIRES(condition);
+  /// Waits until something may be due; false if the runner is to leave.
+  bool await(Runner runner);
+  void runAll(Runner runner) {
+    while (await(runner)) runDue(runner);
+  }
+
+  void runDue(Runner runner);
+  bool takePosted(Runner runner, std::uint64_t limit, Task& task);
+  bool fireNext(Runner runner, nanoseconds limit);
+  void runReadable(Runner runner);
+};
+
+bool MainLoop::State::openDescriptors() {
+  if (epoll >= 0) return true;
+  const int newEpoll = epoll_create1(EPOLL_CLOEXEC);
+  const int newEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+  const int newAlarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  const bool complete = newEpoll >= 0 && newEvent >= 0 && newAlarm >= 0 &&
+                        addToEpoll(newEpoll, newEvent, static_cast<std::uint64_t>(newEvent)) &&
+                        addToEpoll(newEpoll, newAlarm, static_cast<std::uint64_t>(newAlarm));
+  if (!complete) {
+    for (const int descriptor : {newEpoll, newEvent, newAlarm}) {
+      if (descriptor >= 0) close(descriptor);
+    }
+    return false;
+  }
+  epoll = newEpoll;
+  wakeEvent = newEvent;
+  alarm = newAlarm;
+  for (const auto& [descriptor, watch] : watches) addToEpoll(epoll, descriptor, watch.key);
+  updateEvent();
+  updateAlarm();
+  // The library's thread may be waiting without descriptors.
+  condition.broadcast();
+  return true;
+}
+
+/// Raises the event, or takes it back, so that the descriptor is readable exactly while something
+/// is to be done.
+void MainLoop::State::updateEvent() {
+  const bool wanted = !posted.empty() || (adopted && threadRuns) || (runs > 0 && stopRequested);
+  if (wakeEvent < 0) {
+    condition.broadcast();
+  } else if (wanted != raised) {
+    // Neither can fail: the counter goes from 0 to 1 and back.
+    std::uint64_t count = 1;
+    [[maybe_unused]] const ssize_t moved =
+        wanted ? write(wakeEvent, &count, sizeof count) : read(wakeEvent, &count, sizeof count);
+    raised = wanted;
+  }
+}
+
+/// Sets the alarm to the earliest timer. Setting it also takes an expiry back.
+void MainLoop::State::updateAlarm() {
+  const nanoseconds earliest = schedule.empty() ? nanoseconds{0} : schedule.begin()->first;
+  if (alarm < 0) {
+    condition.broadcast();
+  } else if (earliest != armed) {
+    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(earliest);
+    itimerspec time{};
+    time.it_value.tv_sec = static_cast<time_t>(seconds.count());
+    time.it_value.tv_nsec = static_cast<long>((earliest - seconds).count());
+    timerfd_settime(alarm, TFD_TIMER_ABSTIME, &time, nullptr);
+    armed = earliest;
+  }
+}
+
+void MainLoop::State::attend() {
+  openDescriptors();
+  updateEvent();
+  updateAlarm();
+  if (adopted || threadRuns) return;
+  threadRuns = startThread("orbiqMainLoop", [this] {
+                 onLoopThread = true;
+                 runAll(Runner::library);
+               }) == 0;
+}
+
+bool MainLoop::State::mayRun(Runner runner) const {
+  switch (runner) {
+    case Runner::library:
+      return !adopted;
+    case Runner::host:
+      return adopted;
+    case Runner::run:
+      return !stopRequested;
+  }
+  return false;
+}
+
+void MainLoop::State::leave(Runner runner) {
+  if (runner == Runner::library) {
+    threadRuns = false;
+    condition.broadcast();
+  } else {
+    --runs;
+    stopRequested = false;
+  }
+  updateEvent();
+}
+
+void MainLoop::State::waitWithoutDescriptors() {
+  if (!posted.empty()) return;
+  nanoseconds longest = nanoseconds::max();
+  if (!watches.empty()) longest = kDescriptorRetry;
+  if (!schedule.empty()) longest = std::min(longest, schedule.begin()->first - monotonicNow());
+  if (longest == nanoseconds::max()) {
+    condition.wait();
+  } else if (longest.count() > 0) {
+    condition.waitFor(longest);
+  }
+}
+
+bool MainLoop::State::await(Runner runner) {
+  int set = -1;
+  {
+    const Lock lock(condition);
+    if (!mayRun(runner)) {
+      leave(runner);
+      return false;
+    }
+    if (!openDescriptors()) {
+      waitWithoutDescriptors();
+      return true;
+    }
+    set = epoll;
+  }
+  epoll_event ignored{};
+  epoll_wait(set, &ignored, 1, -1);
+  return true;
+}
+
+/// Runs what was due at the call; what comes up meanwhile is left, so that it ends.
+void MainLoop::State::runDue(Runner runner) {
+  std::uint64_t limit = 0;
+  {
+    const Lock lock(condition);
+    limit = postedCount;
+  }
+  const nanoseconds now = monotonicNow();
+  // The task is cleared out here because the end of what it holds may use the loop again.
+  for (Task task; takePosted(runner, limit, task); task = nullptr) runTask(task);
+  while (fireNext(runner, now)) continue;
+  runReadable(runner);
+}
+
+bool MainLoop::State::takePosted(Runner runner, std::uint64_t limit, Task& task) {
+  const Lock lock(condition);
+  if (!mayRun(runner) || takenCount >= limit) return false;
+  task = std::move(posted.front());
+  posted.pop_front();
+  ++takenCount;
+  updateEvent();
+  return true;
+}
+
+bool MainLoop::State::fireNext(Runner runner, nanoseconds limit) {
+  Callback fire;
+  TimerId id = 0;
+  {
+    const Lock lock(condition);
+    if (!mayRun(runner) || schedule.empty() || schedule.begin()->first > limit) return false;
+    id = schedule.begin()->second;
+    schedule.erase(schedule.begin());
+    const auto timer = timers.find(id);
+    fire = timer->second.fire;
+    if (!timer->second.repeats) timers.erase(timer);
+    updateAlarm();
+  }
+  runTask(*fire);
+  const Lock lock(condition);
+  const auto timer = timers.find(id);
+  if (timer == timers.end()) return true;
+  // Counted from the start, so that the timer does not drift, to the first multiple still to come.
+  Timer& it = timer->second;
+  it.deadline = it.start + ((monotonicNow() - it.start) / it.interval + 1) * it.interval;
+  schedule.emplace(it.deadline, id);
+  updateAlarm();
+  return true;
+}
+
+void MainLoop::State::runReadable(Runner runner) {
+  int set = -1;
+  {
+    const Lock lock(condition);
+    set = epoll;
+  }
+  std::array<epoll_event, 16> events;
+  const int count = epoll_wait(set, events.data(), static_cast<int>(events.size()), 0);
+  for (int i = 0; i < count; ++i) {
+    const std::uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
+    Callback readable;
+    {
+      const Lock lock(condition);
+      if (!mayRun(runner)) return;
+      const auto watch = watches.find(static_cast<int>(key % kKeyStep));
+      if (watch != watches.end() && watch->second.key == key) readable = watch->second.readable;
+    }
+    if (readable) runTask(*readable);
+  }
+}
+
+MainLoop::MainLoop() : _state(new State) { armForkGuard(); }
+
+MainLoop::~MainLoop() = default;
+
+MainLoop& MainLoop::mainLoop() {
+  static MainLoop* const loop = new MainLoop;
+  return *loop;
+}
+
+int MainLoop::adopt() {
+  if (onLoopThread || inForkedChild()) return -1;
+  const Lock lock(_state->condition);
+  if (!_state->openDescriptors()) return -1;
+  _state->adopted = true;
+  _state->updateEvent();
+  while (_state->threadRuns) _state->condition.wait();
+  return _state->epoll;
+}
+
+void MainLoop::runPending() {
+  if (!inForkedChild()) _state->runDue(Runner::host);
+}
+
+void MainLoop::run() {
+  if (adopt() < 0) return;
+  {
+    const Lock lock(_state->condition);
+    ++_state->runs;
+    _state->updateEvent();
+  }
+  _state->runAll(Runner::run);
+}
+
+void MainLoop::stop() {
+  if (inForkedChild()) return;
+  const Lock lock(_state->condition);
+  _state->stopRequested = true;
+  _state->updateEvent();
+}
+
+void MainLoop::post(std::function<void()> task) {
+  if (inForkedChild()) return;
+  const Lock lock(_state->condition);
+  _state->posted.push_back(std::move(task));
+  ++_state->postedCount;
+  _state->attend();
+}
+
+MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats,
+                                     std::function<void()> fire) {
+  if (inForkedChild()) return 0;
+  interval = std::clamp(interval, kShortestInterval, kLongestInterval);
+  const nanoseconds start = monotonicNow();
+  const nanoseconds deadline = start + interval;
+  auto callback = std::make_shared<const Task>(std::move(fire));
+  const Lock lock(_state->condition);
+  const TimerId id = ++_state->lastTimer;
+  _state->timers.emplace(id, Timer{start, interval, deadline, repeats, std::move(callback)});
+  _state->schedule.emplace(deadline, id);
+  _state->attend();
+  return id;
+}
+
+void MainLoop::removeTimer(TimerId timer) {
+  if (inForkedChild()) return;
+  // What the callback holds may use the loop in its end, so that comes after the lock.
+  Callback removed;
+  const Lock lock(_state->condition);
+  const auto found = _state->timers.find(timer);
+  if (found == _state->timers.end()) return;
+  removed = std::move(found->second.fire);
+  _state->schedule.erase({found->second.deadline, timer});
+  _state->timers.erase(found);
+  _state->updateAlarm();
+}
+
+void MainLoop::watch(int descriptor, std::function<void()> readable) {
+  if (inForkedChild() || descriptor < 0) return;
+  Callback callback = std::make_shared<const Task>(std::move(readable));
+  // Replaced under the lock, gone after it.
+  Callback previous;
+  const Lock lock(_state->condition);
+  _state->lastKey += kKeyStep;
+  Watch& watch = _state->watches[descriptor];
+  watch.key = _state->lastKey + static_cast<std::uint64_t>(descriptor);
+  previous = std::exchange(watch.readable, std::move(callback));
+  if (_state->epoll >= 0) addToEpoll(_state->epoll, descriptor, watch.key);
+  _state->attend();
+}
+
+void MainLoop::unwatch(int descriptor) {
+  if (inForkedChild()) return;
+  Callback removed;
+  const Lock lock(_state->condition);
+  const auto found = _state->watches.find(descriptor);
+  if (found == _state->watches.end()) return;
+  removed = std::move(found->second.readable);
+  _state->watches.erase(found);
+  if (_state->epoll >= 0) epoll_ctl(_state->epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+}
+
+}  // namespace orbiq

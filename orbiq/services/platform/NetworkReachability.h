@@ -1,0 +1,80 @@
+#pragma once
+
+#include <sys/socket.h>
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/SerialQueue.h"
+
+namespace orbiq {
+
+/// What is known of the way to a network target, as bits.
+enum NetworkReachabilityFlags : std::uint32_t {
+  kSCNetworkReachabilityFlagsTransientConnection = 1,
+  kSCNetworkReachabilityFlagsReachable = 2,
+  kSCNetworkReachabilityFlagsConnectionRequired = 4,
+  kSCNetworkReachabilityFlagsConnectionOnTraffic = 8,
+  kSCNetworkReachabilityFlagsInterventionRequired = 16,
+  kSCNetworkReachabilityFlagsConnectionOnDemand = 32,
+  kSCNetworkReachabilityFlagsIsLocalAddress = 65536,
+  kSCNetworkReachabilityFlagsIsDirect = 131072,
+  kSCNetworkReachabilityFlagsIsWWAN = 262144,
+};
+
+class NetworkReachability;
+
+/// Whom a change is delivered for. The context does not keep `info` alive; a delivery whose `info`
+/// is gone, or was never given, is dropped.
+struct NetworkReachabilityContext {
+  int version = 0;
+  std::weak_ptr<void> info;
+};
+
+using NetworkReachabilityCallback = void (*)(NetworkReachability& target, std::uint32_t flags,
+                                             void* info);
+
+/// A watched network target. Thread-safe. It keeps neither its callback's `info` nor itself alive:
+/// with its last owner the registration ends. In a forked child nothing is known and nothing can be
+/// registered.
+class ORBIQ_EXPORT NetworkReachability {
+ public:
+  virtual ~NetworkReachability() = default;
+
+  /// Registers the callback, replacing an earlier one; null unregisters. Registering delivers
+  /// nothing by itself; from then on each change of the flags is delivered once, in order, and so
+  /// is the return to the flags last delivered if `getFlags` gave others in between (or before the
+  /// registration). Deliveries that still wait on the queue are dropped when callback or queue are
+  /// set; one in progress on another thread may still end. False if it cannot be done.
+  virtual bool setCallback(NetworkReachabilityCallback callback,
+                           const NetworkReachabilityContext& context) = 0;
+  /// The queue on which the callback runs; null, as at first, stops deliveries. A change that comes
+  /// without a queue is delivered on the next one, unless it was undone. False if it cannot be
+  /// done.
+  virtual bool setDispatchQueue(std::shared_ptr<SerialQueue> queue) = 0;
+  /// Reads the current flags, without waiting; false, with `flags` untouched, if they are not known
+  /// (a name that is not yet resolved).
+  virtual bool getFlags(std::uint32_t& flags) = 0;
+};
+
+/// Where watched targets come from. Thread-safe.
+class NetworkReachabilitySource {
+ public:
+  virtual ~NetworkReachabilitySource() = default;
+  /// A host by name, which is resolved off the caller's thread; null for an empty name.
+  virtual std::shared_ptr<NetworkReachability> createWithName(const std::string& name) = 0;
+  /// An IPv4 or IPv6 address; the port does not matter. 0.0.0.0 (and ::) stands for any route to
+  /// the internet, 169.254.0.0 for the local network. Null for a null pointer or another family.
+  virtual std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) = 0;
+  /// Why the network cannot be watched, or empty: then everything reads as reachable and no change
+  /// comes.
+  virtual std::string failure() const = 0;
+};
+
+/// The targets of this machine, watched through the kernel's links and routes. Each source has
+/// sockets of its own, in the network namespace of the calling thread.
+std::shared_ptr<NetworkReachabilitySource> makeRouteReachabilitySource();
+
+}  // namespace orbiq

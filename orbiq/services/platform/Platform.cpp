@@ -1,0 +1,49 @@
+#include "orbiq/services/platform/Platform.h"
+
+#include <utility>
+
+#include "orbiq/services/platform/HostApplication.h"
+
+namespace orbiq {
+namespace {
+
+Platform withRealParts(Platform platform) {
+  if (!platform.clock) platform.clock = std::make_shared<SystemClock>();
+  if (!platform.reachabilitySource) platform.reachabilitySource = makeRouteReachabilitySource();
+  if (!platform.makeHttpClient) {
+    platform.makeHttpClient = [] {
+      return orbiq::makeHttpClient(HostApplication::current().caBundle.toStdString());
+    };
+  }
+  return platform;
+}
+
+/// Makes the one platform of the process at the first call, out of `replacement`. Sets `isMadeHere`
+/// if it was this call.
+const Platform& only(Platform replacement, bool& isMadeHere) {
+  static const auto* const platform = [&] {
+    isMadeHere = true;
+    return new Platform(withRealParts(std::move(replacement)));
+  }();
+  return *platform;
+}
+
+}  // namespace
+
+String Platform::install(Platform platform) {
+  bool isMadeHere = false;
+  only(std::move(platform), isMadeHere);
+  return isMadeHere ? String() : String("the platform is in use already");
+}
+
+const Platform& Platform::current() {
+  bool ignored = false;
+  return only({}, ignored);
+}
+
+HttpClient& Platform::httpClient() {
+  thread_local const std::unique_ptr<HttpClient> client = current().makeHttpClient();
+  return *client;
+}
+
+}  // namespace orbiq

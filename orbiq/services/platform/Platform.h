@@ -1,0 +1,33 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+
+#include "orbiq/services/platform/Clock.h"
+#include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/NetworkReachability.h"
+#include "orbiq/services/platform/String.h"
+
+namespace orbiq {
+
+/// The parts of the machine that can be replaced as a whole. What is left null is the real one.
+struct Platform {
+  std::shared_ptr<const Clock> clock = {};
+  std::shared_ptr<NetworkReachabilitySource> reachabilitySource = {};
+  std::function<std::unique_ptr<HttpClient>()> makeHttpClient = {};
+  /// Limit of a hit's whole exchange.
+  std::chrono::milliseconds hitTimeout{10'000};
+  /// Limit of an authorization exchange.
+  std::chrono::milliseconds exchangeTimeout{60'000};
+
+  /// Works once and only before the first use; returns null, or why it was refused.
+  static String install(Platform platform);
+  static const Platform& current();
+
+  static Date now() { return current().clock->now(); }
+  /// The calling thread's own client, which keeps its connection.
+  static HttpClient& httpClient();
+};
+
+}  // namespace orbiq

@@ -1,0 +1,113 @@
+#include "orbiq/services/platform/ProcessExit.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+#include <vector>
+
+#include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/Thread.h"
+
+namespace orbiq {
+namespace {
+
+constexpr std::chrono::milliseconds kLongestWaitAtExit{250};
+
+std::atomic<bool> exiting{false};
+
+struct Stays {
+  Condition changed;
+  /// The multi handles of the threads inside, one entry each.
+  std::vector<CURLM*> inside ORBIQ_GUARDED_BY(changed);
+  std::thread::id exitingThread ORBIQ_GUARDED_BY(changed);
+};
+
+/// Never destroyed: threads may come by at any moment of the process's end.
+Stays& stays() {
+  static Stays& all = *new Stays;
+  return all;
+}
+
+[[noreturn]] void park() {
+  for (;;) pause();
+}
+
+void waitUntilAllParked() {
+  const auto deadline = std::chrono::steady_clock::now() + kLongestWaitAtExit;
+  Lock lock(stays().changed);
+  while (!stays().inside.empty()) {
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= left.zero()) return;
+    stays().changed.waitFor(left);
+  }
+}
+
+void onProcessExit() {
+  // A child that was forked shares its parent's wake-up descriptors and may hold stuck locks.
+  if (inForkedChild()) return;
+  {
+    Lock lock(stays().changed);
+    exiting = true;
+    stays().exitingThread = std::this_thread::get_id();
+    for (CURLM* multi : stays().inside) {
+      if (multi != nullptr) curl_multi_wakeup(multi);
+    }
+  }
+  // A library thread may hold what the others need in order to park.
+  if (!isLibraryThread()) waitUntilAllParked();
+}
+
+}  // namespace
+
+bool isProcessExiting() noexcept { return exiting; }
+
+void installExitHandler() {
+  armForkGuard();
+  stays();
+  std::atexit(onProcessExit);
+}
+
+TransferStay::TransferStay(CURLM* multi) : _multi(multi) {
+  if (inForkedChild()) return;
+  {
+    Lock lock(stays().changed);
+    if (!exiting) {
+      stays().inside.push_back(multi);
+      _entered = true;
+    } else if (stays().exitingThread == std::this_thread::get_id()) {
+      return;
+    }
+  }
+  if (!_entered) park();
+}
+
+TransferStay::~TransferStay() {
+  if (!_entered) return;
+  leave();
+  if (exiting) park();
+}
+
+void TransferStay::parkIfExiting() {
+  if (!exiting) return;
+  leave();
+  park();
+}
+
+void TransferStay::leave() {
+  Lock lock(stays().changed);
+  auto& inside = stays().inside;
+  inside.erase(std::find(inside.begin(), inside.end(), _multi));
+  stays().changed.broadcast();
+}
+
+bool TransferStay::isAnyUnderWay() {
+  Lock lock(stays().changed);
+  return !stays().inside.empty();
+}
+
+}  // namespace orbiq

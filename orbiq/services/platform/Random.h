@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace orbiq {
+
+/// Uniform over all values, from the kernel's generator. Any thread.
+std::uint32_t randomUint32();
+
+/// A random (version 4) UUID in upper case, 36 characters. Any thread.
+std::string randomUuid();
+
+}  // namespace orbiq

@@ -1,0 +1,111 @@
+#include "orbiq/services/platform/SerialQueue.h"
+
+#include <chrono>
+#include <deque>
+#include <utility>
+
+#include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/Thread.h"
+
+namespace orbiq {
+namespace {
+
+using Task = std::function<void()>;
+
+constexpr std::chrono::seconds kIdleTime{2};
+
+}  // namespace
+
+struct SerialQueue::State {
+  explicit State(std::string text) : label(std::move(text)) {}
+
+  const std::string label;
+  Condition condition;
+  std::deque<Task> tasks ORBIQ_GUARDED_BY(condition);
+  /// Somebody, normally the queue's thread, runs the tasks until there is none.
+  bool attended ORBIQ_GUARDED_BY(condition) = false;
+  bool closed ORBIQ_GUARDED_BY(condition) = false;
+
+  /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
+  static bool attend(const std::shared_ptr<State>& state) ORBIQ_REQUIRES(state->condition) {
+    if (!state->attended) {
+      state->attended = startThread(state->label, [state] { state->runTasks(kIdleTime); }) == 0;
+    }
+    return state->attended;
+  }
+
+  /// Runs tasks until none has come for the idle time.
+  void runTasks(std::chrono::seconds idleTime) {
+    for (Task task; take(task, idleTime); task = nullptr) runTask(task);
+  }
+
+  bool take(Task& task, std::chrono::seconds idleTime) {
+    const Lock lock(condition);
+    while (tasks.empty()) {
+      const bool waited = closed || idleTime.count() == 0 || !condition.waitFor(idleTime);
+      if (waited && tasks.empty()) {
+        attended = false;
+        return false;
+      }
+    }
+    task = std::move(tasks.front());
+    tasks.pop_front();
+    return true;
+  }
+};
+
+SerialQueue::SerialQueue(std::string label) : _state(std::make_shared<State>(std::move(label))) {}
+
+SerialQueue::~SerialQueue() {
+  if (inForkedChild()) return;
+  const Lock lock(_state->condition);
+  _state->closed = true;
+  if (!_state->tasks.empty()) State::attend(_state);
+  _state->condition.signal();
+}
+
+const std::string& SerialQueue::label() const { return _state->label; }
+
+void SerialQueue::async(std::function<void()> task) {
+  if (inForkedChild()) return;
+  const Lock lock(_state->condition);
+  _state->tasks.push_back(std::move(task));
+  if (State::attend(_state)) _state->condition.signal();
+}
+
+void SerialQueue::resume() {
+  if (inForkedChild()) return;
+  const Lock lock(_state->condition);
+  if (!_state->tasks.empty()) State::attend(_state);
+}
+
+void SerialQueue::sync(std::function<void()> task) {
+  if (inForkedChild()) return;
+  struct Completion {
+    Condition condition;
+    bool done ORBIQ_GUARDED_BY(condition) = false;
+  };
+  // Shared, because the task's thread still touches it while the caller is already leaving.
+  const auto completion = std::make_shared<Completion>();
+  bool mustAttend = false;
+  {
+    const Lock lock(_state->condition);
+    _state->tasks.emplace_back([&task, completion] {
+      runTask(task);
+      const Lock completionLock(completion->condition);
+      completion->done = true;
+      completion->condition.signal();
+    });
+    if (State::attend(_state)) {
+      _state->condition.signal();
+    } else {
+      _state->attended = mustAttend = true;
+    }
+  }
+  if (mustAttend) _state->runTasks(std::chrono::seconds{0});
+  const Lock lock(completion->condition);
+  while (!completion->done) completion->condition.wait();
+}
+
+}  // namespace orbiq

@@ -1,0 +1,41 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "orbiq/services/platform/Export.h"
+
+namespace orbiq {
+
+/// Runs tasks one at a time, in the order in which they were given, on a thread that exists only
+/// while there is work: the first task starts it, two idle seconds end it, and where it cannot be
+/// started the next task tries again. Tasks given before the queue is destroyed still run (only if
+/// no thread can be had even then are they dropped). What a task throws ends with that task.
+/// Thread-safe. In a forked child nothing runs.
+class ORBIQ_EXPORT SerialQueue {
+ public:
+  /// The label becomes the thread's name.
+  explicit SerialQueue(std::string label);
+  /// Returns at once; never waits for tasks, so a task may destroy its own queue.
+  ~SerialQueue();
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  const std::string& label() const;
+  /// Returns at once.
+  void async(std::function<void()> task);
+  /// Tries again to start the thread that waiting tasks could not get. For a queue that is given no
+  /// further tasks.
+  void resume();
+  /// Returns when the task has run. Must not be called from a task of the same queue. Where no
+  /// thread can be started, the tasks run on the calling thread.
+  void sync(std::function<void()> task);
+
+ private:
+  struct State;
+  /// Shared with the thread, which may outlive the queue.
+  std::shared_ptr<State> _state;
+};
+
+}  // namespace orbiq

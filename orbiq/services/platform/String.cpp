@@ -1,0 +1,60 @@
+#include "orbiq/services/platform/String.h"
+
+#include <functional>
+#include <utility>
+
+#include "orbiq/services/platform/Utf8.h"
+
+namespace orbiq {
+
+String::String(std::string text, bool isMutable)
+    : _text(std::make_shared<Text>(Text{std::move(text), isMutable})) {}
+
+String::String(const char* text) {
+  if (text != nullptr) *this = String(std::string(text), false);
+}
+
+String::String(std::string text) : String(std::move(text), false) {}
+
+String::String(std::string_view text) : String(std::string(text), false) {}
+
+std::string_view String::view() const noexcept {
+  return _text ? std::string_view(_text->value) : std::string_view();
+}
+
+std::size_t String::length() const noexcept { return utf16Length(view()); }
+
+String String::prefix(std::size_t units) const {
+  if (isNull()) return {};
+  return view().substr(0, utf8PrefixBytes(view(), units));
+}
+
+String String::copy() const {
+  // A text that nobody can change is as good as a private one.
+  if (isNull() || !_text->isMutable) return *this;
+  return view();
+}
+
+bool String::isEqualToString(const String& other) const noexcept {
+  return _text && other._text && _text->value == other._text->value;
+}
+
+std::uintptr_t String::hash() const noexcept {
+  return _text ? std::hash<std::string_view>()(_text->value) : 0;
+}
+
+std::string String::description() const { return isNull() ? "(null)" : _text->value; }
+
+MutableString::MutableString(std::string_view text) : String(std::string(text), true) {}
+
+void MutableString::setString(std::string_view text) {
+  if (!_text) *this = MutableString();  // what was moved away leaves null behind
+  _text->value = text;
+}
+
+void MutableString::appendString(std::string_view text) {
+  if (!_text) *this = MutableString();
+  _text->value += text;
+}
+
+}  // namespace orbiq

@@ -1,0 +1,77 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "orbiq/services/platform/Export.h"
+
+namespace orbiq {
+
+/// A nullable, shared handle to UTF-8 text.
+///
+/// Handing a `String` on shares the text; nothing is copied. A handle may be read from several
+/// threads at once as long as no `MutableString` changes its text meanwhile.
+class ORBIQ_EXPORT String {
+ public:
+  /// The null text.
+  String() noexcept = default;
+  String(std::nullptr_t) noexcept {}
+  /// Takes a copy of the characters; a null pointer gives the null text.
+  String(const char* text);
+  String(std::string text);
+  String(std::string_view text);
+
+  bool isNull() const noexcept { return _text == nullptr; }
+  /// True for the null text and for one of no characters.
+  bool isEmpty() const noexcept { return view().empty(); }
+  /// The text's bytes; empty for the null text. Valid while a handle to the unchanged text lives.
+  std::string_view view() const noexcept;
+  std::string toStdString() const { return std::string(view()); }
+
+  /// Length in UTF-16 code units; 0 for the null text.
+  std::size_t length() const noexcept;
+  /// The first `units` UTF-16 code units, fewer where the cut would split a character.
+  String prefix(std::size_t units) const;
+
+  /// A text that later changes of a `MutableString` do not reach; null for the null text.
+  String copy() const;
+
+  /// True if both hold the same characters. The null text is equal to nothing, not even to itself.
+  bool isEqualToString(const String& other) const noexcept;
+  /// True if both are handles to one text, or both are null.
+  bool isSameObjectAs(const String& other) const noexcept { return _text == other._text; }
+  /// Equal texts have equal hashes; 0 for the null text.
+  std::uintptr_t hash() const noexcept;
+  /// An address that is the same for all handles to one text; null for the null text.
+  const void* identity() const noexcept { return _text.get(); }
+  /// The text, or "(null)".
+  std::string description() const;
+
+  /// Equal characters, or both null.
+  friend bool operator==(const String& left, const String& right) noexcept {
+    return left.isSameObjectAs(right) || left.isEqualToString(right);
+  }
+
+ protected:
+  struct Text {
+    std::string value;
+    bool isMutable;
+  };
+  String(std::string text, bool isMutable);
+
+  std::shared_ptr<Text> _text;
+};
+
+/// A text that can be changed after it was handed out: everybody who holds it as a `String` sees
+/// the change. Not to be changed while another thread reads it.
+class ORBIQ_EXPORT MutableString : public String {
+ public:
+  explicit MutableString(std::string_view text = {});
+  void setString(std::string_view text);
+  void appendString(std::string_view text);
+};
+
+}  // namespace orbiq

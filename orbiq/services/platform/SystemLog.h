@@ -1,0 +1,37 @@
+#pragma once
+
+#include <functional>
+#include <string>
+#include <string_view>
+
+#include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/Enumerations.h"
+#include "orbiq/services/platform/Export.h"
+
+namespace orbiq {
+
+/// One line of the library's log.
+struct LogLine {
+  LoggingMode mode = LoggingModeInfo;
+  /// "(ERROR) : " and the message; the message may hold line breaks. Valid during the call.
+  std::string_view text;
+  Date time;
+};
+
+/// Takes the library's log lines instead of standard error, from any thread, several at once. The
+/// thread that logs may hold the lock of the request queue (additions, sends) or of the tagger
+/// factory and be in the middle of making the agent: a sink must return soon, must not call the
+/// library, and must not wait for a thread that does.
+using LogSink = std::function<void(const LogLine&)>;
+
+/// The system log.
+class SystemLog {
+ public:
+  /// Writes a line to the sink or else to standard error, there with a time stamp and a process
+  /// tag, in one write. Any thread.
+  static void write(LoggingMode mode, std::string_view text);
+  /// Installs a sink; an empty one restores standard error. Any thread.
+  static void setSink(LogSink sink);
+};
+
+}  // namespace orbiq

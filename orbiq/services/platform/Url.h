@@ -1,0 +1,36 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/String.h"
+
+namespace orbiq {
+
+/// A text that is a URL reference by RFC 3986, absolute or relative.
+class ORBIQ_EXPORT Url {
+ public:
+  /// No value for a null or empty text and for one that the grammar refuses. Nothing is guessed,
+  /// added or escaped.
+  static std::optional<Url> fromText(const String& text);
+
+  /// The whole text, as it was given.
+  const std::string& text() const { return _text; }
+  /// In lower case; empty for a relative reference.
+  const std::string& scheme() const { return _scheme; }
+  /// The host as it stands (an IPv6 address without its brackets); empty if there is none.
+  const std::string& host() const { return _host; }
+
+ private:
+  Url(std::string text, std::string scheme, std::string host);
+  std::string _text;
+  std::string _scheme;
+  std::string _host;
+};
+
+/// Percent-escapes every byte of the UTF-8 text but ASCII letters, digits, "-", ".", "_" and "~".
+/// Null gives null.
+ORBIQ_EXPORT String percentEscaped(const String& text);
+
+}  // namespace orbiq

@@ -1,0 +1,34 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+#include <string_view>
+
+namespace orbiq {
+
+/// True if the bytes are well-formed UTF-8 (no overlong form, no surrogate, nothing above
+/// U+10FFFF).
+bool isValidUtf8(std::string_view bytes) noexcept;
+
+/// Length in UTF-16 code units. Malformed bytes count one each.
+std::size_t utf16Length(std::string_view text) noexcept;
+
+/// Number of bytes of the longest prefix that has at most `units` UTF-16 code units and cuts no
+/// character in two.
+std::size_t utf8PrefixBytes(std::string_view text, std::size_t units) noexcept;
+
+/// One decoded character.
+struct Utf8Character {
+  char32_t codePoint = 0;     ///< U+FFFD for a malformed byte
+  std::size_t byteCount = 0;  ///< bytes consumed, 1 for a malformed one
+  bool wellFormed = false;
+};
+
+/// Decodes the character at the start of `bytes`, which must not be empty.
+Utf8Character decodeUtf8(std::string_view bytes) noexcept;
+
+/// Appends a code point to `text` as UTF-8; a surrogate, or a number above U+10FFFF, becomes
+/// U+FFFD.
+void appendUtf8(std::string& text, char32_t codePoint);
+
+}  // namespace orbiq

@@ -1,0 +1,384 @@
+// The road of a hit, from sendHit to the wire.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <cmath>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/private/orbiqRequest/orbiqClearCache.h"
+#include "tests/support/Application.h"
+
+namespace orbiq::test {
+namespace {
+
+using Counts = std::vector<std::uint64_t>;
+using Lines = std::vector<std::string>;
+
+constexpr char kDone[] = "handling done";
+constexpr char kKept[] = "handling resulted in a timeout or lack of connection";
+
+class Road : public testing::Test {
+ protected:
+  void grantAccess(const std::string& access) {
+    const std::string body = server.grant(access);
+    server.answerAuthorizations([body](const std::string&) { return answer(200, body); });
+  }
+  void grantHost(const std::string& host) {
+    const std::string body = "access=full|host=" + host + "|cmsVI=7";
+    server.answerAuthorizations([body](const std::string&) { return answer(200, body); });
+  }
+  [[nodiscard]] bool waitForRemovals(std::size_t count) {
+    return application.log().waitFor("Removing request from queue", count) &&
+           // The line that ends a removal, and those that end the additions.
+           application.log().waitFor("We have now", 2 * count);
+  }
+  Counts accounts() { return counts(agent().statistics()); }
+  static orbiqAgent& agent() { return orbiqAgent::sharedAgent(); }
+
+  AccountServer server;
+  Application application{server.authorizationServer(), [](HostDescription&, Platform& platform) {
+                            platform.hitTimeout = std::chrono::milliseconds(50);
+                          }};
+};
+
+TEST_F(Road, AHitIsAGetOfTheHostAndTheSerial) {
+  const auto tagger = Application::tagger("ABC");
+  tagger->sendHit();
+  ASSERT_TRUE(waitForRemovals(1));
+  tagger->sendHit();
+  ASSERT_TRUE(waitForRemovals(2));
+  const auto requests = server.server().requests();
+  ASSERT_EQ(requests.size(), 3U);
+  const std::string rest =
+      " HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.server().port()) +
+      "\r\nUser-Agent: Player/4.2 orbiq SDK v4.2 apple iphone\r\n\r\n";
+  EXPECT_EQ(requests[0], "GET /auth/ABC" + rest);
+  EXPECT_EQ(requests[1], "GET /hit/ABC" + rest);
+  EXPECT_EQ(requests[2], "GET /hit/ABC" + rest);
+  EXPECT_EQ(server.server().connectionCount(), 1U);
+  EXPECT_EQ(accounts(), (Counts{2, 2, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(agent().statistics().lastSuccess, application.clock().now());
+  EXPECT_TRUE(agent().statistics().lastFailure.isNull());
+}
+
+TEST_F(Road, ARestrictedAccountSendsOneHit) {
+  grantAccess("restricted");
+  const auto tagger = Application::tagger("ABC");
+  tagger->sendHit();
+  ASSERT_TRUE(waitForRemovals(1));
+  tagger->sendHit();  // refused at the gate, without a line
+  EXPECT_EQ(accounts(), (Counts{2, 1, 1, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(application.log().count("Adding a request in queue"), 1U);
+  EXPECT_EQ(server.requestLines("/hit/").size(), 1U);
+}
+
+TEST_F(Road, ARestrictedAccountRefusesWhatWasQueuedBefore) {
+  grantAccess("restricted");
+  const auto tagger = std::make_shared<orbiqTaggerID>("ABC", 1, false);
+  for (int i = 0; i < 2; ++i) {
+    agent().addRequestToQueue(std::make_shared<orbiqRequest>(nullptr, RequestTypeAudience,
+                                                             SendingModeHost, "ABC", tagger));
+  }
+  ASSERT_TRUE(waitForRemovals(2));
+  EXPECT_EQ(accounts(), (Counts{2, 1, 1, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(application.log().count("(ERROR) : orbiqAudienceTagger - Can't send hit anymore with "
+                                    "this serial : ABC"),
+            1U);
+}
+
+TEST_F(Road, ADeniedAccountSendsNone) {
+  grantAccess("denied");
+  Application::tagger("ABC")->sendHit();
+  ASSERT_TRUE(waitForRemovals(1));
+  EXPECT_EQ(accounts(), (Counts{1, 0, 1, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(application.log().count("can't be sent because of access denied for its serial"), 1U);
+  EXPECT_TRUE(server.requestLines("/hit/").empty());
+}
+
+TEST_F(Road, AnotherStatusDropsTheHitWithoutAFailure) {
+  Lines statuses = {"404", "500", "204", "301"};
+  for (const std::string& status : statuses) {
+    server.answerHits([status](const std::string&) { return answer(std::stoi(status)); });
+    const auto request = streamingRequest();
+    agent().addRequestToQueue(request);
+    const auto done = static_cast<std::size_t>(&status - statuses.data()) + 1;
+    ASSERT_TRUE(waitForRemovals(done));
+    EXPECT_EQ(agent().statistics().lastFailure.toStdString(),
+              server.hitServer() + "ABC: answered with status " + status);
+    EXPECT_EQ(request->numberOfFails(), 0U);
+    EXPECT_FALSE(request->lastFail());
+  }
+  EXPECT_EQ(accounts(), (Counts{4, 0, 0, 4, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(application.log().count(kKept), 0U);
+}
+
+TEST_F(Road, AMissingAnswerIsTriedAgainWithASignalAMinuteLater) {
+  ScriptedServer hits({{steps::readRequest(), steps::reset()},
+                       {steps::readRequest(), steps::untilPeerCloses()},
+                       {steps::readRequest(), steps::send(answer(200, "")), steps::readRequest(),
+                        steps::send(answer(200, ""))}});
+  grantHost(hits.url("/"));
+  Application::tagger("ABC")->sendHit();
+  ASSERT_TRUE(application.log().waitFor(kKept, 1));
+  // Signals that come too early; a request behind the head does not pass it.
+  application.clock().advance(59.9);
+  Application::tagger("ABC")->sendHit();
+  ASSERT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
+  Application::enterForeground();
+  EXPECT_EQ(hits.requests().size(), 1U);
+  application.clock().advance(0.1);
+  Application::enterForeground();
+  // The second failure comes from the time limit; then the head waits again.
+  ASSERT_TRUE(application.log().waitFor(kKept, 2));
+  application.clock().advance(-60);  // a clock that was set back counts as well
+  Application::enterForeground();
+  ASSERT_TRUE(application.log().waitFor(kDone, 2));
+  EXPECT_EQ(hits.requests().size(), 4U);
+  EXPECT_EQ(server.requestLines("/auth/").size(), 1U);
+  ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+  EXPECT_EQ(accounts(), (Counts{2, 2, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(Road, AFailureIsRecordedOnTheRequest) {
+  const ClosedPort closed;
+  grantHost("http://127.0.0.1:" + std::to_string(closed.port()) + "/");
+  const auto request = streamingRequest();
+  agent().addRequestToQueue(request);
+  ASSERT_TRUE(application.log().waitFor(kKept));
+  // The next addition is saved behind the failed attempt, under the same lock.
+  agent().addRequestToQueue(streamingRequest());
+  ASSERT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
+  EXPECT_EQ(request->numberOfFails(), 1U);
+  EXPECT_EQ(request->status(), RequestStatusFailed);
+  EXPECT_EQ(request->lastFail(), application.clock().now());
+  EXPECT_EQ(accounts(), (Counts{2, 0, 0, 0, 0, 0, 0, 0, 2}));
+  EXPECT_FALSE(agent().statistics().lastFailure.isEmpty());
+}
+
+TEST_F(Road, TheFallbackNeverBecomesAHostName) {
+  server.answerAuthorizations([](const std::string&) { return answer(200, "nothing of use"); });
+  Application::tagger("localhost")->sendHit();
+  ASSERT_TRUE(application.log().waitFor(kKept));
+  application.clock().advance(60);
+  Application::enterForeground();
+  ASSERT_TRUE(application.log().waitFor(kKept, 2));
+  // Without a new exchange, and everything behind it waits.
+  Application::tagger("ABC")->sendHit();
+  ASSERT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
+  EXPECT_EQ(server.server().requests().size(), 1U);
+  EXPECT_EQ(accounts(), (Counts{2, 0, 0, 0, 0, 0, 0, 0, 2}));
+  EXPECT_TRUE(agent().statistics().lastFailure.view().starts_with("localhost: "));
+}
+
+TEST_F(Road, AMarkerClearsTheCacheWithoutTraffic) {
+  const auto tagger = Application::tagger("ABC");
+  tagger->sendHit();
+  ASSERT_TRUE(waitForRemovals(1));
+  agent().addRequestToQueue(std::make_shared<orbiqClearCache>());
+  ASSERT_TRUE(waitForRemovals(2));
+  EXPECT_EQ(server.server().requests().size(), 2U);
+  tagger->sendHit();
+  ASSERT_TRUE(waitForRemovals(3));
+  EXPECT_EQ(server.requestLines("/auth/").size(), 2U);
+  EXPECT_EQ(accounts(), (Counts{2, 2, 0, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(Road, AHitWithoutIdentityIsRefused) {
+  orbiqAudienceTagger().sendHit();
+  ASSERT_TRUE(waitForRemovals(1));
+  Application::tagger(nullptr)->sendHit();
+  ASSERT_TRUE(waitForRemovals(2));
+  EXPECT_EQ(accounts(), (Counts{2, 0, 2, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(application.log().count("Can't send hit anymore with this serial : (null)"), 2U);
+  EXPECT_TRUE(server.server().requests().empty());
+}
+
+TEST_F(Road, OneRequestQueuedTwiceLeavesTheQueueAtOnce) {
+  server.answerHits([](const std::string&) { return ""; });
+  agent().addRequestToQueue(streamingRequest());
+  ASSERT_TRUE(application.log().waitFor(kKept));
+  const auto request = streamingRequest();
+  agent().addRequestToQueue(request);
+  agent().addRequestToQueue(request);
+  ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
+  server.answerHits([](const std::string&) { return answer(200); });
+  application.clock().advance(60);
+  Application::enterForeground();
+  ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+  EXPECT_EQ(accounts(), (Counts{3, 3, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(application.log().count("Removing request from queue"), 2U);
+}
+
+/// Requests in a serial mode have the serial as their whole URL.
+class Stop : public Road {
+ protected:
+  std::shared_ptr<orbiqRequest> sendStream(const std::string& serial) {
+    auto request = streamingRequest(SendingModeSerialWithStop, serial);
+    request->setShouldRenewSessionAfter(true);
+    request->setAuth(auth(serial, AccessModeFull));
+    orbiqAuthManager::manager().setAuthToCache_forKey(auth(serial, AccessModeFull),
+                                                      request->taggerID());
+    request->setCreationDate(application.clock().now());
+    application.clock().advance(5);
+    agent().addRequestToQueue(request);
+    return request;
+  }
+  static std::shared_ptr<orbiqAuth> auth(const String& serial, AccessMode mode) {
+    return std::make_shared<orbiqAuth>(
+        nullptr,
+        orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(serial, mode, "unused"),
+        false);
+  }
+  /// Everything that the loop does with a request is done when a marker behind it has gone.
+  [[nodiscard]] bool waitUntilHandled() {
+    agent().addRequestToQueue(std::make_shared<orbiqClearCache>());
+    return waitForRemovals(2);
+  }
+};
+
+TEST_F(Stop, FollowsItsStreamAtOnce) {
+  const std::string serial = server.hitServer() + "stream";
+  const auto request = sendStream(serial);
+  ASSERT_TRUE(waitUntilHandled());
+  EXPECT_EQ(server.requestLines("/hit/"),
+            (Lines{"GET /hit/stream HTTP/1.1", "GET /hit/stream HTTP/1.1"}));
+  EXPECT_EQ(*request->parameters(), (Parameters{{"cmsPS", "12"}, {"cmsRK", "8"}}));
+  EXPECT_EQ(request->creationDate(), application.clock().now());
+  EXPECT_EQ(accounts(), (Counts{1, 1, 0, 0, 0, 0, 0, 0, 0}));
+  // At the addition, before the stream and before the stop.
+  EXPECT_EQ(application.log().count("(INFO) : ShouldRenewSession"), 3U);
+  EXPECT_EQ(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()), nullptr);
+}
+
+TEST_F(Stop, FollowsAnotherStatusAndIsNotTriedAgain) {
+  server.answerHits([](const std::string&) { return answer(404); });
+  const auto request = sendStream(server.hitServer() + "stream");
+  ASSERT_TRUE(waitUntilHandled());
+  EXPECT_EQ(server.requestLines("/hit/").size(), 2U);
+  EXPECT_EQ(accounts(), (Counts{1, 0, 0, 1, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(Stop, FollowsAMissingUrl) {
+  const auto request = sendStream("no url");
+  ASSERT_TRUE(waitUntilHandled());
+  EXPECT_EQ(application.log().count("was not sent because of invalid parameters"), 2U);
+  EXPECT_EQ(request->parameters()->at("cmsPS"), "12");
+  EXPECT_EQ(accounts(), (Counts{1, 0, 0, 0, 1, 0, 0, 0, 0}));
+}
+
+TEST_F(Stop, FollowsARefusal) {
+  const auto request = streamingRequest(SendingModeSerialWithStop, "denied");
+  request->setShouldRenewSessionAfter(true);
+  orbiqAuthManager::manager().setAuthToCache_forKey(auth("denied", AccessModeDenied),
+                                                    request->taggerID());
+  agent().addRequestToQueue(request);
+  ASSERT_TRUE(waitUntilHandled());
+  EXPECT_EQ(application.log().count("access denied for its serial"), 2U);
+  EXPECT_EQ(accounts(), (Counts{1, 0, 1, 0, 0, 0, 0, 0, 0}));
+}
+
+TEST_F(Road, ValidityLooksAtTheCalendar) {
+  setenv("TZ", "UTC", 1);
+  tzset();
+  const double now = application.clock().now().secondsSince1970();
+  const double untilMidnight = 86400 - std::fmod(now, 86400);
+  application.clock().advance(untilMidnight - 30);  // 23:59:30
+  const auto valid = [&](double secondsAhead) {
+    const auto request = streamingRequest();
+    request->setCreationDate(application.clock().now().adding(secondsAhead));
+    return agent().isTheRequestValid(*request);
+  };
+  EXPECT_TRUE(valid(-3 * 86400));
+  EXPECT_TRUE(valid(29));
+  EXPECT_FALSE(valid(31));
+  EXPECT_FALSE(valid(86400 + 31));
+  application.clock().advance(27);  // three seconds before midnight
+  EXPECT_TRUE(valid(5));
+  EXPECT_FALSE(valid(5.5));
+  const auto undated = streamingRequest();
+  undated->setCreationDate(std::nullopt);
+  EXPECT_TRUE(agent().isTheRequestValid(*undated));
+  for (const double number : {std::nan(""), HUGE_VAL, 1e300}) {
+    EXPECT_FALSE(valid(number));
+  }
+
+  const auto ahead = streamingRequest();
+  ahead->setCreationDate(application.clock().now().adding(60));
+  agent().addRequestToQueue(ahead);
+  ASSERT_TRUE(waitForRemovals(1));
+  EXPECT_EQ(accounts(), (Counts{1, 0, 0, 0, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(application.log().count("Handling request"), 0U);
+}
+
+TEST_F(Road, TheCallerNeverWaitsForASend) {
+  Gate gate;
+  server.answerAuthorizations([&](const std::string&) {
+    gate.pass();
+    return answer(200, server.grant("full"));
+  });
+  const auto tagger = Application::tagger("ABC");
+  tagger->sendHit();
+  ASSERT_TRUE(server.server().waitForRequests(1));
+  for (int i = 0; i < 20; ++i) tagger->sendHit();  // while the exchange is held up
+  EXPECT_EQ(agent().statistics().pending, 21U);
+  gate.open();
+  ASSERT_TRUE(application.log().waitFor(kDone, 21));
+  ASSERT_TRUE(waitForRemovals(21));
+  EXPECT_EQ(accounts(), (Counts{21, 21, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_GE(agent().statistics().additionsWaitingHighWater, 20U);
+}
+
+TEST_F(Road, AnAdditionGetsInBetweenTwoSends) {
+  server.answerHits([](const std::string&) { return ""; });
+  agent().addRequestToQueue(streamingRequest(SendingModeHost, "first"));
+  ASSERT_TRUE(application.log().waitFor(kKept));
+  agent().addRequestToQueue(streamingRequest(SendingModeHost, "second"));
+  agent().addRequestToQueue(streamingRequest(SendingModeHost, "third"));
+  ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
+  Gate gate;
+  server.answerHits([&](const std::string&) {
+    gate.pass();
+    return answer(200);
+  });
+  application.clock().advance(60);
+  Application::enterForeground();
+  ASSERT_TRUE(server.server().waitForRequests(3));  // exchange, stalled hit, hit at the gate
+  agent().addRequestToQueue(streamingRequest(SendingModeHost, "added"));
+  ASSERT_TRUE(application.log().waitFor("Adding a request in queue", 4));
+  gate.open();
+  ASSERT_TRUE(waitForRemovals(4));
+  // It was in the queue before the last of them had left.
+  EXPECT_EQ(application.log().count("We have now 0 request(s) to handle"), 1U);
+}
+
+TEST_F(Road, ManyThreadsCountTogether) {
+  constexpr int kThreads = 8;
+  constexpr int kHits = 20;
+  std::vector<std::shared_ptr<orbiqAudienceTagger>> taggers(kThreads);
+  std::vector<std::thread> threads;
+  for (int number = 0; number < kThreads; ++number) {
+    threads.emplace_back([&taggers, number] {
+      const std::size_t mine = static_cast<std::size_t>(number);
+      taggers[mine] = Application::tagger("ABC" + std::to_string(number % 2));
+      for (int i = 0; i < kHits; ++i) {
+        taggers[mine]->sendHit();
+        orbiqAgent::sharedAgent().getPartialID();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(taggers[0], taggers[2]);
+  EXPECT_NE(taggers[0], taggers[1]);
+  EXPECT_EQ(agent().getPartialID(), kThreads * kHits);
+  ASSERT_TRUE(waitForRemovals(kThreads * kHits));
+  EXPECT_EQ(accounts(), (Counts{160, 160, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(server.requestLines("/hit/").size(), 160U);
+  EXPECT_EQ(server.requestLines("/auth/").size(), 2U);
+}
+
+}  // namespace
+}  // namespace orbiq::test

@@ -1,0 +1,261 @@
+// The authorization cache and the exchange with the server.
+#include <gtest/gtest.h>
+
+#include <optional>
+#include <regex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/services/platform/Ask.h"
+#include "tests/support/Application.h"
+
+namespace orbiq::test {
+namespace {
+
+using TaggerID = std::shared_ptr<orbiqTaggerID>;
+
+TaggerID tagger(const String& serial = "S1", std::intptr_t partialID = 0) {
+  return std::make_shared<orbiqTaggerID>(serial, partialID, false);
+}
+
+std::shared_ptr<orbiqAuth> authOf(AccessMode mode, const String& cmsVI = "1") {
+  return orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
+      orbiqSession::orbiqSessionWithSerial_withCmsVI("S1", cmsVI),
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("S1", mode, "B/"), false);
+}
+
+TEST(AuthAnswer, Grammar) {
+  using Fields = AuthFields;
+  const std::vector<std::pair<std::string, Fields>> cases = {
+      {"access=restricted|host=B/|cmsVI=42",
+       {{"access", "restricted"}, {"host", "B/"}, {"cmsVI", "42"}}},
+      {"access=\"full\"|ho\"st=B\"/", {{"access", "full"}, {"ho\"st", "B/"}}},
+      {"host=B/x=y", {{"host", "B/x"}}},
+      {"cmsVI=7\n", {{"cmsVI", "7\n"}}},
+      {"a=1|a=2|noise||=x|b=", {{"a", "2"}, {"", "x"}, {"b", ""}}},
+      {" a =1", {{" a ", "1"}}},
+      {"", {}},
+      {"a=\xFF", {}},
+  };
+  for (const auto& [body, fields] : cases) EXPECT_EQ(parseAuthAnswer(body), fields) << body;
+  for (const auto& [text, mode] : {std::pair<String, AccessMode>{"denied", AccessModeDenied},
+                                   {"restricted", AccessModeRestricted},
+                                   {"Denied", AccessModeFull},
+                                   {"", AccessModeFull},
+                                   {nullptr, AccessModeFull}}) {
+    EXPECT_EQ(orbiqAuthManager::accessModeFromString(text), mode);
+  }
+}
+
+TEST(AuthCache, HandsOutCopiesByIdentity) {
+  auto& manager = orbiqAuthManager::manager();
+  const auto stored = authOf(AccessModeRestricted);
+  manager.setAuthToCache_forKey(stored, tagger("S1", 1));
+  const auto first = manager.authFromCacheForTagger(tagger("S1", 1));
+  const auto second = manager.authForTagger(tagger("S1", 1));
+  ASSERT_TRUE(first && second);
+  EXPECT_NE(first, second);
+  EXPECT_EQ(first->currentAccess(), stored->currentAccess());
+  EXPECT_EQ(first->currentSession(), stored->currentSession());
+  EXPECT_EQ(manager.authFromCacheForTagger(tagger("S1", 2)), nullptr);
+
+  manager.hitSuccessfullySentForTagger(tagger("S1", 1));
+  for (const auto& auth : {first, second, manager.authFromCacheForTagger(tagger("S1", 1))}) {
+    EXPECT_FALSE(auth->currentAccess()->canSendRequestFor(RequestTypeAudience));
+  }
+  manager.setAuthToCache_forKey(stored, tagger("S1", 2));
+  manager.forgetAuthForTagger(tagger("S1", 1));
+  manager.forgetAuthForTagger(tagger("S1", 9));
+  EXPECT_EQ(manager.authFromCacheForTagger(tagger("S1", 1)), nullptr);
+  EXPECT_NE(manager.authFromCacheForTagger(tagger("S1", 2)), nullptr);
+  manager.clearCache();
+  EXPECT_EQ(manager.authFromCacheForTagger(tagger("S1", 2)), nullptr);
+}
+
+TEST(AuthCache, KeepsItsOwnKey) {
+  auto& manager = orbiqAuthManager::manager();
+  const TaggerID key = tagger();
+  manager.setAuthToCache_forKey(authOf(AccessModeFull), key);
+  key->setPartialID(8);
+  EXPECT_NE(manager.authFromCacheForTagger(tagger()), nullptr);
+  EXPECT_EQ(manager.authFromCacheForTagger(key), nullptr);
+}
+
+TEST(AuthCache, AbsentThingsAnswerNothing) {
+  AccountServer server;
+  const Application application(server.authorizationServer());
+  auto& manager = orbiqAuthManager::manager();
+  manager.setAuthToCache_forKey(authOf(AccessModeFull), nullptr);
+  EXPECT_EQ(manager.authFromCacheForTagger(nullptr), nullptr);
+  manager.forgetAuthForTagger(nullptr);
+  manager.hitSuccessfullySentForTagger(nullptr);
+
+  manager.hitSuccessfullySentForTagger(tagger());
+  const auto empty = manager.authForTagger(tagger());
+  ASSERT_NE(empty, nullptr);
+  EXPECT_EQ(empty->currentAccess(), nullptr);
+  EXPECT_EQ(empty->currentSession(), nullptr);
+  EXPECT_TRUE(server.requestLines("/auth/").empty());
+
+  // Without a serial there is nobody to ask for.
+  for (const TaggerID& nobody : {TaggerID(), tagger(nullptr)}) {
+    EXPECT_EQ(manager.authForTagger(nobody), nullptr);
+  }
+  EXPECT_EQ(application.log().count("(ERROR) : No authorization can be asked for"), 2U);
+  EXPECT_TRUE(server.requestLines("/auth/").empty());
+}
+
+TEST(AuthCache, ReadersAndWritersAtOnce) {
+  auto& manager = orbiqAuthManager::manager();
+  std::vector<std::thread> threads;
+  for (int number = 0; number < 6; ++number) {
+    threads.emplace_back([&manager, number] {
+      for (int round = 0; round < 300; ++round) {
+        const TaggerID mine = tagger("S1", number);
+        manager.setAuthToCache_forKey(authOf(AccessModeRestricted), mine);
+        // A read that follows a write on the same thread sees it.
+        ASSERT_NE(manager.authFromCacheForTagger(mine), nullptr);
+        manager.hitSuccessfullySentForTagger(mine);
+        manager.hitSuccessfullySentForTagger(tagger("S1", (number + 1) % 6));
+        // Marked, or replaced by a neighbour's mark that found nothing to mark: closed either way.
+        const auto marked = manager.authFromCacheForTagger(mine);
+        ASSERT_FALSE(ask(ask(marked, &orbiqAuth::currentAccess), &orbiqAccess::canSendRequestFor,
+                         RequestTypeAudience));
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+}
+
+/// What an exchange that the server answers with `reply` leaves in the cache.
+class AuthExchange : public testing::Test {
+ protected:
+  std::shared_ptr<orbiqAuth> exchange(const std::string& reply) {
+    server.answerAuthorizations([reply](const std::string&) { return reply; });
+    orbiqAuthManager::manager().authentificationInformationForTagger(tagger());
+    return orbiqAuthManager::manager().authFromCacheForTagger(tagger());
+  }
+
+  void expectFallback(const std::shared_ptr<orbiqAuth>& auth) {
+    ASSERT_NE(auth, nullptr);
+    EXPECT_EQ(auth->currentAccess()->accessMode(), AccessModeFull);
+    EXPECT_EQ(auth->currentAccess()->baseURL(), "");
+    EXPECT_EQ(auth->currentAccess()->host(), "S1");
+    const std::string cmsVI = auth->currentSession()->cmsVI().toStdString();
+    EXPECT_TRUE(std::regex_match(cmsVI, std::regex("0|[1-9][0-9]{0,9}"))) << cmsVI;
+  }
+
+  std::string dated(double secondsFromNow) {
+    const auto time = static_cast<std::time_t>(application.clock().now().secondsSince1970() + 0.5);
+    char text[64];
+    const std::time_t shifted = time + static_cast<std::time_t>(secondsFromNow);
+    std::tm parts{};
+    std::strftime(text, sizeof text, "Date: %a, %d %b %Y %H:%M:%S GMT\r\n",
+                  gmtime_r(&shifted, &parts));
+    return answer(200, server.grant("full"), text);
+  }
+
+  AccountServer server;
+  Application application{server.authorizationServer()};
+};
+
+TEST_F(AuthExchange, AnAcceptedAnswer) {
+  // The status is never looked at.
+  const auto auth = exchange(answer(500, server.grant("\"restricted\"")));
+  EXPECT_EQ(auth->currentAccess()->accessMode(), AccessModeRestricted);
+  EXPECT_EQ(auth->currentAccess()->host().toStdString(), server.hitServer() + "S1");
+  EXPECT_EQ(auth->currentSession()->cmsVI(), "7");
+  EXPECT_EQ(server.server().requests().front(),
+            "GET /auth/S1 HTTP/1.1\r\nHost: 127.0.0.1:" + std::to_string(server.server().port()) +
+                "\r\nUser-Agent: Player/4.2 orbiq SDK v4.2 apple iphone\r\n\r\n");
+  EXPECT_EQ(application.log().count("(INFO) : Access for serial S1 is restricted on host " +
+                                    server.hitServer()),
+            1U);
+  EXPECT_EQ(application.log().count("(INFO) : Serial S1 on host " + server.hitServer() + "S1"), 1U);
+}
+
+TEST_F(AuthExchange, UnusableAnswersEndInTheFallback) {
+  const std::string whole = answer(200, server.grant("denied"));
+  for (const std::string& body :
+       {std::string("access=denied|host=B/"), std::string("host=B/|cmsVI=7"),
+        std::string("access=denied|cmsVI=7"), std::string(), server.grant("\xC3\x28")}) {
+    expectFallback(exchange(answer(200, body)));
+  }
+  EXPECT_EQ(application.log().count("Access for serial"), 0U);
+  EXPECT_EQ(application.log().count("(INFO) : Serial S1 on host S1"), 5U);
+  EXPECT_EQ(server.requestLines("/auth/").size(), 5U);
+  // The fallback is used as it stands.
+  expectFallback(orbiqAuthManager::manager().authForTagger(tagger()));
+  EXPECT_EQ(server.requestLines("/auth/").size(), 5U);
+  orbiqAuthManager::manager().forgetAuthForTagger(tagger());
+  orbiqAuthManager::manager().authForTagger(tagger());
+  EXPECT_EQ(server.requestLines("/auth/").size(), 6U);
+}
+
+TEST_F(AuthExchange, ASerialThatMakesNoUrlIsNotAskedFor) {
+  auto& manager = orbiqAuthManager::manager();
+  const auto auth = manager.authForTagger(tagger("S 1"));
+  ASSERT_NE(auth, nullptr);
+  EXPECT_EQ(auth->currentAccess()->host(), "S 1");
+  EXPECT_TRUE(server.server().requests().empty());
+}
+
+TEST_F(AuthExchange, ACachedAccessOfTheSameModeStays) {
+  exchange(answer(200, server.grant("restricted")));
+  orbiqAuthManager::manager().hitSuccessfullySentForTagger(tagger());
+  const auto kept = exchange(answer(200, "access=restricted|host=http://other/|cmsVI=8"));
+  EXPECT_EQ(kept->currentAccess()->host().toStdString(), server.hitServer() + "S1");
+  EXPECT_FALSE(kept->currentAccess()->canSendRequestFor(RequestTypeAudience));
+  EXPECT_EQ(kept->currentSession()->cmsVI(), "8");
+  const auto replaced = exchange(answer(200, "access=|host=http://other/|cmsVI="));
+  EXPECT_EQ(replaced->currentAccess()->host(), "http://other/S1");
+  EXPECT_EQ(replaced->currentAccess()->accessMode(), AccessModeFull);
+  EXPECT_EQ(replaced->currentSession()->cmsVI(), "");
+}
+
+TEST_F(AuthExchange, TheDateHeaderSetsTheClockOffset) {
+  const auto offset = [] {
+    return orbiqAuthManager::manager().timeIntervalBetweenServerAndDevice();
+  };
+  EXPECT_EQ(offset(), 0);
+  for (const double seconds : {10.0, -10.0}) {
+    exchange(dated(seconds));
+    EXPECT_NEAR(offset(), seconds, 1);
+  }
+  exchange(answer(200, server.grant("full"), "Date: yesterday\r\n"));
+  EXPECT_EQ(offset(), 0);
+  exchange(dated(10));
+  exchange(answer(200, "not an answer"));  // headers without a date
+  EXPECT_EQ(offset(), 0);
+}
+
+TEST(AuthExchangeFaults, WithoutACompleteAnswerTheOffsetStays) {
+  const std::string dated = "HTTP/1.1 200 OK\r\nDate: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
+  ScriptedServer server(
+      {{steps::readRequest(),
+        steps::send(dated + "Content-Length: 7\r\nConnection: close\r\n\r\nnothing")},
+       {steps::readRequest(),
+        steps::send(dated + "Content-Length: 99\r\n\r\naccess=denied|host=B/|cmsVI=7")},
+       {steps::readRequest(), steps::reset()},
+       {steps::readRequest(), steps::untilPeerCloses()}});
+  const Application application(server.url("/"), [](HostDescription&, Platform& platform) {
+    platform.exchangeTimeout = std::chrono::milliseconds(50);
+  });
+  auto& manager = orbiqAuthManager::manager();
+  manager.authentificationInformationForTagger(tagger());
+  const double offset = manager.timeIntervalBetweenServerAndDevice();
+  EXPECT_LT(offset, -900'000'000);
+  for (const char* fault : {"cut", "reset", "stalled", "closed"}) {
+    manager.forgetAuthForTagger(tagger());
+    manager.authentificationInformationForTagger(tagger());
+    EXPECT_EQ(manager.authFromCacheForTagger(tagger())->currentAccess()->host(), "S1") << fault;
+    EXPECT_EQ(manager.timeIntervalBetweenServerAndDevice(), offset) << fault;
+  }
+}
+
+}  // namespace
+}  // namespace orbiq::test

@@ -1,0 +1,91 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <algorithm>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orbiq/services/platform/SerialQueue.h"
+#include "orbiq/services/platform/Thread.h"
+
+namespace orbiq {
+namespace {
+
+TEST(SerialQueueTest, RunsEveryTaskInOrderAndOneAtATime) {
+  constexpr std::size_t kTasks = 500;
+  SerialQueue queue("order");
+  // Shared by the tasks without a lock: two at a time would be a race.
+  std::vector<std::vector<std::size_t>> seen(4);
+  std::vector<std::thread> producers;
+  for (auto& own : seen) {
+    producers.emplace_back([&] {
+      for (std::size_t i = 0; i < kTasks; ++i) queue.async([&, i] { own.push_back(i); });
+      // A sync returns only when its task, and so all before it, has run.
+      queue.sync([&] { own.push_back(kTasks); });
+      EXPECT_EQ(own.size(), kTasks + 1);
+    });
+  }
+  for (std::thread& producer : producers) producer.join();
+  for (const auto& own : seen) EXPECT_TRUE(std::is_sorted(own.begin(), own.end()));
+}
+
+/// Tells when the thread that holds it ends.
+struct ThreadEnd {
+  std::promise<void>* ended = nullptr;
+  ~ThreadEnd() {
+    if (ended != nullptr) ended->set_value();
+  }
+};
+
+TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
+  const auto markThread = [](std::promise<void>& ended) {
+    static thread_local ThreadEnd end;
+    end.ended = &ended;
+  };
+  std::promise<void> idle;
+  std::promise<void> destroyed;
+  {
+    SerialQueue queue("com.vorlune.reachability");
+    queue.sync([&] {
+      markThread(idle);
+      char name[16];
+      pthread_getname_np(pthread_self(), name, sizeof name);
+      EXPECT_STREQ(name, "com.vorlune.rea");
+      sigset_t blocked;
+      pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+      for (const int signal : {SIGTERM, SIGINT, SIGALRM, SIGPIPE, SIGCHLD, SIGUSR1}) {
+        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+      }
+      EXPECT_TRUE(isLibraryThread());
+    });
+    sigset_t own;
+    pthread_sigmask(SIG_BLOCK, nullptr, &own);
+    EXPECT_EQ(sigismember(&own, SIGTERM), 0);
+    EXPECT_FALSE(isLibraryThread());
+    idle.get_future().wait();
+    queue.sync([&] { markThread(destroyed); });
+  }
+  destroyed.get_future().wait();
+}
+
+TEST(SerialQueueTest, TasksOutliveTheQueueAndEachOther) {
+  std::promise<int> last;
+  auto queue = std::make_unique<SerialQueue>("gone");
+  queue->sync([] { throw std::runtime_error("ends with its task"); });
+  std::promise<void> gate;
+  queue->async([&] {
+    gate.get_future().wait();
+    queue.reset();
+  });
+  queue->async([&] { last.set_value(1); });
+  gate.set_value();
+  EXPECT_EQ(last.get_future().get(), 1);
+}
+
+}  // namespace
+}  // namespace orbiq

@@ -1,0 +1,93 @@
+#include "tests/support/NetworkNamespace.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <spawn.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <fstream>
+#include <sstream>
+
+extern char** environ;
+
+namespace orbiq::test {
+namespace {
+
+bool writeFile(const std::string& path, const std::string& text) {
+  std::ofstream file(path);
+  file << text << std::flush;
+  return file.good();
+}
+
+/// The exit code of `ip`, or -1 if it cannot be run.
+int runIp(const std::string& arguments) {
+  std::istringstream text(arguments);
+  std::vector<std::string> words{"ip"};
+  for (std::string word; text >> word;) words.push_back(word);
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
+  pid_t pid = -1;
+  int status = 0;
+  // Beside the usual path, because the command stands where only root looks for commands.
+  if (posix_spawnp(&pid, "ip", nullptr, nullptr, argv.data(), environ) != 0 &&
+      posix_spawn(&pid, "/usr/sbin/ip", nullptr, nullptr, argv.data(), environ) != 0) {
+    return -1;
+  }
+  if (waitpid(pid, &status, 0) != pid || !WIFEXITED(status)) return -1;
+  return WEXITSTATUS(status);
+}
+
+bool isIPv6(const std::string& text) { return text.find(':') != std::string::npos; }
+
+}  // namespace
+
+std::unique_ptr<NetworkNamespace> NetworkNamespace::enter(std::string& refusal) {
+  const uid_t user = getuid();
+  const gid_t group = getgid();
+  if (unshare(user == 0 ? CLONE_NEWNET : CLONE_NEWUSER | CLONE_NEWNET) != 0) {
+    refusal = std::string("no network namespace of one's own: ") + std::strerror(errno);
+    return nullptr;
+  }
+  if (user != 0 && !(writeFile("/proc/self/setgroups", "deny") &&
+                     writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
+                     writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"))) {
+    refusal = "the user namespace cannot be set up";
+    return nullptr;
+  }
+  if (runIp("link set lo up") != 0) {
+    refusal = "the command ip cannot be used";
+    return nullptr;
+  }
+  return std::unique_ptr<NetworkNamespace>(new NetworkNamespace);
+}
+
+void NetworkNamespace::ip(const std::string& arguments) {
+  ASSERT_EQ(runIp(arguments), 0) << "ip " << arguments;
+}
+
+void NetworkNamespace::addVethPair(const std::string& name, const std::string& peer) {
+  ip("link add name " + name + " type veth peer name " + peer);
+}
+
+void NetworkNamespace::setUp(const std::string& link) { ip("link set dev " + link + " up"); }
+
+void NetworkNamespace::setDown(const std::string& link) { ip("link set dev " + link + " down"); }
+
+void NetworkNamespace::addAddress(const std::string& link, const std::string& address) {
+  ip("address add " + address + " dev " + link + (isIPv6(address) ? " nodad" : ""));
+}
+
+void NetworkNamespace::addDefaultRoute(const std::string& way) {
+  ip((isIPv6(way) ? "-6 route add default " : "route add default ") + way);
+}
+
+void NetworkNamespace::removeDefaultRoute(const std::string& way) {
+  ip((isIPv6(way) ? "-6 route del default " : "route del default ") + way);
+}
+
+}  // namespace orbiq::test

@@ -1,0 +1,232 @@
+"""Drives the real collector over loopback sockets. Its path is the one argument."""
+
+import contextlib
+import email.utils
+import http.client
+import json
+import os
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import unittest
+
+COLLECTOR = sys.argv.pop(1)
+
+
+class Collector:
+    def __init__(self, *flags):
+        self.process = subprocess.Popen(
+            [COLLECTOR, "--port", "0", *flags], stdout=subprocess.PIPE, text=True)
+        self.first_line = self.process.stdout.readline().strip()
+        self.lines = []  # read all along: the collector waits when nobody takes its lines
+        self.reader = threading.Thread(target=lambda: self.lines.extend(self.process.stdout))
+        self.reader.start()
+        self.port = int(self.first_line.rstrip("/").rpartition(":")[2])
+        self.host = self.first_line.partition("//")[2].rpartition(":")[0].strip("[]")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.reader.join()
+        self.process.stdout.close()
+
+    def connect(self):
+        return http.client.HTTPConnection(self.host, self.port, timeout=30)
+
+    def ask(self, method, path, body=None):
+        with contextlib.closing(self.connect()) as connection:
+            connection.request(method, path, body)
+            answer = connection.getresponse()
+            return answer.status, answer.headers, answer.read()
+
+    def hold(self, path):
+        """Sends a request and leaves it waiting for its answer."""
+        connection = socket.create_connection((self.host, self.port), timeout=30)
+        connection.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+        return connection
+
+    def behave(self, **changes):
+        status, _, text = self.ask("POST", "/api/behaviour", json.dumps(changes))
+        return status, json.loads(text)
+
+    def seen(self):
+        return json.loads(self.ask("GET", "/api/exchanges")[2])
+
+    def counts(self):
+        return self.seen()["counts"]
+
+    def stop(self, number=signal.SIGTERM):
+        self.process.send_signal(number)
+        code = self.process.wait(timeout=30)
+        self.reader.join()
+        return code, self.lines
+
+
+def fields(body):
+    return dict(field.split("=", 1) for field in body.decode().split("|"))
+
+
+class CollectorTest(unittest.TestCase):
+    def test_answers_counts_and_forgets(self):
+        with Collector() as collector:
+            own = f"http://127.0.0.1:{collector.port}/hit/"
+            self.assertEqual(collector.first_line,
+                             f"listening on http://127.0.0.1:{collector.port}/")
+            status, headers, body = collector.ask("GET", "/auth/S1")
+            self.assertEqual((status, fields(body)["access"], fields(body)["host"]),
+                             (200, "full", own))
+            skew = email.utils.parsedate_to_datetime(headers["Date"]).timestamp() - time.time()
+            self.assertLess(abs(skew), 30)
+            again = fields(collector.ask("GET", "/auth/S1")[2])
+            self.assertNotEqual(int(again["cmsVI"]), int(fields(body)["cmsVI"]))
+            connection = collector.connect()  # one kept-alive connection for all
+            for _ in range(20):
+                connection.request("GET", "/hit/S%201?x", headers={"User-Agent": "P\t\x1b[2J"})
+                self.assertEqual(connection.getresponse().read(), b"")
+                self.assertIsNotNone(connection.sock)
+            connection.close()
+
+            seen = collector.seen()
+            self.assertEqual(seen["counts"], {"total": 22, "authorizations": {"S1": 2},
+                                              "hits": {"S%201?x": 20}, "hitsLost": {}})
+            last = seen["exchanges"][-1]
+            self.assertEqual((len(seen["exchanges"]), last["kind"], last["serial"], last["status"],
+                              last["userAgent"]), (22, "hit", "S%201?x", 200, "P\t\x1b[2J"))
+            self.assertEqual(collector.ask("POST", "/api/reset")[0], 200)
+            self.assertEqual(collector.counts()["total"], 0)
+            for method, path in (("GET", "/"), ("POST", "/hit/S1"), ("GET", "/authS1")):
+                self.assertEqual(collector.ask(method, path)[0], 404)
+            code, lines = collector.stop()
+            self.assertEqual((code, len(lines)), (0, 22))
+            self.assertRegex(lines[-1], r'^\d{4}-\d\d-\d\dT[\d:.]+Z hit S%201\?x 200 '
+                                        r'"P\?\?\[2J"$')
+
+    def test_keeps_the_newest_exchanges_and_all_counts(self):
+        with Collector() as collector:
+            connection = collector.connect()
+            for number in range(10_003):
+                connection.request("GET", f"/hit/S{number}")
+                connection.getresponse().read()
+            connection.close()
+            seen = collector.seen()
+            serials = [exchange["serial"] for exchange in seen["exchanges"]]
+            self.assertEqual((len(serials), serials[0], serials[-1]), (10_000, "S3", "S10002"))
+            self.assertEqual(seen["counts"]["total"], 10_003)
+            self.assertEqual(seen["counts"]["hits"]["(others)"], 3)
+
+    def test_behaviour_changes_the_answers(self):
+        with Collector("--access", "denied", "--host", "http://h/", "--date-skew-seconds", "-3600",
+                       "--auth-status", "500", "--hit-status", "404") as collector:
+            status, headers, body = collector.ask("GET", "/auth/S")
+            self.assertEqual((status, fields(body)["access"], fields(body)["host"]),
+                             (500, "denied", "http://h/"))
+            skew = email.utils.parsedate_to_datetime(headers["Date"]).timestamp() - time.time()
+            self.assertLess(abs(skew + 3600), 30)
+            self.assertEqual(collector.ask("GET", "/hit/S")[0], 404)
+            self.assertEqual(collector.counts()["hitsLost"], {"S": 1})
+
+            status, now = collector.behave(access="é\"", host=None, authStatus=200)
+            self.assertEqual((status, now["access"], now["host"], now["hitStatus"]),
+                             (200, "é\"", None, 404))
+            answer = fields(collector.ask("GET", "/auth/S")[2])
+            self.assertEqual((answer["access"], answer["host"]),
+                             ("é\"", f"http://127.0.0.1:{collector.port}/hit/"))
+            self.assertEqual(collector.behave(delayMs=300)[0], 200)
+            started = time.monotonic()
+            collector.ask("GET", "/hit/S")
+            self.assertGreaterEqual(time.monotonic() - started, 0.3)
+
+    def test_malformed_answers(self):
+        with Collector() as collector:
+            def malformed(kind):
+                self.assertEqual(collector.behave(malformed=kind)[0], 200)
+                return collector.ask("GET", "/auth/S")
+
+            self.assertEqual(set(fields(malformed("missing-field")[2])), {"access", "host"})
+            self.assertNotIn("Date", malformed("no-date")[1])
+            self.assertIsNone(email.utils.parsedate(malformed("bad-date")[1]["Date"]))
+            self.assertRaises(UnicodeDecodeError, malformed("not-utf8")[2].decode)
+            self.assertEqual(malformed("empty")[2], b"")
+            with self.assertRaises(http.client.IncompleteRead) as cut:
+                malformed("cut")
+            self.assertEqual(fields(cut.exception.partial)["access"], "full")
+            self.assertIn("cmsVI", fields(malformed("none")[2]))
+
+    def test_stalls_until_released_and_forgets_clients_that_leave(self):
+        with Collector() as collector:
+            collector.behave(stall="hit")
+            self.assertEqual(collector.ask("GET", "/auth/S")[0], 200)
+            for _ in range(100):  # more than the server has threads
+                collector.hold("/hit/gone").close()
+            held = collector.hold("/hit/S")
+            while collector.counts()["hitsLost"].get("gone") != 100:
+                pass
+            self.assertEqual(collector.counts()["hits"], {})
+            collector.behave(stall="auth")
+            self.assertTrue(held.recv(100).startswith(b"HTTP/1.1 200"))
+            held.close()
+            self.assertEqual(collector.counts()["hits"], {"S": 1})
+
+    def test_ends_promptly_on_a_signal(self):
+        for number in (signal.SIGINT, signal.SIGTERM):
+            with Collector("--stall", "both", "--delay-ms", "600000") as collector:
+                idle = collector.connect()
+                idle.request("GET", "/api/behaviour")
+                idle.getresponse().read()
+                held = [collector.hold("/auth/S"), collector.hold("/hit/S")]
+                while collector.seen()["held"] != 2:
+                    pass
+                code, lines = collector.stop(number)
+                self.assertEqual(code, 0)
+                self.assertEqual(sorted(line.split()[1:4] for line in lines),
+                                 [["auth", "S", "unanswered"], ["hit", "S", "unanswered"]])
+                for connection in held:
+                    self.assertEqual(connection.recv(1), b"")
+                    connection.close()
+                idle.close()
+
+    def test_refuses_what_it_does_not_know_and_changes_nothing(self):
+        with Collector("--access", "restricted") as collector:
+            before = json.loads(collector.ask("GET", "/api/behaviour")[2])
+            for changes, named in (
+                    ({"access": "x", "colour": 1}, "colour"), ({"access": 1}, "access"),
+                    ({"host": 1}, "host"), ({"authStatus": 99}, "authStatus"),
+                    ({"hitStatus": 200.5}, "hitStatus"), ({"hitStatus": 2**64}, "hitStatus"),
+                    ({"delayMs": -1}, "delayMs"), ({"stall": "all"}, "none auth hit both"),
+                    ({"dateSkewSeconds": "1"}, "dateSkewSeconds"),
+                    ({"malformed": None}, "not-utf8")):
+                status, answer = collector.behave(**changes)
+                self.assertEqual(status, 400, changes)
+                self.assertIn(named, answer["error"])
+            for body in ("[]", "{", "", "[" * 60_000):
+                self.assertEqual(collector.ask("POST", "/api/behaviour", body)[0], 400, body[:9])
+            self.assertEqual(collector.ask("POST", "/api/behaviour", " " * 100_000)[0], 413)
+            self.assertEqual(json.loads(collector.ask("GET", "/api/behaviour")[2]), before)
+
+    def test_command_line(self):
+        with tempfile.TemporaryDirectory() as directory, \
+                Collector("--address", "::1", "--port-file", directory + "/port") as collector:
+            status, _, body = collector.ask("GET", "/auth/S")
+            self.assertEqual(fields(body)["host"], f"http://[::1]:{collector.port}/hit/")
+            with open(directory + "/port", encoding="ascii") as file:
+                self.assertEqual(int(file.read()), collector.port)
+            for flags, text in (
+                    (["--port", str(collector.port), "--address", "::1"], "cannot listen"),
+                    (["--address", "0.0.0.0"], "0.0.0.0"), (["--port", "65536"], "65536"),
+                    (["--stall", "all"], "stall must be one of"),
+                    (["--access", os.fsdecode(b"\xff")], "access must be a text in UTF-8"),
+                    (["--port", "0", "--port-file", directory + "/no/port"], "cannot write")):
+                ended = subprocess.run([COLLECTOR, *flags], capture_output=True, timeout=30)
+                self.assertNotEqual(ended.returncode, 0, flags)
+                self.assertIn(text, ended.stderr.decode(errors="replace"))
+
+
+if __name__ == "__main__":
+    unittest.main()

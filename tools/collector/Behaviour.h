@@ -1,0 +1,54 @@
+#pragma once
+
+#include <chrono>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <string>
+
+namespace orbiq::collector {
+
+/// The two kinds of exchange that the collector serves.
+enum class Kind { Auth, Hit };
+
+const char* nameOf(Kind kind);
+
+/// Which exchanges are taken and not answered.
+enum class Stall { None, Auth, Hit, Both };
+
+/// What is wrong with the answer to an authorization.
+enum class Malformed {
+  None,
+  MissingField,  ///< no session identifier
+  NoDate,        ///< no Date header
+  BadDate,       ///< a Date header that is no date
+  NotUtf8,       ///< a body that is not UTF-8
+  Empty,         ///< an empty body
+  Cut,           ///< a Content-Length longer than the body, then the end of the connection
+};
+
+/// How the collector answers. The defaults are those of a server in good health.
+struct Behaviour {
+  /// The text of the field "access".
+  std::string access = "full";
+  /// The text of the field "host"; without one, the collector's own hit server.
+  std::optional<std::string> host;
+  int authStatus = 200;
+  int hitStatus = 200;
+  /// Between the arrival of a request and its answer.
+  std::chrono::milliseconds delay{0};
+  Stall stall = Stall::None;
+  /// Added to the Date header of an authorization.
+  std::chrono::seconds dateSkew{0};
+  Malformed malformed = Malformed::None;
+
+  bool stalls(Kind kind) const;
+};
+
+nlohmann::json toJson(const Behaviour& behaviour);
+
+/// The behaviour with the members of an object of changes applied; what it does not name stays.
+/// Throws `std::invalid_argument`, whose text names the key and what it takes, for anything that is
+/// unknown or out of range.
+Behaviour changed(Behaviour behaviour, const nlohmann::json& changes);
+
+}  // namespace orbiq::collector

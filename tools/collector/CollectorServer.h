@@ -1,0 +1,47 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <ostream>
+#include <string>
+
+#include "tools/collector/Behaviour.h"
+#include "tools/collector/ExchangeLog.h"
+#include "tools/collector/Gate.h"
+#include "tools/collector/HttpServerFactory.h"
+
+namespace orbiq::collector {
+
+/// Authorization server (`/auth/<serial>`), hit server (`/hit/<serial>`) and the interface to look
+/// at and steer both (`/api/...`), on one port.
+class CollectorServer {
+ public:
+  /// Listens at once; throws as `makeHttpServer` does. One line per exchange goes to `lines`.
+  CollectorServer(const std::string& address, int port, Behaviour behaviour, std::ostream& lines);
+
+  int port() const { return _http.port; }
+  /// Without a path: "http://127.0.0.1:8080".
+  const std::string& baseUrl() const { return _baseUrl; }
+
+  /// Serves until `stop`; false if the server ended for another reason.
+  bool run();
+  /// From any thread, once. Held requests end without an answer.
+  void stop();
+
+ private:
+  void addApi();
+  httplib::Server::HandlerResponse serve(const httplib::Request& request,
+                                         httplib::Response& response);
+  int exchange(Kind kind, const httplib::Request& request, httplib::Response& response);
+  void authorize(const Behaviour& behaviour, httplib::Response& response);
+
+  ExchangeLog _log;
+  Gate _gate;
+  BoundHttpServer _http;
+  std::string _baseUrl;
+  std::atomic<std::uint64_t> _session = 0;
+  std::atomic<bool> _stopped = false;
+  std::atomic<bool> _ended = false;
+};
+
+}  // namespace orbiq::collector

@@ -1,0 +1,54 @@
+#include "tools/collector/Gate.h"
+
+#include <algorithm>
+#include <chrono>
+
+namespace orbiq::collector {
+namespace {
+
+using SteadyClock = std::chrono::steady_clock;
+
+/// How often a held request is asked whether its client is still there.
+constexpr std::chrono::milliseconds kLook{100};
+
+}  // namespace
+
+Behaviour Gate::behaviour() const {
+  const Lock lock(_condition);
+  return _behaviour;
+}
+
+Behaviour Gate::change(const nlohmann::json& changes) {
+  const Lock lock(_condition);
+  _behaviour = changed(_behaviour, changes);
+  _condition.broadcast();
+  return _behaviour;
+}
+
+void Gate::close() {
+  const Lock lock(_condition);
+  _closed = true;
+  _condition.broadcast();
+}
+
+std::optional<Behaviour> Gate::pass(Kind kind, const std::function<bool()>& clientHasGone) {
+  const Lock lock(_condition);
+  const SteadyClock::time_point due = SteadyClock::now() + _behaviour.delay;
+  for (;;) {
+    if (_closed) return std::nullopt;
+    const SteadyClock::duration left = due - SteadyClock::now();
+    const bool stalls = _behaviour.stalls(kind);
+    if (!stalls && left <= SteadyClock::duration::zero()) return _behaviour;
+    if (clientHasGone()) return std::nullopt;
+    ++_held;
+    _condition.waitFor(stalls ? kLook : std::min<SteadyClock::duration>(kLook, left));
+    --_held;
+  }
+}
+
+int Gate::held() const {
+  const Lock lock(_condition);
+  return _held;
+}
+
+}  // namespace orbiq::collector

@@ -1,0 +1,39 @@
+#pragma once
+
+#include <functional>
+#include <nlohmann/json.hpp>
+#include <optional>
+#include <utility>
+
+#include "orbiq/services/platform/Mutex.h"
+#include "tools/collector/Behaviour.h"
+
+namespace orbiq::collector {
+
+/// Holds the behaviour in force, and with it the requests that it delays or stalls. Thread-safe.
+class Gate {
+ public:
+  explicit Gate(Behaviour behaviour) : _behaviour(std::move(behaviour)) {}
+
+  Behaviour behaviour() const;
+  /// Applies changes and releases what they no longer stall. Throws as `changed` does, and then
+  /// nothing has changed.
+  Behaviour change(const nlohmann::json& changes);
+  /// Lets every held request go unanswered, now and from now on.
+  void close();
+
+  /// Waits as long as the behaviour holds a request of this kind, and now and then asks after its
+  /// client. The behaviour to answer it with, or none if it must go unanswered: the gate was
+  /// closed, or its client has gone.
+  std::optional<Behaviour> pass(Kind kind, const std::function<bool()>& clientHasGone);
+  /// How many requests wait in `pass`.
+  int held() const;
+
+ private:
+  mutable Condition _condition;
+  Behaviour _behaviour ORBIQ_GUARDED_BY(_condition);
+  bool _closed ORBIQ_GUARDED_BY(_condition) = false;
+  int _held ORBIQ_GUARDED_BY(_condition) = 0;
+};
+
+}  // namespace orbiq::collector

@@ -1,0 +1,180 @@
+#!/usr/bin/env python3
+"""Runs the examples against the collector and compares what both say.
+
+Usage: demo.py BUILD_DIRECTORY. Exits 0 only if every hit arrived, each once.
+"""
+
+import json
+import os
+import pathlib
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import urllib.request
+
+PATIENCE = 60  # seconds for one step
+COLOURED = sys.stdout.isatty() and not os.environ.get("NO_COLOR")
+
+
+class Failure(Exception):
+    pass
+
+
+def say(text):
+    print(f"\033[1m{text}\033[0m" if COLOURED else text, flush=True)
+
+
+def wait_until(what, done):
+    end = time.monotonic() + PATIENCE
+    while not done():
+        if time.monotonic() > end:
+            raise Failure(f"waited in vain for {what}")
+        time.sleep(0.05)
+
+
+class Program:
+    """A child process whose output is shown under its name."""
+
+    def __init__(self, name, command, environment=None):
+        self.name = name
+        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+                                        stderr=subprocess.STDOUT, text=True, errors="replace",
+                                        env=environment)
+        self.reader = threading.Thread(target=self._show, daemon=True)
+        self.reader.start()
+
+    def _show(self):
+        for line in self.process.stdout:
+            print(f"  {self.name:9} | {line.rstrip()}", flush=True)
+
+    def wait(self):
+        try:
+            code = self.process.wait(PATIENCE)
+        except subprocess.TimeoutExpired:
+            self.kill()
+            raise Failure(f"{self.name} did not end") from None
+        self.reader.join()
+        return code
+
+    def kill(self):
+        self.process.kill()
+        self.process.wait()
+        self.reader.join()
+
+
+class Demo:
+    def __init__(self, build, scratch):
+        self.examples = build / "examples"
+        self.state = scratch / "state"
+        self.state.mkdir()
+        self.programs = []
+        port_file = scratch / "port"
+        self.collector = self.start("collector", [
+            build / "tools" / "orbiq-collector", "--port", "0", "--port-file", port_file])
+        wait_until("the collector's port", lambda: port_file.exists() or self.ended(self.collector))
+        if self.ended(self.collector):
+            raise Failure("the collector did not start")
+        self.url = f"http://127.0.0.1:{port_file.read_text().strip()}"
+        self.environment = {name: value for name, value in os.environ.items()
+                            if not name.lower().endswith("_proxy")}
+        self.environment.update(ORBIQ_AUTHORIZATION_SERVER=self.url + "/auth/",
+                                ORBIQ_LIBRARY_DIRECTORY=str(self.state))
+
+    def start(self, name, command, environment=None):
+        self.programs.append(Program(name, command, environment))
+        return self.programs[-1]
+
+    @staticmethod
+    def ended(program):
+        return program.process.poll() is not None
+
+    def example(self, name, *arguments):
+        return self.start(name, [self.examples / f"orbiq-{name}", *arguments], self.environment)
+
+    def run(self, name, *arguments):
+        code = self.example(name, *arguments).wait()
+        if code != 0:
+            raise Failure(f"{' '.join((name, *arguments))} ended with {code}")
+
+    def ask(self, path, body=None):
+        """Not through a proxy that the environment may name."""
+        direct = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+        data = None if body is None else json.dumps(body).encode()
+        with direct.open(urllib.request.Request(self.url + path, data), timeout=PATIENCE) as answer:
+            return json.load(answer)
+
+    def expect(self, **expected):
+        counts = self.ask("/api/exchanges")["counts"]
+        for name, value in expected.items():
+            if counts[name] != value:
+                raise Failure(f"the collector counts {name} {counts[name]}, expected {value}")
+            print(f"  collector counts {name}: {value}", flush=True)
+
+    def audience(self):
+        say("1. One hit, ten lines of code")
+        self.run("first-hit")
+        self.expect(authorizations={"ABC": 1}, hits={"ABC": 1}, hitsLost={})
+
+        say("2. Five hits for each of two accounts, step by step")
+        self.ask("/api/reset", {})
+        self.run("demo", "hits")
+        self.expect(authorizations={"DEMO-1": 1, "DEMO-2": 1}, hits={"DEMO-1": 5, "DEMO-2": 5},
+                    hitsLost={})
+
+    def survival(self):
+        say("3. A streaming request that the server takes and does not answer")
+        self.ask("/api/reset", {})
+        self.ask("/api/behaviour", {"stall": "hit"})
+        application = self.example("demo", "stream")
+        wait_until("the request to reach the collector",
+                   lambda: self.ask("/api/exchanges")["held"] == 1 or self.ended(application))
+        if self.ended(application):
+            raise Failure("the application ended by itself")
+        saved = list(self.state.rglob("requests.ser"))
+        if len(saved) != 1:
+            raise Failure(f"expected one requests file, found {saved}")
+        print(f"  requests file: {saved[0].stat().st_size} bytes", flush=True)
+
+        say("4. The application is killed")
+        application.kill()
+        wait_until("the collector to see it gone", lambda: self.ask("/api/exchanges")["held"] == 0)
+        self.expect(hits={}, hitsLost={"DEMO-STREAM": 1})
+
+        say("5. It starts again, and the server answers: the saved request is sent")
+        self.ask("/api/behaviour", {"stall": "none"})
+        self.run("demo", "resume")
+        self.expect(hits={"DEMO-STREAM": 1})
+
+    def finish(self):
+        self.collector.process.terminate()
+        if self.collector.wait() != 0:
+            raise Failure("the collector did not end well")
+
+    def clean_up(self):
+        for program in self.programs:
+            if not self.ended(program):
+                program.kill()
+
+
+def main():
+    demo = None
+    with tempfile.TemporaryDirectory(prefix="orbiq-demo-") as scratch:
+        try:
+            demo = Demo(pathlib.Path(sys.argv[1]), pathlib.Path(scratch))
+            demo.audience()
+            demo.survival()
+            demo.finish()
+        except (Failure, OSError) as failure:
+            print(f"demo: {failure}", file=sys.stderr)
+            return 1
+        finally:
+            if demo:
+                demo.clean_up()
+    say("Every hit arrived: 1 + 10 audience hits and 1 streaming request that outlived a kill.")
+    return 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
