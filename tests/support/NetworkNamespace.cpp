@@ -12,8 +12,6 @@
 #include <fstream>
 #include <sstream>
 
-extern char** environ;
-
 namespace orbiq::test {
 namespace {
 
@@ -29,6 +27,7 @@ int runIp(const std::string& arguments) {
   std::vector<std::string> words{"ip"};
   for (std::string word; text >> word;) words.push_back(word);
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
   pid_t pid = -1;

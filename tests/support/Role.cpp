@@ -10,8 +10,6 @@
 #include <map>
 #include <stdexcept>
 
-extern char** environ;
-
 namespace orbiq::test {
 namespace {
 
@@ -37,6 +35,7 @@ RoleProcess::RoleProcess(const std::string& role, const std::vector<std::string>
   std::vector<std::string> words{"/proc/self/exe", "--role", role};
   words.insert(words.end(), arguments.begin(), arguments.end());
   std::vector<char*> argv;
+  argv.reserve(words.size() + 1);
   for (std::string& word : words) argv.push_back(word.data());
   argv.push_back(nullptr);
 

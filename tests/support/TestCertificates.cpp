@@ -19,7 +19,7 @@ void require(bool done) {
 TlsIdentity certify(const std::string& name, const TlsIdentity* issuer, int kind,
                     const std::string& value) {
   static std::atomic<long> serial{1};
-  const TlsIdentity made{{EVP_EC_gen("P-256"), EVP_PKEY_free}, {X509_new(), X509_free}};
+  TlsIdentity made{{EVP_EC_gen("P-256"), EVP_PKEY_free}, {X509_new(), X509_free}};
   if (issuer == nullptr) issuer = &made;
   X509* const raw = made.certificate.get();
   X509_set_version(raw, 2);

@@ -7,9 +7,9 @@ import tempfile
 import unittest
 
 SCRIPT = pathlib.Path(sys.argv.pop(1)) / "tools" / "lint" / "floors.py"
-SPEC = importlib.util.spec_from_file_location("floors", SCRIPT)
-floors = importlib.util.module_from_spec(SPEC)
-SPEC.loader.exec_module(floors)
+LOADER = importlib.util.spec_from_file_location("floors", SCRIPT)
+floors = importlib.util.module_from_spec(LOADER)
+LOADER.loader.exec_module(floors)
 
 AGENT = "orbiq/private/orbiqAgent/"
 TAGGER = "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"

@@ -86,10 +86,15 @@ std::optional<Queue> unarchive(std::string_view bytes) {
   return KeyedUnarchiver::unarchiveArray(bytes, accepted);
 }
 
-std::string archive(const Queue& queue, KeyedArchiver&& archiver = KeyedArchiver()) {
+std::string archive(const Queue& queue, KeyedArchiver& archiver) {
   archiver.beginRootArray();
   for (const auto& element : queue) archiver.addElement(*element);
   return std::string(archiver.finish());
+}
+
+std::string archive(const Queue& queue) {
+  KeyedArchiver archiver;
+  return archive(queue, archiver);
 }
 
 std::shared_ptr<Item> itemNamed(const String& name) {
@@ -105,9 +110,13 @@ Queue sampleQueue() {
   first->count = std::numeric_limits<std::uint64_t>::max();
   first->flag = true;
   first->date = Date{-1.5};
-  first->parameters = std::make_shared<Parameters>(Parameters{
-      {"", ""}, {"a", first->name}, {"b", "caf\xC3\xA9 \xF0\x9F\x98\x80 \xFF"}, {"c", {}}});
-  first->link = itemNamed("a text of more than fifteen characters");
+  first->parameters =
+      std::make_shared<Parameters>(Parameters{{"", ""},
+                                              {"a", first->name},
+                                              {"b", "caf\xC3\xA9 \xF0\x9F\x98\x80 \xFF"},
+                                              {"c", {}},
+                                              {"d", "a text of more than fifteen characters"}});
+  first->link = itemNamed({});
   const auto second = itemNamed(first->name);
   second->number = -2;
   second->count = std::uint64_t{1} << 32;
@@ -165,10 +174,10 @@ TEST(KeyedArchive, IsReadByAnotherReaderAndComesBackWithItsSharing) {
             "number=-9223372036854775808 count=18446744073709551615 flag=True "
             "date=8(NSDate<NSDate,NSObject NS.time=-1.5) "
             "parameters=9(NSMutableDictionary<NSMutableDictionary,NSDictionary,NSObject "
-            "NS.keys=14:'',16:'a',17:'b' "
-            "NS.objects=15:'',6:'shared',18:'caf\\xe9 \\U0001f600 \\ufffd') "
-            "link=10(Item<Item,Base,NSObject name=20:'a text of more than fifteen characters' "
-            "number=0 count=0 flag=False date=0:'$null' parameters=0:'$null' link=0:'$null')),"
+            "NS.keys=14:'',16:'a',17:'b',19:'d' NS.objects=15:'',6:'shared',"
+            "18:'caf\\xe9 \\U0001f600 \\ufffd',20:'a text of more than fifteen characters') "
+            "link=10(Item<Item,Base,NSObject name=0:'$null' number=0 count=0 flag=False "
+            "date=0:'$null' parameters=0:'$null' link=0:'$null')),"
             "3(Item<Item,Base,NSObject name=6:'shared' number=-2 count=4294967296 flag=False "
             "date=12(NSDate<NSDate,NSObject NS.time=1e+300) parameters=same 9 link=same 10),"
             "same 2,4(Marker<Marker,NSObject))\n");
@@ -180,8 +189,8 @@ TEST(KeyedArchive, IsReadByAnotherReaderAndComesBackWithItsSharing) {
   ASSERT_TRUE(first && second);
   EXPECT_EQ(first->description(),
             "name=shared number=-9223372036854775808 count=18446744073709551615 flag date=-1.5 "
-            "{ = a=shared b=caf\xC3\xA9 \xF0\x9F\x98\x80 \xEF\xBF\xBD } "
-            "-> name=a text of more than fifteen characters ");
+            "{ = a=shared b=caf\xC3\xA9 \xF0\x9F\x98\x80 \xEF\xBF\xBD "
+            "d=a text of more than fifteen characters } -> ");
   EXPECT_EQ(elements->at(2), first);
   EXPECT_TRUE(first->name.isSameObjectAs(second->name));
   EXPECT_TRUE(first->name.isSameObjectAs(first->parameters->at("a")));
@@ -204,7 +213,7 @@ TEST(KeyedArchive, ArchiverIsReusableAndKeepsShortLivedValuesApart) {
   KeyedArchiver archiver;
   const Queue fleeting{std::make_shared<Fleeting>(1), std::make_shared<Fleeting>(3)};
   for (const Queue& queue : {sampleQueue(), Queue{}, fleeting}) {
-    EXPECT_EQ(archive(queue, std::move(archiver)), archive(queue));
+    EXPECT_EQ(archive(queue, archiver), archive(queue));
   }
   const auto elements = unarchive(archive(fleeting));
   ASSERT_TRUE(elements && elements->size() == 2);
@@ -227,13 +236,15 @@ std::string withNumber(std::string bytes, std::size_t at, std::size_t size, std:
 
 TEST(KeyedArchive, AnyNumberOfObjects) {
   // The second is the first to need wider references.
-  for (const std::size_t count : {16373U, 16374U}) {
+  const std::pair<std::size_t, std::size_t> cases[]{{16374, 2}, {16375, 4}};
+  for (const auto& [count, refSize] : cases) {
     Queue queue;
     for (std::size_t i = 0; i < count; ++i) queue.push_back(itemNamed(std::to_string(i)));
     const std::string bytes = archive(queue);
     // Some readers want the number of objects itself to fit.
     const std::size_t trailer = bytes.size() - 32;
-    EXPECT_LT(numberAt(bytes, trailer + 8, 8), 1ULL << 8 * numberAt(bytes, trailer + 7, 1));
+    EXPECT_EQ(numberAt(bytes, trailer + 7, 1), refSize);
+    EXPECT_LT(numberAt(bytes, trailer + 8, 8), 1ULL << 8 * refSize);
     const std::string seen = python("read_archive.py", bytes);
     const auto elements = unarchive(bytes);
     ASSERT_TRUE(elements && elements->size() == count);
@@ -357,7 +368,7 @@ TEST(KeyedArchive, DamageAndLiesAreHarmless) {
     survivors += elements ? 1 : 0;
   };
   for (std::size_t i = 0; i < bytes.size(); ++i) {
-    for (const std::uint64_t mask : {0x01, 0x08, 0x10, 0x80, 0xFF}) {
+    for (const std::uint64_t mask : {0x01U, 0x08U, 0x10U, 0x80U, 0xFFU}) {
       read(withNumber(bytes, i, 1, numberAt(bytes, i, 1) ^ mask));
     }
   }
@@ -371,12 +382,13 @@ TEST(KeyedArchive, DamageAndLiesAreHarmless) {
       read(withNumber(bytes, entry, offsetSize, place));
     }
     // Containers of all sizes, in the object's place and at the end of all objects.
-    for (const std::uint64_t container : {0x5FU, 0x6FU, 0x7FU, 0xAFU, 0xDFU}) {
-      for (const std::uint64_t size : {0x10U, 0x11U, 0x12U, 0x13U, 0x14U, 0x1FU}) {
-        for (const std::size_t at : {numberAt(bytes, entry, offsetSize), table - 2, table - 1}) {
-          const std::string damaged = withNumber(bytes, at, 2, container << 8 | size);
-          read(withNumber(damaged, entry, offsetSize, at));
-          read(withNumber(withNumber(damaged, entry, offsetSize, at), at + 2, 8, UINT64_MAX));
+    for (const std::size_t at : {numberAt(bytes, entry, offsetSize), table - 2, table - 1}) {
+      const std::string damaged = withNumber(bytes, entry, offsetSize, at);
+      for (const std::uint64_t container : {0x5FU, 0x6FU, 0x7FU, 0xAFU, 0xDFU}) {
+        for (const std::uint64_t size : {0x10U, 0x11U, 0x12U, 0x13U, 0x14U, 0x1FU}) {
+          read(withNumber(damaged, at, 2, container << 8 | size));
+          const std::string huge = withNumber(damaged, at + 2, 8, UINT64_MAX);
+          read(withNumber(huge, at, 2, container << 8 | size));
         }
       }
     }

@@ -68,6 +68,7 @@ TEST(MainLoopTest, AdoptionWaitsForTheItemInProgressAndKeepsTheOrder) {
   std::atomic<bool> ended{false};
   const auto produce = [&](std::size_t first) {
     std::vector<std::jthread> producers;
+    producers.reserve(seen.size());
     for (auto& own : seen) {
       producers.emplace_back([&, first] {
         for (std::size_t i = first; i < first + kItems; ++i) {

@@ -22,6 +22,7 @@ TEST(SerialQueueTest, RunsEveryTaskInOrderAndOneAtATime) {
   // Shared by the tasks without a lock: two at a time would be a race.
   std::vector<std::vector<std::size_t>> seen(4);
   std::vector<std::thread> producers;
+  producers.reserve(seen.size());
   for (auto& own : seen) {
     producers.emplace_back([&] {
       for (std::size_t i = 0; i < kTasks; ++i) queue.async([&, i] { own.push_back(i); });
