@@ -41,7 +41,7 @@ class Road : public testing::Test {
 
   AccountServer server;
   Application application{server.authorizationServer(), [](HostDescription&, Platform& platform) {
-                            platform.hitTimeout = std::chrono::milliseconds(50);
+                            platform.hitTimeout = std::chrono::seconds(1);
                           }};
 };
 
@@ -340,13 +340,15 @@ TEST_F(Road, AnAdditionGetsInBetweenTwoSends) {
   agent().addRequestToQueue(streamingRequest(SendingModeHost, "third"));
   ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
   Gate gate;
-  server.answerHits([&](const std::string&) {
+  server.answerAuthorizations([&](const std::string&) {
     gate.pass();
-    return answer(200);
+    return answer(200, server.grant("full"));
   });
+  server.answerHits([](const std::string&) { return answer(200); });
   application.clock().advance(60);
   Application::enterForeground();
-  ASSERT_TRUE(server.server().waitForRequests(3));  // exchange, stalled hit, hit at the gate
+  // Two exchanges and two hits of the first: the second stands at the gate.
+  ASSERT_TRUE(server.server().waitForRequests(4));
   agent().addRequestToQueue(streamingRequest(SendingModeHost, "added"));
   ASSERT_TRUE(application.log().waitFor("Adding a request in queue", 4));
   gate.open();
