@@ -4,6 +4,7 @@
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -334,26 +335,24 @@ TEST_F(Road, TheCallerNeverWaitsForASend) {
 
 TEST_F(Road, AnAdditionGetsInBetweenTwoSends) {
   server.answerHits([](const std::string&) { return ""; });
-  agent().addRequestToQueue(streamingRequest(SendingModeHost, "first"));
+  agent().addRequestToQueue(streamingRequest());
   ASSERT_TRUE(application.log().waitFor(kKept));
-  agent().addRequestToQueue(streamingRequest(SendingModeHost, "second"));
-  agent().addRequestToQueue(streamingRequest(SendingModeHost, "third"));
-  ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
-  Gate gate;
-  server.answerAuthorizations([&](const std::string&) {
-    gate.pass();
-    return answer(200, server.grant("full"));
+  constexpr std::size_t kWaiting = 10;
+  for (std::size_t i = 1; i < kWaiting; ++i) agent().addRequestToQueue(streamingRequest());
+  ASSERT_TRUE(application.log().waitFor("We have now 10 request(s) to handle"));
+  server.answerHits([this](const std::string&) {
+    // Given while the first of them is on its way.
+    static std::once_flag once;
+    std::call_once(once, [this] {
+      agent().addRequestToQueue(streamingRequest());
+      Application::enterForeground();
+    });
+    return answer(200);
   });
-  server.answerHits([](const std::string&) { return answer(200); });
   application.clock().advance(60);
   Application::enterForeground();
-  // Two exchanges and two hits of the first: the second stands at the gate.
-  ASSERT_TRUE(server.server().waitForRequests(4));
-  agent().addRequestToQueue(streamingRequest(SendingModeHost, "added"));
-  ASSERT_TRUE(application.log().waitFor("Adding a request in queue", 4));
-  gate.open();
-  ASSERT_TRUE(waitForRemovals(4));
-  // It was in the queue before the last of them had left.
+  ASSERT_TRUE(waitForRemovals(kWaiting + 1));
+  // It was in the queue before the last of the others had left.
   EXPECT_EQ(application.log().count("We have now 0 request(s) to handle"), 1U);
 }
 
