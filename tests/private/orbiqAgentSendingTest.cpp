@@ -340,10 +340,10 @@ TEST_F(Road, AnAdditionGetsInBetweenTwoSends) {
   constexpr std::size_t kWaiting = 10;
   for (std::size_t i = 1; i < kWaiting; ++i) agent().addRequestToQueue(streamingRequest());
   ASSERT_TRUE(application.log().waitFor("We have now 10 request(s) to handle"));
-  server.answerHits([this](const std::string&) {
+  server.answerHits([](const std::string&) {
     // Given while the first of them is on its way.
     static std::once_flag once;
-    std::call_once(once, [this] {
+    std::call_once(once, [] {
       agent().addRequestToQueue(streamingRequest());
       Application::enterForeground();
     });
