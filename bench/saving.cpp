@@ -1,4 +1,4 @@
-// What it costs to save the queue, against writing and renaming the same bytes.
+// What it costs to save the queue, against writing the same bytes and putting them in place.
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -13,6 +13,8 @@
 
 #include "bench/Measure.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/services/platform/AtomicFile.h"
+#include "orbiq/services/platform/KeyedArchiver.h"
 
 namespace orbiq::bench {
 namespace {
@@ -58,12 +60,6 @@ class Requests {
       false);
 };
 
-std::string_view encode(KeyedArchiver& archiver, const RequestQueue& queue) {
-  archiver.beginRootArray();
-  for (const auto& request : queue) archiver.addElement(*request);
-  return archiver.finish();
-}
-
 void writeAndRename(const std::string& path, std::string_view bytes) {
   const std::string temporary = path + ".tmp";
   const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
@@ -74,34 +70,51 @@ void writeAndRename(const std::string& path, std::string_view bytes) {
   }
 }
 
-/// The three ways at one depth, with what they took.
-struct Depth {
-  explicit Depth(std::size_t size) {
-    Requests requests;
-    while (queue.size() < size) queue.push_back(requests.next());
-    bytes = encode(archiver, queue);
+/// A queue that keeps its length, and what it took to save it.
+class Depth {
+ public:
+  Depth(std::size_t size, std::string path) : _path(std::move(path)) {
+    while (queue.size() < size) queue.push_back(_requests.next());
   }
 
-  void encodeOnce() {
-    encoding.push_back(microseconds([&] { encode(archiver, queue); }));
+  /// The head goes, then another request comes; the file is saved after each.
+  void saveTwice() {
+    queue.pop_front();
+    removal.push_back(microseconds([&] { _file.save(_path, queue); }));
+    queue.push_back(_requests.next());
+    addition.push_back(microseconds([&] { _file.save(_path, queue); }));
   }
-  void saveOnce(const std::string& path) {
-    saving.push_back(microseconds([&] { file.save(path, queue); }));
+  void encodeWhole() {
+    _archiver.beginRootArray();
+    encoding.push_back(microseconds([&] {
+      for (const auto& request : queue) _archiver.addElement(*request);
+      bytes = _archiver.finish().all;
+    }));
+    // The next time, there is nothing to go on with.
+    _archiver.beginRootArray();
+    _archiver.addElement(*_other);
+    _archiver.finish();
   }
-  void writeOnce(const std::string& path) {
-    writing.push_back(microseconds([&] { writeAndRename(path, bytes); }));
-  }
-  double perRequest(const std::vector<double>& times) const {
-    return median(times) / static_cast<double>(queue.size());
+  void writePlainly() {
+    renaming.push_back(microseconds([&] { writeAndRename(_path + ".renamed", bytes); }));
+    exchanging.push_back(microseconds([&] {
+      if (_plain.replace(_path + ".exchanged", bytes, 0, false) != 0) {
+        throw std::runtime_error("cannot write beside " + _path);
+      }
+    }));
   }
 
   RequestQueue queue;
-  KeyedArchiver archiver;
   std::string bytes;
-  RequestsFile file;
-  std::vector<double> encoding;
-  std::vector<double> saving;
-  std::vector<double> writing;
+  std::vector<double> removal, addition, encoding, renaming, exchanging;
+
+ private:
+  const std::string _path;
+  Requests _requests;
+  const std::shared_ptr<orbiqRequest> _other = _requests.next();
+  RequestsFile _file;
+  KeyedArchiver _archiver;
+  AtomicFile _plain;
 };
 
 std::vector<double> divided(const std::vector<double>& dividends,
@@ -114,43 +127,56 @@ std::vector<double> divided(const std::vector<double>& dividends,
 }
 
 void print(const Depth& depth) {
-  std::printf("  %5zu %8zu %10.1f %10.1f %10.1f %10.2f %12.3f %12.3f\n", depth.queue.size(),
-              depth.bytes.size(), median(depth.encoding), median(depth.saving),
-              median(depth.writing), median(divided(depth.saving, depth.writing)),
-              depth.perRequest(depth.saving), depth.perRequest(depth.encoding));
+  std::printf("  %5zu %8zu %10.1f %10.1f %10.1f %10.1f %10.1f %12.3f\n", depth.queue.size(),
+              depth.bytes.size(), median(depth.addition), median(depth.removal),
+              median(depth.encoding), median(depth.renaming), median(depth.exchanging),
+              median(depth.addition) / static_cast<double>(depth.queue.size()));
+}
+
+void printRatio(const char* what, const std::vector<double>& ratios, const Aim& aim) {
+  std::printf("  %s: %s\n", what, ratioText(ratios, aim).c_str());
 }
 
 void measure(const std::string& directory) {
   std::vector<std::unique_ptr<Depth>> depths;
   depths.reserve(kDepths.size());
-  for (const std::size_t size : kDepths) depths.push_back(std::make_unique<Depth>(size));
+  for (const std::size_t size : kDepths) {
+    depths.push_back(
+        std::make_unique<Depth>(size, directory + "/depth" + std::to_string(size) + ".ser"));
+  }
   for (std::size_t repetition = 0; repetition < kRepetitions; ++repetition) {
     for (const auto& depth : depths) {
-      const std::string path = directory + "/depth" + std::to_string(depth->queue.size());
-      depth->encodeOnce();
+      depth->encodeWhole();
       // Neither side always comes second.
-      if (repetition % 2 == 0) depth->saveOnce(path + ".ser");
-      depth->writeOnce(path + ".plain");
-      if (repetition % 2 == 1) depth->saveOnce(path + ".ser");
+      if (repetition % 2 == 0) depth->saveTwice();
+      depth->writePlainly();
+      if (repetition % 2 == 1) depth->saveTwice();
     }
   }
   std::printf("saving the queue, in us; medians of %zu repetitions\n", kRepetitions);
-  std::printf("  %5s %8s %10s %10s %10s %10s %12s %12s\n", "depth", "bytes", "encode", "save",
-              "write", "save/write", "save/request", "enc./request");
+  std::printf("  %5s %8s %10s %10s %10s %10s %10s %12s\n", "depth", "bytes", "addition", "removal",
+              "encode", "rename", "exchange", "add./request");
   for (const auto& depth : depths) print(*depth);
 
+  const Depth& one = *depths.front();
   const Depth& hundred = *depths[2];
   const Depth& full = *depths[3];
-  std::printf("  save / write and rename at depth 500: %s\n",
-              ratioText(divided(full.saving, full.writing), {Aim::Kind::kAtMost, 3}).c_str());
+  printRatio("addition at depth 500 / write and rename", divided(full.addition, full.renaming),
+             {Aim::Kind::kAtMost, 3});
+  printRatio("addition at depth 500 / write and exchange", divided(full.addition, full.exchanging),
+             {Aim::Kind::kAtMost, 1.5});
+  printRatio("addition at depth 1 / write and exchange", divided(one.addition, one.exchanging),
+             {Aim::Kind::kAtMost, 1.2});
+  printRatio("removal at depth 500 / write and exchange", divided(full.removal, full.exchanging),
+             {Aim::Kind::kAtMost, 1.5});
   // Linear: a request costs no more in a long queue than in a short one.
   const double fewer =
       static_cast<double>(hundred.queue.size()) / static_cast<double>(full.queue.size());
   const Aim linear{Aim::Kind::kBelow, 1.25};
-  std::printf("  save per request, depth 500 / depth 100: %s\n",
-              ratioText(divided(full.saving, hundred.saving, fewer), linear).c_str());
-  std::printf("  encode per request, depth 500 / depth 100: %s\n",
-              ratioText(divided(full.encoding, hundred.encoding, fewer), linear).c_str());
+  printRatio("addition per request, depth 500 / depth 100",
+             divided(full.addition, hundred.addition, fewer), linear);
+  printRatio("encode per request, depth 500 / depth 100",
+             divided(full.encoding, hundred.encoding, fewer), linear);
 }
 
 }  // namespace

@@ -5,13 +5,16 @@
 #include <cstddef>
 #include <new>
 #include <optional>
+#include <stdexcept>
 #include <system_error>
+#include <utility>
 #include <vector>
 
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/HostApplication.h"
 #include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/Paths.h"
 
 namespace orbiq {
 namespace {
@@ -38,7 +41,12 @@ RequestQueue RequestsFile::load(const std::string& path) {
 }
 
 void RequestsFile::save(const std::string& path, const RequestQueue& queue) {
-  if (!isAnothers(path)) report(path, write(path, queue));
+  if (isAnothers(path)) return;
+  int failure = write(path, queue);
+  if (failure == ENOENT && Paths::makeDirectories(path.substr(0, path.rfind('/'))) == 0) {
+    failure = write(path, queue);
+  }
+  report(path, failure);
 }
 
 int RequestsFile::write(const std::string& path, const RequestQueue& queue) try {
@@ -46,14 +54,18 @@ int RequestsFile::write(const std::string& path, const RequestQueue& queue) try 
   if (_lock.state() != FileLock::State::Held) return _lock.failure();
   _archiver.beginRootArray();
   for (const std::shared_ptr<orbiqRequest>& request : queue) _archiver.addElement(*request);
-  const std::string_view bytes = _archiver.finish();
-  if (bytes.size() > kLargestFile) return EFBIG;
+  const KeyedArchiver::Bytes bytes = _archiver.finish();
+  const std::size_t kept = std::exchange(_lastReachedFile, false) ? bytes.kept : 0;
+  if (bytes.all.size() > kLargestFile) return EFBIG;
   const bool synced = HostApplication::current().durability == Durability::PowerLoss;
-  const int failure = replaceFile(path, bytes, synced);
+  const int failure = _file.replace(path, bytes.all, kept, synced);
+  _lastReachedFile = true;
   if (failure == 0) _isUnsynced = !synced;
   return failure;
 } catch (const std::bad_alloc&) {
   return ENOMEM;
+} catch (const std::length_error&) {
+  return EFBIG;
 }
 
 void RequestsFile::sync(const std::string& path) {

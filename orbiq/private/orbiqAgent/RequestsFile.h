@@ -6,6 +6,7 @@
 
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
 #include "orbiq/services/platform/AtomicFile.h"
+#include "orbiq/services/platform/FileLock.h"
 #include "orbiq/services/platform/KeyedArchiver.h"
 
 namespace orbiq {
@@ -20,8 +21,8 @@ class RequestsFile {
  public:
   /// The queue that the file holds; empty, without a word, if there is none that can be read.
   RequestQueue load(const std::string& path);
-  /// Replaces the file by the queue. What fails is logged when the cause changes, and changes
-  /// nothing else: the next save tries again.
+  /// Replaces the file by the queue; makes its directory if that has gone. What fails is logged
+  /// when the cause changes, and changes nothing else: the next save tries again.
   void save(const std::string& path, const RequestQueue& queue);
   /// Brings the last save to the disk, if it is not there yet.
   void sync(const std::string& path);
@@ -33,6 +34,8 @@ class RequestsFile {
 
   FileLock _lock;
   KeyedArchiver _archiver;
+  AtomicFile _file;
+  bool _lastReachedFile = false;  ///< the last archive, whatever came of it there
   int _lastFailure = 0;
   bool _saidThatAnotherHasIt = false;
   bool _isUnsynced = false;

@@ -18,6 +18,17 @@ bool isMarker(const orbiqRequest& request) {
   return dynamic_cast<const orbiqClearCache*>(&request) != nullptr;
 }
 
+// Both never destroyed: the sending thread outlives the process's static objects.
+const std::string& requestsDirectory() {
+  static const auto* const path = new std::string(orbiq::Paths::libraryDirectory() + "/orbiqCache");
+  return *path;
+}
+
+const std::string& requestsPath() {
+  static const auto* const path = new std::string(requestsDirectory() + "/requests.ser");
+  return *path;
+}
+
 void logQueueLength(std::size_t length) {
   orbiqLogger::log_withMode(
       [&] { return "We have now " + std::to_string(length) + " request(s) to handle"; },
@@ -27,15 +38,11 @@ void logQueueLength(std::size_t length) {
 }  // namespace
 
 orbiq::String orbiqAgent::requestsFilePath() const {
-  const std::string& library = orbiq::Paths::libraryDirectory();
-  const std::string cache = library + "/orbiqCache";
   struct stat status {};
-  if (::lstat(cache.c_str(), &status) != 0) {
-    // What fails here shows at the save.
-    orbiq::Paths::makeDirectories(library);
-    ::mkdir(cache.c_str(), 0700);
+  if (::lstat(requestsDirectory().c_str(), &status) != 0) {
+    orbiq::Paths::makeDirectories(requestsDirectory());  // what fails here shows at the save
   }
-  return cache + "/requests.ser";
+  return requestsPath();
 }
 
 void orbiqAgent::loadRequests() {
@@ -51,7 +58,7 @@ void orbiqAgent::loadRequests() {
 
 void orbiqAgent::saveRequests() {
   orbiqLogger::log_withMode("Saving requests to cache", orbiq::LoggingModeInfo);
-  requestsFile.save(requestsFilePath().toStdString(), requestQueue);
+  requestsFile.save(requestsPath(), requestQueue);
 }
 
 void orbiqAgent::countRefusedHit() {

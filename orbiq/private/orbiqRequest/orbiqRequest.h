@@ -41,26 +41,47 @@ class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
   std::shared_ptr<orbiqTaggerID> taggerID() const { return _taggerID; }
   /// The customer account. Setting it keeps a copy.
   orbiq::String serial() const { return _serial; }
-  void setSerial(const orbiq::String& serial) { _serial = serial.copy(); }
+  void setSerial(const orbiq::String& serial) {
+    _serial = serial.copy();
+    changed();
+  }
   /// Time of the last failed send; none before one.
   std::optional<orbiq::Date> lastFail() const { return _lastFail; }
-  void setLastFail(std::optional<orbiq::Date> lastFail) { _lastFail = lastFail; }
+  void setLastFail(std::optional<orbiq::Date> lastFail) {
+    _lastFail = lastFail;
+    changed();
+  }
   /// None for a marker. A request from a later day is not sent.
   std::optional<orbiq::Date> creationDate() const { return _creationDate; }
-  void setCreationDate(std::optional<orbiq::Date> creationDate) { _creationDate = creationDate; }
+  void setCreationDate(std::optional<orbiq::Date> creationDate) {
+    _creationDate = creationDate;
+    changed();
+  }
   /// How many sends brought no response.
   std::uint64_t numberOfFails() const { return _numberOfFails; }
-  void setNumberOfFails(std::uint64_t numberOfFails) { _numberOfFails = numberOfFails; }
+  void setNumberOfFails(std::uint64_t numberOfFails) {
+    _numberOfFails = numberOfFails;
+    changed();
+  }
   /// Kept for whoever looks; nothing depends on it.
   orbiq::RequestStatus status() const { return _status; }
-  void setStatus(orbiq::RequestStatus status) { _status = status; }
+  void setStatus(orbiq::RequestStatus status) {
+    _status = status;
+    changed();
+  }
   /// The agent forgets the tagger's authorization before it sends this request and, in
   /// `SendingModeSerialWithStop`, sends a stop copy after it.
   bool shouldRenewSessionAfter() const { return _shouldRenewSessionAfter; }
-  void setShouldRenewSessionAfter(bool renew) { _shouldRenewSessionAfter = renew; }
+  void setShouldRenewSessionAfter(bool renew) {
+    _shouldRenewSessionAfter = renew;
+    changed();
+  }
   /// The authorization under which the request is sent; attached by the agent, null before.
   std::shared_ptr<orbiqAuth> auth() const { return _auth; }
-  void setAuth(std::shared_ptr<orbiqAuth> auth) { _auth = std::move(auth); }
+  void setAuth(std::shared_ptr<orbiqAuth> auth) {
+    _auth = std::move(auth);
+    changed();
+  }
 
   /// The URL that the request is sent to: the access's host, in the serial modes its serial alone,
   /// and nothing added; the parameters are not sent. No value if that text is no URL or there is no

@@ -58,6 +58,7 @@ void orbiqRequest::transformToStop() {
   set(stop, kStateKey, kStoppedState);
   set(stop, kRankKey, std::to_string(nextRank(integerValue(stop, kRankKey))));
   _parameters = std::make_shared<const orbiq::Parameters>(std::move(stop));
+  changed();
 }
 
 void orbiqRequest::setTheRank(std::int64_t rank) {
@@ -65,6 +66,7 @@ void orbiqRequest::setTheRank(std::int64_t rank) {
   orbiq::Parameters ranked = *_parameters;
   set(ranked, kRankKey, std::to_string(rank));
   _parameters = std::make_shared<const orbiq::Parameters>(std::move(ranked));
+  changed();
 }
 
 orbiq::String orbiqRequest::urlEncode(const orbiq::String& text) const {

@@ -5,80 +5,128 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
+#include <utility>
 
 namespace orbiq {
 namespace {
 
-class Descriptor {
- public:
-  explicit Descriptor(int number) : _number(number) {}
-  ~Descriptor() {
-    if (_number >= 0) ::close(_number);
-  }
-  Descriptor(const Descriptor&) = delete;
-  Descriptor& operator=(const Descriptor&) = delete;
-
-  int number() const { return _number; }
-  /// Some file systems tell of a failed write only here.
-  int close() {
-    const int result = ::close(_number);
-    _number = -1;
-    return result == 0 ? 0 : errno;
-  }
-
- private:
-  int _number;
-};
-
-int writeAll(int descriptor, std::string_view bytes) {
-  while (!bytes.empty()) {
-    const ssize_t written = ::write(descriptor, bytes.data(), bytes.size());
+int writeAll(int descriptor, std::string_view bytes, std::size_t at) {
+  while (at < bytes.size()) {
+    const ssize_t written =
+        ::pwrite(descriptor, bytes.data() + at, bytes.size() - at, static_cast<off_t>(at));
     if (written < 0 && errno == EINTR) continue;
     if (written < 0) return errno;
-    bytes.remove_prefix(static_cast<std::size_t>(written));
+    at += static_cast<std::size_t>(written);
   }
   return 0;
 }
 
-int openNew(const std::string& path) {
-  return open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-}
+std::string directoryOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
-int writeSpare(const std::string& path, std::string_view bytes, bool synced) {
-  int opened = openNew(path);
-  // A leftover, or somebody else's: in any case not to be written into.
-  if (opened < 0 && errno == EEXIST && unlink(path.c_str()) == 0) opened = openNew(path);
-  Descriptor file(opened);
-  if (file.number() < 0) return errno;
-  if (const int failed = writeAll(file.number(), bytes); failed != 0) return failed;
-  if (synced && fdatasync(file.number()) != 0) return errno;
-  return file.close();
-}
-
-int syncDirectoryOf(const std::string& path) {
-  const std::string directory = path.substr(0, path.rfind('/') + 1);
-  const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+int syncDirectory(const std::string& path) {
+  const Descriptor opened(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   return opened.number() >= 0 && fsync(opened.number()) == 0 ? 0 : errno;
 }
 
 }  // namespace
 
-int replaceFile(const std::string& path, std::string_view bytes, bool synced) {
-  const std::string spare = path + ".new";
-  int failed = writeSpare(spare, bytes, synced);
-  if (failed == 0 && std::rename(spare.c_str(), path.c_str()) != 0) failed = errno;
-  if (failed != 0) {
-    unlink(spare.c_str());
+Descriptor::~Descriptor() {
+  if (isOpen()) ::close(_number);
+}
+
+void AtomicFile::Version::swap(Version& other) {
+  _descriptor.swap(other._descriptor);
+  std::swap(_state, other._state);
+  std::swap(kept, other.kept);
+}
+
+int AtomicFile::Version::create(int directory, const std::string& name) {
+  kept = 0;
+  const auto open = [&] {
+    return Descriptor(
+        openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  };
+  _descriptor = open();
+  // A leftover, or somebody else's: in any case not to be written into.
+  if (!_descriptor.isOpen() && errno == EEXIST && unlinkat(directory, name.c_str(), 0) == 0) {
+    _descriptor = open();
+  }
+  return _descriptor.isOpen() ? noteState() : errno;
+}
+
+int AtomicFile::Version::write(std::string_view bytes, bool synced) {
+  const int file = _descriptor.number();
+  if (const int failed = writeAll(file, bytes, kept); failed != 0) return failed;
+  const auto size = static_cast<off_t>(bytes.size());
+  if (size < _state.st_size && ftruncate(file, size) != 0) return errno;
+  if (synced && fdatasync(file) != 0) return errno;
+  return noteState();
+}
+
+int AtomicFile::Version::flush() const {
+  const int another = dup(_descriptor.number());
+  return another < 0 || ::close(another) == 0 ? 0 : errno;
+}
+
+bool AtomicFile::Version::standsAt(int directory, const std::string& name) const {
+  struct stat found {};
+  return _descriptor.isOpen() &&
+         fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
+         found.st_dev == _state.st_dev && found.st_ino == _state.st_ino &&
+         found.st_size == _state.st_size && found.st_mtim.tv_sec == _state.st_mtim.tv_sec &&
+         found.st_mtim.tv_nsec == _state.st_mtim.tv_nsec;
+}
+
+int AtomicFile::Version::noteState() {
+  return fstat(_descriptor.number(), &_state) == 0 ? 0 : errno;
+}
+
+int AtomicFile::replace(const std::string& path, std::string_view bytes, std::size_t kept,
+                        bool synced) {
+  _spare.kept = std::min(_spare.kept, kept);
+  _current.kept = std::min(_current.kept, kept);
+  const bool isOurs = _current.standsAt(AT_FDCWD, path);
+  if (!isOurs) {
+    _name = path.substr(path.rfind('/') + 1);
+    _spareName = _name + ".new";
+    const std::string directory = directoryOf(path);
+    _directory = Descriptor(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
+    if (!_directory.isOpen()) return errno;
+  }
+  if (const int failed = write(bytes, isOurs, synced); failed != 0) {
+    unlinkat(_directory.number(), _spareName.c_str(), 0);
+    _spare.close();
     return failed;
   }
-  return synced ? syncDirectoryOf(path) : 0;
+  _current.kept = bytes.size();
+  return synced ? syncDirectory(directoryOf(path)) : 0;
+}
+
+int AtomicFile::write(std::string_view bytes, bool mayExchange, bool synced) {
+  const int directory = _directory.number();
+  const char* const name = _name.c_str();
+  const char* const spare = _spareName.c_str();
+  int failed = 0;
+  if (!_spare.standsAt(directory, _spareName)) failed = _spare.create(directory, _spareName);
+  if (failed == 0) failed = _spare.write(bytes, synced);
+  if (failed != 0) return failed;
+  // The faster way, for two files that are known to be ours.
+  if (!mayExchange || renameat2(directory, spare, directory, name, RENAME_EXCHANGE) != 0) {
+    failed = _spare.flush();
+    if (failed != 0) return failed;
+    if (renameat(directory, spare, directory, name) != 0) return errno;
+    _current.close();
+  }
+  _current.swap(_spare);
+  return 0;
 }
 
 int syncFile(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (file.number() < 0 || fdatasync(file.number()) != 0) return errno;
-  return syncDirectoryOf(path);
+  return syncDirectory(directoryOf(path));
 }
 
 std::optional<std::string> readFile(const std::string& path, std::size_t limit) {
@@ -97,22 +145,6 @@ std::optional<std::string> readFile(const std::string& path, std::size_t limit) 
     filled += static_cast<std::size_t>(count);
   }
   return bytes;
-}
-
-FileLock::State FileLock::tryLock(const std::string& path) {
-  if (_state == State::Held || _state == State::HeldByAnother) return _state;
-  const int file = open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
-  if (file < 0) {
-    _failure = errno;
-    return _state = State::Failed;
-  }
-  struct flock whole {};
-  whole.l_type = F_WRLCK;
-  whole.l_whence = SEEK_SET;
-  if (fcntl(file, F_SETLK, &whole) == 0) return _state = State::Held;  // stays open for good
-  _failure = errno;
-  ::close(file);
-  return _state = _failure == EACCES || _failure == EAGAIN ? State::HeldByAnother : State::Failed;
 }
 
 }  // namespace orbiq

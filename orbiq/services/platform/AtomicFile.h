@@ -1,47 +1,86 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <cstddef>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace orbiq {
 
-/// Replaces a file whole, mode 0600: whoever reads it, and whatever ends this process, finds the
-/// old bytes or the new ones. `synced`: returns only when the disk has them. Returns 0 or the error
-/// number; then the old file stands, or the new one, if only the disk's word for it is missing.
-int replaceFile(const std::string& path, std::string_view bytes, bool synced);
+/// An open file, closed with its owner.
+class Descriptor {
+ public:
+  Descriptor() = default;
+  explicit Descriptor(int number) : _number(number) {}
+  ~Descriptor();
+  Descriptor(Descriptor&& other) noexcept { swap(other); }
+  Descriptor& operator=(Descriptor other) noexcept {
+    swap(other);
+    return *this;
+  }
+  void swap(Descriptor& other) noexcept { std::swap(_number, other._number); }
+
+  int number() const { return _number; }
+  bool isOpen() const { return _number >= 0; }
+
+ private:
+  int _number = -1;
+};
+
+/// A file that is replaced whole, mode 0600, again and again: whoever opens it, and whatever ends
+/// this process, finds the old bytes or the new ones.
+///
+/// A spare file beside it, named ".new", takes the new bytes; then the two exchange their names.
+/// The spare is kept for the next time, so that only what differs need be written. Whoever holds
+/// the file open meanwhile may see it being rewritten. One thread at a time.
+class AtomicFile {
+ public:
+  /// `kept`: so many of the first bytes are those of the last call. `synced`: returns only when the
+  /// disk has the bytes. Returns 0 or the error number; then the old file stands, or the new one,
+  /// if only the disk's word for it is missing.
+  int replace(const std::string& path, std::string_view bytes, std::size_t kept, bool synced);
+
+ private:
+  /// A file of ours under one of the two names.
+  class Version {
+   public:
+    void swap(Version& other);
+    void close() { _descriptor = {}; }
+
+    /// Makes the file, in place of whatever may have been left there.
+    int create(int directory, const std::string& name);
+    /// Makes the file hold the bytes.
+    int write(std::string_view bytes, bool synced);
+    /// Asks for what some file systems tell only when a file is closed: that a write failed.
+    int flush() const;
+    /// Whether it is this file that has the name, as it was last written.
+    bool standsAt(int directory, const std::string& name) const;
+
+    std::size_t kept = 0;  ///< so many of its first bytes are those of the last call
+
+   private:
+    int noteState();
+
+    Descriptor _descriptor;
+    struct stat _state {};
+  };
+
+  int write(std::string_view bytes, bool mayExchange, bool synced);
+
+  Descriptor _directory;
+  std::string _name;
+  std::string _spareName;
+  Version _current;
+  Version _spare;
+};
 
 /// Brings a file that was replaced without `synced` to the disk. Returns 0 or the error number.
 int syncFile(const std::string& path);
 
 /// The bytes of a regular file of at most `limit` bytes; no value for anything else.
 std::optional<std::string> readFile(const std::string& path, std::size_t limit);
-
-/// A lock between processes, on a file of its own, for as long as this process lives.
-class FileLock {
- public:
-  enum class State {
-    Untried,
-    Held,
-    HeldByAnother,
-    /// The file could not be opened or locked.
-    Failed,
-  };
-
-  FileLock() = default;
-  FileLock(const FileLock&) = delete;
-  FileLock& operator=(const FileLock&) = delete;
-
-  State state() const { return _state; }
-  /// The error number of the last try that failed.
-  int failure() const { return _failure; }
-  /// Tries once, without waiting. `Held` and `HeldByAnother` are final.
-  State tryLock(const std::string& path);
-
- private:
-  State _state = State::Untried;
-  int _failure = 0;
-};
 
 }  // namespace orbiq

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
+#include <stdexcept>
 
 #include "orbiq/services/platform/Utf8.h"
 
@@ -11,6 +12,7 @@ namespace {
 
 constexpr std::string_view kMagic = "bplist00";
 constexpr PlistRef kNone = UINT32_MAX;
+constexpr std::size_t kBlockSize = 4096;
 
 enum Kind : unsigned {
   kInteger = 0x1,
@@ -58,9 +60,14 @@ void BinaryPlistWriter::begin(RefSize refSize) {
   std::copy_n(kMagic.data(), kMagic.size(), grow(kMagic.size()));
 }
 
-bool BinaryPlistWriter::fits() const {
+void BinaryPlistWriter::rewind(const Mark& mark) {
+  _size = mark.size;
+  _offsets.resize(mark.objectCount);
+}
+
+bool BinaryPlistWriter::fits(std::size_t objectCount, RefSize refSize) {
   // Readers want the count itself to fit, not only the highest number.
-  return _offsets.size() <= (_refSize == RefSize::kTwo ? UINT16_MAX : UINT32_MAX);
+  return objectCount <= (refSize == RefSize::kTwo ? UINT16_MAX : UINT32_MAX);
 }
 
 void BinaryPlistWriter::enlarge(std::size_t count) {
@@ -72,7 +79,9 @@ void BinaryPlistWriter::enlarge(std::size_t count) {
 }
 
 PlistRef BinaryPlistWriter::beginObject() {
-  _offsets.push_back(_size);
+  std::uint32_t offset = 0;
+  store<sizeof offset>(reinterpret_cast<char*>(&offset), _size);
+  _offsets.push_back(offset);
   return static_cast<PlistRef>(_offsets.size() - 1);
 }
 
@@ -212,25 +221,28 @@ PlistRef BinaryPlistWriter::addDictionary(std::span<const PlistRef> keys,
   return ref;
 }
 
-template <std::size_t kSize>
-void BinaryPlistWriter::putOffsets() {
-  char* place = grow(kSize * _offsets.size());
-  for (const std::uint64_t offset : _offsets) place = store<kSize>(place, offset);
+void BinaryPlistWriter::putOffsets(std::size_t offsetSize) {
+  char* place = grow(offsetSize * _offsets.size());
+  if (offsetSize == sizeof(std::uint32_t)) {
+    std::memcpy(place, _offsets.data(), sizeof(std::uint32_t) * _offsets.size());
+    return;
+  }
+  for (const std::uint32_t& offset : _offsets) {
+    std::memcpy(place, reinterpret_cast<const char*>(&offset) + 2, 2);
+    place += 2;
+  }
 }
 
 std::string_view BinaryPlistWriter::finish(PlistRef top) {
+  constexpr std::size_t kTrailerSize = 32;
+  if (_size > UINT32_MAX) throw std::length_error("the list is too long");
+  const std::size_t offsetSize = _size <= UINT16_MAX - kBlockSize ? 2 : 4;
+  const std::size_t whole = _size + offsetSize * _offsets.size() + kTrailerSize;
+  const std::size_t padding = (kBlockSize - whole % kBlockSize) % kBlockSize;
+  std::memset(grow(padding), 0, padding);
   const std::size_t table = _size;
-  std::uint64_t offsetSize = 8;
-  if (table <= UINT16_MAX) {
-    offsetSize = 2;
-    putOffsets<2>();
-  } else if (table <= UINT32_MAX) {
-    offsetSize = 4;
-    putOffsets<4>();
-  } else {
-    putOffsets<8>();
-  }
-  char* place = grow(32);
+  putOffsets(offsetSize);
+  char* place = grow(kTrailerSize);
   place = store<8>(place, offsetSize << 8 | static_cast<std::uint64_t>(_refSize));
   place = store<8>(place, _offsets.size());
   place = store<8>(place, top);

@@ -15,6 +15,10 @@ using PlistRef = std::uint32_t;
 
 /// Writes a binary property list, object by object, into one buffer that is kept for the next list.
 /// An array or a dictionary is added after what it holds.
+///
+/// A list is padded to whole blocks of a disk, between its objects and the table of their places: a
+/// file that is overwritten by the next list then seldom changes its length, which takes a disk
+/// longer than the writing.
 class BinaryPlistWriter {
  public:
   /// Width in bytes of the references among objects.
@@ -35,10 +39,24 @@ class BinaryPlistWriter {
   /// As many keys as values.
   PlistRef addDictionary(std::span<const PlistRef> keys, std::span<const PlistRef> values);
 
-  /// False once there are more objects than the references can tell apart: what was written is then
-  /// worthless and has to be written again with wider ones.
-  bool fits() const;
-  /// Completes the list. The bytes are valid until the next `begin`.
+  /// A place among the objects.
+  struct Mark {
+    std::size_t size;
+    PlistRef objectCount;
+  };
+  Mark mark() const { return {_size, static_cast<PlistRef>(_offsets.size())}; }
+  /// Forgets what was added behind the mark, to end the list otherwise. Only arrays and
+  /// dictionaries may be added before the next `begin`.
+  void rewind(const Mark& mark);
+
+  RefSize refSize() const { return _refSize; }
+  /// Whether references of that width can tell so many objects apart.
+  static bool fits(std::size_t objectCount, RefSize refSize);
+  /// False once the references cannot tell the objects apart: what was written is then worthless
+  /// and has to be written again with wider ones.
+  bool fits() const { return fits(_offsets.size(), _refSize); }
+  /// Completes the list; it can be rewound. The bytes are valid until the next call of any of
+  /// these. Throws `std::length_error` beyond 4 GiB.
   std::string_view finish(PlistRef top);
 
  private:
@@ -54,14 +72,13 @@ class BinaryPlistWriter {
   void putInteger(std::uint64_t number);
   void putUtf16(std::string_view text);
   void putRefs(std::span<const PlistRef> refs);
-  template <std::size_t kSize>
-  void putOffsets();
+  void putOffsets(std::size_t offsetSize);
 
   // Not a std::string: what is about to be overwritten need not be cleared first.
   std::unique_ptr<char[]> _bytes;
   std::size_t _size = 0;
   std::size_t _capacity = 0;
-  std::vector<std::uint64_t> _offsets;  ///< of each object, by its number
+  std::vector<std::uint32_t> _offsets;  ///< of each object, by its number, as the list has them
   RefSize _refSize = RefSize::kTwo;
   std::array<PlistRef, 2> _booleans{};
   std::array<PlistRef, 256> _smallIntegers{};

@@ -165,6 +165,9 @@ class CurlHttpClient final : public HttpClient {
   CURL* const _easy;
   curl_slist* _headers = nullptr;
   bool _ready = false;
+  // What the easy handle has been told last.
+  std::string _userAgent;
+  std::string _url;
   char _errorText[CURL_ERROR_SIZE] = "";
 };
 
@@ -226,7 +229,10 @@ HttpResult CurlHttpClient::send(const HttpRequest& request) {
 
 HttpResult CurlHttpClient::follow(const HttpRequest& request, TransferStay& stay) {
   const std::string userAgent = withoutControlCharacters(request.userAgent.toStdString());
-  curl_easy_setopt(_easy, CURLOPT_USERAGENT, userAgent.c_str());  // an empty one is not sent
+  if (userAgent != _userAgent) {
+    curl_easy_setopt(_easy, CURLOPT_USERAGENT, userAgent.c_str());  // an empty one is not sent
+    _userAgent = userAgent;
+  }
   const auto start = std::chrono::steady_clock::now();
   const SteadyTime deadline = start + std::clamp(request.timeout, Milliseconds{0}, kLongestTimeout);
 
@@ -247,7 +253,11 @@ CURLcode CurlHttpClient::runHop(const std::string& url, bool mayLeadOn, Hop& hop
                                 TransferStay& stay) {
   hop.easy = _easy;
   _errorText[0] = '\0';
-  if (const CURLcode refused = curl_easy_setopt(_easy, CURLOPT_URL, url.c_str())) return refused;
+  if (url != _url) {
+    _url.clear();
+    if (const CURLcode refused = curl_easy_setopt(_easy, CURLOPT_URL, url.c_str())) return refused;
+    _url = url;
+  }
   curl_easy_setopt(_easy, CURLOPT_HEADERDATA, &hop);
   curl_easy_setopt(_easy, CURLOPT_WRITEDATA, &hop);
   if (curl_multi_add_handle(_multi, _easy) != CURLM_OK) return CURLE_FAILED_INIT;

@@ -20,10 +20,13 @@ namespace orbiq {
 ///
 ///     archiver.beginRootArray();
 ///     for (const auto& request : queue) archiver.addElement(*request);
-///     std::string_view bytes = archiver.finish();
+///     const KeyedArchiver::Bytes bytes = archiver.finish();
 ///
 /// One object that is referred to twice is stored once. An archiver can be used again; it then
-/// reuses its memory. Not thread-safe; the archived objects must not change meanwhile.
+/// reuses its memory and, where elements were only removed from the front, what it has encoded: the
+/// elements are written last one first, each with all that no later one refers to, so that a
+/// shorter array is the beginning of a longer one with another ending. The bytes are the same
+/// either way. Not thread-safe; the archived objects must not change meanwhile.
 class KeyedArchiver {
  public:
   KeyedArchiver();
@@ -35,8 +38,14 @@ class KeyedArchiver {
   void beginRootArray();
   /// Appends an element. The object must live until `finish`.
   void addElement(const Archivable& object);
-  /// The archive's bytes, valid until the next call of any of these.
-  std::string_view finish();
+  struct Bytes {
+    std::string_view all;
+    /// So many of the first ones are those of the last archive.
+    std::size_t kept;
+  };
+  /// The archive's bytes, valid until the next call of any of these. Throws `std::length_error`
+  /// beyond 4 GiB.
+  Bytes finish();
 
   /// For `Archivable::encodeWithCoder`: each writes one field of the object being encoded. Keys
   /// must be literals. An object must live until `finish` returns; texts and parameters are kept
@@ -46,7 +55,6 @@ class KeyedArchiver {
   void encodeDate(const std::optional<Date>& date, std::string_view key);
   void encodeParameters(const SharedParameters& parameters, std::string_view key);
   void encodeInteger(std::int64_t number, std::string_view key);
-  void encodeUnsigned(std::uint64_t number, std::string_view key);
   void encodeBoolean(bool value, std::string_view key);
 
  private:
@@ -58,8 +66,7 @@ class KeyedArchiver {
   struct Entry {
     const void* address;
     Kind kind;
-    PlistRef uidRef;     ///< the UID value that leads here, once there is one
-    PlistRef objectRef;  ///< the object itself, once it is written
+    PlistRef uidRef;  ///< the UID value that leads here, once there is one
   };
 
   struct AddressHash {
@@ -82,15 +89,41 @@ class KeyedArchiver {
     }
   };
 
-  /// Returns the list's top object. The bytes are good only if they fit the references' size.
-  PlistRef encodeEverything(BinaryPlistWriter::RefSize refSize);
+  /// An element in the writer, with where all that it brought ends.
+  struct Encoded {
+    const Archivable* element;
+    PlistRef uidRef;
+    std::size_t entryCount;
+    std::size_t changeableCount;
+    BinaryPlistWriter::Mark mark;
+  };
+  /// An object in the writer, as it was encoded.
+  struct Changeable {
+    const Archivable* object;
+    std::uint64_t revision;
+  };
+  /// What every archive's ending refers to; written before the elements.
+  struct Frame {
+    PlistRef objectsKey, classKey, arrayClass, version, archiver, top;
+    PlistRef versionKey, archiverKey, topKey, tableKey;
+  };
+
+  using RefSize = BinaryPlistWriter::RefSize;
+
+  bool holdsElements() const;
+  void forgetEarlierElements();
+  static bool fits(const Encoded& last, RefSize refSize);
+  void encodeElements(RefSize refSize);
+  void encodeFrame();
+  void encodeListed(const Archivable* element, std::uint32_t uid);
   void encodeEntry(std::uint32_t uid);
-  PlistRef encodeRoot();
+  /// Returns the list's top object.
+  PlistRef encodeEnding();
   PlistRef encodeFields(const Archivable& object);
   PlistRef encodeMapping(const Parameters& parameters);
   PlistRef encodeClass(const ArchivedClass& archivedClass);
 
-  std::uint32_t addEntry(Kind kind, const void* address, PlistRef objectRef);
+  std::uint32_t addEntry(Kind kind, const void* address, PlistRef objectRef = UINT32_MAX);
   std::uint32_t entryOf(const Archivable& object);
   std::uint32_t entryOfText(const String& text);
   std::uint32_t entryOfParameterKey(std::string_view key);
@@ -101,7 +134,15 @@ class KeyedArchiver {
 
   BinaryPlistWriter _writer;
   std::vector<const Archivable*> _elements;
+  // What the writer holds before the ending: the frame under null, then the elements, last one
+  // first.
+  std::vector<Encoded> _encoded;
+  std::vector<Changeable> _changeables;
   std::vector<Entry> _entries;
+  std::vector<PlistRef> _table;  ///< the entries' objects, once they are written
+  Frame _frame{};
+  bool _holdsMutableText = false;  ///< which changes without a revision
+  bool _isHandedOut = false;       ///< what the writer holds, with one ending
   // UIDs by identity, those of parameter keys by their text; references of names.
   AddressTable _objects;
   AddressTable _texts;

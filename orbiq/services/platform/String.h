@@ -25,6 +25,8 @@ class ORBIQ_EXPORT String {
   String(std::string_view text);
 
   bool isNull() const noexcept { return _text == nullptr; }
+  /// True if a `MutableString` may change the text.
+  bool isMutable() const noexcept { return _text != nullptr && _text->isMutable; }
   /// True for the null text and for one of no characters.
   bool isEmpty() const noexcept { return view().empty(); }
   /// The text's bytes; empty for the null text. Valid while a handle to the unchanged text lives.

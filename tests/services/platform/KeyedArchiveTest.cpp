@@ -34,7 +34,7 @@ struct Item : Archivable {
   void encodeWithCoder(KeyedArchiver& coder) const override {
     coder.encodeString(name, "name");
     coder.encodeInteger(number, "number");
-    coder.encodeUnsigned(count, "count");
+    coder.encodeInteger(static_cast<std::int64_t>(count), "count");
     coder.encodeBoolean(flag, "flag");
     coder.encodeDate(date, "date");
     coder.encodeParameters(parameters, "parameters");
@@ -89,7 +89,7 @@ std::optional<Queue> unarchive(std::string_view bytes) {
 std::string archive(const Queue& queue, KeyedArchiver& archiver) {
   archiver.beginRootArray();
   for (const auto& element : queue) archiver.addElement(*element);
-  return std::string(archiver.finish());
+  return std::string(archiver.finish().all);
 }
 
 std::string archive(const Queue& queue) {
@@ -107,7 +107,7 @@ std::shared_ptr<Item> itemNamed(const String& name) {
 Queue sampleQueue() {
   const auto first = itemNamed("shared");
   first->number = std::numeric_limits<std::int64_t>::min();
-  first->count = std::numeric_limits<std::uint64_t>::max();
+  first->count = std::numeric_limits<std::int64_t>::max();
   first->flag = true;
   first->date = Date{-1.5};
   first->parameters =
@@ -170,17 +170,17 @@ TEST(KeyedArchive, IsReadByAnotherReaderAndComesBackWithItsSharing) {
   EXPECT_EQ(python("read_archive.py", bytes),
             "{'$version': 100000, '$archiver': 'NSKeyedArchiver', '$top': {'root': UID(1)}}\n"
             "1(NSMutableArray<NSMutableArray,NSArray,NSObject NS.objects="
-            "2(Item<Item,Base,NSObject name=6:'shared' "
-            "number=-9223372036854775808 count=18446744073709551615 flag=True "
+            "5(Item<Item,Base,NSObject name=6:'shared' "
+            "number=-9223372036854775808 count=9223372036854775807 flag=True "
             "date=8(NSDate<NSDate,NSObject NS.time=-1.5) "
             "parameters=9(NSMutableDictionary<NSMutableDictionary,NSDictionary,NSObject "
-            "NS.keys=14:'',16:'a',17:'b',19:'d' NS.objects=15:'',6:'shared',"
-            "18:'caf\\xe9 \\U0001f600 \\ufffd',20:'a text of more than fifteen characters') "
+            "NS.keys=12:'',14:'a',15:'b',17:'d' NS.objects=13:'',6:'shared',"
+            "16:'caf\\xe9 \\U0001f600 \\ufffd',18:'a text of more than fifteen characters') "
             "link=10(Item<Item,Base,NSObject name=0:'$null' number=0 count=0 flag=False "
             "date=0:'$null' parameters=0:'$null' link=0:'$null')),"
-            "3(Item<Item,Base,NSObject name=6:'shared' number=-2 count=4294967296 flag=False "
-            "date=12(NSDate<NSDate,NSObject NS.time=1e+300) parameters=same 9 link=same 10),"
-            "same 2,4(Marker<Marker,NSObject))\n");
+            "20(Item<Item,Base,NSObject name=6:'shared' number=-2 count=4294967296 flag=False "
+            "date=21(NSDate<NSDate,NSObject NS.time=1e+300) parameters=same 9 link=same 10),"
+            "same 5,3(Marker<Marker,NSObject))\n");
 
   const auto elements = unarchive(bytes);
   ASSERT_TRUE(elements && elements->size() == 4);
@@ -188,7 +188,7 @@ TEST(KeyedArchive, IsReadByAnotherReaderAndComesBackWithItsSharing) {
   const auto second = std::dynamic_pointer_cast<Item>(elements->at(1));
   ASSERT_TRUE(first && second);
   EXPECT_EQ(first->description(),
-            "name=shared number=-9223372036854775808 count=18446744073709551615 flag date=-1.5 "
+            "name=shared number=-9223372036854775808 count=9223372036854775807 flag date=-1.5 "
             "{ = a=shared b=caf\xC3\xA9 \xF0\x9F\x98\x80 \xEF\xBF\xBD "
             "d=a text of more than fifteen characters } -> ");
   EXPECT_EQ(elements->at(2), first);
@@ -258,6 +258,11 @@ TEST(KeyedArchive, AnyNumberOfObjects) {
     }
   }
   EXPECT_EQ(widths, 2U | 4U);
+  // Shortened from the front, across the same border.
+  while (queue.size() > 16367) {
+    queue.erase(queue.begin());
+    EXPECT_EQ(archive(queue, archiver), archive(queue));
+  }
 }
 
 TEST(KeyedArchive, ReadsOtherWriters) {

@@ -17,13 +17,22 @@ class ORBIQ_EXPORT orbiqTaggerID final : public orbiq::Archivable {
 
   /// The customer account. Setting it shares the text.
   orbiq::String serial() const { return _serial; }
-  void setSerial(orbiq::String serial) { _serial = std::move(serial); }
+  void setSerial(orbiq::String serial) {
+    _serial = std::move(serial);
+    changed();
+  }
   /// Tells taggers of one serial apart; audience taggers all have the largest number.
   std::intptr_t partialID() const { return _partialID; }
-  void setPartialID(std::intptr_t partialID) { _partialID = partialID; }
+  void setPartialID(std::intptr_t partialID) {
+    _partialID = partialID;
+    changed();
+  }
   /// False for an audience tagger.
   bool isStreamTagger() const { return _isStreamTagger; }
-  void setIsStreamTagger(bool isStreamTagger) { _isStreamTagger = isStreamTagger; }
+  void setIsStreamTagger(bool isStreamTagger) {
+    _isStreamTagger = isStreamTagger;
+    changed();
+  }
 
   /// An identity of the same values that shares the serial.
   std::shared_ptr<orbiqTaggerID> copy() const;

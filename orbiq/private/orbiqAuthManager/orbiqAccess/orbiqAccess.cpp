@@ -67,7 +67,7 @@ bool orbiqAccess::canSendRequestFor(orbiq::RequestType /*requestType*/) const {
 }
 
 std::shared_ptr<orbiqAccess> orbiqAccess::hitSuccessfullySent() {
-  firstHitSuccessfullySent.store(true, std::memory_order_relaxed);
+  if (!firstHitSuccessfullySent.exchange(true, std::memory_order_relaxed)) changed();
   return weak_from_this().lock();
 }
 

@@ -27,10 +27,13 @@ std::shared_ptr<orbiqAuth> orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefau
 
 orbiqAuth::orbiqAuth(std::shared_ptr<orbiqSession> session, std::shared_ptr<orbiqAccess> access,
                      bool /*isDefault*/)
-    : _currentSession(std::move(session)), _currentAccess(std::move(access)) {}
+    : Archivable(kNeverChanges),
+      _currentSession(std::move(session)),
+      _currentAccess(std::move(access)) {}
 
 orbiqAuth::orbiqAuth(orbiq::KeyedUnarchiver& coder)
-    : defaultValues(coder.decodeBoolean(kDefaultValuesKey)),
+    : Archivable(kNeverChanges),
+      defaultValues(coder.decodeBoolean(kDefaultValuesKey)),
       _currentSession(coder.decodeObject<orbiqSession>(kSessionKey)),
       _currentAccess(coder.decodeObject<orbiqAccess>(kAccessKey)) {}
 

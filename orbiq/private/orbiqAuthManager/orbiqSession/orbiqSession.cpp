@@ -26,10 +26,12 @@ std::shared_ptr<orbiqSession> orbiqSession::orbiqSessionWithSerial_withCmsVI(orb
 }
 
 orbiqSession::orbiqSession(orbiq::String serial, orbiq::String cmsVI)
-    : _cmsVI(std::move(cmsVI)), _serial(std::move(serial)) {}
+    : Archivable(kNeverChanges), _cmsVI(std::move(cmsVI)), _serial(std::move(serial)) {}
 
 orbiqSession::orbiqSession(orbiq::KeyedUnarchiver& coder)
-    : _cmsVI(coder.decodeString(kCmsVIKey)), _serial(coder.decodeString(kSerialKey)) {}
+    : Archivable(kNeverChanges),
+      _cmsVI(coder.decodeString(kCmsVIKey)),
+      _serial(coder.decodeString(kSerialKey)) {}
 
 void orbiqSession::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
   coder.encodeString(_serial, kSerialKey);
