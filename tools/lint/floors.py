@@ -29,6 +29,7 @@ FLOORS = {
     "orbiq/private/orbiqAuthManager": 5,
     "orbiq/private/orbiqAgent": 6,
     "orbiq/public/orbiqAudienceTagger": 7,
+    "orbiq/secretservice": 2.1,
     "orbiq": 7.1,  # the umbrella header and the version
     "tools": 8,
     "examples": 8,

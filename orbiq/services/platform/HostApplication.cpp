@@ -108,7 +108,7 @@ String whatIsWrongWith(const HostDescription& description) {
 String accept(const HostDescription& description) {
   if (String reason = whatIsWrongWith(description); !reason.isNull()) return reason;
   const Lock lock(state().lock);
-  if (state().settled) return "the agent is in use already";
+  if (state().settled) return "the library is in use already";
   state().add(withDefaults(description));
   SystemLog::setSink(description.logSink);
   return nullptr;

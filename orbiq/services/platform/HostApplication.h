@@ -2,10 +2,12 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <type_traits>
 
 #include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/Keychain.h"
 #include "orbiq/services/platform/String.h"
 #include "orbiq/services/platform/SystemLog.h"
 
@@ -60,14 +62,17 @@ struct HostDescription {
   /// File of the certificates to trust. Default: the system's.
   String caBundle = {};
   Durability durability = Durability::ProcessEnd;
+  /// Keeps the device identifier. Absent: files in "orbiqKeychain" in the library directory, 0600
+  /// and not encrypted.
+  std::shared_ptr<Keychain> keychain = {};
 };
 
 /// The application that the library is linked into.
 class ORBIQ_EXPORT HostApplication {
  public:
   /// Describes the application. Returns null, or the reason why the description was refused, which
-  /// is logged as well; then nothing has changed. The last accepted call before the agent's first
-  /// use counts, later ones are refused. Any thread.
+  /// is logged as well; then nothing has changed. The last accepted call before the first use of
+  /// the agent, or of the file keychain, counts; later ones are refused. Any thread.
   static String describe(const HostDescription& description);
 
   /// The description in force, its defaults filled in. Valid as long as the process lives.

@@ -11,25 +11,21 @@
 #include <deque>
 #include <map>
 #include <memory>
-#include <set>
 #include <utility>
 
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/Thread.h"
+#include "orbiq/services/platform/TimerTable.h"
 
 namespace orbiq {
 namespace {
 
 using Task = std::function<void()>;
-/// Shared by the loop's table and the call in progress, so that a callback may remove itself.
-using Callback = std::shared_ptr<const Task>;
+/// Shared by the loop's tables and the call in progress, so that a callback may remove itself.
+using Callback = TimerTable::Callback;
 using std::chrono::nanoseconds;
 
-constexpr nanoseconds kShortestInterval = std::chrono::microseconds{100};
-/// So far below the clock's range that adding the time since the start of the machine is safe, even
-/// where the kernel's seconds have 32 bits.
-constexpr nanoseconds kLongestInterval = std::chrono::seconds{1'000'000'000};
 constexpr nanoseconds kDescriptorRetry = std::chrono::seconds{1};
 /// Added to a watched descriptor's number, so that an event of a closed descriptor is not taken for
 /// one of its successor of the same number.
@@ -42,14 +38,6 @@ nanoseconds monotonicNow() { return std::chrono::steady_clock::now().time_since_
 
 /// Who asks for work, and so what makes it stop asking.
 enum class Runner { library, host, run };
-
-struct Timer {
-  nanoseconds start;
-  nanoseconds interval;
-  nanoseconds deadline;
-  bool repeats;
-  Callback fire;
-};
 
 struct Watch {
   std::uint64_t key;
@@ -88,10 +76,7 @@ struct MainLoop::State {
   std::uint64_t postedCount ORBIQ_GUARDED_BY(condition) = 0;
   std::uint64_t takenCount ORBIQ_GUARDED_BY(condition) = 0;
 
-  std::map<TimerId, Timer> timers ORBIQ_GUARDED_BY(condition);
-  /// The timers by deadline, except those whose call is in progress.
-  std::set<std::pair<nanoseconds, TimerId>> schedule ORBIQ_GUARDED_BY(condition);
-  TimerId lastTimer ORBIQ_GUARDED_BY(condition) = 0;
+  TimerTable timers ORBIQ_GUARDED_BY(condition);
 
   std::map<int, Watch> watches ORBIQ_GUARDED_BY(condition);
   std::uint64_t lastKey ORBIQ_GUARDED_BY(condition) = 0;
@@ -159,7 +144,7 @@ void MainLoop::State::updateEvent() {
 
 /// Sets the alarm to the earliest timer. Setting it also takes an expiry back.
 void MainLoop::State::updateAlarm() {
-  const nanoseconds earliest = schedule.empty() ? nanoseconds{0} : schedule.begin()->first;
+  const nanoseconds earliest = timers.earliest();
   if (alarm < 0) {
     condition.broadcast();
   } else if (earliest != armed) {
@@ -210,7 +195,8 @@ void MainLoop::State::waitWithoutDescriptors() {
   if (!posted.empty()) return;
   nanoseconds longest = nanoseconds::max();
   if (!watches.empty()) longest = kDescriptorRetry;
-  if (!schedule.empty()) longest = std::min(longest, schedule.begin()->first - monotonicNow());
+  const nanoseconds earliest = timers.earliest();
+  if (earliest.count() > 0) longest = std::min(longest, earliest - monotonicNow());
   if (longest == nanoseconds::max()) {
     condition.wait();
   } else if (longest.count() > 0) {
@@ -263,25 +249,16 @@ bool MainLoop::State::takePosted(Runner runner, std::uint64_t limit, Task& task)
 
 bool MainLoop::State::fireNext(Runner runner, nanoseconds limit) {
   Callback fire;
-  TimerId id = 0;
+  TimerId timer = 0;
   {
     const Lock lock(condition);
-    if (!mayRun(runner) || schedule.empty() || schedule.begin()->first > limit) return false;
-    id = schedule.begin()->second;
-    schedule.erase(schedule.begin());
-    const auto timer = timers.find(id);
-    fire = timer->second.fire;
-    if (!timer->second.repeats) timers.erase(timer);
+    if (mayRun(runner)) timer = timers.beginFiring(limit, fire);
+    if (timer == 0) return false;
     updateAlarm();
   }
   runTask(*fire);
   const Lock lock(condition);
-  const auto timer = timers.find(id);
-  if (timer == timers.end()) return true;
-  // Counted from the start, so that the timer does not drift, to the first multiple still to come.
-  Timer& it = timer->second;
-  it.deadline = it.start + ((monotonicNow() - it.start) / it.interval + 1) * it.interval;
-  schedule.emplace(it.deadline, id);
+  timers.endFiring(timer, monotonicNow());
   updateAlarm();
   return true;
 }
@@ -355,17 +332,13 @@ void MainLoop::post(std::function<void()> task) {
   _state->attend();
 }
 
-MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats,
-                                     std::function<void()> fire) {
+MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats, std::function<void()> fire,
+                                     TimerId* timer) {
   if (inForkedChild()) return 0;
-  interval = std::clamp(interval, kShortestInterval, kLongestInterval);
-  const nanoseconds start = monotonicNow();
-  const nanoseconds deadline = start + interval;
   auto callback = std::make_shared<const Task>(std::move(fire));
   const Lock lock(_state->condition);
-  const TimerId id = ++_state->lastTimer;
-  _state->timers.emplace(id, Timer{start, interval, deadline, repeats, std::move(callback)});
-  _state->schedule.emplace(deadline, id);
+  const TimerId id = _state->timers.add(monotonicNow(), interval, repeats, std::move(callback));
+  if (timer) *timer = id;
   _state->attend();
   return id;
 }
@@ -375,12 +348,8 @@ void MainLoop::removeTimer(TimerId timer) {
   // What the callback holds may use the loop in its end, so that comes after the lock.
   Callback removed;
   const Lock lock(_state->condition);
-  const auto found = _state->timers.find(timer);
-  if (found == _state->timers.end()) return;
-  removed = std::move(found->second.fire);
-  _state->schedule.erase({found->second.deadline, timer});
-  _state->timers.erase(found);
-  _state->updateAlarm();
+  removed = _state->timers.remove(timer);
+  if (removed) _state->updateAlarm();
 }
 
 void MainLoop::watch(int descriptor, std::function<void()> readable) {

@@ -51,8 +51,10 @@ class ORBIQ_EXPORT MainLoop {
   /// Calls `fire` on the loop one interval from now, and then, if `repeats`, at every further
   /// multiple of the interval (firings that were missed are not made up for). Intervals below
   /// 0.1 ms are taken as that, and those beyond thirty years as thirty years. Time does not pass
-  /// while the machine sleeps. Any thread.
-  TimerId addTimer(std::chrono::nanoseconds interval, bool repeats, std::function<void()> fire);
+  /// while the machine sleeps. `timer`, if given, is set before the first firing can begin. Any
+  /// thread.
+  TimerId addTimer(std::chrono::nanoseconds interval, bool repeats, std::function<void()> fire,
+                   TimerId* timer = nullptr);
   /// Any thread; harmless for a timer that has ended. On the loop itself the timer does not fire
   /// again once this has returned; elsewhere a firing in progress may still end.
   void removeTimer(TimerId timer);

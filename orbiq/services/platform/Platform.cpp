@@ -2,7 +2,9 @@
 
 #include <utility>
 
+#include "orbiq/services/platform/FileKeychain.h"
 #include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/Paths.h"
 
 namespace orbiq {
 namespace {
@@ -44,6 +46,16 @@ const Platform& Platform::current() {
 HttpClient& Platform::httpClient() {
   thread_local const std::unique_ptr<HttpClient> client = current().makeHttpClient();
   return *client;
+}
+
+Keychain& Platform::currentKeychain() {
+  if (Keychain* const replacement = current().keychain.get()) return *replacement;
+  if (Keychain* const hosts = HostApplication::current().keychain.get()) return *hosts;
+  static auto* const store = [] {
+    HostApplication::settle();
+    return new FileKeychain(Paths::libraryDirectory() + "/orbiqKeychain");
+  }();
+  return *store;
 }
 
 }  // namespace orbiq

@@ -6,6 +6,7 @@
 
 #include "orbiq/services/platform/Clock.h"
 #include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/Keychain.h"
 #include "orbiq/services/platform/NetworkReachability.h"
 #include "orbiq/services/platform/String.h"
 
@@ -16,6 +17,8 @@ struct Platform {
   std::shared_ptr<const Clock> clock = {};
   std::shared_ptr<NetworkReachabilitySource> reachabilitySource = {};
   std::function<std::unique_ptr<HttpClient>()> makeHttpClient = {};
+  /// Null: the host's or else the file store.
+  std::shared_ptr<Keychain> keychain = {};
   /// Limit of a hit's whole exchange.
   std::chrono::milliseconds hitTimeout{10'000};
   /// Limit of an authorization exchange.
@@ -28,6 +31,9 @@ struct Platform {
   static Date now() { return current().clock->now(); }
   /// The calling thread's own client, which keeps its connection.
   static HttpClient& httpClient();
+  /// The keychain to use. The file store takes its place from the description of the application,
+  /// which is settled by that.
+  static Keychain& currentKeychain();
 };
 
 }  // namespace orbiq

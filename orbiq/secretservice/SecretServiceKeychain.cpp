@@ -1,0 +1,290 @@
+#include "orbiq/secretservice/SecretServiceKeychain.h"
+
+#include <fcntl.h>
+#include <libsecret/secret.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "orbiq/services/platform/BriefLock.h"
+#include "orbiq/services/platform/HostApplication.h"
+
+namespace orbiq {
+namespace {
+
+struct Unref {
+  void operator()(void* object) const { g_object_unref(object); }
+};
+template <class T>
+using Held = std::unique_ptr<T, Unref>;
+
+/// Takes the error of a call, if there is one.
+class Error {
+ public:
+  Error() = default;
+  ~Error() { g_clear_error(&_error); }
+  Error(const Error&) = delete;
+  Error& operator=(const Error&) = delete;
+
+  GError** out() {
+    g_clear_error(&_error);
+    return &_error;
+  }
+  KeychainStatus status() const {
+    if (!_error) return errSecSuccess;
+    const bool isLocked = g_error_matches(_error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED) != 0;
+    return isLocked ? errSecInteractionNotAllowed : errSecNotAvailable;
+  }
+
+ private:
+  GError* _error = nullptr;
+};
+
+/// Takes what GLib leaves to a main loop, which may never run.
+class OwnMainContext {
+ public:
+  OwnMainContext() { g_main_context_push_thread_default(_context); }
+  ~OwnMainContext() {
+    g_main_context_pop_thread_default(_context);
+    g_main_context_unref(_context);
+  }
+  OwnMainContext(const OwnMainContext&) = delete;
+  OwnMainContext& operator=(const OwnMainContext&) = delete;
+
+  /// Runs what is left, such as releasing memory.
+  void drain() const {
+    while (g_main_context_iteration(_context, FALSE)) {
+    }
+  }
+
+ private:
+  GMainContext* const _context = g_main_context_new();
+};
+
+GVariant* refusePrompt(SecretService*, SecretPrompt*, GCancellable*, const GVariantType*,
+                       GError** error) {
+  g_set_error_literal(error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED, "the user is not to be asked");
+  return nullptr;
+}
+
+/// A kind of service that fails where the daemon wants to ask the user.
+GType quietServiceType() {
+  static const GType type = g_type_register_static_simple(
+      SECRET_TYPE_SERVICE, "OrbiqQuietSecretService", sizeof(SecretServiceClass),
+      [](void* serviceClass, void*) {
+        static_cast<SecretServiceClass*>(serviceClass)->prompt_sync = refusePrompt;
+      },
+      sizeof(SecretService), nullptr, GTypeFlags{});
+  return type;
+}
+
+const SecretSchema* schema() {
+  static const SecretSchema* const only = secret_schema_new(
+      "orbiq.keychain.item", SECRET_SCHEMA_NONE, "class", SECRET_SCHEMA_ATTRIBUTE_INTEGER,
+      "account", SECRET_SCHEMA_ATTRIBUTE_STRING, "service", SECRET_SCHEMA_ATTRIBUTE_STRING,
+      "application", SECRET_SCHEMA_ATTRIBUTE_STRING, "access-group", SECRET_SCHEMA_ATTRIBUTE_STRING,
+      nullptr);
+  return only;
+}
+
+struct HashTableUnref {
+  void operator()(GHashTable* table) const { g_hash_table_unref(table); }
+};
+using Attributes = std::unique_ptr<GHashTable, HashTableUnref>;
+
+Attributes attributesOf(const KeychainQuery& query) {
+  // Exactly one of the two, so that neither kind of item is found where the other is meant.
+  const bool isShared = !query.accessGroup.isNull();
+  const std::string owner = isShared ? query.accessGroup.toStdString()
+                                     : HostApplication::current().bundleIdentifier.toStdString();
+  return Attributes(secret_attributes_build(
+      schema(), "class", static_cast<int>(query.itemClass), "account",
+      query.account.toStdString().c_str(), "service", query.service.toStdString().c_str(),
+      isShared ? "access-group" : "application", owner.c_str(), nullptr));
+}
+
+struct ValueUnref {
+  void operator()(SecretValue* value) const { secret_value_unref(value); }
+};
+using Value = std::unique_ptr<SecretValue, ValueUnref>;
+
+Value valueOf(const std::string& data) {
+  return Value(secret_value_new(data.data(), static_cast<gssize>(data.size()), "text/plain"));
+}
+
+/// One visit to the keyring. `status` is success only if the default keyring is unlocked.
+class Visit {
+ public:
+  Visit();
+  ~Visit();
+  Visit(const Visit&) = delete;
+  Visit& operator=(const Visit&) = delete;
+
+  KeychainStatus status() const { return _status; }
+  /// Finds the item; more than one only if somebody else made copies. Success means at least one,
+  /// and all of them unlocked.
+  KeychainStatus find(const KeychainQuery& query, std::vector<Held<SecretItem>>& items);
+  KeychainStatus create(const KeychainQuery& query);
+
+ private:
+  KeychainStatus connect();
+  KeychainStatus openDefaultKeyring();
+
+  const OwnMainContext _context;
+  Held<GDBusConnection> _bus;
+  gboolean _endsProcess = FALSE;
+  Held<SecretService> _service;
+  Held<SecretCollection> _keyring;
+  KeychainStatus _status;
+};
+
+Visit::Visit() : _status(connect()) {
+  if (_status == errSecSuccess) _status = openDefaultKeyring();
+}
+
+Visit::~Visit() {
+  _keyring.reset();
+  _service.reset();
+  _context.drain();
+  if (_bus) g_dbus_connection_set_exit_on_close(_bus.get(), _endsProcess);
+}
+
+KeychainStatus Visit::connect() {
+  Error error;
+  _bus.reset(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error.out()));
+  if (!_bus) return errSecNotAvailable;
+  // The end of a bus that nobody but this visit asked for must not be the end of the process.
+  _endsProcess = g_dbus_connection_get_exit_on_close(_bus.get());
+  g_dbus_connection_set_exit_on_close(_bus.get(), FALSE);
+  // Not libsecret's shared service: that one holds on to a daemon that is gone.
+  _service.reset(secret_service_open_sync(quietServiceType(), nullptr, SECRET_SERVICE_OPEN_SESSION,
+                                          nullptr, error.out()));
+  return _service ? errSecSuccess : errSecNotAvailable;
+}
+
+KeychainStatus Visit::openDefaultKeyring() {
+  Error error;
+  _keyring.reset(secret_collection_for_alias_sync(_service.get(), SECRET_COLLECTION_DEFAULT,
+                                                  SECRET_COLLECTION_NONE, nullptr, error.out()));
+  if (!_keyring) return errSecNotAvailable;
+  return secret_collection_get_locked(_keyring.get()) ? errSecInteractionNotAllowed : errSecSuccess;
+}
+
+KeychainStatus Visit::find(const KeychainQuery& query, std::vector<Held<SecretItem>>& items) {
+  if (_status != errSecSuccess) return _status;
+  Error error;
+  GList* const found = secret_service_search_sync(
+      _service.get(), schema(), attributesOf(query).get(), SECRET_SEARCH_ALL, nullptr, error.out());
+  for (const GList* entry = found; entry; entry = entry->next) {
+    items.emplace_back(static_cast<SecretItem*>(entry->data));
+  }
+  g_list_free(found);
+  if (error.status() != errSecSuccess) return error.status();
+  if (items.empty()) {
+    // A locked keyring has nothing to show either, and it may have been locked meanwhile.
+    _status = openDefaultKeyring();
+    return _status == errSecSuccess ? errSecItemNotFound : _status;
+  }
+  const bool anyIsLocked = std::any_of(items.begin(), items.end(), [](const auto& item) {
+    return secret_item_get_locked(item.get()) != 0;
+  });
+  return anyIsLocked ? errSecInteractionNotAllowed : errSecSuccess;
+}
+
+KeychainStatus Visit::create(const KeychainQuery& query) {
+  Error error;
+  const Held<SecretItem> item(secret_item_create_sync(
+      _keyring.get(), schema(), attributesOf(query).get(), query.service.toStdString().c_str(),
+      valueOf(query.valueData.value_or("")).get(), SECRET_ITEM_CREATE_NONE, nullptr, error.out()));
+  return item ? errSecSuccess : error.status();
+}
+
+class SecretServiceKeychain final : public Keychain {
+ public:
+  KeychainMatch copyMatching(const KeychainQuery& query) override;
+  KeychainStatus add(const KeychainQuery& query) override;
+  KeychainStatus update(const KeychainQuery& query, const KeychainAttributes& changes) override;
+  KeychainStatus deleteMatching(const KeychainQuery& query) override;
+
+ private:
+  /// GLib's threads do not come along into a forked child, and a call there would wait in vain.
+  bool isForkedAway();
+
+  std::atomic<pid_t> _user{0};
+};
+
+bool SecretServiceKeychain::isForkedAway() {
+  pid_t user = 0;
+  return !_user.compare_exchange_strong(user, getpid()) && user != getpid();
+}
+
+KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) {
+  if (isForkedAway()) return {};
+  Visit visit;
+  std::vector<Held<SecretItem>> items;
+  KeychainMatch match{.status = visit.find(query, items)};
+  if (match.status != errSecSuccess || !query.returnData) return match;
+
+  Error error;
+  secret_item_load_secret_sync(items.front().get(), nullptr, error.out());
+  match.status = error.status();
+  const Value value(match.status == errSecSuccess ? secret_item_get_secret(items.front().get())
+                                                  : nullptr);
+  if (!value) return {.status = match.status == errSecSuccess ? errSecNotAvailable : match.status};
+  gsize size = 0;
+  const gchar* const bytes = secret_value_get(value.get(), &size);
+  if (size > 0) match.data.emplace(bytes, size);
+  return match;
+}
+
+KeychainStatus SecretServiceKeychain::add(const KeychainQuery& query) {
+  if (isForkedAway()) return errSecNotAvailable;
+  // The keyring itself would take a second item with the same attributes.
+  const std::string directory = g_get_user_runtime_dir();
+  const BriefLock lock(AT_FDCWD, directory + "/orbiq-keychain.lock", std::chrono::seconds(30));
+  if (!lock.isHeld()) return errSecNotAvailable;
+  Visit visit;
+  std::vector<Held<SecretItem>> items;
+  const KeychainStatus status = visit.find(query, items);
+  if (status == errSecSuccess) return errSecDuplicateItem;
+  return status == errSecItemNotFound ? visit.create(query) : status;
+}
+
+KeychainStatus SecretServiceKeychain::update(const KeychainQuery& query,
+                                             const KeychainAttributes& changes) {
+  if (isForkedAway()) return errSecNotAvailable;
+  Visit visit;
+  std::vector<Held<SecretItem>> items;
+  const KeychainStatus status = visit.find(query, items);
+  if (status != errSecSuccess || !changes.valueData) return status;
+  Error error;
+  const Value value = valueOf(*changes.valueData);
+  secret_item_set_secret_sync(items.front().get(), value.get(), nullptr, error.out());
+  return error.status();
+}
+
+KeychainStatus SecretServiceKeychain::deleteMatching(const KeychainQuery& query) {
+  if (isForkedAway()) return errSecNotAvailable;
+  Visit visit;
+  std::vector<Held<SecretItem>> items;
+  KeychainStatus status = visit.find(query, items);
+  for (auto item = items.begin(); status == errSecSuccess && item != items.end(); ++item) {
+    Error error;
+    secret_item_delete_sync(item->get(), nullptr, error.out());
+    status = error.status();
+  }
+  return status;
+}
+
+}  // namespace
+
+std::shared_ptr<Keychain> makeSecretServiceKeychain() {
+  return std::make_shared<SecretServiceKeychain>();
+}
+
+}  // namespace orbiq

@@ -1,0 +1,7 @@
+#include "orbiq/services/platform/Keychain.h"
+
+namespace orbiq {
+
+Keychain::~Keychain() = default;
+
+}  // namespace orbiq
