@@ -337,9 +337,9 @@ TEST_F(Road, AnAdditionGetsInBetweenTwoSends) {
   server.answerHits([](const std::string&) { return ""; });
   agent().addRequestToQueue(streamingRequest());
   ASSERT_TRUE(application.log().waitFor(kKept));
-  constexpr std::size_t kWaiting = 10;
+  constexpr std::size_t kWaiting = 300;
   for (std::size_t i = 1; i < kWaiting; ++i) agent().addRequestToQueue(streamingRequest());
-  ASSERT_TRUE(application.log().waitFor("We have now 10 request(s) to handle"));
+  ASSERT_TRUE(application.log().waitFor("We have now 300 request(s) to handle"));
   server.answerHits([](const std::string&) {
     // Given while the first of them is on its way.
     static std::once_flag once;

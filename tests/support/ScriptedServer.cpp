@@ -35,6 +35,11 @@ Context makeContext(const TlsIdentity* identity) {
       SSL_CTX_use_PrivateKey(context.get(), identity->key.get()) != 1) {
     throw std::runtime_error("cannot serve TLS");
   }
+  if (identity->speaksOnlyTls10) {
+    SSL_CTX_set_cipher_list(context.get(), "ALL:@SECLEVEL=0");  // or not even that one
+    SSL_CTX_set_min_proto_version(context.get(), TLS1_VERSION);
+    SSL_CTX_set_max_proto_version(context.get(), TLS1_VERSION);
+  }
   return context;
 }
 

@@ -15,9 +15,9 @@ void require(bool done) {
   if (!done) throw std::runtime_error("cannot make a certificate");
 }
 
-/// Valid from an hour ago until an hour from now. A null issuer makes it self-signed.
+/// Valid from an hour ago. A null issuer makes it self-signed.
 TlsIdentity certify(const std::string& name, const TlsIdentity* issuer, int kind,
-                    const std::string& value) {
+                    const std::string& value, long secondsLeft = 3600) {
   static std::atomic<long> serial{1};
   TlsIdentity made{{EVP_EC_gen("P-256"), EVP_PKEY_free}, {X509_new(), X509_free}};
   if (issuer == nullptr) issuer = &made;
@@ -25,7 +25,7 @@ TlsIdentity certify(const std::string& name, const TlsIdentity* issuer, int kind
   X509_set_version(raw, 2);
   ASN1_INTEGER_set(X509_get_serialNumber(raw), serial++);
   X509_gmtime_adj(X509_getm_notBefore(raw), -3600);
-  X509_gmtime_adj(X509_getm_notAfter(raw), 3600);
+  X509_gmtime_adj(X509_getm_notAfter(raw), secondsLeft);
   X509_set_pubkey(raw, made.key.get());
   X509_NAME_add_entry_by_txt(X509_get_subject_name(raw), "CN", MBSTRING_ASC,
                              reinterpret_cast<const unsigned char*>(name.c_str()), -1, -1, 0);
@@ -40,10 +40,16 @@ TlsIdentity certify(const std::string& name, const TlsIdentity* issuer, int kind
   return made;
 }
 
+/// Or a certificate of one would be taken for a forged one of the other.
+std::string newAuthorityName() {
+  static std::atomic<int> count{0};
+  return "test authority " + std::to_string(++count);
+}
+
 }  // namespace
 
 CertificateAuthority::CertificateAuthority()
-    : _identity(certify("test authority", nullptr, NID_basic_constraints, "critical,CA:TRUE")) {
+    : _identity(certify(newAuthorityName(), nullptr, NID_basic_constraints, "critical,CA:TRUE")) {
   std::FILE* const file = std::fopen(bundle().c_str(), "w");
   require(file != nullptr && PEM_write_X509(file, _identity.certificate.get()) == 1);
   std::fclose(file);
@@ -51,6 +57,14 @@ CertificateAuthority::CertificateAuthority()
 
 TlsIdentity CertificateAuthority::issue(const std::string& names) const {
   return certify("test server", &_identity, NID_subject_alt_name, names);
+}
+
+TlsIdentity CertificateAuthority::issueExpired() const {
+  return certify("test server", &_identity, NID_subject_alt_name, kLoopback, -60);
+}
+
+TlsIdentity CertificateAuthority::selfSigned() {
+  return certify("test server", nullptr, NID_subject_alt_name, kLoopback);
 }
 
 }  // namespace orbiq::test

@@ -71,7 +71,9 @@ int RequestsFile::write(const std::string& path, const RequestQueue& queue) try 
 void RequestsFile::sync(const std::string& path) {
   if (!_isUnsynced) return;
   _isUnsynced = false;
-  report(path, syncFile(path));
+  // It says nothing of whether saving works again, or why it does not.
+  const int failure = syncFile(path);
+  if (failure != 0 && _lastFailure == 0) report(path, failure);
 }
 
 bool RequestsFile::isAnothers(const std::string& path) {

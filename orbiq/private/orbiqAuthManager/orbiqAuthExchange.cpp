@@ -83,6 +83,14 @@ void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagg
   const orbiq::String serial = ask(tagger, &orbiqTaggerID::serial);
   Grant grant = fallbackFor(serial);
   const orbiq::HttpResult answer = fetch(serial);
+  if (answer.error) {
+    orbiqLogger::log_withMode(
+        [&] {
+          return "No answer of the authorization server for serial " + serial.description() + ": " +
+                 answer.error->text;
+        },
+        orbiq::LoggingModeWarning);
+  }
   if (answer.data) {  // whatever its status, which is not looked at: that is meant
     if (answer.response) {
       deltaBetweenServerAndDevice.store(clockOffset(*answer.response), std::memory_order_relaxed);

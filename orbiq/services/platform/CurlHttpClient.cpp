@@ -205,6 +205,7 @@ void CurlHttpClient::setUp(const std::string& caBundle) {
   set(CURLOPT_FOLLOWLOCATION, 0L);
   set(CURLOPT_HEADERFUNCTION, onHeader);
   set(CURLOPT_WRITEFUNCTION, onBody);
+  set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));  // or later
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
   if (!caBundle.empty()) {

@@ -1,0 +1,148 @@
+// A disk that refuses, for a while.
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "tests/support/Application.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace orbiq::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr char kFails[] = "(WARNING) : The requests can't be saved to ";
+constexpr char kWorksAgain[] = "(WARNING) : The requests are saved again to ";
+
+/// An agent whose hits are not answered, so that they stay in the queue.
+class Disk : public testing::Test {
+ protected:
+  void start() {
+    _application = std::make_unique<Application>(
+        "http://127.0.0.1:" + std::to_string(_closed.port()) + "/",
+        [&](HostDescription& host, Platform&) { host.libraryDirectory = library; });
+    add(1);
+  }
+  /// Waits until the additions have been tried to be saved.
+  void add(std::size_t requests) {
+    for (std::size_t i = 0; i < requests; ++i) {
+      orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
+      const std::string line = "We have now " + std::to_string(++_added) + " request(s)";
+      ASSERT_TRUE(_application->log().waitFor(line));
+    }
+  }
+  std::size_t told(const char* line) { return _application->log().count(line); }
+  /// What another process would find.
+  std::size_t saved() {
+    fs::copy(cache, copies.path() / "copy", fs::copy_options::recursive);
+    const auto size = RequestsFile().load((copies.path() / "copy/requests.ser").string()).size();
+    fs::remove_all(copies.path() / "copy");
+    return size;
+  }
+  /// Three additions that cannot be saved, told of once; then, when `mend` has run, one that can.
+  template <class Mend>
+  void failsUntil(Mend mend, const std::string& cause) {
+    const std::size_t failures = told(kFails);
+    const std::size_t recoveries = told(kWorksAgain);
+    const std::size_t before = _added;
+    add(3);
+    EXPECT_EQ(told(kFails), failures + 1);
+    EXPECT_EQ(_application->log().count("requests.ser: " + cause), 1U);
+    mend();
+    EXPECT_EQ(saved(), before);
+    add(1);
+    EXPECT_EQ(told(kWorksAgain), recoveries + 1);
+    EXPECT_EQ(saved(), before + 4);
+  }
+
+  const TemporaryDirectory directory;
+  const std::string library = directory.path() / "library";
+  const std::string cache = library + "/orbiqCache";
+
+  const TemporaryDirectory copies;
+
+  std::unique_ptr<Application> _application;
+
+ private:
+  const ClosedPort _closed;
+  std::size_t _added = 0;
+};
+
+TEST_F(Disk, IsFull) {
+  fs::create_directory(library);
+  const int wanted = CLONE_NEWNS | (geteuid() == 0 ? 0 : CLONE_NEWUSER);
+  if (unshare(wanted) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount("none", library.c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "no mount of its own: " << std::strerror(errno);
+  }
+  start();
+  const std::string filler = library + "/filler";
+  const auto fill = [&] {
+    std::ofstream file(filler);
+    while (file.put('x').flush()) continue;
+  };
+  fill();
+  // The spare file is there already, but the longer queue needs another block at some time.
+  std::size_t before = 0;
+  while (told(kFails) == 0 && before < 100) {
+    ASSERT_NO_FATAL_FAILURE(add(1));
+    before = saved();
+  }
+  ASSERT_EQ(told(kFails), 1U);
+  add(3);
+  EXPECT_EQ(told(kFails), 1U);
+  EXPECT_EQ(saved(), before);
+  fs::remove(filler);
+  add(1);
+  EXPECT_EQ(told(kWorksAgain), 1U);
+  EXPECT_EQ(saved(), orbiqAgent::sharedAgent().statistics().pending);
+}
+
+TEST_F(Disk, GivesNoPermission) {
+  if (geteuid() == 0) {
+    fs::permissions(directory.path(), fs::perms::all);
+    fs::permissions(copies.path(), fs::perms::all);
+    ASSERT_EQ(seteuid(65534), 0);  // the super-user is refused nothing
+  }
+  start();
+  fs::permissions(cache, fs::perms::owner_read | fs::perms::owner_exec);
+  failsUntil([&] { fs::permissions(cache, fs::perms::owner_all); }, "Permission denied");
+}
+
+TEST_F(Disk, HasSomethingElseInTheFilesPlace) {
+  start();
+  add(2);
+  fs::rename(cache + "/requests.ser", cache + "/aside");
+  fs::create_directories(cache + "/requests.ser/in the way");
+  failsUntil(
+      [&] {
+        fs::remove_all(cache + "/requests.ser");
+        fs::rename(cache + "/aside", cache + "/requests.ser");
+      },
+      "Is a directory");
+  // A file of somebody else's, and a link that leads nowhere, are replaced without a word.
+  std::ofstream(cache + "/swapped") << "not a requests file";
+  fs::rename(cache + "/swapped", cache + "/requests.ser");
+  add(1);
+  EXPECT_EQ(saved(), 8U);
+  fs::remove(cache + "/requests.ser");
+  fs::create_symlink("nowhere", cache + "/requests.ser");
+  add(1);
+  EXPECT_EQ(saved(), 9U);
+  fs::remove_all(cache);
+  add(1);
+  EXPECT_EQ(saved(), 10U);
+}
+
+}  // namespace
+}  // namespace orbiq::test

@@ -1,0 +1,69 @@
+// The end of the process, or of its use of the library, in the middle of anything.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "tests/support/Application.h"
+#include "tests/support/Role.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace orbiq::test {
+namespace {
+
+/// Ends the process from within the step that it is told, on a thread of the library's own or,
+/// where that is the server's to say, on the main thread.
+int endWithin(const std::vector<std::string>& arguments) {
+  static const std::string step = arguments.at(1);
+  static const std::string end = arguments.at(2);
+  static Gate reached;
+  static const auto leave = [] {
+    if (end == "exit") std::exit(7);
+    if (end == "quick_exit") std::quick_exit(7);
+    if (end == "abort") std::abort();
+    kill(getpid(), SIGTERM);
+    pause();
+  };
+  static Application application(arguments.at(0), [&](HostDescription& host, Platform&) {
+    host.libraryDirectory = arguments.at(3);
+    host.logSink = [](const LogLine& line) {
+      if (line.text.find(step) != line.text.npos) reached.open();
+    };
+  });
+  static struct UsesTheLibraryLate {
+    ~UsesTheLibraryLate() {
+      Application::tagger("late")->sendHit();
+      orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
+    }
+  } late;
+  for (int i = 0; i < 50; ++i) orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
+  reached.pass();
+  leave();
+  return 1;
+}
+const RoleRegistration kEnd("end-within", endWithin);
+
+TEST(Ending, InTheMiddleOfAnyStep) {
+  const std::vector<std::pair<std::string, int>> ends{
+      {"exit", 7}, {"quick_exit", 7}, {"abort", 128 + SIGABRT}, {"signal", 128 + SIGTERM}};
+  for (const std::string step : {"Saving requests to cache", "Handling request", "Serial ABC on"}) {
+    for (const auto& [end, code] : ends) {
+      // Where the hit is sent, its answer does not come.
+      AccountServer server;
+      ScriptedServer hits({{steps::readRequest(), steps::untilPeerCloses()}});
+      server.answerAuthorizations([&](const std::string&) {
+        return answer(200, "access=full|host=" + hits.url("/") + "|cmsVI=7");
+      });
+      const TemporaryDirectory library;
+      RoleProcess process("end-within",
+                          {server.authorizationServer(), step, end, library.path().string()});
+      EXPECT_EQ(process.wait(), code) << step << ", " << end;
+    }
+  }
+}
+
+}  // namespace
+}  // namespace orbiq::test
