@@ -131,8 +131,7 @@ std::string python(const std::string& script, const std::string& input) {
   const TemporaryDirectory directory;
   const std::filesystem::path file = directory.path() / "input";
   std::ofstream(file, std::ios::binary) << input;
-  const auto scripts = std::filesystem::path(__FILE__).parent_path() / "../../support/";
-  const std::string command = "python3 " + scripts.string() + script + " < " + file.string();
+  const std::string command = "python3 " ORBIQ_TEST_SUPPORT "/" + script + " < " + file.string();
   std::FILE* const pipe = popen(command.c_str(), "r");
   std::string output;
   char buffer[4096];
