@@ -22,3 +22,16 @@ option(ORBIQ_WERROR "Treat warnings as errors" OFF)
 if(ORBIQ_WERROR)
   target_compile_options(orbiq_compile INTERFACE -Werror)
 endif()
+
+# What the shared libraries have in common. They stay loaded for good: their threads, and the type
+# that one of them registers with GLib, must not outlive their code.
+function(orbiq_shared_library target)
+  set(exports ${PROJECT_SOURCE_DIR}/orbiq/exports.map)
+  set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION}
+    SOVERSION ${PROJECT_VERSION_MAJOR} LINK_DEPENDS ${exports})
+  target_link_options(${target} PRIVATE LINKER:-z,nodelete LINKER:--version-script=${exports})
+  # A sanitizer's run-time library comes with the program, not with this library.
+  if(NOT ORBIQ_SANITIZE)
+    target_link_options(${target} PRIVATE LINKER:-z,defs)
+  endif()
+endfunction()

@@ -37,57 +37,71 @@ const Case kCases[]{
      "tlsv1 alert protocol version"},
 };
 
+/// An application with a server for its authorizations and one for its hits, one of which has the
+/// case's identity.
 class Tls : public testing::TestWithParam<Case> {
  protected:
-  static std::string granting(const std::string& hitServer) {
-    return answer(200, "access=full|host=" + hitServer + "|cmsVI=7");
-  }
-  std::string failure() { return orbiqAgent::sharedAgent().statistics().lastFailure.description(); }
+  explicit Tls(bool ofHits) : hitsAreAtFault(ofHits) {}
 
+  static orbiqAgent& agent() { return orbiqAgent::sharedAgent(); }
+  std::string failure() { return agent().statistics().lastFailure.description(); }
+  bool isSent() { return application.log().waitFor("We have now 0 request(s) to handle"); }
+  bool isKept() {
+    return application.log().waitFor("handling resulted in a timeout or lack of connection");
+  }
+
+  const bool hitsAreAtFault;
   const CertificateAuthority trusted;
   const TlsIdentity good = trusted.issue();
-  const TlsIdentity identity = GetParam().identity(trusted);
+  const TlsIdentity tested = GetParam().identity(trusted);
+  ScriptedServer hits{[](const std::string&) { return answer(200); },
+                      hitsAreAtFault ? &tested : &good};
+  ScriptedServer authorizations{[this](const std::string&) {
+                                  return answer(200,
+                                                "access=full|host=" + hits.url("/") + "|cmsVI=7");
+                                },
+                                hitsAreAtFault ? &good : &tested};
+  Application application{authorizations.url("/"), [this](HostDescription& host, Platform&) {
+                            host.caBundle = trusted.bundle();
+                          }};
 };
 
-TEST_P(Tls, OfTheHitServer) {
-  ScriptedServer hits([](const std::string&) { return answer(200); }, &identity);
-  const std::string grant = granting(hits.url("/"));
-  ScriptedServer authorizations([&](const std::string&) { return grant; }, &good);
-  Application application(authorizations.url("/"), [&](HostDescription& host, Platform&) {
-    host.caBundle = trusted.bundle();
-  });
+class TlsHits : public Tls {
+ protected:
+  TlsHits() : Tls(true) {}
+};
+class TlsAuthorizations : public Tls {
+ protected:
+  TlsAuthorizations() : Tls(false) {}
+};
+
+TEST_P(TlsHits, AreSentToATrustedServerAlone) {
   const auto request = streamingRequest();
-  orbiqAgent::sharedAgent().addRequestToQueue(request);
+  agent().addRequestToQueue(request);
   if (GetParam().problem == nullptr) {
-    ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+    ASSERT_TRUE(isSent());
     EXPECT_EQ(hits.requests().size(), 1U);
     return;
   }
-  ASSERT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection"));
-  orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
+  ASSERT_TRUE(isKept());
+  agent().addRequestToQueue(streamingRequest());
   ASSERT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
   EXPECT_TRUE(hits.requests().empty());
   EXPECT_EQ(request->numberOfFails(), 1U);
   EXPECT_EQ(request->lastFail(), application.clock().now());
   EXPECT_NE(failure().find(GetParam().problem), std::string::npos) << failure();
-  EXPECT_EQ(counts(orbiqAgent::sharedAgent().statistics()), (Counts{2, 0, 0, 0, 0, 0, 0, 0, 2}));
+  EXPECT_EQ(counts(agent().statistics()), (Counts{2, 0, 0, 0, 0, 0, 0, 0, 2}));
 }
 
-TEST_P(Tls, OfTheAuthorizationServer) {
-  ScriptedServer hits([](const std::string&) { return answer(200); }, &good);
-  const std::string grant = granting(hits.url("/"));
-  ScriptedServer authorizations([&](const std::string&) { return grant; }, &identity);
-  Application application(authorizations.url("/"), [&](HostDescription& host, Platform&) {
-    host.caBundle = trusted.bundle();
-  });
+TEST_P(TlsAuthorizations, OfAnotherServerAreReplacedByTheFallback) {
   Application::tagger("ABC")->sendHit();
   if (GetParam().problem == nullptr) {
-    ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+    ASSERT_TRUE(isSent());
     EXPECT_EQ(hits.requests().size(), 1U);
     return;
   }
-  // The fallback: the serial alone, which cannot be sent to.
-  ASSERT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection"));
+  // The serial alone, which cannot be sent to.
+  ASSERT_TRUE(isKept());
   EXPECT_TRUE(authorizations.requests().empty());
   EXPECT_TRUE(hits.requests().empty());
   EXPECT_EQ(failure(), "ABC: the URL is neither http nor https");
@@ -111,8 +125,9 @@ TEST(TlsRedirect, ToAnUnprotectedServerIsNotFollowed) {
   EXPECT_EQ(open.connectionCount(), 0U);
 }
 
-INSTANTIATE_TEST_SUITE_P(With, Tls, testing::ValuesIn(kCases),
-                         [](const auto& made) { return std::string(made.param.name); });
+std::string nameOf(const testing::TestParamInfo<Case>& made) { return made.param.name; }
+INSTANTIATE_TEST_SUITE_P(Server, TlsHits, testing::ValuesIn(kCases), nameOf);
+INSTANTIATE_TEST_SUITE_P(Server, TlsAuthorizations, testing::ValuesIn(kCases), nameOf);
 
 }  // namespace
 }  // namespace orbiq::test

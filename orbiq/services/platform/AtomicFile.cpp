@@ -12,29 +12,14 @@
 namespace orbiq {
 namespace {
 
-int writeAll(int descriptor, std::string_view bytes, std::size_t at) {
-  while (at < bytes.size()) {
-    const ssize_t written =
-        ::pwrite(descriptor, bytes.data() + at, bytes.size() - at, static_cast<off_t>(at));
-    if (written < 0 && errno == EINTR) continue;
-    if (written < 0) return errno;
-    at += static_cast<std::size_t>(written);
-  }
-  return 0;
-}
-
 std::string directoryOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
 
 int syncDirectory(const std::string& path) {
   const Descriptor opened(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return opened.number() >= 0 && fsync(opened.number()) == 0 ? 0 : errno;
+  return opened.isOpen() && fsync(opened.number()) == 0 ? 0 : errno;
 }
 
 }  // namespace
-
-Descriptor::~Descriptor() {
-  if (isOpen()) ::close(_number);
-}
 
 void AtomicFile::Version::swap(Version& other) {
   _descriptor.swap(other._descriptor);
@@ -58,7 +43,7 @@ int AtomicFile::Version::create(int directory, const std::string& name) {
 
 int AtomicFile::Version::write(std::string_view bytes, bool synced) {
   const int file = _descriptor.number();
-  if (const int failed = writeAll(file, bytes, kept); failed != 0) return failed;
+  if (const int failed = writeAll(_descriptor, bytes, kept); failed != 0) return failed;
   const auto size = static_cast<off_t>(bytes.size());
   if (size < _state.st_size && ftruncate(file, size) != 0) return errno;
   if (synced && fdatasync(file) != 0) return errno;
@@ -125,26 +110,15 @@ int AtomicFile::write(std::string_view bytes, bool mayExchange, bool synced) {
 
 int syncFile(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  if (file.number() < 0 || fdatasync(file.number()) != 0) return errno;
+  if (!file.isOpen() || fdatasync(file.number()) != 0) return errno;
   return syncDirectory(directoryOf(path));
 }
 
 std::optional<std::string> readFile(const std::string& path, std::size_t limit) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat status {};
-  if (file.number() < 0 || fstat(file.number(), &status) != 0) return std::nullopt;
-  if (!S_ISREG(status.st_mode) || static_cast<std::size_t>(status.st_size) > limit) {
-    return std::nullopt;
-  }
-  std::string bytes(static_cast<std::size_t>(status.st_size), '\0');
-  std::size_t filled = 0;
-  while (filled < bytes.size()) {
-    const ssize_t count = ::read(file.number(), bytes.data() + filled, bytes.size() - filled);
-    if (count < 0 && errno == EINTR) continue;
-    if (count <= 0) return std::nullopt;
-    filled += static_cast<std::size_t>(count);
-  }
-  return bytes;
+  if (!file.isOpen() || fstat(file.number(), &status) != 0) return std::nullopt;
+  return S_ISREG(status.st_mode) ? readAll(file, limit) : std::nullopt;
 }
 
 }  // namespace orbiq

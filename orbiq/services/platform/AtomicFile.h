@@ -6,29 +6,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <utility>
+
+#include "orbiq/services/platform/Descriptor.h"
 
 namespace orbiq {
-
-/// An open file, closed with its owner.
-class Descriptor {
- public:
-  Descriptor() = default;
-  explicit Descriptor(int number) : _number(number) {}
-  ~Descriptor();
-  Descriptor(Descriptor&& other) noexcept { swap(other); }
-  Descriptor& operator=(Descriptor other) noexcept {
-    swap(other);
-    return *this;
-  }
-  void swap(Descriptor& other) noexcept { std::swap(_number, other._number); }
-
-  int number() const { return _number; }
-  bool isOpen() const { return _number >= 0; }
-
- private:
-  int _number = -1;
-};
 
 /// A file that is replaced whole, mode 0600, again and again: whoever opens it, and whatever ends
 /// this process, finds the old bytes or the new ones.

@@ -90,7 +90,7 @@ void BinaryPlistWriter::putHead(unsigned kind, std::size_t count) {
   if (count >= 0xF) putInteger(count);
 }
 
-/// One, two and four bytes are read as unsigned, eight as signed, sixteen as signed again.
+/// One, two and four bytes are read as unsigned, eight as signed.
 void BinaryPlistWriter::putInteger(std::uint64_t number) {
   if (number <= UINT8_MAX) {
     char* const place = grow(2);
@@ -104,14 +104,10 @@ void BinaryPlistWriter::putInteger(std::uint64_t number) {
     char* const place = grow(5);
     place[0] = marker(kInteger, 2);
     store<4>(place + 1, number);
-  } else if (number <= INT64_MAX) {
+  } else {
     char* const place = grow(9);
     place[0] = marker(kInteger, 3);
     store<8>(place + 1, number);
-  } else {
-    char* const place = grow(17);
-    place[0] = marker(kInteger, 4);
-    store<8>(store<8>(place + 1, 0), number);
   }
 }
 
@@ -124,21 +120,14 @@ PlistRef BinaryPlistWriter::addBoolean(bool value) {
   return known;
 }
 
-PlistRef BinaryPlistWriter::addUnsigned(std::uint64_t number) {
-  PlistRef* const known = number < _smallIntegers.size() ? &_smallIntegers[number] : nullptr;
+PlistRef BinaryPlistWriter::addInteger(std::int64_t number) {
+  // As an unsigned number, a negative one is large enough to take eight bytes.
+  const auto bits = static_cast<std::uint64_t>(number);
+  PlistRef* const known = bits < _smallIntegers.size() ? &_smallIntegers[bits] : nullptr;
   if (known != nullptr && *known != kNone) return *known;
   const PlistRef ref = beginObject();
-  putInteger(number);
+  putInteger(bits);
   if (known != nullptr) *known = ref;
-  return ref;
-}
-
-PlistRef BinaryPlistWriter::addInteger(std::int64_t number) {
-  if (number >= 0) return addUnsigned(static_cast<std::uint64_t>(number));
-  const PlistRef ref = beginObject();
-  char* const place = grow(9);
-  place[0] = marker(kInteger, 3);
-  store<8>(place + 1, static_cast<std::uint64_t>(number));
   return ref;
 }
 

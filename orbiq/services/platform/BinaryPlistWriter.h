@@ -29,7 +29,6 @@ class BinaryPlistWriter {
 
   PlistRef addBoolean(bool value);
   PlistRef addInteger(std::int64_t number);
-  PlistRef addUnsigned(std::uint64_t number);
   PlistRef addReal(double number);
   /// UTF-8 text; malformed bytes are written as U+FFFD.
   PlistRef addText(std::string_view text);
@@ -50,11 +49,9 @@ class BinaryPlistWriter {
   void rewind(const Mark& mark);
 
   RefSize refSize() const { return _refSize; }
-  /// Whether references of that width can tell so many objects apart.
+  /// Whether references of that width can tell so many objects apart. If they cannot, the list is
+  /// worthless and has to be written again with wider ones.
   static bool fits(std::size_t objectCount, RefSize refSize);
-  /// False once the references cannot tell the objects apart: what was written is then worthless
-  /// and has to be written again with wider ones.
-  bool fits() const { return fits(_offsets.size(), _refSize); }
   /// Completes the list; it can be rewound. The bytes are valid until the next call of any of
   /// these. Throws `std::length_error` beyond 4 GiB.
   std::string_view finish(PlistRef top);

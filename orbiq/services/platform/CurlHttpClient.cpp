@@ -165,9 +165,6 @@ class CurlHttpClient final : public HttpClient {
   CURL* const _easy;
   curl_slist* _headers = nullptr;
   bool _ready = false;
-  // What the easy handle has been told last.
-  std::string _userAgent;
-  std::string _url;
   char _errorText[CURL_ERROR_SIZE] = "";
 };
 
@@ -230,10 +227,7 @@ HttpResult CurlHttpClient::send(const HttpRequest& request) {
 
 HttpResult CurlHttpClient::follow(const HttpRequest& request, TransferStay& stay) {
   const std::string userAgent = withoutControlCharacters(request.userAgent.toStdString());
-  if (userAgent != _userAgent) {
-    curl_easy_setopt(_easy, CURLOPT_USERAGENT, userAgent.c_str());  // an empty one is not sent
-    _userAgent = userAgent;
-  }
+  curl_easy_setopt(_easy, CURLOPT_USERAGENT, userAgent.c_str());  // an empty one is not sent
   const auto start = std::chrono::steady_clock::now();
   const SteadyTime deadline = start + std::clamp(request.timeout, Milliseconds{0}, kLongestTimeout);
 
@@ -254,11 +248,7 @@ CURLcode CurlHttpClient::runHop(const std::string& url, bool mayLeadOn, Hop& hop
                                 TransferStay& stay) {
   hop.easy = _easy;
   _errorText[0] = '\0';
-  if (url != _url) {
-    _url.clear();
-    if (const CURLcode refused = curl_easy_setopt(_easy, CURLOPT_URL, url.c_str())) return refused;
-    _url = url;
-  }
+  if (const CURLcode refused = curl_easy_setopt(_easy, CURLOPT_URL, url.c_str())) return refused;
   curl_easy_setopt(_easy, CURLOPT_HEADERDATA, &hop);
   curl_easy_setopt(_easy, CURLOPT_WRITEDATA, &hop);
   if (curl_multi_add_handle(_multi, _easy) != CURLM_OK) return CURLE_FAILED_INIT;

@@ -11,8 +11,8 @@
 #include <string_view>
 #include <utility>
 
-#include "orbiq/services/platform/AtomicFile.h"
 #include "orbiq/services/platform/BriefLock.h"
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/Paths.h"
 
 namespace orbiq {
@@ -87,17 +87,8 @@ KeychainStatus readItem(const Descriptor& directory, const std::string& name, st
   const Descriptor file(
       openat(directory.number(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file.isOpen()) return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
-  std::string bytes(kSizeLimit + 1, '\0');
-  std::size_t filled = 0;
-  while (filled < bytes.size()) {
-    const ssize_t count = read(file.number(), bytes.data() + filled, bytes.size() - filled);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return errSecNotAvailable;
-    if (count == 0) break;
-    filled += static_cast<std::size_t>(count);
-  }
-  bytes.resize(filled);
-  std::optional<std::string> found = filled <= kSizeLimit ? decoded(bytes) : std::nullopt;
+  const std::optional<std::string> bytes = readAll(file, kSizeLimit);
+  std::optional<std::string> found = bytes ? decoded(*bytes) : std::nullopt;
   if (!found) return errSecNotAvailable;
   data = *std::move(found);
   return errSecSuccess;
@@ -111,13 +102,7 @@ bool writeSpare(const Descriptor& directory, std::string_view data) {
       openat(directory.number(), kSpareName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
   const std::string bytes = headerOf(data).append(data);
   if (!file.isOpen() || bytes.size() > kSizeLimit) return false;
-  for (std::size_t written = 0; written < bytes.size();) {
-    const ssize_t count = write(file.number(), bytes.data() + written, bytes.size() - written);
-    if (count < 0 && errno == EINTR) continue;
-    if (count < 0) return false;
-    written += static_cast<std::size_t>(count);
-  }
-  return fsync(file.number()) == 0;
+  return writeAll(file, bytes) == 0 && fsync(file.number()) == 0;
 }
 
 /// Makes the spare file an item's new file.

@@ -1,0 +1,37 @@
+#include "orbiq/services/platform/Descriptor.h"
+
+#include <errno.h>
+#include <unistd.h>
+
+namespace orbiq {
+
+Descriptor::~Descriptor() {
+  if (isOpen()) ::close(_number);
+}
+
+int writeAll(const Descriptor& file, std::string_view bytes, std::size_t from) {
+  while (from < bytes.size()) {
+    const ssize_t count =
+        ::pwrite(file.number(), bytes.data() + from, bytes.size() - from, static_cast<off_t>(from));
+    if (count < 0 && errno == EINTR) continue;
+    if (count < 0) return errno;
+    from += static_cast<std::size_t>(count);
+  }
+  return 0;
+}
+
+std::optional<std::string> readAll(const Descriptor& file, std::size_t limit) {
+  constexpr std::size_t kChunk = 65'536;
+  std::string bytes;
+  for (;;) {
+    const std::size_t filled = bytes.size();
+    if (filled > limit) return std::nullopt;
+    bytes.resize(filled + kChunk);
+    const ssize_t count = ::read(file.number(), bytes.data() + filled, kChunk);
+    if (count < 0 && errno != EINTR) return std::nullopt;
+    bytes.resize(filled + (count > 0 ? static_cast<std::size_t>(count) : 0));
+    if (count == 0) return bytes;
+  }
+}
+
+}  // namespace orbiq
