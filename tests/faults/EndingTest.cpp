@@ -52,8 +52,8 @@ TEST(Ending, InTheMiddleOfAnyStep) {
   for (const std::string step : {"Saving requests to cache", "Handling request", "Serial ABC on"}) {
     for (const auto& [end, code] : ends) {
       // Where the hit is sent, its answer does not come.
-      AccountServer server;
       ScriptedServer hits({{steps::readRequest(), steps::untilPeerCloses()}});
+      AccountServer server;
       server.answerAuthorizations([&](const std::string&) {
         return answer(200, "access=full|host=" + hits.url("/") + "|cmsVI=7");
       });
