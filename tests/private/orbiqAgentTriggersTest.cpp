@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
@@ -13,6 +14,45 @@
 
 namespace orbiq::test {
 namespace {
+
+/// The machine's own network, with the looks at it counted: one for each time that the sending loop
+/// is woken and has something to send.
+class CountedNetwork final : public NetworkReachabilitySource {
+ public:
+  std::shared_ptr<NetworkReachability> createWithName(const std::string& name) override {
+    return _network->createWithName(name);
+  }
+  std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) override {
+    return std::make_shared<Target>(_network->createWithAddress(address), _looks);
+  }
+  std::string failure() const override { return _network->failure(); }
+  const LogRecorder& looks() const { return *_looks; }
+
+ private:
+  class Target final : public NetworkReachability {
+   public:
+    Target(std::shared_ptr<NetworkReachability> target, std::shared_ptr<LogRecorder> looks)
+        : _target(std::move(target)), _looks(std::move(looks)) {}
+    bool setCallback(NetworkReachabilityCallback callback,
+                     const NetworkReachabilityContext& context) override {
+      return _target->setCallback(callback, context);
+    }
+    bool setDispatchQueue(std::shared_ptr<SerialQueue> queue) override {
+      return _target->setDispatchQueue(std::move(queue));
+    }
+    bool getFlags(std::uint32_t& flags) override {
+      const bool isKnown = _target->getFlags(flags);
+      _looks->record({LoggingModeInfo, "look", {}});
+      return isKnown;
+    }
+
+   private:
+    std::shared_ptr<NetworkReachability> _target;
+    std::shared_ptr<LogRecorder> _looks;
+  };
+  std::shared_ptr<NetworkReachabilitySource> _network = makeRouteReachabilitySource();
+  std::shared_ptr<LogRecorder> _looks = std::make_shared<LogRecorder>();
+};
 
 class Triggers : public testing::Test {
  protected:
@@ -24,7 +64,19 @@ class Triggers : public testing::Test {
     network->setUp("peer");
     network->addAddress("uplink", "10.0.0.1/24");
     server = std::make_unique<AccountServer>();
-    application = std::make_unique<Application>(server->authorizationServer());
+    counted = std::make_shared<CountedNetwork>();
+    application = std::make_unique<Application>(
+        server->authorizationServer(), [this](HostDescription& /*host*/, Platform& platform) {
+          platform.reachabilitySource = counted;
+        });
+  }
+  /// Does what wakes the sending loop, and returns when the loop has looked and sleeps again, or
+  /// else is at work.
+  template <class Action>
+  [[nodiscard]] bool wakeLoop(Action action) {
+    const std::size_t before = counted->looks().count("look");
+    action();
+    return counted->looks().waitFor("look", before + 1);
   }
   void connect() {
     network->setUp("uplink");
@@ -39,18 +91,21 @@ class Triggers : public testing::Test {
 
   std::unique_ptr<NetworkNamespace> network;
   std::unique_ptr<AccountServer> server;
+  std::shared_ptr<CountedNetwork> counted;
   std::unique_ptr<Application> application;
 };
 
 TEST_F(Triggers, TheNetworksReturnSendsStreamingAndDropsAudienceRequests) {
   const auto tagger = Application::tagger("ABC");
   orbiqAgent& agent = orbiqAgent::sharedAgent();
-  tagger->sendHit();
-  agent.addRequestToQueue(streamingRequest(SendingModeHost, "stream"));
-  agent.addRequestToQueue(std::make_shared<orbiqClearCache>());
-  tagger->sendHit();
-  ASSERT_TRUE(application->log().waitFor("We have now 4 request(s) to handle"));
-  Application::enterForeground();  // wakes the loop, which finds no network
+  // One at a time, as a late look would find the network before its return is told of.
+  ASSERT_TRUE(wakeLoop([&] { tagger->sendHit(); }));
+  ASSERT_TRUE(
+      wakeLoop([&] { agent.addRequestToQueue(streamingRequest(SendingModeHost, "stream")); }));
+  ASSERT_TRUE(wakeLoop([&] { agent.addRequestToQueue(std::make_shared<orbiqClearCache>()); }));
+  ASSERT_TRUE(wakeLoop([&] { tagger->sendHit(); }));
+  EXPECT_EQ(application->log().count("We have now 4 request(s) to handle"), 1U);
+  ASSERT_TRUE(wakeLoop([] { Application::enterForeground(); }));  // which finds no network
   std::size_t saves = application->log().count("Saving requests to cache");
   EXPECT_EQ(saves, 4U);
 
