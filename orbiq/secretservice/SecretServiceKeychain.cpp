@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <chrono>
 #include <string>
 #include <utility>
@@ -13,6 +12,7 @@
 
 #include "orbiq/services/platform/BriefLock.h"
 #include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/Mutex.h"
 
 namespace orbiq {
 namespace {
@@ -43,6 +43,36 @@ class Error {
 
  private:
   GError* _error = nullptr;
+};
+
+/// The connection that GLib shares in the process, which libsecret takes and the host may have,
+/// too. One visitor at a time; to be made before anything that changes the thread's main context,
+/// as the connection keeps the one it is made with.
+class SharedBus {
+ public:
+  SharedBus() : _turn(turn()), _connection(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)) {
+    if (!_connection) return;
+    // The end of a bus that nobody but this visit asked for must not be the end of the process.
+    _endsProcess = g_dbus_connection_get_exit_on_close(_connection.get());
+    g_dbus_connection_set_exit_on_close(_connection.get(), FALSE);
+  }
+  ~SharedBus() {
+    if (_connection) g_dbus_connection_set_exit_on_close(_connection.get(), _endsProcess);
+  }
+  SharedBus(const SharedBus&) = delete;
+  SharedBus& operator=(const SharedBus&) = delete;
+
+  GDBusConnection* get() const { return _connection.get(); }
+
+ private:
+  static Mutex& turn() {
+    static auto* const only = new Mutex();
+    return *only;
+  }
+
+  const Lock<Mutex> _turn;
+  const Held<GDBusConnection> _connection;
+  gboolean _endsProcess = FALSE;
 };
 
 /// Takes what GLib leaves to a main loop, which may never run.
@@ -102,10 +132,16 @@ Attributes attributesOf(const KeychainQuery& query) {
   const bool isShared = !query.accessGroup.isNull();
   const std::string owner = isShared ? query.accessGroup.toStdString()
                                      : HostApplication::current().bundleIdentifier.toStdString();
+  const std::string account = query.account.toStdString();
+  const std::string service = query.service.toStdString();
+  // D-Bus carries no other texts.
+  for (const std::string& text : {owner, account, service}) {
+    const auto size = static_cast<gssize>(text.size());
+    if (g_utf8_validate(text.data(), size, nullptr) == FALSE) return nullptr;
+  }
   return Attributes(secret_attributes_build(
-      schema(), "class", static_cast<int>(query.itemClass), "account",
-      query.account.toStdString().c_str(), "service", query.service.toStdString().c_str(),
-      isShared ? "access-group" : "application", owner.c_str(), nullptr));
+      schema(), "class", static_cast<int>(query.itemClass), "account", account.c_str(), "service",
+      service.c_str(), isShared ? "access-group" : "application", owner.c_str(), nullptr));
 }
 
 struct ValueUnref {
@@ -135,9 +171,8 @@ class Visit {
   KeychainStatus connect();
   KeychainStatus openDefaultKeyring();
 
+  const SharedBus _bus;
   const OwnMainContext _context;
-  Held<GDBusConnection> _bus;
-  gboolean _endsProcess = FALSE;
   Held<SecretService> _service;
   Held<SecretCollection> _keyring;
   KeychainStatus _status;
@@ -151,16 +186,11 @@ Visit::~Visit() {
   _keyring.reset();
   _service.reset();
   _context.drain();
-  if (_bus) g_dbus_connection_set_exit_on_close(_bus.get(), _endsProcess);
 }
 
 KeychainStatus Visit::connect() {
   Error error;
-  _bus.reset(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, error.out()));
-  if (!_bus) return errSecNotAvailable;
-  // The end of a bus that nobody but this visit asked for must not be the end of the process.
-  _endsProcess = g_dbus_connection_get_exit_on_close(_bus.get());
-  g_dbus_connection_set_exit_on_close(_bus.get(), FALSE);
+  if (!_bus.get()) return errSecNotAvailable;
   // Not libsecret's shared service: that one holds on to a daemon that is gone.
   _service.reset(secret_service_open_sync(quietServiceType(), nullptr, SECRET_SERVICE_OPEN_SESSION,
                                           nullptr, error.out()));
@@ -177,9 +207,11 @@ KeychainStatus Visit::openDefaultKeyring() {
 
 KeychainStatus Visit::find(const KeychainQuery& query, std::vector<Held<SecretItem>>& items) {
   if (_status != errSecSuccess) return _status;
+  const Attributes attributes = attributesOf(query);
+  if (!attributes) return errSecNotAvailable;
   Error error;
-  GList* const found = secret_service_search_sync(
-      _service.get(), schema(), attributesOf(query).get(), SECRET_SEARCH_ALL, nullptr, error.out());
+  GList* const found = secret_collection_search_sync(_keyring.get(), schema(), attributes.get(),
+                                                     SECRET_SEARCH_ALL, nullptr, error.out());
   for (const GList* entry = found; entry; entry = entry->next) {
     items.emplace_back(static_cast<SecretItem*>(entry->data));
   }
@@ -201,7 +233,8 @@ KeychainStatus Visit::create(const KeychainQuery& query) {
   const Held<SecretItem> item(secret_item_create_sync(
       _keyring.get(), schema(), attributesOf(query).get(), query.service.toStdString().c_str(),
       valueOf(query.valueData.value_or("")).get(), SECRET_ITEM_CREATE_NONE, nullptr, error.out()));
-  return item ? errSecSuccess : error.status();
+  if (item) return errSecSuccess;
+  return error.status() != errSecSuccess ? error.status() : errSecNotAvailable;
 }
 
 class SecretServiceKeychain final : public Keychain {
@@ -213,14 +246,13 @@ class SecretServiceKeychain final : public Keychain {
 
  private:
   /// GLib's threads do not come along into a forked child, and a call there would wait in vain.
-  bool isForkedAway();
-
-  std::atomic<pid_t> _user{0};
+  static bool isForkedAway();
 };
 
 bool SecretServiceKeychain::isForkedAway() {
-  pid_t user = 0;
-  return !_user.compare_exchange_strong(user, getpid()) && user != getpid();
+  // One for all stores: a child may make another.
+  static const pid_t firstUser = getpid();
+  return firstUser != getpid();
 }
 
 KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) {

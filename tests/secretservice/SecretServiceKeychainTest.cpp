@@ -176,6 +176,7 @@ TEST_F(SecretServiceKeychainTest, SharesAnIdentifierOnlyByAccessGroup) {
   EXPECT_EQ(apply({"UUID", "tv.example.radio", "group"}), shared);
   EXPECT_EQ(apply({"UUID", "tv.example.radio", "tv.example.player"}).size(), 36U);
   EXPECT_EQ(apply({"reset", "tv.example.radio"}), "done");
+  EXPECT_EQ(apply({"UUID", "tv.example.player", "no\xFFtext"}), failures("-25291").front());
   EXPECT_EQ(identifier(), own);
   EXPECT_NE(own, others);
   EXPECT_NE(own, shared);

@@ -23,14 +23,15 @@ constexpr std::size_t kSizeLimit = 65'536;
 constexpr const char* kLockName = "lock";
 constexpr const char* kSpareName = "spare";
 
-/// Appends a part of a file name: what is neither a letter nor a digit nor "_" becomes "%" and two
-/// hexadecimal digits, so that different items never have one name.
+/// Appends a part of a file name: what is neither a small letter nor a digit nor "_" becomes "%"
+/// and two hexadecimal digits, so that different items never have one name, even where the file
+/// system takes capitals and small letters for the same.
 void appendEscaped(std::string& name, std::string_view part) {
   constexpr char kDigits[] = "0123456789ABCDEF";
   for (const char character : part) {
     const auto byte = static_cast<unsigned char>(character);
-    const bool isPlain = (byte >= '0' && byte <= '9') || (byte >= 'A' && byte <= 'Z') ||
-                         (byte >= 'a' && byte <= 'z') || byte == '_';
+    const bool isPlain =
+        (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || byte == '_';
     if (isPlain) {
       name += character;
     } else {
@@ -107,8 +108,12 @@ bool writeSpare(const Descriptor& directory, std::string_view data) {
 
 /// Makes the spare file an item's new file.
 KeychainStatus addSpareAs(const Descriptor& directory, const std::string& name) {
-  // A link takes the place of nothing, even where others do not keep to the lock.
-  if (linkat(directory.number(), kSpareName, directory.number(), name.c_str(), 0) == 0) {
+  // A link takes the place of nothing, even where others do not keep to the lock. Not every file
+  // system has links.
+  const int number = directory.number();
+  if (linkat(number, kSpareName, number, name.c_str(), 0) == 0 ||
+      (errno != EEXIST &&
+       renameat2(number, kSpareName, number, name.c_str(), RENAME_NOREPLACE) == 0)) {
     return errSecSuccess;
   }
   return errno == EEXIST ? errSecDuplicateItem : errSecNotAvailable;

@@ -11,8 +11,9 @@ namespace orbiq {
 /// Any thread; any number of processes may share the directory.
 ///
 /// An item is there whole or not at all, and what was answered with success has reached the disk.
-/// A file that is damaged, or is no file, is answered with `errSecNotAvailable`; only deleting
-/// removes it.
+/// What is damaged or no file is answered with `errSecNotAvailable`; nothing but deleting removes
+/// it, which a directory in a file's place outlasts. The file's name holds the texts of the query:
+/// more than some 200 letters in all, or a third of that in other signs, are `errSecNotAvailable`.
 class FileKeychain final : public Keychain {
  public:
   /// Uses `directory`, which is made (0700) when the first item is added. Changes wait for those of

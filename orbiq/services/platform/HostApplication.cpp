@@ -42,7 +42,10 @@ std::string executableName() {
   char path[PATH_MAX];
   const ssize_t length = readlink("/proc/self/exe", path, sizeof path);
   const std::string_view text(path, length > 0 ? static_cast<std::size_t>(length) : 0);
-  const std::string name(text.substr(text.rfind('/') + 1));
+  std::string name(text.substr(text.rfind('/') + 1));
+  // An update may have replaced the file since; the application is the same one.
+  constexpr std::string_view kReplaced = " (deleted)";
+  if (name.ends_with(kReplaced)) name.resize(name.size() - kReplaced.size());
   return name.empty() || name.starts_with('.') ? "application" : name;
 }
 

@@ -1,6 +1,7 @@
 #include "orbiq/services/platform/Paths.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <pwd.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -9,6 +10,7 @@
 #include <string_view>
 #include <vector>
 
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/HostApplication.h"
 
 namespace orbiq {
@@ -48,7 +50,12 @@ const std::string& Paths::libraryDirectory() {
 int Paths::makeDirectories(const std::string& path) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);
-    if (mkdir(part.c_str(), 0700) != 0 && errno != EEXIST && end == std::string::npos) {
+    if (mkdir(part.c_str(), 0700) == 0) {
+      // A file that is synced later would not outlast a loss of power without its directory.
+      const Descriptor parent(
+          open(part.substr(0, part.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      if (parent.isOpen()) fsync(parent.number());
+    } else if (errno != EEXIST && end == std::string::npos) {
       return errno;
     }
     if (end == std::string::npos) break;

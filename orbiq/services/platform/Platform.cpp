@@ -50,11 +50,10 @@ HttpClient& Platform::httpClient() {
 
 Keychain& Platform::currentKeychain() {
   if (Keychain* const replacement = current().keychain.get()) return *replacement;
+  // A keychain that changed between two calls would make a new identifier.
+  HostApplication::settle();
   if (Keychain* const hosts = HostApplication::current().keychain.get()) return *hosts;
-  static auto* const store = [] {
-    HostApplication::settle();
-    return new FileKeychain(Paths::libraryDirectory() + "/orbiqKeychain");
-  }();
+  static auto* const store = new FileKeychain(Paths::libraryDirectory() + "/orbiqKeychain");
   return *store;
 }
 

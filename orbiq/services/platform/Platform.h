@@ -31,8 +31,8 @@ struct Platform {
   static Date now() { return current().clock->now(); }
   /// The calling thread's own client, which keeps its connection.
   static HttpClient& httpClient();
-  /// The keychain to use. The file store takes its place from the description of the application,
-  /// which is settled by that.
+  /// The keychain to use. Where it comes from or gets its place from the description of the
+  /// application, that is settled by the call.
   static Keychain& currentKeychain();
 };
 
