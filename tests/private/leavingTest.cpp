@@ -4,9 +4,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
@@ -51,6 +54,33 @@ TEST(Leaving, AStalledSendDoesNotHoldUpTheEnd) {
     close(input[0]);
     close(input[1]);
   }
+}
+
+/// What a host made before its first use of the loop, used by a timer on the library's thread.
+struct UsedByATimer {
+  std::atomic<bool> isUsed{false};
+  ~UsedByATimer() {
+    // Were the timer still to fire, one look would hardly do.
+    for (int i = 0; i < 10'000; ++i, std::this_thread::yield()) {
+      if (isUsed) _exit(1);
+    }
+  }
+};
+const RoleRegistration kTimer("end-beside-a-timer", [](const std::vector<std::string>&) {
+  static UsedByATimer used;
+  static std::promise<void> fired;
+  MainLoop::mainLoop().addTimer(std::chrono::nanoseconds(0), true, [count = 0]() mutable {
+    used.isUsed = true;
+    if (++count == 1) fired.set_value();
+    for (int i = 0; i < 100; ++i) std::this_thread::yield();
+    used.isUsed = false;
+  });
+  fired.get_future().wait();
+  return 7;
+});
+
+TEST(Leaving, NoTimerFiresBesideStaticDestructors) {
+  EXPECT_EQ(RoleProcess("end-beside-a-timer", {}).wait(), 7);
 }
 
 TEST(Leaving, AForkedChildDoesNothingAndDoesNotDisturbTheParent) {

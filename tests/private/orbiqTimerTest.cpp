@@ -32,7 +32,9 @@ struct Ticking {
     tick(timer);
     throw std::runtime_error("the target's own trouble");
   }
+  void look(orbiqTimer& /*timer*/) const { ++looks; }
   std::vector<const orbiqTimer*> ticks;
+  mutable int looks = 0;
 };
 
 /// Its base with the operation does not stand first, so a wrongly cast pointer would show.
@@ -111,7 +113,9 @@ TEST_F(OrbiqTimerTest, OnlyTargetsThatAreThereAndHaveTheOperationAreCalled) {
   const auto unable = std::make_shared<Listener>();
   auto leaving = std::make_shared<Ticking>();
   void (Ticking::*const noSelector)(orbiqTimer&) = nullptr;
-  const auto timers = {timerOf(kSoon, unable, &Ticking::tick, true),
+  const std::shared_ptr<const TickingListener> readOnly = target;
+  const auto timers = {timerOf(kSoon, readOnly, &Ticking::look, true),
+                       timerOf(kSoon, unable, &Ticking::tick, true),
                        timerOf(kSoon, std::shared_ptr<Ticking>(), &Ticking::tick, true),
                        timerOf(kSoon, target, noSelector, true),
                        timerOf(kSoon, leaving, &Ticking::tick, true),
@@ -122,6 +126,7 @@ TEST_F(OrbiqTimerTest, OnlyTargetsThatAreThereAndHaveTheOperationAreCalled) {
   EXPECT_TRUE(left.expired());
   const std::size_t soFar = target->ticks.size();
   await([&] { return target->ticks.size() > soFar + 1; });
+  EXPECT_GT(target->looks, 0);
   for (const orbiqTimer* caller : target->ticks) EXPECT_EQ(caller, timers.end()[-1].get());
   for (const auto& timer : timers) {
     EXPECT_EQ(timer.use_count(), 2);  // gone on, whoever was called

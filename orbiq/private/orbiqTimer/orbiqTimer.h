@@ -38,12 +38,14 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
   static std::shared_ptr<orbiqTimer> orbiqTimerWithInterval_withTarget_selector_repeating(
       double interval, const std::shared_ptr<Target>& target, Operation Class::*selector,
       bool repeating) {
-    static_assert(std::is_invocable_v<Operation Class::*, Class&, orbiqTimer&>,
-                  "the selector is a member function that takes an orbiqTimer&");
+    using Responder = std::conditional_t<std::is_const_v<Target>, const Class, Class>;
+    static_assert(std::is_invocable_v<Operation Class::*, Responder&, orbiqTimer&>,
+                  "the selector is a member function that takes an orbiqTimer&, and const for a "
+                  "const target");
     return makeScheduled(
-        interval, target,
+        interval, std::const_pointer_cast<std::remove_const_t<Target>>(target),
         [selector](void* receiver, orbiqTimer& self) {
-          Class* const responder = responderIn<Class>(static_cast<Target*>(receiver));
+          Responder* const responder = responderIn<Responder>(static_cast<Target*>(receiver));
           if (responder && selector) static_cast<void>((responder->*selector)(self));
         },
         repeating);

@@ -8,6 +8,7 @@
 #include <algorithm>
 #include <array>
 #include <cerrno>
+#include <cstdlib>
 #include <deque>
 #include <map>
 #include <memory>
@@ -27,6 +28,7 @@ using Callback = TimerTable::Callback;
 using std::chrono::nanoseconds;
 
 constexpr nanoseconds kDescriptorRetry = std::chrono::seconds{1};
+constexpr nanoseconds kLongestWaitAtExit = std::chrono::milliseconds{250};
 /// Added to a watched descriptor's number, so that an event of a closed descriptor is not taken for
 /// one of its successor of the same number.
 constexpr std::uint64_t kKeyStep = std::uint64_t{1} << 32;
@@ -69,6 +71,7 @@ struct MainLoop::State {
   bool adopted ORBIQ_GUARDED_BY(condition) = false;
   bool threadRuns ORBIQ_GUARDED_BY(condition) = false;
   bool stopRequested ORBIQ_GUARDED_BY(condition) = false;
+  bool processExits ORBIQ_GUARDED_BY(condition) = false;
   int runs ORBIQ_GUARDED_BY(condition) = 0;
 
   std::deque<Task> posted ORBIQ_GUARDED_BY(condition);
@@ -86,6 +89,8 @@ struct MainLoop::State {
   void updateAlarm() ORBIQ_REQUIRES(condition);
   /// After a change that the loop's thread must see: tells it, or starts it.
   void attend() ORBIQ_REQUIRES(condition);
+  /// Ends the library's thread, which must not run callbacks beside static destructors.
+  void endWithProcess();
 
   bool mayRun(Runner runner) const ORBIQ_REQUIRES(condition);
   void leave(Runner runner) ORBIQ_REQUIRES(condition);
@@ -130,7 +135,8 @@ bool MainLoop::State::openDescriptors() {
 /// Raises the event, or takes it back, so that the descriptor is readable exactly while something
 /// is to be done.
 void MainLoop::State::updateEvent() {
-  const bool wanted = !posted.empty() || (adopted && threadRuns) || (runs > 0 && stopRequested);
+  const bool wanted =
+      !posted.empty() || ((adopted || processExits) && threadRuns) || (runs > 0 && stopRequested);
   if (wakeEvent < 0) {
     condition.broadcast();
   } else if (wanted != raised) {
@@ -161,17 +167,30 @@ void MainLoop::State::attend() {
   openDescriptors();
   updateEvent();
   updateAlarm();
-  if (adopted || threadRuns) return;
+  if (adopted || threadRuns || processExits) return;
   threadRuns = startThread("orbiqMainLoop", [this] {
                  onLoopThread = true;
                  runAll(Runner::library);
                }) == 0;
 }
 
+void MainLoop::State::endWithProcess() {
+  if (inForkedChild()) return;
+  const nanoseconds deadline = monotonicNow() + kLongestWaitAtExit;
+  const Lock lock(condition);
+  processExits = true;
+  updateEvent();
+  while (threadRuns && !isLibraryThread()) {
+    const nanoseconds left = deadline - monotonicNow();
+    if (left.count() <= 0) return;
+    condition.waitFor(left);
+  }
+}
+
 bool MainLoop::State::mayRun(Runner runner) const {
   switch (runner) {
     case Runner::library:
-      return !adopted;
+      return !adopted && !processExits;
     case Runner::host:
       return adopted;
     case Runner::run:
@@ -289,7 +308,11 @@ MainLoop::MainLoop() : _state(new State) { armForkGuard(); }
 MainLoop::~MainLoop() = default;
 
 MainLoop& MainLoop::mainLoop() {
-  static MainLoop* const loop = new MainLoop;
+  static MainLoop* const loop = [] {
+    auto* const made = new MainLoop;
+    std::atexit([] { mainLoop()._state->endWithProcess(); });
+    return made;
+  }();
   return *loop;
 }
 

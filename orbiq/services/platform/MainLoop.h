@@ -19,7 +19,9 @@ namespace orbiq {
 /// like, themselves included; what one throws ends with it. Where the process has no descriptors
 /// left, the library's thread runs posts and timers without them, and tries again for watches once
 /// a second; where no thread can be had, everything waits for the next use of the loop. In a forked
-/// child nothing runs and nothing is kept.
+/// child nothing runs and nothing is kept. When the process exits, the library's thread begins
+/// nothing more, and the item in progress has a quarter of a second to end: what the host made
+/// before its first use of the loop is destroyed after that.
 class ORBIQ_EXPORT MainLoop {
  public:
   /// The process's one loop. Any thread.
@@ -30,8 +32,9 @@ class ORBIQ_EXPORT MainLoop {
 
   /// Hands the loop to the calling thread's own loop, for good. Returns the descriptor to watch
   /// (level-triggered, for reading), or -1 if the loop could not be set up (it may be tried again)
-  /// or is the caller itself. Returns when the item in progress on the library's thread has ended;
-  /// order is kept. A second call returns the same descriptor.
+  /// or is the caller itself. Returns when the item in progress on the library's thread has ended,
+  /// so no item may wait for the calling thread; order is kept. A second call returns the same
+  /// descriptor.
   int adopt();
   /// Runs all that is due, without waiting; what comes up meanwhile waits for the next call. For
   /// the thread that adopted the loop; does nothing before it is adopted.

@@ -13,7 +13,8 @@ namespace orbiq {
 /// One line of the library's log.
 struct LogLine {
   LoggingMode mode = LoggingModeInfo;
-  /// "(ERROR) : " and the message; the message may hold line breaks. Valid during the call.
+  /// "(ERROR) : " and the message (the lines of the device identifier come without that prefix);
+  /// the message may hold line breaks. Valid during the call.
   std::string_view text;
   Date time;
 };
