@@ -9,7 +9,7 @@ add_library(orbiq_compile INTERFACE)
 target_compile_features(orbiq_compile INTERFACE cxx_std_20)
 target_compile_options(orbiq_compile INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion
-  -fvisibility=hidden -fvisibility-inlines-hidden)
+  -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>)
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
   target_compile_options(orbiq_compile INTERFACE -Wthread-safety -Werror=thread-safety)
 endif()

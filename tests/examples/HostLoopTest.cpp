@@ -4,6 +4,7 @@
 #include <memory>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "tests/support/NetworkNamespace.h"
 #include "tests/support/Role.h"
@@ -12,7 +13,9 @@ namespace orbiq::test {
 namespace {
 
 const RoleRegistration example("example", [](const auto& arguments) {
-  execl(arguments[0].c_str(), arguments[0].c_str(), arguments[1].c_str(), nullptr);
+  std::vector<std::string> words = commandOf(arguments[0]);
+  words.push_back(arguments[1]);
+  execv(words[0].c_str(), pointersTo(words).data());
   return 127;
 });
 

@@ -122,7 +122,7 @@ TEST(Kill, LeavesAQueueThatWasThere) {
     std::vector<std::uint64_t> all = queued;
     for (std::uint64_t number = next; number <= progress.added; ++number) all.push_back(number);
     const std::uint64_t last = numbers.empty() ? 0 : numbers.back();
-    const std::size_t present = queued.size() + progress.additionsSaved;  // at least
+    const std::uint64_t present = queued.size() + progress.additionsSaved;  // at least
     std::size_t removed = 0;
     std::size_t end = 0;
     if (numbers.empty()) {

@@ -243,7 +243,7 @@ TEST(AuthExchangeFaults, WithoutACompleteAnswerTheOffsetStays) {
        {steps::readRequest(), steps::reset()},
        {steps::readRequest(), steps::untilPeerCloses()}});
   const Application application(server.url("/"), [](HostDescription&, Platform& platform) {
-    platform.exchangeTimeout = std::chrono::milliseconds(50);
+    platform.exchangeTimeout = std::chrono::seconds(2);
   });
   auto& manager = orbiqAuthManager::manager();
   manager.authentificationInformationForTagger(tagger());

@@ -6,8 +6,11 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
 #include <iostream>
+#include <iterator>
 #include <map>
+#include <sstream>
 #include <stdexcept>
 
 namespace orbiq::test {
@@ -29,20 +32,34 @@ int runRole(const std::string& name, const std::vector<std::string>& arguments) 
   return 127;
 }
 
+std::vector<std::string> commandOf(const std::string& program) {
+  std::istringstream emulator(ORBIQ_TEST_EMULATOR);
+  std::vector<std::string> words(std::istream_iterator<std::string>(emulator), {});
+  words.push_back(program);
+  return words;
+}
+
+std::vector<char*> pointersTo(std::vector<std::string>& words) {
+  std::vector<char*> pointers;
+  pointers.reserve(words.size() + 1);
+  for (std::string& word : words) pointers.push_back(word.data());
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
 RoleProcess::RoleProcess(const std::string& role, const std::vector<std::string>& arguments) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
-  std::vector<std::string> words{"/proc/self/exe", "--role", role};
+  // Resolved here: for an emulated program the kernel's link leads to the emulator.
+  std::vector<std::string> words = commandOf(std::filesystem::read_symlink("/proc/self/exe"));
+  words.insert(words.end(), {"--role", role});
   words.insert(words.end(), arguments.begin(), arguments.end());
-  std::vector<char*> argv;
-  argv.reserve(words.size() + 1);
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
+  const std::vector<char*> argv = pointersTo(words);
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   posix_spawn_file_actions_adddup2(&actions, ends[1], STDOUT_FILENO);
-  const int failed = posix_spawn(&_pid, "/proc/self/exe", &actions, nullptr, argv.data(), environ);
+  const int failed = posix_spawn(&_pid, argv[0], &actions, nullptr, argv.data(), environ);
   posix_spawn_file_actions_destroy(&actions);
   close(ends[1]);
   _output = ends[0];

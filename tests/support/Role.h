@@ -16,6 +16,11 @@ struct RoleRegistration {
 };
 int runRole(const std::string& name, const std::vector<std::string>& arguments);
 
+/// What runs a program that was built with the tests: the emulator's words first, if it needs one.
+std::vector<std::string> commandOf(const std::string& program);
+/// The words as `exec` takes them; valid as long as they are.
+std::vector<char*> pointersTo(std::vector<std::string>& words);
+
 /// This program, run again in a role. Its standard output can be read line by line.
 class RoleProcess {
  public:

@@ -4,6 +4,7 @@
 #include <optional>
 
 #include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/Export.h"
 #include "orbiq/services/platform/String.h"
 
 namespace orbiq {
@@ -36,6 +37,10 @@ struct Statistics {
   String lastFailure;
   /// The most additions that ever waited at once for a send to end.
   std::uint64_t additionsWaitingHighWater = 0;
+
+  /// All of it as one JSON object whose names are the members'; "lastSuccessMilliseconds" counts
+  /// from 1970 (UTC), and what there is not is null.
+  ORBIQ_EXPORT String json() const;
 };
 
 }  // namespace orbiq

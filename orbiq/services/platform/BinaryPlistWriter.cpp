@@ -123,7 +123,8 @@ PlistRef BinaryPlistWriter::addBoolean(bool value) {
 PlistRef BinaryPlistWriter::addInteger(std::int64_t number) {
   // As an unsigned number, a negative one is large enough to take eight bytes.
   const auto bits = static_cast<std::uint64_t>(number);
-  PlistRef* const known = bits < _smallIntegers.size() ? &_smallIntegers[bits] : nullptr;
+  PlistRef* const known =
+      bits < _smallIntegers.size() ? &_smallIntegers[static_cast<std::size_t>(bits)] : nullptr;
   if (known != nullptr && *known != kNone) return *known;
   const PlistRef ref = beginObject();
   putInteger(bits);

@@ -28,7 +28,8 @@ TEST(Logger, PrintsWhatReachesTheThreshold) {
   const std::vector<std::string> all = {"(INFO) : message", "(WARNING) : message",
                                         "(ERROR) : message", "() : message", "() : message"};
   for (std::uint64_t threshold = 0; threshold < 6; ++threshold) {
-    const auto first = all.begin() + static_cast<std::ptrdiff_t>(std::min(threshold, all.size()));
+    const auto first =
+        all.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(threshold, all.size()));
     EXPECT_EQ(printed(threshold), std::vector<std::string>(first, all.end())) << threshold;
   }
   orbiqLogger::log_withMode(nullptr, static_cast<LoggingMode>(9));

@@ -220,8 +220,8 @@ TEST(KeyedArchive, ArchiverIsReusableAndKeepsShortLivedValuesApart) {
   EXPECT_EQ(elements->at(1)->description(), "name=3 { 3=1 } ");
 }
 
-std::uint64_t numberAt(const std::string& bytes, std::size_t at, std::size_t size) {
-  std::uint64_t number = 0;
+std::size_t numberAt(const std::string& bytes, std::size_t at, std::size_t size) {
+  std::size_t number = 0;
   for (std::size_t i = at; i < at + size; ++i) {
     number = number << 8 | static_cast<unsigned char>(bytes[i]);
   }
@@ -242,7 +242,7 @@ TEST(KeyedArchive, AnyNumberOfObjects) {
     while (queue.size() < count) queue.push_back(itemNamed(std::to_string(queue.size())));
     const std::string bytes = archive(queue, archiver);
     const std::size_t trailer = bytes.size() - 32;
-    const std::uint64_t refSize = numberAt(bytes, trailer + 7, 1);
+    const std::size_t refSize = numberAt(bytes, trailer + 7, 1);
     // Some readers want the number of objects itself to fit.
     EXPECT_LT(numberAt(bytes, trailer + 8, 8), 1ULL << 8 * refSize);
     widths |= refSize;
@@ -349,8 +349,8 @@ TEST(KeyedArchive, DamageAndLiesAreHarmless) {
 
   const std::size_t trailer = bytes.size() - 32;
   const std::size_t offsetSize = numberAt(bytes, trailer + 6, 1);
-  const auto table = static_cast<std::size_t>(numberAt(bytes, trailer + 24, 8));
-  const std::uint64_t count = numberAt(bytes, trailer + 8, 8);
+  const std::size_t table = numberAt(bytes, trailer + 24, 8);
+  const std::size_t count = numberAt(bytes, trailer + 8, 8);
   const struct {
     std::size_t at;
     std::size_t size;

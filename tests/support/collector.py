@@ -1,0 +1,61 @@
+"""The real collector as a child process, for tests."""
+
+import contextlib
+import http.client
+import json
+import signal
+import socket
+import subprocess
+import threading
+
+
+class Collector:
+    def __init__(self, path, *flags):
+        self.process = subprocess.Popen(
+            [path, "--port", "0", *flags], stdout=subprocess.PIPE, text=True)
+        self.first_line = self.process.stdout.readline().strip()
+        self.lines = []  # read all along: the collector waits when nobody takes its lines
+        self.reader = threading.Thread(target=lambda: self.lines.extend(self.process.stdout))
+        self.reader.start()
+        self.port = int(self.first_line.rstrip("/").rpartition(":")[2])
+        self.host = self.first_line.partition("//")[2].rpartition(":")[0].strip("[]")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.reader.join()
+        self.process.stdout.close()
+
+    def connect(self):
+        return http.client.HTTPConnection(self.host, self.port, timeout=30)
+
+    def ask(self, method, path, body=None):
+        with contextlib.closing(self.connect()) as connection:
+            connection.request(method, path, body)
+            answer = connection.getresponse()
+            return answer.status, answer.headers, answer.read()
+
+    def hold(self, path):
+        """Sends a request and leaves it waiting for its answer."""
+        connection = socket.create_connection((self.host, self.port), timeout=30)
+        connection.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+        return connection
+
+    def behave(self, **changes):
+        status, _, text = self.ask("POST", "/api/behaviour", json.dumps(changes))
+        return status, json.loads(text)
+
+    def seen(self):
+        return json.loads(self.ask("GET", "/api/exchanges")[2])
+
+    def counts(self):
+        return self.seen()["counts"]
+
+    def stop(self, number=signal.SIGTERM):
+        self.process.send_signal(number)
+        code = self.process.wait(timeout=30)
+        self.reader.join()
+        return code, self.lines

@@ -1,0 +1,64 @@
+# Tests on other architectures; part of ./dev. Nothing foreign is installed on the machine: the
+# packages' files are laid into a directory of the build.
+
+packages_i386=(g++-i686-linux-gnu)
+packages_arm64=(g++-aarch64-linux-gnu qemu-user)
+packages_armhf=(g++-arm-linux-gnueabihf qemu-user)
+packages_cross=(mmdebstrap)
+packages_sysroot=(libstdc++-12-dev libcurl4-openssl-dev libmnl-dev liburiparser-dev
+  libcpp-httplib-dev libcli11-dev nlohmann-json3-dev libgtest-dev libssl-dev libglib2.0-dev
+  libsecret-1-dev)
+
+# make_sysroot ARCHITECTURE DIRECTORY: what is there already is kept while the list is the same.
+make_sysroot() {
+  local arch=$1 sysroot=$2 sources
+  [[ -f $sysroot.packages && $(<"$sysroot.packages") == "${packages_sysroot[*]}" ]] && return
+  say "laying the files of $arch packages into $sysroot"
+  rm -rf "$sysroot" "$sysroot.packages"
+  mkdir -p "$sysroot"
+  sources=$(mktemp --suffix=.sources)
+  # The machine's own sources, without their security suites: these may lag behind for an
+  # architecture that the machine does not use itself.
+  if compgen -G '/etc/apt/sources.list.d/*.sources' >/dev/null; then
+    awk -v RS= -v ORS='\n\n' '!/-security/' /etc/apt/sources.list.d/*.sources >"$sources"
+  else
+    mv "$sources" "${sources%.sources}.list" && sources=${sources%.sources}.list
+    grep -hvs -e '-security' /etc/apt/sources.list /etc/apt/sources.list.d/*.list >"$sources"
+  fi
+  local packages
+  packages=$(IFS=, && printf '%s' "${packages_sysroot[*]}")
+  if ! mmdebstrap --quiet --variant=extract --architectures="$arch" --include="$packages" \
+    bookworm "$sysroot" "$sources" >"$sysroot.log" 2>&1; then
+    tail -20 "$sysroot.log" >&2
+    rm -f "$sources"
+    fail "test: the packages of $arch could not be had"
+  fi
+  rm -f "$sources"
+  printf '%s' "${packages_sysroot[*]}" >"$sysroot.packages"
+}
+
+# cross_test ARCHITECTURE [ctest arguments]
+cross_test() {
+  local arch=$1 triplet emulator='' directory=build-$1 sysroot
+  shift
+  case $arch in
+    i386) triplet=i686-linux-gnu ;;
+    arm64) triplet=aarch64-linux-gnu emulator=qemu-aarch64 ;;
+    armhf) triplet=arm-linux-gnueabihf emulator=qemu-arm ;;
+    *) fail "test: the architectures are i386, arm64 and armhf" ;;
+  esac
+  need test
+  local -n own=packages_$arch
+  packages_architecture=("${packages_cross[@]}" "${own[@]}")
+  need architecture
+  sysroot=$PWD/$directory/sysroot
+  make_sysroot "$arch" "$sysroot"
+  say "tests: $arch in $directory"
+  configure "$directory" "$triplet-g++" --toolchain "$PWD/cmake/cross.cmake" \
+    -DORBIQ_TRIPLET="$triplet" -DORBIQ_SYSROOT="$sysroot" \
+    -DORBIQ_EMULATOR="${emulator:+$(command -v "$emulator");-L;$sysroot}" \
+    -DORBIQ_BUILD_TESTS=ON '-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1'
+  compile "$directory"
+  with_network \
+    ctest --test-dir "$directory" --output-on-failure --no-tests=error -j "$jobs" "$@"
+}
