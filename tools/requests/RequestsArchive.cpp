@@ -20,8 +20,8 @@ constexpr std::array<std::string_view, 2> kDictionaryNames{"NSDictionary", "NSMu
 
 // Far above what an honest file takes, whose requests may share much, and what a file of any size
 // may take.
-constexpr std::size_t kBudgetPerByte = 1024;
-constexpr std::size_t kLeastBudget = 1U << 20U;
+constexpr std::size_t kBudgetPerByte = 512;
+constexpr std::size_t kLeastBudget = 1U << 22U;
 constexpr std::size_t kLargestBudget = 1U << 29U;
 constexpr std::size_t kCostOfRequest = 1024;
 constexpr std::size_t kCostOfParameter = 128;
@@ -311,9 +311,9 @@ void RequestsArchive::addNote(std::string_view key, const PlistObject& value) {
   if (value.kind == Kind::kNone && value.damage.expected == nullptr) return;
   if (isUid && _reader->plist().uid(value) == 0) return;
   if (_notes.size() >= kMostNotes || _reader->entries().kind != Kind::kArray) return;
-  std::string note(key);
-  note += " reads as none: it is " + described(isUid ? _reader->entryOf(value) : value);
-  if (std::ranges::find(_notes, note) == _notes.end()) _notes.push_back(std::move(note));
+  _notes.push_back("request " + std::to_string(_requests.size() + 1) + ": " + std::string(key) +
+                   " reads as none, since it is " +
+                   described(isUid ? _reader->entryOf(value) : value));
 }
 
 }  // namespace orbiq::requests
