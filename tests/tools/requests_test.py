@@ -283,6 +283,35 @@ class RequestsTest(unittest.TestCase):
                 following.process.stdout.close()
                 self.assertEqual(following.process.wait(timeout=60), 0)
 
+    def test_reads_no_mixture_while_the_file_is_rewritten(self):
+        # As an application does it: into the spare, piece by piece, then both change their names.
+        rewrite = """if True:
+            import ctypes, hashlib, os, sys
+            libc, names = ctypes.CDLL(None), [os.fsencode(name) for name in sys.argv[1:]]
+            versions = [open(name, "rb").read() for name in names]
+            files = [os.open(name, os.O_WRONLY) for name in names]
+            print(flush=True)
+            while True:
+                versions.reverse()
+                for file in reversed(files):
+                    for at in range(0, len(versions[0]), 65536):
+                        os.pwrite(file, versions[0][at:at + 65536], at)
+                    libc.renameat2(-100, names[1], -100, names[0], 2)
+                    hashlib.blake2b(versions[0] + versions[1])  # something else to do meanwhile"""
+        long, numbers = "0" * 2_000_000, list(range(1_000))  # no object starts with a zero digit
+        with Directory() as directory:
+            files = directory / "requests.ser", directory / "requests.ser.new"
+            for file, more in zip(files, ([long, *numbers], [*numbers, long])):
+                tree = foreign()
+                tree["$objects"] += more
+                file.write_bytes(binary(tree))
+            with subprocess.Popen([sys.executable, "-c", rewrite, *files],
+                                  stdout=subprocess.PIPE) as writer:
+                writer.stdout.readline()
+                codes = {inspect(files[0])[0] for _ in range(30)}
+                writer.kill()
+            self.assertEqual(codes, {0})
+
     def test_colours_are_for_terminals_alone(self):
         with Directory() as directory:
             file = directory / "requests.ser"

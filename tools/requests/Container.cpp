@@ -9,7 +9,7 @@ namespace orbiq::requests {
 namespace {
 
 constexpr std::string_view kMagic = "bplist00";
-constexpr std::size_t kMostObjects = 4'000'000;
+constexpr std::size_t kMostObjects = 1'000'000;
 
 /// Objects that stand one behind the other from the start of the file on.
 struct Sequence {
@@ -107,7 +107,7 @@ void Container::check(std::uint64_t uidCount, Faults& faults) const {
     const auto offset = static_cast<std::size_t>(_reader->offsetOf(number));
     if (object.kind == PlistObject::Kind::kNone) {
       faults.add({object.damage.offset, number, object.damage.expected});
-    } else if (_reader->uid(object).value_or(0) >= std::max<std::uint64_t>(uidCount, 1)) {
+    } else if (uidCount > 0 && _reader->uid(object).value_or(0) >= uidCount) {
       faults.add({offset, number, "a UID below " + std::to_string(uidCount)});
     }
     const std::size_t count = BinaryPlistReader::referenceCount(object);

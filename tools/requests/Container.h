@@ -29,7 +29,7 @@ class Container {
   PlistObject archive() const;
   /// Tells of objects that cannot be read and of references that lead nowhere; of a rebuilt
   /// property list nothing, since all that follows from the first fault. `uidCount` is the number
-  /// of entries in the archive's object table.
+  /// of entries in the archive's object table, 0 if there is none.
   void check(std::uint64_t uidCount, Faults& faults) const;
 
  private:
