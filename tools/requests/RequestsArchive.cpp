@@ -21,7 +21,7 @@ constexpr std::array<std::string_view, 2> kDictionaryNames{"NSDictionary", "NSMu
 // Far above what an honest file takes, whose requests may share much, and what a file of any size
 // may take.
 constexpr std::size_t kBudgetPerByte = 512;
-constexpr std::size_t kLeastBudget = 1U << 22U;
+constexpr std::size_t kLeastBudget = 1U << 20U;
 constexpr std::size_t kLargestBudget = 1U << 29U;
 constexpr std::size_t kCostOfRequest = 1024;
 constexpr std::size_t kCostOfParameter = 128;
