@@ -51,22 +51,43 @@ bool PlistNumber::toBoolean() const {
   return real != 0 && !std::isnan(real);
 }
 
-std::optional<BinaryPlistReader> BinaryPlistReader::open(std::string_view bytes) {
-  if (!bytes.starts_with(kMagic) || bytes.size() < kMagic.size() + kTrailerSize) return {};
+std::optional<BinaryPlistReader> BinaryPlistReader::open(std::string_view bytes,
+                                                         PlistDamage* damage) {
   BinaryPlistReader reader(bytes);
-  const std::size_t trailer = bytes.size() - kTrailerSize;
-  reader._offsetSize = static_cast<unsigned char>(bytes[trailer + 6]);
-  reader._refSize = static_cast<unsigned char>(bytes[trailer + 7]);
-  reader._objectCount = reader.bigEndian(trailer + 8, 8);
-  reader._top = reader.bigEndian(trailer + 16, 8);
-  const std::uint64_t table = reader.bigEndian(trailer + 24, 8);
+  const PlistDamage found = reader.readFrame();
+  if (damage != nullptr) *damage = found;
+  if (found.expected != nullptr) return {};
+  return reader;
+}
+
+PlistDamage BinaryPlistReader::readFrame() {
+  if (!_bytes.starts_with(kMagic)) return {"the text \"bplist00\"", 0};
+  if (_bytes.size() < kMagic.size() + kTrailerSize) return {"a trailer of 32 bytes", _bytes.size()};
+  const std::size_t trailer = _bytes.size() - kTrailerSize;
+  _offsetSize = static_cast<unsigned char>(_bytes[trailer + 6]);
+  _refSize = static_cast<unsigned char>(_bytes[trailer + 7]);
+  _objectCount = bigEndian(trailer + 8, 8);
+  _top = bigEndian(trailer + 16, 8);
+  const std::uint64_t table = bigEndian(trailer + 24, 8);
   const auto isSize = [](std::size_t size) { return size >= 1 && size <= 8; };
-  if (!isSize(reader._offsetSize) || !isSize(reader._refSize)) return {};
-  if (table <= kMagic.size() || table > trailer) return {};
+  if (!isSize(_offsetSize)) return {"1 to 8, the size of an offset", trailer + 6};
+  if (!isSize(_refSize)) return {"1 to 8, the size of a reference", trailer + 7};
+  if (table <= kMagic.size() || table > trailer) {
+    return {"the offset of a table between the objects and the trailer", trailer + 24};
+  }
   // The table fills the room up to the trailer: a file that was cut short does not pass for whole.
   const std::uint64_t room = trailer - table;
-  if (reader._objectCount != room / reader._offsetSize || room % reader._offsetSize != 0) return {};
-  reader._end = static_cast<std::size_t>(table);
+  if (_objectCount != room / _offsetSize || room % _offsetSize != 0) {
+    return {"the number of objects whose offsets fill the room up to the trailer", trailer + 8};
+  }
+  _end = static_cast<std::size_t>(table);
+  return {};
+}
+
+BinaryPlistReader BinaryPlistReader::withoutFrame(std::string_view bytes, std::size_t refSize) {
+  BinaryPlistReader reader(bytes);
+  reader._end = bytes.size();
+  reader._refSize = refSize;
   return reader;
 }
 
@@ -78,12 +99,39 @@ std::uint64_t BinaryPlistReader::bigEndian(std::size_t start, std::size_t size) 
   return number;
 }
 
+PlistObject BinaryPlistReader::top() const {
+  PlistObject top = object(_top);
+  if (_top >= _objectCount) top.damage.offset = _bytes.size() - kTrailerSize + 16;
+  return top;
+}
+
+std::uint64_t BinaryPlistReader::offsetOf(std::uint64_t number) const {
+  return bigEndian(_end + static_cast<std::size_t>(number) * _offsetSize, _offsetSize);
+}
+
 PlistObject BinaryPlistReader::object(std::uint64_t number) const {
+  PlistObject object;
+  if (number < _objectCount) {
+    const std::uint64_t offset = offsetOf(number);
+    if (offset >= kMagic.size() && offset < _end) {
+      object = objectAt(offset);
+    } else {
+      object.damage = {"an offset among the objects",
+                       _end + static_cast<std::size_t>(number) * _offsetSize};
+    }
+  } else {
+    object.damage.expected = "the number of an object";
+  }
+  object.number = number;
+  return object;
+}
+
+PlistObject BinaryPlistReader::objectAt(std::uint64_t offset) const {
   using Kind = PlistObject::Kind;
-  if (number >= _objectCount) return {};
-  const std::uint64_t offset =
-      bigEndian(_end + static_cast<std::size_t>(number) * _offsetSize, _offsetSize);
-  if (offset < kMagic.size() || offset >= _end) return {};
+  const auto damaged = [&](const char* expected) {
+    return PlistObject{.damage = {expected, static_cast<std::size_t>(offset)}};
+  };
+  if (offset >= _end) return damaged("an object");
   const auto start = static_cast<std::size_t>(offset) + 1;
   const unsigned marker = static_cast<unsigned char>(_bytes[start - 1]);
   const unsigned info = marker & 0xF;
@@ -91,13 +139,19 @@ PlistObject BinaryPlistReader::object(std::uint64_t number) const {
   PlistObject object;
   switch (marker >> 4) {
     case 0x0:
-      if (info == 8 || info == 9) object = {Kind::kBoolean, 0, start, info & 1};
+      if (info == 8 || info == 9) object = {Kind::kBoolean, 0, start, info & 1, {}};
       break;
     case 0x1:
       if (info <= 4) object = bounded(Kind::kInteger, start, std::uint64_t{1} << info, 1);
       break;
     case 0x2:
       if (info == 2 || info == 3) object = bounded(Kind::kReal, start, std::uint64_t{1} << info, 1);
+      break;
+    case 0x3:
+      if (info == 3) object = bounded(Kind::kDate, start, 8, 1);
+      break;
+    case 0x4:
+      object = counted(Kind::kData, start, info, 1);
       break;
     case 0x5:
     case 0x7:
@@ -118,30 +172,55 @@ PlistObject BinaryPlistReader::object(std::uint64_t number) const {
     default:
       break;
   }
-  object.number = number;
-  return object;
+  if (object.kind != Kind::kNone || object.damage.expected != nullptr) return object;
+  return damaged("a kind of object that keyed archives have");
 }
 
 /// An object whose count stands in the marker, or in an integer behind it.
 PlistObject BinaryPlistReader::counted(PlistObject::Kind kind, std::size_t start, unsigned info,
                                        std::size_t unit) const {
   if (info < 0xF) return bounded(kind, start, info, unit);
-  if (start >= _end) return {};
+  const PlistObject uncounted{.damage = {"an integer that counts what follows", start}};
+  if (start >= _end) return uncounted;
   const unsigned marker = static_cast<unsigned char>(_bytes[start]);
-  if (marker < 0x10 || marker > 0x13) return {};
+  if (marker < 0x10 || marker > 0x13) return uncounted;
   const std::size_t size = std::size_t{1} << (marker & 0xF);
-  if (size > _end - start - 1) return {};
+  if (size > _end - start - 1) return uncounted;
   return bounded(kind, start + 1 + size, bigEndian(start + 1, size), unit);
 }
 
 PlistObject BinaryPlistReader::bounded(PlistObject::Kind kind, std::size_t start,
                                        std::uint64_t count, std::size_t unit) const {
-  if (count > (_end - start) / unit) return {};
-  return {kind, 0, start, static_cast<std::size_t>(count)};
+  if (count > (_end - start) / unit) return {.damage = {"contents that fit in the file", start}};
+  return {kind, 0, start, static_cast<std::size_t>(count), {}};
+}
+
+std::size_t BinaryPlistReader::endOf(const PlistObject& object) const {
+  switch (object.kind) {
+    case PlistObject::Kind::kNone:
+    case PlistObject::Kind::kBoolean:
+      return object.start;
+    case PlistObject::Kind::kUtf16:
+      return object.start + 2 * object.count;
+    case PlistObject::Kind::kArray:
+    case PlistObject::Kind::kDictionary:
+      return object.start + referenceCount(object) * _refSize;
+    default:
+      return object.start + object.count;
+  }
+}
+
+std::size_t BinaryPlistReader::referenceCount(const PlistObject& container) {
+  if (!container.isContainer()) return 0;
+  return container.kind == PlistObject::Kind::kArray ? container.count : 2 * container.count;
 }
 
 PlistObject BinaryPlistReader::referred(const PlistObject& container, std::size_t index) const {
-  return object(bigEndian(container.start + index * _refSize, _refSize));
+  const std::size_t place = container.start + index * _refSize;
+  const std::uint64_t number = bigEndian(place, _refSize);
+  PlistObject found = object(number);
+  if (number >= _objectCount) found.damage.offset = place;
+  return found;
 }
 
 PlistObject BinaryPlistReader::element(const PlistObject& array, std::size_t index) const {
@@ -209,6 +288,16 @@ std::string BinaryPlistReader::text(const PlistObject& object) const {
     }
   }
   return text;
+}
+
+std::optional<double> BinaryPlistReader::date(const PlistObject& object) const {
+  if (object.kind != PlistObject::Kind::kDate) return {};
+  return std::bit_cast<double>(bigEndian(object.start, object.count));
+}
+
+std::string_view BinaryPlistReader::data(const PlistObject& object) const {
+  if (object.kind != PlistObject::Kind::kData) return {};
+  return _bytes.substr(object.start, object.count);
 }
 
 bool BinaryPlistReader::isText(const PlistObject& object, std::string_view ascii) const {

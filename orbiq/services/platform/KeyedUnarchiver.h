@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "orbiq/services/platform/Archivable.h"
-#include "orbiq/services/platform/BinaryPlistReader.h"
 #include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/KeyedArchiveReader.h"
 #include "orbiq/services/platform/Parameters.h"
 #include "orbiq/services/platform/String.h"
 
@@ -63,22 +63,10 @@ class KeyedUnarchiver {
   String textOf(const PlistObject& object);
   SharedParameters parametersOf(const PlistObject& dictionary);
 
-  /// The object that a dictionary holds under a key, as it stands there.
-  PlistObject valueOf(const PlistObject& dictionary, std::string_view key);
+  const BinaryPlistReader& plist() const { return _archive.plist(); }
   std::optional<PlistNumber> numberOf(std::string_view key);
-  /// The entry of the object table that a UID leads to; none for null.
-  PlistObject entryAt(std::uint64_t uid) const;
-  PlistObject entryOf(const PlistObject& uidValue) const;
-  bool isOfClass(const PlistObject& object, std::span<const std::string_view> names);
 
-  /// Takes what an operation costs from the budget; false once that is used up, and for ever.
-  bool spend(std::size_t cost);
-
-  BinaryPlistReader _reader;
-  // Time and memory that the archive may still take. It is in proportion to its size, since many
-  // references, or overlapping objects, can make few bytes look like many.
-  std::size_t _budget;
-  PlistObject _entries;  ///< the object table
+  KeyedArchiveReader _archive;
   PlistObject _current;  ///< the dictionary of the object being decoded
   unsigned _depth = 0;
   // By UID, the texts by the number of the object that holds the characters.

@@ -1,0 +1,353 @@
+"""Drives the real inspector, with plistlib as writer and judge of what it reads.
+
+Its arguments are the paths of orbiq-requests and of the example orbiq-first-hit.
+"""
+
+import ctypes
+import json
+import os
+import pathlib
+import plistlib
+import pty
+import re
+import struct
+import subprocess
+import sys
+import tempfile
+import unittest
+from plistlib import UID
+
+FIRST_HIT = sys.argv.pop(2)
+INSPECTOR = sys.argv.pop(1)
+EXCHANGE = 2
+
+
+def environment(**more):
+    kept = {name: value for name, value in os.environ.items()
+            if not name.startswith("ORBIQ_") and name != "NO_COLOR"}
+    return kept | {"TZ": "UTC"} | more
+
+
+def cls(name):
+    return {"$classname": name, "$classes": [name, "NSObject"]}
+
+
+def binary(tree):
+    return plistlib.dumps(tree, fmt=plistlib.FMT_BINARY, sort_keys=False)
+
+
+def archive(*objects, **changes):
+    tree = {"$version": 100000, "$archiver": "NSKeyedArchiver", "$top": {"root": UID(1)},
+            "$objects": ["$null", *objects]}
+    return tree | {"$" + key: value for key, value in changes.items()}
+
+
+def foreign(elements=(UID(2), UID(3)), **fields):
+    """As another archiver writes it: boxed texts, immutable containers, a class of its own."""
+    return archive(
+        {"NS.objects": list(elements), "$class": UID(4)},
+        {"orbiqRequest_requestType": 1, "orbiqRequest_sendingMode": 1,
+         "orbiqRequest_serial": UID(10), "orbiqRequest_parameters": UID(12),
+         "orbiqRequest_creationDate": UID(14), "orbiqRequest_auth": UID(16),
+         "orbiqRequest__taggerID": UID(20), "orbiqRequest_numberOfFails": 3,
+         "$class": UID(5), **fields},
+        {"$class": UID(6)},
+        cls("NSArray"), cls("orbiqRequest"), cls("orbiqClearCache"), cls("NSMutableString"),
+        cls("NSDictionary"), cls("NSDate"),                                      # 7 to 9
+        {"NS.string": "S\x1b[2J\u202e", "$class": UID(7)}, "https://h/" + "x" * 60,
+        {"NS.keys": [UID(13), UID(11)], "NS.objects": [UID(10), UID(20)], "$class": UID(8)},
+        "kéy", {"NS.time": 700000000.5, "$class": UID(9)}, cls("Elsewhere"),     # 13 to 15
+        {"orbiqAuth_currentAccess": UID(17), "orbiqAuth_currentSession": UID(0),
+         "$class": UID(18)},
+        {"orbiqAccess_accessMode": 1, "orbiqAccess_host": UID(11),
+         "orbiqAccess_baseURL": UID(13), "orbiqAccess_firstHitSuccessfullySent": True,
+         "$class": UID(19)},
+        cls("orbiqAuth"), cls("orbiqAccess"), {"NS.data": b"\x00\xff", "$class": UID(15)})
+
+
+def layout(data):
+    """Where the objects stand, by their numbers, the start of the offset table, and its width."""
+    width, _, count, _, table = struct.unpack(">6xBBQQQ", data[-32:])
+    return [int.from_bytes(data[table + i * width:table + (i + 1) * width], "big")
+            for i in range(count)], table, width
+
+
+def patched(data, offset, replacement):
+    return data[:offset] + replacement + data[offset + len(replacement):]
+
+
+class Directory(tempfile.TemporaryDirectory):
+    def __enter__(self):
+        return pathlib.Path(super().__enter__())
+
+
+def inspect(*arguments, **more):
+    ended = subprocess.run([INSPECTOR, *map(str, arguments)], capture_output=True, timeout=60,
+                           env=environment(**more))
+    return ended.returncode, ended.stdout.decode(), ended.stderr.decode()
+
+
+def shown(data, *flags):
+    with Directory() as directory:
+        file = directory / "requests.ser"
+        file.write_bytes(data)
+        return inspect(file, *flags)
+
+
+def read(data):
+    code, text, _ = shown(data, "--json")
+    return code, json.loads(text)
+
+
+def as_plist(value):
+    """What plistlib makes of the value that the JSON shows."""
+    if isinstance(value, dict) and set(value) == {"uid"}:
+        return UID(value["uid"])
+    if isinstance(value, dict) and set(value) == {"data"}:
+        return bytes.fromhex(value["data"])
+    return list(map(as_plist, value)) if isinstance(value, list) else value
+
+
+class Following:
+    def __init__(self, *arguments):
+        self.process = subprocess.Popen([INSPECTOR, "--follow", "--json", *map(str, arguments)],
+                                        stdout=subprocess.PIPE, text=True, env=environment())
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.kill()
+        self.process.wait()
+        self.process.stdout.close()
+
+    def until(self, holds):
+        for line in self.process.stdout:
+            report = json.loads(line)
+            if holds(report):
+                return report
+        raise AssertionError("it ended")
+
+
+class RequestsTest(unittest.TestCase):
+    def test_shows_what_another_archiver_wrote(self):
+        data = binary(foreign())
+        code, text, _ = shown(data)
+        self.assertEqual(code, 0, text)
+        heading, columns, first, second, note = text.splitlines()
+        self.assertRegex(heading, rf"2 requests, {len(data)} bytes, saved .*, not in use$")
+        self.assertEqual(columns.split(), ["#", "KIND", "SERIAL", "URL", "CREATED", "ACCESS",
+                                           "SESSION", "PARAMS", "FAILS"])
+        self.assertRegex(first, r"^1  streaming +S\\x1B\[2J\\u\{202E\}  https://h/x{37}…  "
+                                r"2023-03-08 20:26:40 \(\d+ days ago\)  restricted, used  -  ")
+        self.assertEqual(first.split()[-2:], ["2", "3"])
+        self.assertTrue(second.startswith("2  clear-cache marker  - "))
+        self.assertEqual(note, "Note: request 1: orbiqRequest__taggerID reads as none, since it is "
+                               "of class Elsewhere")
+        self.assertIn("x" * 60, shown(data, "--wide")[1])
+
+        code, report = read(data)
+        request = report["requests"][0]
+        self.assertEqual((code, report["isLoadable"], report["faults"]), (0, True, []))
+        self.assertEqual(request["parameters"], {
+            "kéy": "S\x1b[2J\u202e", "https://h/" + "x" * 60: {"unread": "of class Elsewhere"}})
+        self.assertEqual((request["createdAt"], request["access"]["firstHitSent"]),
+                         ("2023-03-08T20:26:40.500Z", True))
+        for entry, expected in zip(report["archive"]["objects"], foreign()["$objects"],
+                                   strict=True):
+            found = ({key: as_plist(value) for key, value in entry["keys"].items()}
+                     if "keys" in entry else entry["value"])
+            self.assertEqual(found, expected)
+
+    def test_says_what_is_damaged_and_where(self):
+        whole = binary(foreign())
+        offsets, table, width = layout(whole)
+        long = offsets.index(whole.index(b"https://h/") - 3)
+        uid = next(n for n, at in enumerate(offsets) if whole[at:at + 2] == b"\x80\x10")
+        dictionary = offsets.index(next(at for at in offsets[1:] if whole[at] >> 4 == 0xD))
+        size = len(whole)
+        for data, offset, number, expected, loads in (
+                (patched(whole, 0, b"X"), 0, None, "bplist00", False),
+                (whole[:20], 20, None, "a trailer", False),
+                (b"", 0, None, "bplist00", False),
+                (patched(whole, size - 26, b"\0"), size - 26, None, "size of an offset", False),
+                (patched(whole, size - 25, b"\x09"), size - 25, None, "of a reference", False),
+                (patched(whole, size - 8, b"\x01"), size - 8, None, "offset of a table", False),
+                (patched(whole, size - 17, b"\x01"), size - 24, None, "number of objects", False),
+                (patched(whole, table + long * width, b"\xff" * width), table + long * width, long,
+                 "an offset among the objects", True),
+                (patched(whole, offsets[long], b"\xC0"), offsets[long], long, "kind of object",
+                 True),
+                (patched(whole, offsets[long] + 1, b"\x50"), offsets[long] + 1, long,
+                 "an integer that counts", True),
+                (patched(whole, offsets[long] + 1, b"\x11"), offsets[long] + 4, long,
+                 "contents that fit", True),
+                (patched(whole, offsets[dictionary] + 1, b"\xff"), offsets[dictionary] + 1,
+                 dictionary, "the number of an object", False),
+                (patched(whole, offsets[uid] + 1, b"\x7f"), offsets[uid], uid, "a UID below 21",
+                 True)):
+            with self.subTest(expected=expected):
+                code, report = read(data)
+                self.assertEqual((code, report["isLoadable"]), (1, loads), report["faults"])
+                fault = next(fault for fault in report["faults"] if expected in fault["expected"])
+                self.assertEqual((fault["offset"], fault["object"]), (offset, number))
+
+    def test_says_what_is_no_requests_file(self):
+        for tree, expected in (
+                (foreign() | {"$archiver": "Other"}, '"NSKeyedArchiver"'),
+                (foreign() | {"$objects": "none"}, "an array under the key $objects"),
+                (foreign() | {"$top": {"root": UID(2)}}, "it is of class orbiqRequest"),
+                (foreign(elements=[UID(3), UID(20)]), "as element 2; it is of class Elsewhere"),
+                (foreign(elements=[1]), "a UID as element 1"),
+                (foreign(**{"$class": UID(11)}), "a $class that leads to"),
+                ({"a": "plist"}, '"NSKeyedArchiver"')):
+            code, text, _ = shown(binary(tree))
+            self.assertEqual(code, 1, tree)
+            self.assertIn(expected, text)
+            self.assertIn("would load nothing", text)
+        mapping = foreign()
+        mapping["$objects"][12]["NS.keys"] = []
+        self.assertIn("as many NS.keys as NS.objects", shown(binary(mapping))[1])
+
+    def test_shows_what_is_left_of_a_damaged_file(self):
+        whole = binary(foreign())
+        offsets, table, _ = layout(whole)
+        for left in (table, len(whole) - 1):  # without the offset table; with a part of it
+            _, report = read(whole[:left])
+            request = report["requests"][0]
+            self.assertEqual((request["serial"], request["access"]["mode"], len(report["faults"])),
+                             ("S\x1b[2J\u202e", 1, 1))
+        self.assertEqual(len(read(patched(whole, 0, b"X"))[1]["requests"]), 2)
+        _, report = read(binary(foreign() | {"$top": {}}))
+        self.assertEqual([request["kind"] for request in report["requests"]], ["streaming"])
+        self.assertTrue(any("one by one" in note for note in report["notes"]))
+
+    def test_few_bytes_do_not_make_much_of_themselves(self):
+        array = {"NS.objects": [UID(2)] * 20_000, "$class": UID(4)}
+        many = archive(array, {"orbiqRequest_parameters": UID(5), "$class": UID(3)},
+                       cls("orbiqRequest"), cls("NSArray"),
+                       {"NS.keys": [UID(7)] * 20_000, "NS.objects": [UID(7)] * 20_000,
+                        "$class": UID(6)}, cls("NSDictionary"), "key")
+        code, text, _ = shown(binary(many), "--json")
+        self.assertEqual(code, 1)
+        self.assertLess(len(text), 60_000_000)
+        self.assertIn("in proportion to its size", text)
+
+    def test_follows_an_application(self):
+        with Directory() as directory:
+            (directory / "orbiqCache").mkdir(mode=0o700)
+            with Following("--library-directory", directory) as following:
+                self.assertIn("No such file", following.until(lambda _: True)["failure"])
+                application = subprocess.Popen(
+                    [FIRST_HIT], stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                    env=environment(ORBIQ_LIBRARY_DIRECTORY=str(directory),
+                                    ORBIQ_AUTHORIZATION_SERVER="http://127.0.0.1:9/"))
+                report = following.until(lambda report: report.get("requests"))
+                application.kill()
+                application.wait()
+                self.assertEqual((report["isLoadable"], report["isInUse"], report["process"]),
+                                 (True, True, application.pid))
+                self.assertEqual((report["requests"][0]["kind"], report["requests"][0]["serial"]),
+                                 ("audience", "ABC"))
+                following.until(lambda report: report.get("isInUse") is False)
+            # Found in the same place by the environment, and by the name of the application.
+            for flags, more in (([], {"ORBIQ_LIBRARY_DIRECTORY": str(directory)}),
+                                (["--bundle-identifier", "x"],
+                                 {"ORBIQ_LIBRARY_DIRECTORY": str(directory)})):
+                self.assertEqual(inspect(*flags, **more)[0], 0)
+
+    def test_follows_a_file_however_it_is_replaced(self):
+        with Directory() as directory:
+            (directory / "cache").mkdir()
+            file, spare = directory / "cache" / "requests.ser", directory / "spare"
+            file.write_bytes(binary(foreign()))
+            with Following(file) as following:
+                following.until(lambda report: len(report["requests"]) == 2)
+                spare.write_bytes(binary(foreign(elements=[UID(3)])))
+                os.rename(spare, file)
+                following.until(lambda report: len(report["requests"]) == 1)
+                spare.write_bytes(binary(foreign(elements=[])))
+                here = -100
+                self.assertEqual(0, ctypes.CDLL(None).renameat2(
+                    here, os.fsencode(spare), here, os.fsencode(file), EXCHANGE))
+                following.until(lambda report: report["requests"] == [])
+                file.write_bytes(b"torn")
+                following.until(lambda report: report["faults"])
+                file.unlink()
+                following.until(lambda report: "failure" in report)
+                file.parent.rmdir()
+                self.assertEqual(following.process.wait(timeout=60), 0)
+            file.parent.mkdir()
+            with Following(file) as following:  # ends with its reader, though nothing changes
+                following.until(lambda _: True)
+                following.process.stdout.close()
+                self.assertEqual(following.process.wait(timeout=60), 0)
+
+    def test_reads_no_mixture_while_the_file_is_rewritten(self):
+        # As an application does it: into the spare, piece by piece, then both change their names.
+        rewrite = """if True:
+            import ctypes, hashlib, os, sys
+            libc, names = ctypes.CDLL(None), [os.fsencode(name) for name in sys.argv[1:]]
+            versions = [open(name, "rb").read() for name in names]
+            files = [os.open(name, os.O_WRONLY) for name in names]
+            print(flush=True)
+            while True:
+                versions.reverse()
+                for file in reversed(files):
+                    for at in range(0, len(versions[0]), 65536):
+                        os.pwrite(file, versions[0][at:at + 65536], at)
+                    libc.renameat2(-100, names[1], -100, names[0], 2)
+                    hashlib.blake2b(versions[0] + versions[1])  # something else to do meanwhile"""
+        long, numbers = "0" * 2_000_000, list(range(1_000))  # no object starts with a zero digit
+        with Directory() as directory:
+            files = directory / "requests.ser", directory / "requests.ser.new"
+            for file, more in zip(files, ([long, *numbers], [*numbers, long])):
+                tree = foreign()
+                tree["$objects"] += more
+                file.write_bytes(binary(tree))
+            with subprocess.Popen([sys.executable, "-c", rewrite, *files],
+                                  stdout=subprocess.PIPE) as writer:
+                writer.stdout.readline()
+                codes = {inspect(files[0])[0] for _ in range(30)}
+                writer.kill()
+            self.assertEqual(codes, {0})
+
+    def test_colours_are_for_terminals_alone(self):
+        with Directory() as directory:
+            file = directory / "requests.ser"
+            file.write_bytes(binary(foreign()))
+
+            def on_terminal(**more):
+                ours, theirs = pty.openpty()
+                with subprocess.Popen([INSPECTOR, file], stdout=theirs, env=environment(**more)):
+                    os.close(theirs)
+                    text = b""
+                    try:
+                        while part := os.read(ours, 65536):
+                            text += part
+                    except OSError:  # how a terminal tells that the other side has gone
+                        pass
+                os.close(ours)
+                return text
+
+            self.assertIn(b"\x1b[1m", on_terminal())
+            self.assertNotIn(b"\x1b", on_terminal(NO_COLOR="1"))
+            self.assertNotIn("\x1b", inspect(file)[1])
+
+    def test_exit_codes(self):
+        with Directory() as directory:
+            for arguments, code, text in (
+                    ([], 2, "ORBIQ_LIBRARY_DIRECTORY"), (["--no"], 2, "--no"),
+                    (["x", "--library-directory", "y"], 2, "excludes"),
+                    (["--bundle-identifier", "../x"], 2, "bundle identifier"),
+                    ([directory / "none"], 3, "No such file"), ([directory], 3, "directory"),
+                    (["/dev/null"], 3, "Invalid"), (["--follow", "/none/x"], 3, "/none/"),
+                    (["--help"], 0, ""), (["--version"], 0, "")):
+                found, _, errors = inspect(*arguments)
+                self.assertEqual(found, code, arguments)
+                self.assertIn(text, errors)
+            self.assertRegex(inspect("--version")[1], r"^orbiq-requests \d+\.\d+\.\d+\n$")
+
+
+if __name__ == "__main__":
+    unittest.main()
