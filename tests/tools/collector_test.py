@@ -101,7 +101,7 @@ class CollectorTest(unittest.TestCase):
                               last["userAgent"]), (22, "hit", "S%201?x", 200, "P\t\x1b[2J"))
             self.assertEqual(collector.ask("POST", "/api/reset")[0], 200)
             self.assertEqual(collector.counts()["total"], 0)
-            for method, path in (("GET", "/"), ("POST", "/hit/S1"), ("GET", "/authS1")):
+            for method, path in (("GET", "/page"), ("POST", "/hit/S1"), ("GET", "/authS1")):
                 self.assertEqual(collector.ask(method, path)[0], 404)
             code, lines = collector.stop()
             self.assertEqual((code, len(lines)), (0, 22))
