@@ -10,7 +10,9 @@ const clock = new Intl.DateTimeFormat(undefined, {
   hour: "2-digit", minute: "2-digit", second: "2-digit", fractionalSecondDigits: 3,
   hourCycle: "h23",
 });
-const KINDS = { hit: "hit", auth: "authorization" };
+// As in the style sheet: where the columns of class "wide" are not shown.
+const NARROW = window.matchMedia("(max-width: 48em)");
+const columns = () => (NARROW.matches ? 4 : 6);
 
 const element = (id) => document.getElementById(id);
 
@@ -36,6 +38,9 @@ export class Table {
     this.#body.addEventListener("focusin", (event) => {
       const row = event.target.closest("tr[data-number]");
       if (row) this.#makeCurrent(Number(row.dataset.number));
+    });
+    NARROW.addEventListener("change", () => {
+      for (const each of this.#body.querySelectorAll(".details td")) each.colSpan = columns();
     });
     element("recipe").textContent =
       `ORBIQ_AUTHORIZATION_SERVER=${location.origin}/auth/ build/examples/orbiq-first-hit`;
@@ -100,12 +105,13 @@ export class Table {
 
   #describe(shown, matching, newer) {
     const total = this.#exchanges.length;
+    const all = total === KEPT ? `the newest ${total}` : total;
     element("empty").hidden = total > 0;
     element("more").hidden = shown === matching;
     let text = "";
-    if (total) text = matching ? `Showing ${shown} of the newest ${total}` : "Nothing matches the filter";
-    if (matching && matching < total && !newer) text += `, ${matching} of which match`;
-    if (newer) text += `; ${newer} newer held back by the pause`;
+    if (total) text = `Showing ${shown} of ${all}`;
+    if (matching + newer < total) text += `; ${matching + newer} match the filter`;
+    if (newer) text += `; ${newer} held back by the pause`;
     element("shown").textContent = text && text + ".";
   }
 
@@ -116,10 +122,14 @@ export class Table {
     button.type = "button";
     button.tabIndex = exchange.number === this.#current ? 0 : -1;
     button.setAttribute("aria-expanded", "false");
-    button.textContent = clock.format(new Date(exchange.time));
+    const time = clock.format(new Date(exchange.time));
+    const fraction = document.createElement("span");
+    fraction.className = "wide";
+    fraction.textContent = time.slice(-4);
+    button.append(time.slice(0, -4), fraction);
     main.append(
       cell(button),
-      cell(KINDS[exchange.kind], `kind-${exchange.kind}`),
+      cell(exchange.kind, `kind-${exchange.kind}`),
       cell(exchange.serial),
       cell(exchange.status ?? "no answer", exchange.status === 200 ? "" : "bad"),
       cell(exchange.tookMs.toFixed(1), "wide number"),
@@ -210,7 +220,7 @@ function detailsOf(exchange) {
   const made = document.createElement("tr");
   made.className = "details";
   const content = document.createElement("td");
-  content.colSpan = 6;
+  content.colSpan = columns();
   const answer = exchange.status === null
     ? "The connection ended without an answer."
     : `${exchange.status} after ${exchange.tookMs.toFixed(1)} ms\n${exchange.answer}`.trimEnd();

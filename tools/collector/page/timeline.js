@@ -32,7 +32,7 @@ export class Timeline {
     }
     const sums = [...this.#counts.values()].map((counts) => counts[0] + counts[1] + counts[2]);
     const peak = Math.max(0, ...sums);
-    const height = 90 / Math.max(peak, 4); // some air above, and one hit alone is no tower
+    const height = 100 / Math.max(peak, 4); // one hit alone is no tower
     const shapes = [];
     for (const [bar, counts] of this.#counts) {
       let top = 100;
@@ -43,7 +43,7 @@ export class Timeline {
       });
     }
     this.#plot.replaceChildren(...shapes);
-    this.#peak.textContent = peak > 0 ? `at most ${peak} in ${BAR_MS / 1000} s` : "";
+    this.#peak.textContent = peak > 0 ? `, at most ${peak} in ${BAR_MS / 1000} s` : "";
     const totals = [0, 0, 0];
     for (const counts of this.#counts.values()) counts.forEach((count, i) => (totals[i] += count));
     const words = totals.map((total, index) => `${total} ${WORDS[index]}`);
