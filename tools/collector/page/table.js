@@ -78,7 +78,9 @@ export class Table {
         if (row.details) this.#body.insertBefore(row.details, next);
       }
     }
-    if (shown.length && !wanted.has(this.#current)) this.#makeCurrent(shown[0].number);
+    // Whoever comes from outside begins at the top.
+    const stays = wanted.has(this.#current) && this.#body.contains(document.activeElement);
+    if (shown.length && !stays) this.#makeCurrent(shown[0].number);
     this.#describe(shown.length, matching, newer);
   }
 
