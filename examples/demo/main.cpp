@@ -32,7 +32,7 @@ void showFile(std::string_view moment) {
 }
 
 orbiq::Statistics showStatistics() {
-  const orbiq::Statistics statistics = orbiqAgent::sharedAgent().statistics();
+  orbiq::Statistics statistics = orbiqAgent::sharedAgent().statistics();
   std::cout << "statistics: accepted " << statistics.accepted << " = sent " << statistics.sent
             << " + refused " << statistics.refused << " + answered with another status "
             << statistics.answeredWithAnotherStatus << " + given up " << statistics.givenUp
