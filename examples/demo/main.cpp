@@ -1,7 +1,12 @@
 #include <orbiq/orbiq.h>
+#include <pthread.h>
+#include <signal.h>
 #include <unistd.h>
 
+#include <array>
+#include <cerrno>
 #include <chrono>
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <iostream>
@@ -13,6 +18,7 @@
 ///     orbiq-demo hits     audience hits for two serials
 ///     orbiq-demo stream   queues one streaming request, then waits to be killed
 ///     orbiq-demo resume   sends what an earlier process left in the requests file
+///     orbiq-demo live     an audience hit every second until it is interrupted
 namespace {
 
 constexpr int kHitsPerSerial = 5;
@@ -25,6 +31,18 @@ void showFile(std::string_view moment) {
   std::cout << "requests file " << moment << ": " << (missing ? 0 : size) << " bytes" << std::endl;
 }
 
+orbiq::Statistics showStatistics() {
+  orbiq::Statistics statistics = orbiqAgent::sharedAgent().statistics();
+  std::cout << "statistics: accepted " << statistics.accepted << " = sent " << statistics.sent
+            << " + refused " << statistics.refused << " + answered with another status "
+            << statistics.answeredWithAnotherStatus << " + given up " << statistics.givenUp
+            << " + pushed out " << statistics.pushedOut << " + discarded at start "
+            << statistics.discardedAtStart << " + discarded at the network's return "
+            << statistics.discardedAtNetworkReturn << " + pending " << statistics.pending
+            << "; last failure " << statistics.lastFailure.description() << std::endl;
+  return statistics;
+}
+
 /// Waits until every hit is settled, and says what became of them; true if all were sent.
 bool finish() {
   const orbiqAgent& agent = orbiqAgent::sharedAgent();
@@ -33,14 +51,7 @@ bool finish() {
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
   showFile("at the end");
-  const orbiq::Statistics statistics = agent.statistics();
-  std::cout << "statistics: accepted " << statistics.accepted << " = sent " << statistics.sent
-            << " + refused " << statistics.refused << " + answered with another status "
-            << statistics.answeredWithAnotherStatus << " + given up " << statistics.givenUp
-            << " + pushed out " << statistics.pushedOut << " + discarded at start "
-            << statistics.discardedAtStart << " + discarded at the network's return "
-            << statistics.discardedAtNetworkReturn << " + pending " << statistics.pending
-            << "; last failure " << statistics.lastFailure.description() << std::endl;
+  const orbiq::Statistics statistics = showStatistics();
   return statistics.accepted > 0 && statistics.sent == statistics.accepted;
 }
 
@@ -68,6 +79,27 @@ bool resume() {
   return finish();
 }
 
+/// The signals that end the program, to be blocked before the library starts its first thread.
+sigset_t endings() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  return signals;
+}
+
+void sendHitsUntilInterrupted() {
+  const sigset_t signals = endings();
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  const std::array taggers{orbiqAudienceTagger::orbiqAudienceTaggerWithSerial("DEMO-1"),
+                           orbiqAudienceTagger::orbiqAudienceTaggerWithSerial("DEMO-2")};
+  const timespec second{.tv_sec = 1, .tv_nsec = 0};
+  for (std::size_t hit = 0; sigtimedwait(&signals, nullptr, &second) < 0; ++hit) {
+    if (errno == EAGAIN) taggers[hit % taggers.size()]->sendHit();
+  }
+  showStatistics();
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -85,6 +117,10 @@ int main(int argc, char** argv) {
   if (mode == "hits") return sendHits() ? 0 : 1;
   if (mode == "resume") return resume() ? 0 : 1;
   if (mode == "stream") queueStream();
-  std::cerr << "usage: " << argv[0] << " hits|stream|resume\n";
+  if (mode == "live") {
+    sendHitsUntilInterrupted();
+    return 0;
+  }
+  std::cerr << "usage: " << argv[0] << " hits|stream|resume|live\n";
   return 2;
 }

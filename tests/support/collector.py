@@ -32,16 +32,16 @@ class Collector:
     def connect(self):
         return http.client.HTTPConnection(self.host, self.port, timeout=30)
 
-    def ask(self, method, path, body=None):
+    def ask(self, method, path, body=None, headers=None):
         with contextlib.closing(self.connect()) as connection:
-            connection.request(method, path, body)
+            connection.request(method, path, body, headers or {})
             answer = connection.getresponse()
             return answer.status, answer.headers, answer.read()
 
-    def hold(self, path):
+    def hold(self, path, host="x"):
         """Sends a request and leaves it waiting for its answer."""
         connection = socket.create_connection((self.host, self.port), timeout=30)
-        connection.sendall(f"GET {path} HTTP/1.1\r\nHost: x\r\n\r\n".encode())
+        connection.sendall(f"GET {path} HTTP/1.1\r\nHost: {host}\r\n\r\n".encode())
         return connection
 
     def behave(self, **changes):

@@ -21,6 +21,38 @@ COLLECTOR = sys.argv.pop(1)
 Collector = functools.partial(collector.Collector, COLLECTOR)
 
 
+class Events:
+    """One event stream, read event by event."""
+
+    def __init__(self, collector, position=None):
+        self.connection = collector.connect()
+        self.connection.request("GET", "/api/events",
+                                headers={"Last-Event-ID": position} if position else {})
+        self.answer = self.connection.getresponse()
+        self.position = None
+        self.totals = {}
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.answer.close()
+        self.connection.close()
+
+    def news(self):
+        """The name of the next event that tells of exchanges, and their serials."""
+        event = {}
+        while event.get("event") not in ("snapshot", "exchanges"):
+            event = {}
+            while line := self.answer.readline().decode().rstrip("\n"):
+                name, _, value = line.partition(": ")
+                event[name] = value
+        self.position = event["id"]
+        data = json.loads(event["data"])
+        self.totals = data["totals"]
+        return event["event"], [exchange["serial"] for exchange in data["exchanges"]]
+
+
 def fields(body):
     return dict(field.split("=", 1) for field in body.decode().split("|"))
 
@@ -53,7 +85,7 @@ class CollectorTest(unittest.TestCase):
                               last["userAgent"]), (22, "hit", "S%201?x", 200, "P\t\x1b[2J"))
             self.assertEqual(collector.ask("POST", "/api/reset")[0], 200)
             self.assertEqual(collector.counts()["total"], 0)
-            for method, path in (("GET", "/"), ("POST", "/hit/S1"), ("GET", "/authS1")):
+            for method, path in (("GET", "/page"), ("POST", "/hit/S1"), ("GET", "/authS1")):
                 self.assertEqual(collector.ask(method, path)[0], 404)
             code, lines = collector.stop()
             self.assertEqual((code, len(lines)), (0, 22))
@@ -143,6 +175,63 @@ class CollectorTest(unittest.TestCase):
                     self.assertEqual(connection.recv(1), b"")
                     connection.close()
                 idle.close()
+
+    def test_event_stream_goes_on_from_a_position_and_ends_with_the_collector(self):
+        with Collector() as collector:
+            collector.ask("GET", "/hit/A")
+            with Events(collector) as events:
+                self.assertEqual(events.news(), ("snapshot", ["A"]))
+                collector.ask("GET", "/hit/B")
+                self.assertEqual(events.news(), ("exchanges", ["B"]))
+                position = events.position
+            collector.ask("GET", "/hit/C")
+            with Events(collector, position) as events:
+                self.assertEqual(events.news(), ("exchanges", ["C"]))
+                collector.ask("POST", "/api/reset")
+                self.assertEqual(events.news(), ("snapshot", []))
+                collector.ask("GET", "/hit/D")
+                events.news()
+                old = events.position
+            collector.ask("POST", "/api/reset")
+            for unknown in (old, position + "9", "x", position.rpartition(".")[0]):
+                with Events(collector, unknown) as events:
+                    self.assertEqual(events.news(), ("snapshot", []), unknown)
+            # A reader that takes nothing holds up neither the others nor the end.
+            stuck = collector.hold("/api/events", f"127.0.0.1:{collector.port}")
+            with Events(collector) as events:
+                for _ in range(2):
+                    connection = collector.connect()
+                    for _ in range(1_500):
+                        connection.request("GET", "/hit/" + 4_000 * "S")
+                        connection.getresponse().read()
+                    connection.close()
+                while events.totals.get("hits") != 3_000:
+                    events.news()
+                self.assertEqual(collector.stop()[0], 0)
+                self.assertEqual(events.answer.read(), b"")  # raises if the stream was cut
+            stuck.close()
+
+    def test_keeps_web_pages_of_other_origins_out(self):
+        with Collector() as collector:
+            own = f"127.0.0.1:{collector.port}"
+            for allowed, headers in (
+                    (True, {}), (True, {"Origin": "http://" + own, "Sec-Fetch-Site": "same-origin"}),
+                    (True, {"Host": f"localhost:{collector.port}"}),
+                    (False, {"Origin": "http://evil.example"}), (False, {"Origin": "null"}),
+                    (False, {"Origin": f"http://localhost:{collector.port}"}),
+                    (False, {"Sec-Fetch-Site": "cross-site"}),
+                    (False, {"Host": f"evil.example:{collector.port}"}),
+                    (False, {"Host": "127.0.0.1"})):
+                status = collector.ask("GET", "/%61pi/exchanges", headers=headers)[0]
+                self.assertEqual(status, 200 if allowed else 403, headers)
+                if allowed:
+                    self.assertEqual(collector.ask("POST", "/api/reset", "{}", headers)[0], 200)
+                else:
+                    with self.assertRaises(ConnectionError):
+                        collector.ask("POST", "/api/reset", "{}", headers)
+            status, headers, _ = collector.ask("GET", "/", headers={"Sec-Fetch-Site": "cross-site"})
+            self.assertEqual(status, 200)
+            self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
 
     def test_refuses_what_it_does_not_know_and_changes_nothing(self):
         with Collector("--access", "restricted") as collector:

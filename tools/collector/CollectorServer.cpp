@@ -10,6 +10,9 @@
 
 #include "tools/collector/AuthorizationAnswer.h"
 #include "tools/collector/Connections.h"
+#include "tools/collector/EventStream.h"
+#include "tools/collector/Page.h"
+#include "tools/collector/Visitor.h"
 
 namespace orbiq::collector {
 namespace {
@@ -18,11 +21,31 @@ using nlohmann::json;
 
 constexpr std::string_view kAuthPath = "/auth/";
 constexpr std::string_view kHitPath = "/hit/";
+/// What is kept of the texts of an exchange.
+constexpr std::size_t kLongestText = 4'096;
+
+/// The request as it came, but for the order of its headers.
+std::string textOf(const httplib::Request& request) {
+  std::string text = request.method + " " + request.target + " " + request.version;
+  for (const auto& [name, value] : request.headers) {
+    // These are the server's own additions.
+    if (name.starts_with("REMOTE_") || name.starts_with("LOCAL_")) continue;
+    text.append("\n").append(name).append(": ").append(value);
+  }
+  return text.substr(0, kLongestText);
+}
 
 void answerJson(httplib::Response& response, const json& value) {
   // A client may have sent any bytes; they must not keep the answer from being JSON.
   response.set_content(value.dump(2, ' ', false, json::error_handler_t::replace) + "\n",
                        "application/json");
+  response.set_header("Cache-Control", "no-store");
+  response.set_header("X-Content-Type-Options", "nosniff");
+}
+
+void answerError(httplib::Response& response, int status, const std::string& error) {
+  response.status = status;
+  answerJson(response, {{"error", error}});
 }
 
 /// A body whose length may be declared longer than it is; then the connection ends after it.
@@ -41,7 +64,9 @@ void answerText(httplib::Response& response, const std::string& body, std::size_
 
 CollectorServer::CollectorServer(const std::string& address, int port, Behaviour behaviour,
                                  std::ostream& lines)
-    : _log(lines), _gate(std::move(behaviour)), _http(makeHttpServer(address, port)) {
+    : _log(lines, _changes),
+      _gate(std::move(behaviour), _changes),
+      _http(makeHttpServer(address, port)) {
   const bool isIPv6 = address.find(':') != std::string::npos;
   _baseUrl =
       "http://" + (isIPv6 ? "[" + address + "]" : address) + ":" + std::to_string(_http.port);
@@ -49,6 +74,8 @@ CollectorServer::CollectorServer(const std::string& address, int port, Behaviour
   _http.server->set_pre_routing_handler(
       [this](const auto& request, auto& response) { return serve(request, response); });
   addApi();
+  addEvents();
+  addPage(*_http.server);
 }
 
 void CollectorServer::addApi() {
@@ -69,12 +96,39 @@ void CollectorServer::addApi() {
     try {
       answerJson(response, toJson(_gate.change(json::parse(request.body))));
     } catch (const json::exception&) {
-      response.status = 400;
-      answerJson(response, {{"error", "the body is not JSON"}});
+      answerError(response, 400, "the body is not JSON");
     } catch (const std::invalid_argument& error) {
-      response.status = 400;
-      answerJson(response, {{"error", error.what()}});
+      answerError(response, 400, error.what());
     }
+  });
+}
+
+void CollectorServer::addEvents() {
+  _http.server->Get("/api/events", [this](const auto& request, auto& response) {
+    if (!_changes.enter()) {
+      answerError(response, 503, "too many event streams are open");
+      return;
+    }
+    // The browser gives the position itself when it connects anew, the page when it comes back.
+    const std::string position = request.has_header("Last-Event-ID")
+                                     ? request.get_header_value("Last-Event-ID")
+                                     : request.get_param_value("after");
+    const auto stream = std::make_shared<EventStream>(_log, _gate, _changes, position);
+    response.set_header("Cache-Control", "no-store");
+    response.set_header("X-Content-Type-Options", "nosniff");
+    response.set_chunked_content_provider(
+        "text/event-stream",
+        [stream, connection = connectionFrom(request.remote_port, port())](std::size_t,
+                                                                           auto& sink) {
+          const std::optional<std::string> text = stream->next();
+          if (!text) {
+            sink.done();
+            return true;
+          }
+          if (text->empty()) return !clientHasGone(connection);
+          return sink.write(text->data(), text->size());
+        },
+        [this](bool) { _changes.leave(); });
   });
 }
 
@@ -82,39 +136,54 @@ httplib::Server::HandlerResponse CollectorServer::serve(const httplib::Request& 
                                                         httplib::Response& response) {
   const bool isAuth = request.target.starts_with(kAuthPath);
   const bool isHit = request.target.starts_with(kHitPath);
-  if (request.method != "GET" || (!isAuth && !isHit)) {
-    return httplib::Server::HandlerResponse::Unhandled;
-  }
-  const Kind kind = isAuth ? Kind::Auth : Kind::Hit;
-  Exchange seen{.time = std::chrono::system_clock::now(),
-                .kind = kind,
-                .serial = request.target.substr((isAuth ? kAuthPath : kHitPath).size()),
-                .userAgent = request.get_header_value("User-Agent")};
-  seen.status = exchange(kind, request, response);
+  if (request.method != "GET" || (!isAuth && !isHit)) return screen(request, response);
+  Exchange seen;
+  seen.time = std::chrono::system_clock::now();
+  seen.kind = isAuth ? Kind::Auth : Kind::Hit;
+  seen.serial = request.target.substr((isAuth ? kAuthPath : kHitPath).size());
+  seen.userAgent = request.get_header_value("User-Agent");
+  seen.request = textOf(request);
+  const auto began = std::chrono::steady_clock::now();
+  exchange(seen, request, response);
+  seen.took = std::chrono::duration_cast<std::chrono::microseconds>(
+      std::chrono::steady_clock::now() - began);
   // Before the answer goes out: a client that has it finds its exchange counted.
   _log.add(std::move(seen));
   return httplib::Server::HandlerResponse::Handled;
 }
 
-int CollectorServer::exchange(Kind kind, const httplib::Request& request,
-                              httplib::Response& response) {
+httplib::Server::HandlerResponse CollectorServer::screen(const httplib::Request& request,
+                                                         httplib::Response& response) {
+  const bool mayChange = request.method != "GET" && request.method != "HEAD";
+  if ((!mayChange && !request.path.starts_with("/api/")) || !isForeign(request, port())) {
+    return httplib::Server::HandlerResponse::Unhandled;
+  }
+  answerError(response, 403, "not from a page of another origin");
+  // Its body is unread, and would be taken for the next request.
+  if (mayChange) shutdown(connectionFrom(request.remote_port, port()), SHUT_RDWR);
+  return httplib::Server::HandlerResponse::Handled;
+}
+
+void CollectorServer::exchange(Exchange& seen, const httplib::Request& request,
+                               httplib::Response& response) {
   const auto connection = [&] { return connectionFrom(request.remote_port, port()); };
-  const auto behaviour = _gate.pass(kind, [&] { return clientHasGone(connection()); });
+  const auto behaviour = _gate.pass(seen.kind, [&] { return clientHasGone(connection()); });
   if (!behaviour) {
     // The server wants to write an answer in any case; it finds the connection at its end.
     shutdown(connection(), SHUT_RDWR);
-    return 0;
+    return;
   }
-  response.status = kind == Kind::Auth ? behaviour->authStatus : behaviour->hitStatus;
-  if (kind == Kind::Auth) authorize(*behaviour, response);
-  return response.status;
+  if (seen.kind == Kind::Auth) seen.answer = authorize(*behaviour, response);
+  seen.status = seen.kind == Kind::Auth ? behaviour->authStatus : behaviour->hitStatus;
+  response.status = seen.status;
 }
 
-void CollectorServer::authorize(const Behaviour& behaviour, httplib::Response& response) {
+std::string CollectorServer::authorize(const Behaviour& behaviour, httplib::Response& response) {
   const AuthorizationAnswer answer = authorizationAnswer(
       behaviour, _baseUrl + std::string(kHitPath), ++_session, std::chrono::system_clock::now());
   if (answer.date) response.set_header("Date", *answer.date);
   answerText(response, answer.body, answer.declaredLength);
+  return ("Date: " + answer.date.value_or("(none)") + "\n\n" + answer.body).substr(0, kLongestText);
 }
 
 bool CollectorServer::run() {
@@ -127,6 +196,7 @@ void CollectorServer::stop() {
   // A stop before the server runs would be lost.
   while (!_http.server->is_running() && !_ended) std::this_thread::yield();
   _stopped = true;
+  _changes.close();
   _http.server->stop();
   shutDownConnections(port());
   _gate.close();

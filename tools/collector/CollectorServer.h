@@ -6,14 +6,16 @@
 #include <string>
 
 #include "tools/collector/Behaviour.h"
+#include "tools/collector/Changes.h"
 #include "tools/collector/ExchangeLog.h"
 #include "tools/collector/Gate.h"
 #include "tools/collector/HttpServerFactory.h"
 
 namespace orbiq::collector {
 
-/// Authorization server (`/auth/<serial>`), hit server (`/hit/<serial>`) and the interface to look
-/// at and steer both (`/api/...`), on one port.
+/// Authorization server (`/auth/<serial>`), hit server (`/hit/<serial>`), the interface to look at
+/// and steer both (`/api/...`) and a page that uses it (`/`), on one port. The interface serves no
+/// web page but this one.
 class CollectorServer {
  public:
   /// Listens at once; throws as `makeHttpServer` does. One line per exchange goes to `lines`.
@@ -25,16 +27,21 @@ class CollectorServer {
 
   /// Serves until `stop`; false if the server ended for another reason.
   bool run();
-  /// From any thread, once. Held requests end without an answer.
+  /// From any thread, once. Held requests end without an answer, event streams with their end.
   void stop();
 
  private:
   void addApi();
+  void addEvents();
   httplib::Server::HandlerResponse serve(const httplib::Request& request,
                                          httplib::Response& response);
-  int exchange(Kind kind, const httplib::Request& request, httplib::Response& response);
-  void authorize(const Behaviour& behaviour, httplib::Response& response);
+  /// Keeps web pages of other origins away from the interface.
+  httplib::Server::HandlerResponse screen(const httplib::Request& request,
+                                          httplib::Response& response);
+  void exchange(Exchange& seen, const httplib::Request& request, httplib::Response& response);
+  std::string authorize(const Behaviour& behaviour, httplib::Response& response);
 
+  Changes _changes;
   ExchangeLog _log;
   Gate _gate;
   BoundHttpServer _http;

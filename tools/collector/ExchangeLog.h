@@ -6,11 +6,14 @@
 #include <deque>
 #include <map>
 #include <nlohmann/json.hpp>
+#include <optional>
 #include <ostream>
 #include <string>
+#include <vector>
 
 #include "orbiq/services/platform/Mutex.h"
 #include "tools/collector/Behaviour.h"
+#include "tools/collector/Changes.h"
 
 namespace orbiq::collector {
 
@@ -22,6 +25,11 @@ struct Exchange {
   /// 0 if the connection ended without an answer.
   int status = 0;
   std::string userAgent;
+  /// From the arrival of the request to its answer.
+  std::chrono::microseconds took{0};
+  /// Request line and headers, and what was answered, as texts for people; long ones are cut.
+  std::string request;
+  std::string answer;
 };
 
 /// What the collector saw: one line of text per exchange, the newest exchanges, and counts. A hit
@@ -32,24 +40,54 @@ class ExchangeLog {
   static constexpr std::size_t kNewest = 10'000;
   /// Serials that are counted by name; those that come later are counted together.
   static constexpr std::size_t kSerials = 10'000;
+  /// What one piece of news holds at most.
+  static constexpr std::size_t kNews = 2'000;
 
-  explicit ExchangeLog(std::ostream& lines) : _lines(lines) {}
+  struct Totals {
+    std::uint64_t authorizations = 0;
+    std::uint64_t hits = 0;
+    std::uint64_t hitsLost = 0;
+  };
+  /// What has come since a position, or, if that is not known or too far back, all there is anew.
+  struct News {
+    bool anew = false;
+    std::string position;
+    Totals totals;
+    /// The number of the first of the exchanges.
+    std::uint64_t first = 0;
+    std::vector<Exchange> exchanges;
+  };
+
+  /// Announces each exchange and each reset to `changes`.
+  ExchangeLog(std::ostream& lines, Changes& changes);
 
   void add(Exchange exchange);
   void reset();
   nlohmann::json toJson() const;
+  /// Positions are those of earlier news. They do not outlive a reset, nor this log.
+  News since(const std::string& position) const;
 
  private:
   using Counts = std::map<std::string, std::uint64_t>;
   static void count(Counts& counts, const std::string& serial);
+  /// The number of exchanges at a position of this log since its last reset; none for any other.
+  std::optional<std::uint64_t> totalAt(const std::string& position) const ORBIQ_REQUIRES(_mutex);
+  std::string positionPrefix() const ORBIQ_REQUIRES(_mutex);
 
   std::ostream& _lines;
+  Changes& _changes;
+  /// Tells this log's positions from those of an earlier process.
+  const std::uint64_t _born;
   mutable Mutex _mutex;
   std::deque<Exchange> _newest ORBIQ_GUARDED_BY(_mutex);
   std::uint64_t _total ORBIQ_GUARDED_BY(_mutex) = 0;
+  std::uint64_t _resets ORBIQ_GUARDED_BY(_mutex) = 0;
+  Totals _totals ORBIQ_GUARDED_BY(_mutex);
   Counts _authorizations ORBIQ_GUARDED_BY(_mutex);
   Counts _hits ORBIQ_GUARDED_BY(_mutex);
   Counts _hitsLost ORBIQ_GUARDED_BY(_mutex);
 };
+
+nlohmann::json toJson(const ExchangeLog::News& news);
 
 }  // namespace orbiq::collector

@@ -22,6 +22,7 @@ Behaviour Gate::change(const nlohmann::json& changes) {
   const Lock lock(_condition);
   _behaviour = changed(_behaviour, changes);
   _condition.broadcast();
+  _changes.announce();
   return _behaviour;
 }
 
@@ -34,16 +35,22 @@ void Gate::close() {
 std::optional<Behaviour> Gate::pass(Kind kind, const std::function<bool()>& clientHasGone) {
   const Lock lock(_condition);
   const SteadyClock::time_point due = SteadyClock::now() + _behaviour.delay;
-  for (;;) {
-    if (_closed) return std::nullopt;
+  for (bool isHeld = false;; isHeld = true) {
     const SteadyClock::duration left = due - SteadyClock::now();
     const bool stalls = _behaviour.stalls(kind);
-    if (!stalls && left <= SteadyClock::duration::zero()) return _behaviour;
-    if (clientHasGone()) return std::nullopt;
-    ++_held;
+    const bool isDue = !stalls && left <= SteadyClock::duration::zero();
+    if (isDue || _closed || clientHasGone()) {
+      if (isHeld) addHeld(-1);
+      return isDue && !_closed ? std::optional(_behaviour) : std::nullopt;
+    }
+    if (!isHeld) addHeld(1);
     _condition.waitFor(stalls ? kLook : std::min<SteadyClock::duration>(kLook, left));
-    --_held;
   }
+}
+
+void Gate::addHeld(int number) {
+  _held += number;
+  _changes.announce();
 }
 
 int Gate::held() const {

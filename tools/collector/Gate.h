@@ -7,13 +7,16 @@
 
 #include "orbiq/services/platform/Mutex.h"
 #include "tools/collector/Behaviour.h"
+#include "tools/collector/Changes.h"
 
 namespace orbiq::collector {
 
 /// Holds the behaviour in force, and with it the requests that it delays or stalls. Thread-safe.
 class Gate {
  public:
-  explicit Gate(Behaviour behaviour) : _behaviour(std::move(behaviour)) {}
+  /// Announces a new behaviour, and each change of the number held, to `changes`.
+  Gate(Behaviour behaviour, Changes& changes)
+      : _changes(changes), _behaviour(std::move(behaviour)) {}
 
   Behaviour behaviour() const;
   /// Applies changes and releases what they no longer stall. Throws as `changed` does, and then
@@ -30,6 +33,9 @@ class Gate {
   int held() const;
 
  private:
+  void addHeld(int number) ORBIQ_REQUIRES(_condition);
+
+  Changes& _changes;
   mutable Condition _condition;
   Behaviour _behaviour ORBIQ_GUARDED_BY(_condition);
   bool _closed ORBIQ_GUARDED_BY(_condition) = false;

@@ -2,11 +2,18 @@
 """Runs the examples against the collector and compares what both say.
 
 Usage: demo.py BUILD_DIRECTORY. Exits 0 only if every hit arrived, each once.
+
+demo.py BUILD_DIRECTORY --web [COMMAND...] keeps the collector's page open while an example sends a
+hit every second, until interrupted; then it exits 0. COMMAND runs the example in a network of its
+own, which a relay connects with the collector.
 """
 
+import collections
 import json
 import os
 import pathlib
+import shutil
+import signal
 import subprocess
 import sys
 import tempfile
@@ -15,15 +22,22 @@ import time
 import urllib.request
 
 PATIENCE = 60  # seconds for one step
-COLOURED = sys.stdout.isatty() and not os.environ.get("NO_COLOR")
+TERMINAL = sys.stdout.isatty()
+COLOURED = TERMINAL and not os.environ.get("NO_COLOR")
+RELAY = pathlib.Path(__file__).with_name("relay.py")
+BOLD, DIM, RED, GREEN = 1, 2, 31, 32
 
 
 class Failure(Exception):
     pass
 
 
-def say(text):
-    print(f"\033[1m{text}\033[0m" if COLOURED else text, flush=True)
+def coloured(colour, text):
+    return f"\033[{colour}m{text}\033[0m" if COLOURED else text
+
+
+def say(text, colour=BOLD):
+    print(coloured(colour, text), flush=True)
 
 
 def wait_until(what, done):
@@ -35,19 +49,24 @@ def wait_until(what, done):
 
 
 class Program:
-    """A child process whose output is shown under its name."""
+    """A child process in a session of its own, so that only this script is interrupted. Its output
+    is shown under its name, or given to `take` line by line."""
 
-    def __init__(self, name, command, environment=None):
+    def __init__(self, name, command, environment=None, take=None):
         self.name = name
+        self.take = take or self._print
         self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, text=True, errors="replace",
-                                        env=environment)
+                                        env=environment, start_new_session=True)
         self.reader = threading.Thread(target=self._show, daemon=True)
         self.reader.start()
 
     def _show(self):
         for line in self.process.stdout:
-            print(f"  {self.name:9} | {line.rstrip()}", flush=True)
+            self.take(line.rstrip())
+
+    def _print(self, line):
+        print(f"  {coloured(DIM, f'{self.name:9} |')} {line}", flush=True)
 
     def wait(self):
         try:
@@ -65,14 +84,15 @@ class Program:
 
 
 class Demo:
-    def __init__(self, build, scratch):
+    def __init__(self, build, scratch, take=None):
+        self.scratch = scratch
         self.examples = build / "examples"
         self.state = scratch / "state"
         self.state.mkdir()
         self.programs = []
         port_file = scratch / "port"
         self.collector = self.start("collector", [
-            build / "tools" / "orbiq-collector", "--port", "0", "--port-file", port_file])
+            build / "tools" / "orbiq-collector", "--port", "0", "--port-file", port_file], take=take)
         wait_until("the collector's port", lambda: port_file.exists() or self.ended(self.collector))
         if self.ended(self.collector):
             raise Failure("the collector did not start")
@@ -82,8 +102,8 @@ class Demo:
         self.environment.update(ORBIQ_AUTHORIZATION_SERVER=self.url + "/auth/",
                                 ORBIQ_LIBRARY_DIRECTORY=str(self.state))
 
-    def start(self, name, command, environment=None):
-        self.programs.append(Program(name, command, environment))
+    def start(self, name, command, environment=None, take=None):
+        self.programs.append(Program(name, command, environment, take))
         return self.programs[-1]
 
     @staticmethod
@@ -147,6 +167,37 @@ class Demo:
         self.run("demo", "resume")
         self.expect(hits={"DEMO-STREAM": 1})
 
+    def web(self, own_network):
+        command = [self.examples / "orbiq-demo", "live"]
+        if own_network:
+            door = self.scratch / "door"
+            port = self.url.rpartition(":")[2]
+            self.start("relay", [sys.executable, RELAY, "outside", door, port])
+            wait_until("the relay", door.exists)
+            command = [*own_network, sys.executable, RELAY, "inside", door, port, *command]
+        last_lines = collections.deque(maxlen=10)
+        application = self.start("demo", command, self.environment, last_lines.append)
+        say(f"The collector's page: {self.url}/   (Ctrl-C ends it)")
+        has_display = os.environ.get("DISPLAY") or os.environ.get("WAYLAND_DISPLAY")
+        if has_display and shutil.which("xdg-open"):
+            subprocess.Popen(["xdg-open", self.url + "/"], stdin=subprocess.DEVNULL,
+                             stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL,
+                             start_new_session=True)
+        interrupted = False
+        try:
+            application.process.wait()
+        except KeyboardInterrupt:
+            interrupted = True
+            signal.signal(signal.SIGINT, signal.SIG_IGN)  # all is ending already
+            signal.signal(signal.SIGTERM, signal.SIG_IGN)
+            application.process.send_signal(signal.SIGINT)
+        code = application.wait()
+        if code != 0 or not interrupted:
+            raise Failure("\n".join(["the application ended by itself:", *last_lines]))
+        if TERMINAL:
+            print()
+        print(f"  {last_lines[-1]}", flush=True)
+
     def finish(self):
         self.collector.process.terminate()
         if self.collector.wait() != 0:
@@ -158,21 +209,72 @@ class Demo:
                 program.kill()
 
 
-def main():
+class Progress:
+    """Counts the collector's lines, in place on a terminal."""
+
+    def __init__(self):
+        self.arrived = self.lost = 0
+
+    def __call__(self, line):
+        if not TERMINAL:
+            print(f"  {line}", flush=True)
+            return
+        words = line.split()
+        if words[1:2] != ["hit"]:
+            return
+        good = words[3] == "200"
+        self.arrived += good
+        self.lost += not good
+        lost = coloured(RED, f"{self.lost} lost") if self.lost else "none lost"
+        print(f"\r\033[K  {coloured(GREEN, f'{self.arrived} hits arrived')}, {lost}", end="",
+              flush=True)
+
+
+def interrupt(*_):
+    raise KeyboardInterrupt
+
+
+def show_page(build, own_network):
+    # Also where they were ignored, as a shell does for what it runs in the background.
+    for number in (signal.SIGINT, signal.SIGTERM):
+        signal.signal(number, interrupt)
     demo = None
     with tempfile.TemporaryDirectory(prefix="orbiq-demo-") as scratch:
         try:
-            demo = Demo(pathlib.Path(sys.argv[1]), pathlib.Path(scratch))
-            demo.audience()
-            demo.survival()
+            demo = Demo(build, pathlib.Path(scratch), Progress())
+            demo.web(own_network)
             demo.finish()
+        except KeyboardInterrupt:
+            pass  # before anything was shown
         except (Failure, OSError) as failure:
-            print(f"demo: {failure}", file=sys.stderr)
+            print(coloured(RED, f"demo: {failure}"), file=sys.stderr)
             return 1
         finally:
             if demo:
                 demo.clean_up()
-    say("Every hit arrived: 1 + 10 audience hits and 1 streaming request that outlived a kill.")
+    say("All of it has ended.")
+    return 0
+
+
+def main():
+    build, *rest = sys.argv[1:]
+    if rest[:1] == ["--web"]:
+        return show_page(pathlib.Path(build), rest[1:])
+    demo = None
+    with tempfile.TemporaryDirectory(prefix="orbiq-demo-") as scratch:
+        try:
+            demo = Demo(pathlib.Path(build), pathlib.Path(scratch))
+            demo.audience()
+            demo.survival()
+            demo.finish()
+        except (Failure, OSError) as failure:
+            print(coloured(RED, f"demo: {failure}"), file=sys.stderr)
+            return 1
+        finally:
+            if demo:
+                demo.clean_up()
+    say("Every hit arrived: 1 + 10 audience hits and 1 streaming request that outlived a kill.",
+        GREEN)
     return 0
 
 
