@@ -1,6 +1,8 @@
 // The agent's life.
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 
+#include "orbiq/private/orbiqAgent/HitLedger.h"
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/HttpClient.h"
@@ -10,7 +12,9 @@ orbiqAgent& orbiqAgent::sharedAgent() {
   return *agent;
 }
 
-orbiqAgent::orbiqAgent() {
+orbiqAgent::orbiqAgent()
+    : requestsFile(std::make_unique<orbiq::RequestsFile>()),
+      ledger(std::make_unique<orbiq::HitLedger>()) {
   // The agent of a forked child does nothing, and leaves the parent's file alone.
   if (isForkedAway()) return;
   orbiq::HostApplication::settle();
@@ -59,7 +63,7 @@ std::int64_t orbiqAgent::getPartialID() {
 }
 
 orbiq::Statistics orbiqAgent::statistics() const {
-  return isForkedAway() ? orbiq::Statistics() : ledger.statistics();
+  return isForkedAway() ? orbiq::Statistics() : ledger->statistics();
 }
 
 bool orbiqAgent::isForkedAway() {

@@ -2,13 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <string>
 #include <unordered_map>
 
-#include "orbiq/private/orbiqAgent/HitLedger.h"
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAgent/Statistics.h"
 #include "orbiq/private/orbiqAgent/orbiqTaggerIdentifier/orbiqTaggerIdentifier.h"
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
@@ -22,6 +21,12 @@
 #include "orbiq/services/platform/String.h"
 
 class orbiqAudienceTagger;
+
+namespace orbiq {
+class HitLedger;
+class RequestsFile;
+enum class HitFate : std::size_t;
+}  // namespace orbiq
 
 /// The owner of the request queue: it saves it, authorizes and sends its requests in order, and
 /// keeps one audience tagger per serial. One per process, made on first use, never destroyed.
@@ -137,11 +142,12 @@ class ORBIQ_EXPORT orbiqAgent {
       orbiqSerialAccess;
   // Fair, so that additions get in between two sends of a long queue.
   orbiq::FairCondition requestsProtector;
-  orbiq::RequestQueue requestQueue ORBIQ_GUARDED_BY(requestsProtector);
-  orbiq::RequestsFile requestsFile ORBIQ_GUARDED_BY(requestsProtector);
+  std::deque<std::shared_ptr<orbiqRequest>> requestQueue ORBIQ_GUARDED_BY(requestsProtector);
+  // These two by pointer: applications include this header, and not theirs.
+  std::unique_ptr<orbiq::RequestsFile> requestsFile ORBIQ_GUARDED_BY(requestsProtector);
+  std::unique_ptr<orbiq::HitLedger> ledger;
   orbiq::SerialQueue requestSender{"orbiqRequestSender"};
   orbiq::SerialQueue requestHandler{"orbiqRequestHandler"};
   orbiq::Mutex partialIDLocker;
   std::int64_t _partialID ORBIQ_GUARDED_BY(partialIDLocker) = 0;
-  orbiq::HitLedger ledger;
 };

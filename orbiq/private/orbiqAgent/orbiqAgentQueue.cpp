@@ -6,6 +6,8 @@
 #include <string>
 #include <utility>
 
+#include "orbiq/private/orbiqAgent/HitLedger.h"
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
@@ -47,8 +49,8 @@ orbiq::String orbiqAgent::requestsFilePath() const {
 
 void orbiqAgent::loadRequests() {
   orbiqLogger::log_withMode("Loading requests from cache", orbiq::LoggingModeInfo);
-  requestQueue = requestsFile.load(requestsFilePath().toStdString());
-  ledger.countAccepted(static_cast<std::uint64_t>(std::count_if(
+  requestQueue = requestsFile->load(requestsFilePath().toStdString());
+  ledger->countAccepted(static_cast<std::uint64_t>(std::count_if(
       requestQueue.begin(), requestQueue.end(),
       [](const std::shared_ptr<orbiqRequest>& request) { return !isMarker(*request); })));
   // Audience requests of an earlier process are not sent late. That is meant.
@@ -58,22 +60,22 @@ void orbiqAgent::loadRequests() {
 
 void orbiqAgent::saveRequests() {
   orbiqLogger::log_withMode("Saving requests to cache", orbiq::LoggingModeInfo);
-  requestsFile.save(requestsPath(), requestQueue);
+  requestsFile->save(requestsPath(), requestQueue);
 }
 
 void orbiqAgent::countRefusedHit() {
-  ledger.countAccepted();
-  ledger.countFate(orbiq::HitFate::Refused);
+  ledger->countAccepted();
+  ledger->countFate(orbiq::HitFate::Refused);
 }
 
 void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
   if (!request || isForkedAway()) return;
-  ledger.additionBegins(!isMarker(*request));
+  ledger->additionBegins(!isMarker(*request));
   requestHandler.async([this, request = std::move(request)] {
     requestSender.resume();  // its one task gets no successor that could start a thread for it
     orbiqLogger::log_withMode("Adding a request in queue", orbiq::LoggingModeInfo);
     const orbiq::Lock lock(requestsProtector);
-    ledger.additionEnds();
+    ledger->additionEnds();
     append(request);
     saveRequests();
     logQueueLength(requestQueue.size());
@@ -92,7 +94,7 @@ void orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) {
   }
   requestQueue.push_back(request);
   if (requestQueue.size() >= kQueueBound) {
-    if (!isMarker(*requestQueue.front())) ledger.countFate(orbiq::HitFate::PushedOut);
+    if (!isMarker(*requestQueue.front())) ledger->countFate(orbiq::HitFate::PushedOut);
     requestQueue.pop_front();
   }
 }
@@ -109,7 +111,7 @@ void orbiqAgent::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& req
   const std::size_t removed = std::erase_if(
       requestQueue,
       [&](const std::shared_ptr<orbiqRequest>& queued) { return request->isEqual(queued.get()); });
-  for (std::size_t i = 0; fate && i < removed; ++i) ledger.countFate(*fate);
+  for (std::size_t i = 0; fate && i < removed; ++i) ledger->countFate(*fate);
   saveRequests();
   logQueueLength(requestQueue.size());
 }
@@ -117,7 +119,7 @@ void orbiqAgent::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& req
 void orbiqAgent::discardAudienceRequests(orbiq::HitFate fate) {
   std::erase_if(requestQueue, [&](const std::shared_ptr<orbiqRequest>& request) {
     if (request->requestType() != orbiq::RequestTypeAudience) return false;
-    if (!isMarker(*request)) ledger.countFate(fate);
+    if (!isMarker(*request)) ledger->countFate(fate);
     return true;
   });
 }

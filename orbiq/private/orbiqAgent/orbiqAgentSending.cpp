@@ -5,6 +5,8 @@
 #include <exception>
 #include <string>
 
+#include "orbiq/private/orbiqAgent/HitLedger.h"
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
@@ -79,7 +81,7 @@ void orbiqAgent::waitForHead() {
     const bool streamingIsPending = std::any_of(
         requestQueue.begin(), requestQueue.end(),
         [](const auto& request) { return request->requestType() != orbiq::RequestTypeAudience; });
-    if (streamingIsPending) requestsFile.sync(requestsFilePath().toStdString());
+    if (streamingIsPending) requestsFile->sync(requestsFilePath().toStdString());
     requestsProtector.wait();
   }
 }
@@ -106,11 +108,11 @@ void orbiqAgent::handleHead() {
   }
   orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },
                             orbiq::LoggingModeInfo);
-  ledger.sendBegins();
+  ledger->sendBegins();
   const Attempt result = attempt(head);
-  ledger.sendEnds();
-  if (!result.failure.isNull()) ledger.noteFailure(result.failure);
-  if (result.fate == HitFate::Sent) ledger.noteSuccess(orbiq::Platform::now());
+  ledger->sendEnds();
+  if (!result.failure.isNull()) ledger->noteFailure(result.failure);
+  if (result.fate == HitFate::Sent) ledger->noteSuccess(orbiq::Platform::now());
   if (result.error && result.error->keepsRequest()) {
     logAbout(*head, " handling resulted in a timeout or lack of connection",
              orbiq::LoggingModeWarning);

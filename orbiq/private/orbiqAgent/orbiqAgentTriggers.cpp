@@ -1,4 +1,5 @@
 // What wakes the agent's sending loop from outside.
+#include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 

@@ -1,0 +1,128 @@
+# What is installed, and where. A new public header is one line in the list below, a new tool one
+# line `orbiq_install_tool(TARGET)` beside its target, a new manual page one file in docs/man.
+#
+# Components, one per package: library, secretservice, development, tools.
+
+# What an application may include, and what that includes in turn. Nothing else is installed.
+set(ORBIQ_PUBLIC_HEADERS
+  orbiq/orbiq.h
+  orbiq/orbiq_c.h
+  orbiq/orbiqVersion.h
+  orbiq/private/orbiqAgent/Statistics.h
+  orbiq/private/orbiqAgent/orbiqAgent.h
+  orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h
+  orbiq/private/orbiqAgent/orbiqTaggerIdentifier/orbiqTaggerIdentifier.h
+  orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h
+  orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h
+  orbiq/private/orbiqAuthManager/orbiqAuthManager.h
+  orbiq/private/orbiqAuthManager/orbiqSession/orbiqSession.h
+  orbiq/private/orbiqRequest/orbiqClearCache.h
+  orbiq/private/orbiqRequest/orbiqRequest.h
+  orbiq/private/orbiqTimer/orbiqTimer.h
+  orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h
+  orbiq/public/orbiqTagger/orbiqTagger.h
+  orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h
+  orbiq/services/orbiqLogger/orbiqLogger.h
+  orbiq/services/orbiqReachability/orbiqReachability.h
+  orbiq/services/platform/Archivable.h
+  orbiq/services/platform/Date.h
+  orbiq/services/platform/Enumerations.h
+  orbiq/services/platform/Export.h
+  orbiq/services/platform/HostApplication.h
+  orbiq/services/platform/Keychain.h
+  orbiq/services/platform/MainLoop.h
+  orbiq/services/platform/Mutex.h
+  orbiq/services/platform/NetworkReachability.h
+  orbiq/services/platform/NotificationCenter.h
+  orbiq/services/platform/Object.h
+  orbiq/services/platform/Parameters.h
+  orbiq/services/platform/SerialQueue.h
+  orbiq/services/platform/String.h
+  orbiq/services/platform/SystemLog.h
+  orbiq/services/platform/Url.h)
+set(ORBIQ_SECRETSERVICE_HEADERS
+  orbiq/secretservice/SecretServiceKeychain.h)
+
+set(ORBIQ_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/orbiq)
+
+# Builds what is installed, and nothing else.
+if(ORBIQ_INSTALL)
+  add_custom_target(orbiq_installed)
+endif()
+
+function(orbiq_install_tool target)
+  if(ORBIQ_INSTALL)
+    add_dependencies(orbiq_installed ${target})
+    install(TARGETS ${target} RUNTIME COMPONENT tools)
+  endif()
+endfunction()
+
+# Each library in an export set of its own, so that who links one need not have what another needs.
+function(orbiq_install_library target component)
+  add_dependencies(orbiq_installed ${target})
+  install(TARGETS ${target} EXPORT ${target}
+    LIBRARY COMPONENT ${component} NAMELINK_COMPONENT development
+    ARCHIVE COMPONENT development)
+  install(EXPORT ${target} FILE ${target}-targets.cmake NAMESPACE orbiq::
+    DESTINATION ${ORBIQ_INSTALL_CMAKEDIR} COMPONENT development)
+endfunction()
+
+# In the tree as in the source, where includes are written from the root.
+function(orbiq_install_headers)
+  foreach(header ${ARGN})
+    cmake_path(GET header PARENT_PATH directory)
+    install(FILES ${PROJECT_SOURCE_DIR}/${header}
+      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${directory} COMPONENT development)
+  endforeach()
+endfunction()
+
+# orbiq_install_pkgconfig(NAME DESCRIPTION REQUIRES PRIVATELY LIBRARY)
+function(orbiq_install_pkgconfig name description requires privately library)
+  # Relative to the file itself, so that the tree can be moved.
+  set(directory ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+  file(RELATIVE_PATH prefix ${CMAKE_INSTALL_PREFIX}/${directory} ${CMAKE_INSTALL_PREFIX})
+  string(REGEX REPLACE "/$" "" prefix "\${pcfiledir}/${prefix}")
+  configure_file(${PROJECT_SOURCE_DIR}/cmake/orbiq.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${directory} COMPONENT development)
+endfunction()
+
+function(orbiq_install)
+  include(CMakePackageConfigHelpers)
+  set(core "libcurl, libmnl, liburiparser")
+  orbiq_install_headers(${ORBIQ_PUBLIC_HEADERS})
+  orbiq_install_library(orbiq library)
+  orbiq_install_library(orbiq_static development)
+  orbiq_install_pkgconfig(orbiq "audience measurement for native applications" "" "${core}" -lorbiq)
+  # The archive with everything else shared: `--static` would ask for all that libcurl may need.
+  orbiq_install_pkgconfig(orbiq-static "audience measurement, linked into the application"
+    "${core}" "" -l:liborbiq.a)
+  if(TARGET orbiq_secretservice)
+    orbiq_install_headers(${ORBIQ_SECRETSERVICE_HEADERS})
+    orbiq_install_library(orbiq_secretservice secretservice)
+    orbiq_install_library(orbiq_secretservice_static development)
+    orbiq_install_pkgconfig(orbiq-secretservice "device identifier in the user's keyring"
+      "orbiq = ${PROJECT_VERSION}" libsecret-1 -lorbiq_secretservice)
+    orbiq_install_pkgconfig(orbiq-secretservice-static
+      "device identifier in the user's keyring, linked into the application"
+      "orbiq-static = ${PROJECT_VERSION}, libsecret-1" "" -l:liborbiq_secretservice.a)
+  endif()
+
+  configure_package_config_file(${PROJECT_SOURCE_DIR}/cmake/orbiq-config.cmake.in
+    ${PROJECT_BINARY_DIR}/orbiq-config.cmake INSTALL_DESTINATION ${ORBIQ_INSTALL_CMAKEDIR}
+    NO_SET_AND_CHECK_MACRO)
+  write_basic_package_version_file(${PROJECT_BINARY_DIR}/orbiq-config-version.cmake
+    COMPATIBILITY SameMajorVersion)
+  install(FILES ${PROJECT_BINARY_DIR}/orbiq-config.cmake
+    ${PROJECT_BINARY_DIR}/orbiq-config-version.cmake
+    DESTINATION ${ORBIQ_INSTALL_CMAKEDIR} COMPONENT development)
+
+  if(ORBIQ_BUILD_TOOLS)
+    file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.1)
+    install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+  endif()
+
+  if(PROJECT_IS_TOP_LEVEL)
+    add_custom_target(uninstall COMMAND ${CMAKE_COMMAND} -P ${PROJECT_SOURCE_DIR}/cmake/uninstall.cmake
+      WORKING_DIRECTORY ${PROJECT_BINARY_DIR} VERBATIM)
+  endif()
+endfunction()

@@ -1,0 +1,32 @@
+# Removes what `cmake --install` listed, and the directories that this leaves empty. Where it was
+# installed under a DESTDIR, it is removed with the same. What a user's applications have saved stays.
+set(manifest install_manifest.txt)
+if(NOT EXISTS ${manifest})
+  message(FATAL_ERROR "nothing was installed from here: there is no ${manifest}")
+endif()
+
+set(directories "")
+file(STRINGS ${manifest} files)
+foreach(file ${files})
+  set(file $ENV{DESTDIR}${file})
+  if(EXISTS ${file} OR IS_SYMLINK ${file})
+    message(STATUS "Removing ${file}")
+    file(REMOVE ${file})
+  endif()
+  # The directories that are the project's alone.
+  cmake_path(GET file PARENT_PATH directory)
+  while(directory MATCHES "/(include|cmake)/orbiq(/|$)")
+    list(APPEND directories ${directory})
+    cmake_path(GET directory PARENT_PATH directory)
+  endwhile()
+endforeach()
+file(REMOVE ${manifest})
+
+list(REMOVE_DUPLICATES directories)
+list(SORT directories ORDER DESCENDING)  # the inner ones first
+foreach(directory ${directories})
+  file(GLOB remaining ${directory}/*)
+  if(IS_DIRECTORY ${directory} AND NOT remaining)
+    file(REMOVE_RECURSE ${directory})
+  endif()
+endforeach()
