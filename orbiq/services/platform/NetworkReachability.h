@@ -29,10 +29,14 @@ class NetworkReachability;
 /// Whom a change is delivered for. The context does not keep `info` alive; a delivery whose `info`
 /// is gone, or was never given, is dropped.
 struct NetworkReachabilityContext {
+  /// Always 0.
   int version = 0;
+  /// Handed to the callback.
   std::weak_ptr<void> info;
 };
 
+/// Is told of a change: the target, its new flags and the context's `info`, which lives during the
+/// call.
 using NetworkReachabilityCallback = void (*)(NetworkReachability& target, std::uint32_t flags,
                                              void* info);
 
