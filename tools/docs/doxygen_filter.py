@@ -7,10 +7,13 @@ such anchors nor files that it does not read.
 """
 
 import pathlib
+import re
 import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
 import pages  # noqa: E402
+
+NAME = re.compile(r"[\w:]+")
 
 
 def label(page, anchor=""):
@@ -19,25 +22,24 @@ def label(page, anchor=""):
     return f"{name}-{anchor}" if anchor else name
 
 
-def reference(page, link, is_index):
+def reference(page, link):
     target, _, anchor = link.target.partition("#")
     if ":" in target:
         return link.whole
     other = pages.resolve(page, target) if target else page
     if link.is_image:
         return f"![{link.text}]({other.name})"
+    if other.suffix == ".h" and NAME.fullmatch(link.text):
+        return f'@ref {link.text} "{link.text}"'
     if other.suffix != ".md":
         # The site holds no sources: it names them.
         path = f"`{other.as_posix()}`"
         return path if other.name in link.text else f"{link.text} ({path})"
-    # What the main page leads to stands below it in the site's tree.
-    command = "@subpage" if is_index and not anchor and other.parent == page.parent else "@ref"
     text = link.text.replace("`", "")
-    return f'{command} {label(other, anchor)} "{text}"'
+    return f'@ref {label(other, anchor)} "{text}"'
 
 
 def filtered(page, text):
-    is_index = page.as_posix() == "docs/index.md"
     for piece in pages.pieces(text):
         if isinstance(piece, pages.Fence):
             yield piece.whole
@@ -45,7 +47,7 @@ def filtered(page, text):
             name = label(page) if piece.level == 1 else label(page, piece.anchor)
             yield f"{'#' * piece.level} {piece.text} {{#{name}}}\n"
         elif isinstance(piece, pages.Text):
-            yield pages.replace_links(piece.whole, lambda link: reference(page, link, is_index))
+            yield pages.replace_links(piece.whole, lambda link: reference(page, link))
 
 
 def main():

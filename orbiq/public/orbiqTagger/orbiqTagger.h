@@ -29,7 +29,7 @@ class ORBIQ_EXPORT orbiqTagger {
 
   /// Whether each hit carries the advertising identifier. Any thread.
   bool useIDFA() const { return _useIDFA.load(std::memory_order_relaxed); }
-  /// Counts from the next `sendHit` on. Any thread.
+  /// Takes effect at the next `sendHit`. Any thread.
   void setUseIDFA(bool useIDFA) { _useIDFA.store(useIDFA, std::memory_order_relaxed); }
 
   /// The tagger's own copy of the threshold.

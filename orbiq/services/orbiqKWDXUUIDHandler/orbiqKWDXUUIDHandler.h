@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The device identifier.
+
 #include "orbiq/services/platform/Export.h"
 #include "orbiq/services/platform/Keychain.h"
 #include "orbiq/services/platform/String.h"

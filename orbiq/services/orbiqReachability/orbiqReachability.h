@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Watching the network.
+
 #include <sys/socket.h>
 
 #include <atomic>

@@ -11,16 +11,26 @@
 
 namespace orbiq {
 
-/// What is known of the way to a network target, as bits.
+/// What is known of the way to a network target, as bits. This machine's own targets are never of
+/// the kinds whose connection would first have to be made.
 enum NetworkReachabilityFlags : std::uint32_t {
+  /// Over a connection that may end by itself.
   kSCNetworkReachabilityFlagsTransientConnection = 1,
+  /// There is a way.
   kSCNetworkReachabilityFlagsReachable = 2,
+  /// A connection would first have to be made.
   kSCNetworkReachabilityFlagsConnectionRequired = 4,
+  /// Traffic makes it.
   kSCNetworkReachabilityFlagsConnectionOnTraffic = 8,
+  /// The user has to do something for it.
   kSCNetworkReachabilityFlagsInterventionRequired = 16,
+  /// It is made on demand.
   kSCNetworkReachabilityFlagsConnectionOnDemand = 32,
+  /// An address of this machine.
   kSCNetworkReachabilityFlagsIsLocalAddress = 65536,
+  /// On a network of this machine, without a gateway.
   kSCNetworkReachabilityFlagsIsDirect = 131072,
+  /// Over a mobile network.
   kSCNetworkReachabilityFlagsIsWWAN = 262144,
 };
 
@@ -63,6 +73,7 @@ class ORBIQ_EXPORT NetworkReachability {
   virtual bool getFlags(std::uint32_t& flags) = 0;
 };
 
+/// @cond
 /// Where watched targets come from. Thread-safe.
 class NetworkReachabilitySource {
  public:
@@ -80,5 +91,6 @@ class NetworkReachabilitySource {
 /// The targets of this machine, watched through the kernel's links and routes. Each source has
 /// sockets of its own, in the network namespace of the calling thread.
 std::shared_ptr<NetworkReachabilitySource> makeRouteReachabilitySource();
+/// @endcond
 
 }  // namespace orbiq
