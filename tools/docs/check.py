@@ -157,7 +157,8 @@ def faults(project):
                 for page in pages.all_pages(project)}
 
     def anchors(page):
-        return {piece.anchor for piece in contents.get(page, ()) if isinstance(piece, pages.Heading)}
+        return {piece.anchor for piece in contents.get(page, ())
+                if isinstance(piece, pages.Heading)}
 
     found = [fault for page, content in contents.items()
              for fault in page_faults(project, page, content, anchors)]

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Prints Doxygen's layout: the sections of docs/index.md, with the pages that they name, come first.
+"""Prints Doxygen's layout, which begins with the sections of docs/index.md and the pages in them.
 
 Usage: doxygen_layout.py, in the project's root.
 """

@@ -76,7 +76,7 @@ def pieces(text):
     taken, comment, at = {}, "", 0
     while at < len(lines):
         number, line = at + 1, lines[at]
-        if found := COMMENT.match("".join(lines[at:])):
+        if line.startswith("<!--") and (found := COMMENT.match("".join(lines[at:]))):
             comment = found[1].strip()
             at += found[0].rstrip().count("\n") + 1
             continue
