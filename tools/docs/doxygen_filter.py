@@ -31,7 +31,7 @@ def reference(page, link):
         return f"![{link.text}]({other.name})"
     if other.suffix == ".h" and NAME.fullmatch(link.text):
         return f'@ref {link.text} "{link.text}"'
-    if other.suffix != ".md":
+    if other not in pages.all_pages(pathlib.Path.cwd()):
         # The site holds no sources: it names them.
         path = f"`{other.as_posix()}`"
         return path if other.name in link.text else f"{link.text} ({path})"
