@@ -1,5 +1,6 @@
 #pragma once
 
+/// @file
 /// All that an application needs of the library.
 ///
 ///     orbiq::HostApplication::describe({.bundleIdentifier = "tv.example.player",

@@ -1,5 +1,6 @@
 #pragma once
 
+/// @file
 /// The library for C, and for whatever calls C. Plain C11.
 ///
 ///     orbiq_host* host = orbiq_host_new();
@@ -97,6 +98,7 @@ ORBIQ_EXPORT orbiq_host* orbiq_host_new(void);
 /// Null is ignored. What was described stays in force.
 ORBIQ_EXPORT void orbiq_host_free(orbiq_host* host);
 
+/// Sets one text of the description; null leaves it to its default.
 ORBIQ_EXPORT orbiq_status orbiq_host_set_text(orbiq_host* host, orbiq_host_text which,
                                               const char* text);
 /// The main screen: width and height in points, scale, and the native scale or 0 if the device does
@@ -148,13 +150,15 @@ ORBIQ_EXPORT orbiq_status orbiq_tagger_with_serial(const char* serial, orbiq_tag
 /// Counts one event. Returns at once: what becomes of the hit, the statistics tell.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_send_hit(orbiq_tagger* tagger);
 
-/// Settings. Set a tagger's from one thread at a time.
+/// Sets one text of a tagger. Set a tagger's settings from one thread at a time.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_text(orbiq_tagger* tagger, orbiq_tagger_text which,
                                                 const char* text);
+/// The text that was set, or the serial.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_get_text(const orbiq_tagger* tagger, orbiq_tagger_text which,
                                                 char* buffer, size_t capacity, size_t* length);
 /// Whether each hit carries the advertising identifier; true at first.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_use_idfa(orbiq_tagger* tagger, bool use);
+/// The setting, in `*use`.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_get_use_idfa(const orbiq_tagger* tagger, bool* use);
 /// The threshold of the log, for the whole library: the last call on any tagger counts.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_logging_mode(orbiq_tagger* tagger,
@@ -165,17 +169,19 @@ ORBIQ_EXPORT orbiq_status orbiq_tagger_set_logging_mode(orbiq_tagger* tagger,
 /// To be called when the application comes back to the foreground: the queue is looked at again.
 ORBIQ_EXPORT orbiq_status orbiq_post_will_enter_foreground(void);
 
-/// What became of every hit; the fields are those of `orbiq::Statistics`.
+/// What became of every hit since the process began, as in `orbiq::Statistics`: `accepted` is the
+/// sum of the eight counts that follow it.
 typedef struct orbiq_statistics {
-  uint64_t accepted;
-  uint64_t sent;
-  uint64_t refused;
-  uint64_t answered_with_another_status;
-  uint64_t given_up;
-  uint64_t pushed_out;
-  uint64_t discarded_at_start;
-  uint64_t discarded_at_network_return;
-  uint64_t pending;
+  uint64_t accepted;                      ///< what the library was given
+  uint64_t sent;                          ///< answered with status 200
+  uint64_t refused;                       ///< refused by their access
+  uint64_t answered_with_another_status;  ///< never tried again
+  uint64_t given_up;                      ///< invalid or without a URL
+  uint64_t pushed_out;                    ///< the oldest of a full queue
+  uint64_t discarded_at_start;            ///< audience requests of an earlier process
+  uint64_t discarded_at_network_return;   ///< audience requests that waited for the network
+  uint64_t pending;                       ///< not settled yet
+  /// The most additions that ever waited at once for a send to end.
   uint64_t additions_waiting_high_water;
   /// Seconds since 1970 (UTC); 0 before the first success.
   double last_success;

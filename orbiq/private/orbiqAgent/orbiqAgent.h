@@ -55,7 +55,7 @@ class ORBIQ_EXPORT orbiqAgent {
   /// Counts a hit that its cached access refused before it was queued. Any thread.
   void countRefusedHit();
 
-  /// The file that holds the queue; its directory is made if it is missing.
+  /// The file that holds the queue; its directory is made if it is missing. Any thread.
   orbiq::String requestsFilePath() const;
 
   /// Registers a tagger under its serial; the first one of a serial stays, null is ignored. One
@@ -73,16 +73,19 @@ class ORBIQ_EXPORT orbiqAgent {
   static orbiq::String appleDID();
   /// The parameters that every hit starts from, with a fresh random number.
   orbiq::Parameters defaultParametersForRequest() const;
-  /// The diagonal of the main screen in inches.
+  /// The diagonal of the main screen in inches; 0 where no screen was described.
   orbiq::GraphicsFloat screenDiagonal() const;
-  /// The authorization server's clock minus the device's, in seconds.
+  /// The authorization server's clock minus the device's, in seconds; 0 before the first exchange.
   double timeIntervalBetweenServerAndDevice() const;
 
-  /// False for a request that was created, by the device's clock, on a later day.
+  /// False for a request that was created, by the device's clock, on a later day; true for one
+  /// without a creation date.
   bool isTheRequestValid(const orbiqRequest& request) const;
 
-  /// Called by the notification centre.
+  /// Called by the notification centre when the network has changed. If it can be reached, audience
+  /// requests that wait are dropped, and the head is looked at. Any thread; returns at once.
   void reachabilityStatusChanged(const orbiq::Notification& notification);
+  /// Called by the notification centre: the head is looked at. Any thread; returns at once.
   void applicationWillEnterForeground(const orbiq::Notification& notification);
 
   /// True in a process that was forked, without exec, from one with an agent: its calls do nothing.

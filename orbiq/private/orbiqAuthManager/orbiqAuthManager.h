@@ -21,6 +21,7 @@ class ORBIQ_EXPORT orbiqAuthManager {
   orbiqAuthManager(const orbiqAuthManager&) = delete;
   orbiqAuthManager& operator=(const orbiqAuthManager&) = delete;
 
+  /// The key of an authorization.
   using TaggerID = std::shared_ptr<const orbiqTaggerID>;
 
   /// The cached authorization, fetched first if there is none: then the call blocks for the whole
@@ -32,7 +33,9 @@ class ORBIQ_EXPORT orbiqAuthManager {
   std::shared_ptr<orbiqAuth> authFromCacheForKey(const TaggerID& tagger) const;
   /// Stores the record in place of an earlier one, under a copy of the key.
   void setAuthToCache_forKey(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger);
+  /// Removes the record; its next use fetches another. Harmless if there is none.
   void forgetAuthForTagger(const TaggerID& tagger);
+  /// Removes all records.
   void clearCache();
   /// Marks the tagger's access, which all copies share. With nothing cached, a record without
   /// session and access is stored, which refuses everything until it is forgotten: that is meant.
@@ -47,6 +50,7 @@ class ORBIQ_EXPORT orbiqAuthManager {
   /// identity without a serial is an error, which is logged; then nothing is stored. Blocks. Of two
   /// exchanges for one tagger at once, the later answer stays.
   void authentificationInformationForTagger(const TaggerID& tagger);
+  /// "denied" and "restricted" in just this spelling; everything else, null too, is full access.
   static orbiq::AccessMode accessModeFromString(const orbiq::String& text);
 
  private:

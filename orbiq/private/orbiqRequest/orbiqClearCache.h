@@ -8,6 +8,7 @@
 /// carries nothing; all its fields are null, 0 or false.
 class ORBIQ_EXPORT orbiqClearCache final : public orbiqRequest {
  public:
+  /// An empty marker.
   orbiqClearCache() = default;
   /// An empty marker, whatever the archive holds.
   explicit orbiqClearCache(orbiq::KeyedUnarchiver& coder);
@@ -16,6 +17,7 @@ class ORBIQ_EXPORT orbiqClearCache final : public orbiqRequest {
   /// denies it: one-sided, and that is meant.
   bool isEqual(const orbiq::Object* other) const override;
 
+  /// How archives name the class.
   static const orbiq::ArchivedClass kArchivedClass;
   const orbiq::ArchivedClass& archivedClass() const override { return kArchivedClass; }
   /// Writes nothing, not even what every request has: a marker carries nothing. That is meant.

@@ -39,32 +39,37 @@ class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
   orbiq::SendingMode sendingMode() const { return _sendingMode; }
   /// The tagger by which the authorization is looked up.
   std::shared_ptr<orbiqTaggerID> taggerID() const { return _taggerID; }
-  /// The customer account. Setting it keeps a copy.
+  /// The customer account; may be null.
   orbiq::String serial() const { return _serial; }
+  /// Keeps a copy.
   void setSerial(const orbiq::String& serial) {
     _serial = serial.copy();
     changed();
   }
   /// Time of the last failed send; none before one.
   std::optional<orbiq::Date> lastFail() const { return _lastFail; }
+  /// Within a minute of it, before or after, the request is not sent.
   void setLastFail(std::optional<orbiq::Date> lastFail) {
     _lastFail = lastFail;
     changed();
   }
   /// None for a marker. A request from a later day is not sent.
   std::optional<orbiq::Date> creationDate() const { return _creationDate; }
+  /// The agent sets it anew for a stop copy.
   void setCreationDate(std::optional<orbiq::Date> creationDate) {
     _creationDate = creationDate;
     changed();
   }
   /// How many sends brought no response.
   std::uint64_t numberOfFails() const { return _numberOfFails; }
+  /// Only counted: no number of failures ends the attempts.
   void setNumberOfFails(std::uint64_t numberOfFails) {
     _numberOfFails = numberOfFails;
     changed();
   }
   /// Kept for whoever looks; nothing depends on it.
   orbiq::RequestStatus status() const { return _status; }
+  /// The agent sets it at each attempt.
   void setStatus(orbiq::RequestStatus status) {
     _status = status;
     changed();
@@ -72,12 +77,14 @@ class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
   /// The agent forgets the tagger's authorization before it sends this request and, in
   /// `SendingModeSerialWithStop`, sends a stop copy after it.
   bool shouldRenewSessionAfter() const { return _shouldRenewSessionAfter; }
+  /// Saved, but not read back: no request comes out of the file with it.
   void setShouldRenewSessionAfter(bool renew) {
     _shouldRenewSessionAfter = renew;
     changed();
   }
   /// The authorization under which the request is sent; attached by the agent, null before.
   std::shared_ptr<orbiqAuth> auth() const { return _auth; }
+  /// Shares the record.
   void setAuth(std::shared_ptr<orbiqAuth> auth) {
     _auth = std::move(auth);
     changed();
@@ -99,13 +106,15 @@ class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
   /// authorization; always an `orbiqRequest`, also of an `orbiqClearCache`, and that is meant.
   std::shared_ptr<orbiqRequest> copy() const;
 
-  // isEqual is identity.
+  /// Of parameters, dates, number of failures, mode and status; `isEqual` is identity.
   std::uintptr_t hash() const override;
   /// Serial, type, host and parameters, as the log shows them.
   std::string description() const override;
 
+  /// How archives name the class.
   static const orbiq::ArchivedClass kArchivedClass;
   const orbiq::ArchivedClass& archivedClass() const override { return kArchivedClass; }
+  /// Writes all fields.
   void encodeWithCoder(orbiq::KeyedArchiver& coder) const override;
 
  protected:

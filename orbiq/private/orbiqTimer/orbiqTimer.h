@@ -56,8 +56,8 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
   orbiqTimer(const orbiqTimer&) = delete;
   orbiqTimer& operator=(const orbiqTimer&) = delete;
 
-  /// Calls the target as a firing does, on the calling thread. The argument, the main loop's own
-  /// timer, is of no matter.
+  /// Calls the target as a firing does, on the calling thread, which may be any. The argument, the
+  /// main loop's own timer, is of no matter.
   void tick(orbiq::MainLoop::TimerId firing);
   /// Ends the timer by a step posted on the main loop, before which it may still fire. Any thread;
   /// returns at once; harmless if it has ended.

@@ -29,6 +29,7 @@ class ORBIQ_EXPORT orbiqTagger {
 
   /// Whether each hit carries the advertising identifier. Any thread.
   bool useIDFA() const { return _useIDFA.load(std::memory_order_relaxed); }
+  /// Takes effect at the next `sendHit`. Any thread.
   void setUseIDFA(bool useIDFA) { _useIDFA.store(useIDFA, std::memory_order_relaxed); }
 
   /// The tagger's own copy of the threshold.
@@ -38,6 +39,7 @@ class ORBIQ_EXPORT orbiqTagger {
   void setLoggingMode(orbiq::LoggingMode mode);
 
   /// Free texts. They are kept and returned, and this version sends none of them.
+  /// @{
   orbiq::String theNewLevel1() const { return _newLevel1; }
   void setNewLevel1(orbiq::String level) { _newLevel1 = std::move(level); }
   orbiq::String theNewLevel2() const { return _newLevel2; }
@@ -60,8 +62,10 @@ class ORBIQ_EXPORT orbiqTagger {
   void setNewLevel10(orbiq::String level) { _newLevel10 = std::move(level); }
   orbiq::String theNewLevel11() const { return _newLevel11; }
   void setNewLevel11(orbiq::String level) { _newLevel11 = std::move(level); }
+  /// @}
 
   /// Media fields and a free text. They are kept and returned, and this version sends none of them.
+  /// @{
   orbiq::String mediaContentId() const { return _mediaContentId; }
   void setMediaContentId(orbiq::String value) { _mediaContentId = std::move(value); }
   orbiq::String mediaDiffMode() const { return _mediaDiffMode; }
@@ -70,16 +74,20 @@ class ORBIQ_EXPORT orbiqTagger {
   void setMediaChannel(orbiq::String value) { _mediaChannel = std::move(value); }
   orbiq::String netMeasurement() const { return _netMeasurement; }
   void setNetMeasurement(orbiq::String value) { _netMeasurement = std::move(value); }
+  /// @}
 
  protected:
   /// Every field zero; the defaults of a usable tagger come from its own class.
   orbiqTagger() = default;
 
+  /// What the getters of the same names return.
+  /// @{
   orbiq::String _serial;
   orbiq::String _customerData;
   bool _canSend = false;
   std::atomic<bool> _useIDFA{false};
   orbiq::LoggingMode _loggingMode = orbiq::LoggingModeInfo;
+  /// @}
 
  private:
   orbiq::String _newLevel1;

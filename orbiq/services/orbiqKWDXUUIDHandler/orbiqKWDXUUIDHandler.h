@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// The device identifier.
+
 #include "orbiq/services/platform/Export.h"
 #include "orbiq/services/platform/Keychain.h"
 #include "orbiq/services/platform/String.h"
@@ -33,9 +36,10 @@ class ORBIQ_EXPORT orbiqKWDXUUIDHandler {
   /// Forgets the identifier and deletes it from the keychain. An error is logged.
   static void reset();
 
-  /// The keychain's access group to use; null, the default, for none. A new one counts for `UUID`
-  /// only after `reset`, if an identifier is remembered.
+  /// The keychain's access group to use; null, the default, for none.
   static orbiq::String accessGroup();
+  /// Shares the text. If an identifier is remembered, the new group counts for `UUID` only after
+  /// `reset`.
   static void setAccessGroup(const orbiq::String& accessGroup);
 };
 

@@ -1,5 +1,8 @@
 #pragma once
 
+/// @file
+/// Watching the network.
+
 #include <sys/socket.h>
 
 #include <atomic>
@@ -38,7 +41,9 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   };
 
  public:
+  /// A watched target; may be null.
   using Handle = std::shared_ptr<orbiq::NetworkReachability>;
+  /// What is called after a change; what it throws ends with it.
   using Block = std::function<void(orbiqReachability& monitor)>;
 
   /// A monitor of a host by name; null for a null or empty name.
@@ -55,6 +60,7 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   /// A monitor of the handle's target. With a null handle everything reads as unreachable.
   static std::shared_ptr<orbiqReachability> initWithReachabilityRef(Handle reachabilityRef);
 
+  /// For the factories alone.
   orbiqReachability(Passkey passkey, Handle reachabilityRef);
   /// Stops the notifier and lets go of the handle and the callbacks.
   ~orbiqReachability() override;
@@ -63,9 +69,11 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
 
   /// Whether a connection over a mobile network counts as reachable; true at first.
   bool reachableOnWWAN() const { return _reachableOnWWAN.load(std::memory_order_relaxed); }
+  /// Any thread.
   void setReachableOnWWAN(bool reachable) {
     _reachableOnWWAN.store(reachable, std::memory_order_relaxed);
   }
+  /// The target that is asked; may be null.
   Handle reachabilityRef() const { return _reachabilityRef; }
   /// Only stores the new handle. The old one is not let go before the monitor ends, and if it was
   /// registered it goes on reporting.
@@ -74,15 +82,19 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   std::shared_ptr<orbiq::SerialQueue> reachabilitySerialQueue() const {
     return _reachabilitySerialQueue;
   }
+  /// Only stores the queue, which `startNotifier` replaces.
   void setReachabilitySerialQueue(std::shared_ptr<orbiq::SerialQueue> queue);
   /// Called on the serial queue after a change that leaves the target reachable; may be empty.
   Block reachableBlock() const { return _reachableBlock; }
+  /// Not while notifying.
   void setReachableBlock(Block block) { _reachableBlock = std::move(block); }
   /// Called on the serial queue after a change that leaves the target unreachable; may be empty.
   Block unreachableBlock() const { return _unreachableBlock; }
+  /// Not while notifying.
   void setUnreachableBlock(Block block) { _unreachableBlock = std::move(block); }
   /// The monitor itself while notifying, null otherwise.
   std::shared_ptr<orbiq::Object> reachabilityObject() const { return _reachabilityObject; }
+  /// Lets go of the one before: the monitor may be destroyed by this call.
   void setReachabilityObject(std::shared_ptr<orbiq::Object> object);
 
   /// Begins to report changes: each one runs one of the two blocks on the serial queue and posts
@@ -106,6 +118,7 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   bool isReachableViaWiFi();
   /// A connection would first have to be made.
   bool connectionRequired();
+  /// The same under another name.
   bool isConnectionRequired();
   /// Such a connection is made when there is traffic.
   bool isConnectionOnDemand();
@@ -113,6 +126,7 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   bool isInterventionRequired();
   /// The current `NetworkReachabilityFlags`, 0 where they cannot be read.
   std::uint32_t reachabilityFlags();
+  /// The way to the target; a mobile network that does not count is no way.
   orbiq::ReachabilityStatus currentReachabilityStatus();
   /// "Cellular", "WiFi" or "No Connection", as the host application translates it. While mobile
   /// networks do not count, an unreachable target reads "Cellular".

@@ -21,6 +21,7 @@ struct ArchivedClass {
   /// Makes an object from the fields of the one that `coder` is reading.
   std::shared_ptr<Archivable> (*decode)(KeyedUnarchiver& coder);
 
+  /// The class's own name.
   std::string_view name() const { return names.front(); }
 };
 
@@ -39,7 +40,9 @@ class ORBIQ_EXPORT Archivable : public Object {
   std::uint64_t revision() const { return _revision.load(std::memory_order_acquire); }
 
  protected:
+  /// An object of a revision of its own.
   Archivable() : Archivable(nextRevision()) {}
+  /// For an object of another revision than a new one, such as one that never changes.
   explicit Archivable(std::uint64_t revision) : _revision(revision) {}
   /// To be called after each change of what `encodeWithCoder` writes, shared texts excepted.
   void changed() { _revision.store(nextRevision(), std::memory_order_release); }

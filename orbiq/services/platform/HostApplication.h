@@ -19,9 +19,10 @@ using GraphicsFloat = std::conditional_t<sizeof(void*) == 8, double, float>;
 /// The main screen. Width and height are in points; `nativeScale`, where the device tells it,
 /// counts instead of `scale`.
 struct Screen {
-  GraphicsFloat width = 0;
-  GraphicsFloat height = 0;
-  GraphicsFloat scale = 1;
+  GraphicsFloat width = 0;   ///< in points
+  GraphicsFloat height = 0;  ///< in points
+  GraphicsFloat scale = 1;   ///< pixels per point, as the system says
+  /// Pixels per point, as the device has them.
   std::optional<GraphicsFloat> nativeScale = {};
 };
 
@@ -50,8 +51,10 @@ struct HostDescription {
   String libraryDirectory = {};
   /// 0 phone, 1 pad, 2 television. Absent: the device does not say.
   std::optional<std::intptr_t> userInterfaceIdiom = {};
+  /// For `orbiqAgent::screenDiagonal`. Absent: no screen.
   std::optional<Screen> mainScreen = {};
-  /// Translates a text of the library; absent, the text stands for itself. Any thread.
+  /// Translates a text of the library; absent, or where it returns null or throws, the text stands
+  /// for itself. Called on any thread.
   std::function<String(const String& key)> localize = {};
   /// The advertising identifier, asked for at every hit of a tagger that uses it, on the threads
   /// that call `sendHit`, several at once. An exception counts as none and is logged. Absent: the
@@ -61,6 +64,7 @@ struct HostDescription {
   LogSink logSink = {};
   /// File of the certificates to trust. Default: the system's.
   String caBundle = {};
+  /// What the saved queue survives. Default: the end of the process.
   Durability durability = Durability::ProcessEnd;
   /// Keeps the device identifier. Absent: files in "orbiqKeychain" in the library directory, 0600
   /// and not encrypted.
@@ -75,12 +79,13 @@ class ORBIQ_EXPORT HostApplication {
   /// the agent, or of the file keychain, counts; later ones are refused. Any thread.
   static String describe(const HostDescription& description);
 
-  /// The description in force, its defaults filled in. Valid as long as the process lives.
+  /// The description in force, its defaults filled in. Valid as long as the process lives. Any
+  /// thread.
   static const HostDescription& current();
 
-  /// Ends the time for descriptions.
+  /// Ends the time for descriptions, as the first use of the agent does. Any thread.
   static void settle();
-  /// Null, or why the authorization server in force must not be asked.
+  /// Null, or why the authorization server in force must not be asked. Any thread.
   static String authorizationServerProblem();
 };
 

@@ -29,9 +29,11 @@ enum KeychainItemClass : std::int32_t {
 /// Names one item, and says what to do with it. Class, account, service and access group together
 /// name at most one item.
 struct KeychainQuery {
+  /// The item's kind.
   KeychainItemClass itemClass = kSecClassGenericPassword;
-  /// A null text counts as an empty one.
+  /// Whose item it is. A null text counts as an empty one.
   String account = {};
+  /// What it is for. A null text counts as an empty one.
   String service = {};
   /// Null: none. Items with and without a group are different items.
   String accessGroup = {};
@@ -46,11 +48,13 @@ struct KeychainQuery {
 
 /// What an update changes.
 struct KeychainAttributes {
+  /// What the item holds from now on; absent, nothing is changed.
   std::optional<std::string> valueData = {};
 };
 
 /// The outcome of a look-up.
 struct KeychainMatch {
+  /// `errSecSuccess` if the item was found.
   KeychainStatus status = errSecNotAvailable;
   /// Absent if it was not asked for, or the item holds none.
   std::optional<std::string> data = {};

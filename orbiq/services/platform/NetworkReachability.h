@@ -11,16 +11,26 @@
 
 namespace orbiq {
 
-/// What is known of the way to a network target, as bits.
+/// What is known of the way to a network target, as bits. This machine's own targets are never of
+/// the kinds whose connection would first have to be made.
 enum NetworkReachabilityFlags : std::uint32_t {
+  /// Over a connection that may end by itself.
   kSCNetworkReachabilityFlagsTransientConnection = 1,
+  /// There is a way.
   kSCNetworkReachabilityFlagsReachable = 2,
+  /// A connection would first have to be made.
   kSCNetworkReachabilityFlagsConnectionRequired = 4,
+  /// Traffic makes it.
   kSCNetworkReachabilityFlagsConnectionOnTraffic = 8,
+  /// The user has to do something for it.
   kSCNetworkReachabilityFlagsInterventionRequired = 16,
+  /// It is made on demand.
   kSCNetworkReachabilityFlagsConnectionOnDemand = 32,
+  /// An address of this machine.
   kSCNetworkReachabilityFlagsIsLocalAddress = 65536,
+  /// On a network of this machine, without a gateway.
   kSCNetworkReachabilityFlagsIsDirect = 131072,
+  /// Over a mobile network.
   kSCNetworkReachabilityFlagsIsWWAN = 262144,
 };
 
@@ -29,10 +39,14 @@ class NetworkReachability;
 /// Whom a change is delivered for. The context does not keep `info` alive; a delivery whose `info`
 /// is gone, or was never given, is dropped.
 struct NetworkReachabilityContext {
+  /// Always 0.
   int version = 0;
+  /// Handed to the callback.
   std::weak_ptr<void> info;
 };
 
+/// Is told of a change: the target, its new flags and the context's `info`, which lives during the
+/// call.
 using NetworkReachabilityCallback = void (*)(NetworkReachability& target, std::uint32_t flags,
                                              void* info);
 
@@ -59,6 +73,7 @@ class ORBIQ_EXPORT NetworkReachability {
   virtual bool getFlags(std::uint32_t& flags) = 0;
 };
 
+/// @cond
 /// Where watched targets come from. Thread-safe.
 class NetworkReachabilitySource {
  public:
@@ -76,5 +91,6 @@ class NetworkReachabilitySource {
 /// The targets of this machine, watched through the kernel's links and routes. Each source has
 /// sockets of its own, in the network namespace of the calling thread.
 std::shared_ptr<NetworkReachabilitySource> makeRouteReachabilitySource();
+/// @endcond
 
 }  // namespace orbiq

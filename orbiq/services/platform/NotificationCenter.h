@@ -13,7 +13,9 @@ namespace orbiq {
 /// `NotificationCenter::defaultCenter().postNotificationName(UIApplicationWillEnterForegroundNotification);`
 extern ORBIQ_EXPORT const char* const UIApplicationWillEnterForegroundNotification;
 
+/// What observers are told.
 struct Notification {
+  /// By which observers ask for it.
   std::string name;
   /// The sender; may be null.
   std::shared_ptr<Object> object;
@@ -23,6 +25,7 @@ struct Notification {
 /// Calls are made under no lock. In a forked child nothing is called.
 class ORBIQ_EXPORT NotificationCenter {
  public:
+  /// The process's one centre. Any thread.
   static NotificationCenter& defaultCenter();
 
   NotificationCenter(const NotificationCenter&) = delete;

@@ -27,11 +27,13 @@ class ORBIQ_EXPORT Object {
 
 /// Functors for maps whose keys are shared objects.
 struct ObjectHash {
+  /// 0 for a null key.
   std::uintptr_t operator()(const std::shared_ptr<const Object>& key) const {
     return key ? key->hash() : 0;
   }
 };
 struct ObjectIsEqual {
+  /// Asks the left one; a null key is equal to nothing.
   bool operator()(const std::shared_ptr<const Object>& left,
                   const std::shared_ptr<const Object>& right) const {
     return left && left->isEqual(right.get());
@@ -43,6 +45,7 @@ struct ObjectIsEqual {
 constexpr std::uintptr_t foldHash(std::uintptr_t result, std::uintptr_t value) {
   return 31 * result + value;
 }
+/// A flag's share of a hash.
 constexpr std::uintptr_t hashOf(bool value) { return value ? 1231 : 1237; }
 
 }  // namespace orbiq

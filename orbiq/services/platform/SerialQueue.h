@@ -22,8 +22,9 @@ class ORBIQ_EXPORT SerialQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
+  /// As it was given.
   const std::string& label() const;
-  /// Returns at once.
+  /// Adds a task and returns at once. Any thread.
   void async(std::function<void()> task);
   /// Tries again to start the thread that waiting tasks could not get. For a queue that is given no
   /// further tasks.

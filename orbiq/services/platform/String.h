@@ -18,12 +18,16 @@ class ORBIQ_EXPORT String {
  public:
   /// The null text.
   String() noexcept = default;
+  /// The null text.
   String(std::nullptr_t) noexcept {}
   /// Takes a copy of the characters; a null pointer gives the null text.
   String(const char* text);
+  /// Never null, also for no characters.
   String(std::string text);
+  /// Takes a copy of the characters. Never null.
   String(std::string_view text);
 
+  /// True for the null text alone, not for one of no characters.
   bool isNull() const noexcept { return _text == nullptr; }
   /// True if a `MutableString` may change the text.
   bool isMutable() const noexcept { return _text != nullptr && _text->isMutable; }
@@ -31,6 +35,7 @@ class ORBIQ_EXPORT String {
   bool isEmpty() const noexcept { return view().empty(); }
   /// The text's bytes; empty for the null text. Valid while a handle to the unchanged text lives.
   std::string_view view() const noexcept;
+  /// A copy of the text's bytes; empty for the null text.
   std::string toStdString() const { return std::string(view()); }
 
   /// Length in UTF-16 code units; 0 for the null text.
@@ -58,12 +63,15 @@ class ORBIQ_EXPORT String {
   }
 
  protected:
+  /// What the handles share.
   struct Text {
-    std::string value;
-    bool isMutable;
+    std::string value;  ///< the bytes
+    bool isMutable;     ///< whether a `MutableString` holds it
   };
+  /// A new text.
   String(std::string text, bool isMutable);
 
+  /// Null for the null text.
   std::shared_ptr<Text> _text;
 };
 
@@ -71,8 +79,11 @@ class ORBIQ_EXPORT String {
 /// the change. Not to be changed while another thread reads it.
 class ORBIQ_EXPORT MutableString : public String {
  public:
+  /// A new text of these characters.
   explicit MutableString(std::string_view text = {});
+  /// Replaces the characters, for every holder.
   void setString(std::string_view text);
+  /// Adds to the characters, for every holder.
   void appendString(std::string_view text);
 };
 

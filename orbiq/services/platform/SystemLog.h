@@ -12,10 +12,12 @@ namespace orbiq {
 
 /// One line of the library's log.
 struct LogLine {
+  /// The line's severity.
   LoggingMode mode = LoggingModeInfo;
   /// "(ERROR) : " and the message (the lines of the device identifier come without that prefix);
   /// the message may hold line breaks. Valid during the call.
   std::string_view text;
+  /// When it was logged, by the system's clock.
   Date time;
 };
 

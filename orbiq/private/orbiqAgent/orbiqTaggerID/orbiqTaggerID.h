@@ -12,23 +12,26 @@ class ORBIQ_EXPORT orbiqTaggerID final : public orbiq::Archivable {
  public:
   /// Stores the three values as given; the serial is shared, not copied.
   orbiqTaggerID(orbiq::String serial, std::intptr_t partialID, bool isStreamTagger);
-  /// Reads the identity out of an archive.
+  /// Reads the identity out of an archive; what is missing there is null, 0 or false.
   explicit orbiqTaggerID(orbiq::KeyedUnarchiver& coder);
 
-  /// The customer account. Setting it shares the text.
+  /// The customer account; may be null.
   orbiq::String serial() const { return _serial; }
+  /// Shares the text.
   void setSerial(orbiq::String serial) {
     _serial = std::move(serial);
     changed();
   }
   /// Tells taggers of one serial apart; audience taggers all have the largest number.
   std::intptr_t partialID() const { return _partialID; }
+  /// Makes it another identity.
   void setPartialID(std::intptr_t partialID) {
     _partialID = partialID;
     changed();
   }
   /// False for an audience tagger.
   bool isStreamTagger() const { return _isStreamTagger; }
+  /// Makes it another identity.
   void setIsStreamTagger(bool isStreamTagger) {
     _isStreamTagger = isStreamTagger;
     changed();
@@ -43,8 +46,10 @@ class ORBIQ_EXPORT orbiqTaggerID final : public orbiq::Archivable {
   /// Of all three values.
   std::uintptr_t hash() const override;
 
+  /// How archives name the class.
   static const orbiq::ArchivedClass kArchivedClass;
   const orbiq::ArchivedClass& archivedClass() const override { return kArchivedClass; }
+  /// Writes all fields.
   void encodeWithCoder(orbiq::KeyedArchiver& coder) const override;
 
  private:

@@ -12,17 +12,23 @@
 class ORBIQ_EXPORT orbiqAccess : public orbiq::Archivable,
                                  public std::enable_shared_from_this<orbiqAccess> {
  public:
+  /// A record made by the constructor below.
   static std::shared_ptr<orbiqAccess> orbiqAccessWithSerial_withAccessMode_withBaseURL(
       orbiq::String serial, orbiq::AccessMode accessMode, orbiq::String baseURL);
 
   /// The host is the base URL with the serial behind it; a null base URL gives a null host. Throws
   /// `std::invalid_argument` for a null serial with a base URL.
   orbiqAccess(orbiq::String serial, orbiq::AccessMode accessMode, orbiq::String baseURL);
+  /// Reads a record out of an archive; the host comes as it was stored.
   explicit orbiqAccess(orbiq::KeyedUnarchiver& coder);
 
+  /// What the account may send.
   orbiq::AccessMode accessMode() const { return _accessMode; }
+  /// The customer account; may be null.
   orbiq::String serial() const { return _serial; }
+  /// The URL of the account's hits; null without a base URL.
   orbiq::String host() const { return _host; }
+  /// What the authorization server named as host; empty in a fallback, or null.
   orbiq::String baseURL() const { return _baseURL; }
 
   /// Denied: never. Restricted: until the first hit was sent with success. Else: always. The type
@@ -35,8 +41,10 @@ class ORBIQ_EXPORT orbiqAccess : public orbiq::Archivable,
   /// An independent record: its host is composed anew, the mark is carried over.
   std::shared_ptr<orbiqAccess> copy() const;
 
+  /// How archives name the class.
   static const orbiq::ArchivedClass kArchivedClass;
   const orbiq::ArchivedClass& archivedClass() const override { return kArchivedClass; }
+  /// Writes all fields.
   void encodeWithCoder(orbiq::KeyedArchiver& coder) const override;
 
  private:

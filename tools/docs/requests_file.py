@@ -1,0 +1,160 @@
+#!/usr/bin/env python3
+"""Compares the page of the requests file with what the library writes.
+
+Usage: requests_file.py PROGRAM PAGE [--write]. PROGRAM FILE writes the queue that the page shows.
+The page's block "dump" must be that file, and its block "content" what another reader finds in the
+file, word for word; `--write` makes them so. Prints what differs and exits 1 if anything does.
+"""
+
+import difflib
+import pathlib
+import plistlib
+import re
+import struct
+import subprocess
+import sys
+import tempfile
+
+BLOCK = re.compile(r"(^<!-- (dump|content) -->\n```text\n)(.*?)(?=^```$)",
+                   re.MULTILINE | re.DOTALL)
+LINE = re.compile(r"([0-9a-f]{4})  ((?:[0-9a-f]{2} )*[0-9a-f]{2})(?: × (\d+))?(?:  .*)?")
+WIDTH = 16  # bytes on a line
+
+
+class Listing:
+    """Takes a binary property list apart, from its first byte to its last."""
+
+    def __init__(self, data):
+        self.data, self.at, self.lines = data, 0, []
+        self.offset_size, self.ref_size = data[-26], data[-25]
+        self.count, self.top, self.table = (self.number(len(data) - 24 + 8 * i, 8)
+                                            for i in range(3))
+
+    def number(self, at, size):
+        return int.from_bytes(self.data[at:at + size], "big")
+
+    def take(self, size, text):
+        part = self.data[self.at:self.at + size]
+        for i in range(0, size, WIDTH):
+            shown = part[i:i + WIDTH].hex(" ")
+            self.lines.append(f"{self.at + i:04x}  {shown:{3 * WIDTH}} {text}".rstrip())
+            text = ""
+        self.at += size
+
+    def refs(self, count):
+        return ", ".join(str(self.number(self.at + i * self.ref_size, self.ref_size))
+                         for i in range(count))
+
+    def object(self, number):
+        kind, info = divmod(self.data[self.at], 16)
+        size, head = info, 1
+        if kind in (5, 6, 10, 13) and info == 15:  # the count follows, as an integer
+            width = 1 << (self.data[self.at + 1] & 15)
+            size, head = self.number(self.at + 2, width), 2 + width
+        start, name = self.at + head, f"{number}:"
+        if kind == 0:
+            self.take(1, f"{name} {'true' if info == 9 else 'false'}")
+        elif kind == 1:
+            self.take(1 + (1 << info), f"{name} integer {self.number(start, 1 << info)}")
+        elif kind == 2:
+            value = struct.unpack(">d", self.data[start:start + 8])[0]
+            self.take(9, f"{name} real {value!r}")
+        elif kind == 5:
+            self.take(head + size, f'{name} text "{self.data[start:start + size].decode("ascii")}"')
+        elif kind == 8:
+            self.take(2 + info, f"{name} UID {self.number(start, info + 1)}")
+        elif kind == 10:
+            self.take(head, f"{name} array of {size}")
+            self.take(size * self.ref_size, f"    {self.refs(size)}")
+        elif kind == 13:
+            self.take(head, f"{name} dictionary of {size}")
+            self.take(size * self.ref_size, f"    keys {self.refs(size)}")
+            self.take(size * self.ref_size, f"    values {self.refs(size)}")
+        else:
+            raise ValueError(f"object {number} is of a kind that the page does not show")
+
+    def text(self):
+        self.take(8, "the format, and its version 00")
+        for number in range(self.count):
+            place = self.table + number * self.offset_size
+            if self.number(place, self.offset_size) != self.at:
+                raise ValueError(f"object {number} does not stand where the table says")
+            self.object(number)
+        padding = self.table - self.at
+        self.lines.append(f"{self.at:04x}  {f'00 × {padding}':{3 * WIDTH}} padding")
+        self.at = self.table
+        for first in range(0, self.count, 8):
+            last = min(first + 8, self.count) - 1
+            self.take((last + 1 - first) * self.offset_size, f"places of objects {first} to {last}")
+        for size, text in ((6, "unused"), (1, "bytes of each place in the table"),
+                           (1, "bytes of each reference to an object"),
+                           (8, f"{self.count} objects"), (8, f"the top object is {self.top}"),
+                           (8, f"the table begins at {self.table:04x}")):
+            self.take(size, text)
+        return "".join(f"{line}\n" for line in self.lines)
+
+
+def content(data):
+    """What the archive holds, as plistlib sees it."""
+    archive = plistlib.loads(data)
+    table = archive["$objects"]
+
+    def show(value, indent):
+        entry = table[value.data] if isinstance(value, plistlib.UID) else value
+        if isinstance(entry, str):
+            return "null" if entry == "$null" else f'"{entry}"'
+        if not isinstance(entry, dict):
+            return str(entry).lower()
+        text = table[entry["$class"].data]["$classname"]
+        fields = [(key, field) for key, field in entry.items() if key != "$class"]
+        if "NS.keys" in entry:
+            fields = [(show(key, ""), field)
+                      for key, field in zip(entry["NS.keys"], entry["NS.objects"])]
+        elif "NS.objects" in entry:
+            fields = list(enumerate(entry["NS.objects"]))
+        return text + "".join(f"\n{indent}{key}: {show(field, indent + '    ')}"
+                              for key, field in fields)
+
+    return show(archive["$top"]["root"], "    ") + "\n"
+
+
+def decoded(dump):
+    """The bytes of the page's own dump."""
+    data = b""
+    for line in dump.splitlines():
+        read = LINE.fullmatch(line.rstrip())
+        if not read or int(read[1], 16) != len(data):
+            raise ValueError(f"the page's dump breaks at: {line}")
+        data += bytes.fromhex(read[2]) * int(read[3] or 1)
+    return data
+
+
+def main():
+    program, path = sys.argv[1], pathlib.Path(sys.argv[2])
+    with tempfile.TemporaryDirectory() as directory:
+        file = pathlib.Path(directory) / "requests.ser"
+        subprocess.run([program, file], check=True)
+        data = file.read_bytes()
+    wanted = {"dump": Listing(data).text(), "content": content(data)}
+    page = path.read_text(encoding="utf-8")
+    if sys.argv[3:] == ["--write"]:
+        page = BLOCK.sub(lambda found: found[1] + wanted[found[2]], page)
+        path.write_text(page, encoding="utf-8")
+    shown = {name: block for _, name, block in BLOCK.findall(page)}
+    if shown.keys() != wanted.keys():
+        sys.exit(f"{path} does not show the file's dump and content")
+    faults = [line for name, block in shown.items()
+              for line in difflib.unified_diff(block.splitlines(), wanted[name].splitlines(),
+                                               f"{name} on {path}", "the library", lineterm="")]
+    # Apart from how this program lists them, these are the bytes.
+    try:
+        if decoded(shown["dump"]) != data:
+            faults.append("The bytes on the page are not those that the library writes.")
+    except ValueError as error:
+        faults.append(str(error))
+    print("\n".join(faults), end="\n" if faults else "")
+    sys.exit(1 if faults else 0)
+
+
+if __name__ == "__main__":
+    main()
