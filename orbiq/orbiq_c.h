@@ -31,6 +31,7 @@
 
 #include "orbiq/services/platform/Export.h"
 
+// NOLINTBEGIN(modernize-use-using): this is C.
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -214,3 +215,4 @@ ORBIQ_EXPORT orbiq_status orbiq_main_loop_run_pending(void);
 #ifdef __cplusplus
 }
 #endif
+// NOLINTEND(modernize-use-using)
