@@ -297,7 +297,8 @@ class RequestsTest(unittest.TestCase):
                     for at in range(0, len(versions[0]), 65536):
                         os.pwrite(file, versions[0][at:at + 65536], at)
                     libc.renameat2(-100, names[1], -100, names[0], 2)
-                    hashlib.blake2b(versions[0] + versions[1])  # something else to do meanwhile"""
+                    for _ in range(3):  # something else to do meanwhile
+                        hashlib.blake2b(versions[0] + versions[1])"""
         long, numbers = "0" * 2_000_000, list(range(1_000))  # no object starts with a zero digit
         with Directory() as directory:
             files = directory / "requests.ser", directory / "requests.ser.new"
@@ -308,9 +309,12 @@ class RequestsTest(unittest.TestCase):
             with subprocess.Popen([sys.executable, "-c", rewrite, *files],
                                   stdout=subprocess.PIPE) as writer:
                 writer.stdout.readline()
-                codes = {inspect(files[0])[0] for _ in range(30)}
+                outcomes = {(code, json.loads(text)["isSettled"]) for code, text, _ in (
+                    inspect(files[0], "--json") for _ in range(30))}
                 writer.kill()
-            self.assertEqual(codes, {0})
+            # Where the machine is slow it may say that the file did not stand still.
+            self.assertIn((0, True), outcomes)
+            self.assertLessEqual(outcomes, {(0, True), (3, False)})
 
     def test_colours_are_for_terminals_alone(self):
         with Directory() as directory:

@@ -62,7 +62,7 @@ void describe(CLI::App& app, Options& options) {
   app.add_flag("--wide", options.isWide, "Show long texts whole");
   app.footer(
       "Exit status: 0 an application would load the file and nothing is wrong in it, 1 it is "
-      "damaged or no requests file, 2 wrong usage, 3 it cannot be read.");
+      "damaged or no requests file, 2 wrong usage, 3 it cannot be read, or changes too fast.");
 }
 
 /// No value if the options name no file.
@@ -96,6 +96,7 @@ int show(const Options& options, const std::string& path, const Snapshot& snapsh
                            std::chrono::duration<double>(now).count()};
     printTable(std::cout, path, snapshot, archive, style);
   }
+  if (!snapshot.isSettled) return kUnreadable;
   return archive.isLoadable() && archive.faults().isEmpty() ? kSound : kDamaged;
 }
 
