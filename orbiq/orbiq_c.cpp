@@ -15,6 +15,9 @@ struct orbiq_host {
   orbiq::HostDescription description;
 };
 
+using orbiq::Condition;
+using orbiq::Lock;
+
 namespace {
 
 /// What every function that can fail runs in.
@@ -36,6 +39,41 @@ orbiq_status withAgent(const Call& call) noexcept {
   });
 }
 
+/// Through which every line goes to a sink of C's. What the sink needs may go away before the
+/// process ends, so it can be closed.
+class SinkGate {
+ public:
+  static SinkGate& shared() {
+    static auto* const only = new SinkGate();  // never destroyed
+    return *only;
+  }
+
+  /// False if it is closed; else `leave` must follow.
+  bool enter() {
+    const Lock lock(_lock);
+    if (!_isClosed) ++_inside;
+    return !_isClosed;
+  }
+  void leave() {
+    const Lock lock(_lock);
+    if (--_inside == 0) _lock.broadcast();
+  }
+  void closeAndWait() {
+    const Lock lock(_lock);
+    _isClosed = true;
+    while (_inside > 0) _lock.wait();
+  }
+
+ private:
+  Condition _lock;
+  bool _isClosed ORBIQ_GUARDED_BY(_lock) = false;
+  std::size_t _inside ORBIQ_GUARDED_BY(_lock) = 0;
+};
+
+bool canHold(const char* buffer, std::size_t capacity) {
+  return buffer != nullptr || capacity == 0;
+}
+
 /// The most bytes, not above `room`, that end no character halfway.
 std::size_t wholeCharacters(std::string_view text, std::size_t room) {
   if (text.size() <= room) return text.size();
@@ -49,7 +87,7 @@ std::size_t wholeCharacters(std::string_view text, std::size_t room) {
 
 orbiq_status giveOut(const orbiq::String& text, char* buffer, std::size_t capacity,
                      std::size_t* length) {
-  if (buffer == nullptr && capacity != 0) return ORBIQ_ERROR_ARGUMENT;
+  if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
   const std::string_view characters = text.view();
   if (length != nullptr) *length = characters.size();
   if (capacity > 0) {
@@ -168,7 +206,7 @@ orbiq_status orbiq_host_set_main_screen(orbiq_host* host, double width, double h
 }
 
 orbiq_status orbiq_host_set_user_interface_idiom(orbiq_host* host, int32_t idiom) {
-  if (host == nullptr) return ORBIQ_ERROR_ARGUMENT;
+  if (host == nullptr || idiom < 0 || idiom > 2) return ORBIQ_ERROR_ARGUMENT;
   host->description.userInterfaceIdiom = idiom;
   return ORBIQ_OK;
 }
@@ -187,8 +225,10 @@ orbiq_status orbiq_host_set_log_sink(orbiq_host* host, orbiq_log_sink sink, void
     if (sink == nullptr) return ORBIQ_OK;
     host->description.logSink = [sink, context](const orbiq::LogLine& line) {
       const std::string text(line.text);  // for the zero byte at its end
+      if (!SinkGate::shared().enter()) return;
       sink(context, static_cast<orbiq_logging_mode>(line.mode), text.c_str(), text.size(),
            line.time.secondsSince1970());
+      SinkGate::shared().leave();
     };
     return ORBIQ_OK;
   });
@@ -212,10 +252,23 @@ orbiq_status orbiq_host_set_advertising_identifier(orbiq_host* host,
 
 orbiq_status orbiq_host_describe(const orbiq_host* host, char* reason, size_t capacity) {
   return guarded([&]() -> orbiq_status {
-    if (host == nullptr || (reason == nullptr && capacity != 0)) return ORBIQ_ERROR_ARGUMENT;
+    if (!canHold(reason, capacity)) return ORBIQ_ERROR_ARGUMENT;
+    if (host == nullptr) {
+      giveOut(orbiq_status_text(ORBIQ_ERROR_ARGUMENT), reason, capacity, nullptr);
+      return ORBIQ_ERROR_ARGUMENT;
+    }
+    giveOut(orbiq_status_text(ORBIQ_ERROR_MEMORY), reason, capacity, nullptr);
     const orbiq::String refusal = orbiq::HostApplication::describe(host->description);
     giveOut(refusal, reason, capacity, nullptr);
     return refusal.isNull() ? ORBIQ_OK : ORBIQ_ERROR_REFUSED;
+  });
+}
+
+orbiq_status orbiq_remove_log_sink() {
+  return guarded([]() -> orbiq_status {
+    orbiq::SystemLog::setSink({});
+    SinkGate::shared().closeAndWait();
+    return ORBIQ_OK;
   });
 }
 
@@ -317,12 +370,14 @@ orbiq_status orbiq_get_statistics(orbiq_statistics* statistics, size_t size) {
 }
 
 orbiq_status orbiq_last_failure(char* buffer, size_t capacity, size_t* length) {
+  if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
   return withAgent([&](const orbiqAgent& agent) {
     return giveOut(agent.statistics().lastFailure, buffer, capacity, length);
   });
 }
 
 orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length) {
+  if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
   return withAgent([&](const orbiqAgent& agent) {
     return giveOut(agent.statistics().json(), buffer, capacity, length);
   });
@@ -330,6 +385,7 @@ orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length
 
 orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* length) {
   return guarded([&]() -> orbiq_status {
+    if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
     const orbiq::String identifier = orbiqKWDXUUIDHandler::UUID();
     const orbiq_status status = giveOut(identifier, buffer, capacity, length);
     return status == ORBIQ_NONE ? ORBIQ_ERROR_KEYCHAIN : status;
@@ -356,6 +412,7 @@ orbiq_status orbiq_device_identifier_set_access_group(const char* accessGroup) {
 orbiq_status orbiq_main_loop_adopt(int* descriptor) {
   return guarded([&]() -> orbiq_status {
     if (descriptor == nullptr) return ORBIQ_ERROR_ARGUMENT;
+    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
     *descriptor = orbiq::MainLoop::mainLoop().adopt();
     return *descriptor < 0 ? ORBIQ_ERROR_SYSTEM : ORBIQ_OK;
   });

@@ -111,17 +111,23 @@ ORBIQ_EXPORT orbiq_status orbiq_host_set_user_interface_idiom(orbiq_host* host, 
 /// True: every save waits for the disk, so that the queue survives a loss of power.
 ORBIQ_EXPORT orbiq_status orbiq_host_set_durable(orbiq_host* host, bool durable);
 /// Takes the log lines instead of standard error; null restores that. The context is handed to each
-/// call and must live as long as the process.
+/// call and must live as long as the process, or until `orbiq_remove_log_sink`.
 ORBIQ_EXPORT orbiq_status orbiq_host_set_log_sink(orbiq_host* host, orbiq_log_sink sink,
                                                   void* context);
 /// The same for the advertising identifier; null: the device has none.
 ORBIQ_EXPORT orbiq_status orbiq_host_set_advertising_identifier(
     orbiq_host* host, orbiq_advertising_identifier identifier, void* context);
 
-/// Puts the description in force. The last accepted one before the first tagger counts; a later one
-/// is refused. When it is refused, the buffer (which may be null) gets the reason, cut if need be.
+/// Puts the description in force. The last accepted one before the first tagger, statistics or
+/// device identifier counts; a later one is refused. The buffer, which may be null, gets the reason
+/// of a refusal or the status's text, cut if need be, and an empty text on success.
 ORBIQ_EXPORT orbiq_status orbiq_host_describe(const orbiq_host* host, char* reason,
                                               size_t capacity);
+
+/// Takes the log sink away for good: later lines go to standard error. Returns when no call of it
+/// is in progress, so it must not be called by a sink. To be called before what the sink needs goes
+/// away, an interpreter for instance. Does nothing if there is none.
+ORBIQ_EXPORT orbiq_status orbiq_remove_log_sink(void);
 
 // ---- Taggers ------------------------------------------------------------------------------------
 
@@ -198,7 +204,7 @@ ORBIQ_EXPORT orbiq_status orbiq_last_failure(char* buffer, size_t capacity, size
 ORBIQ_EXPORT orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length);
 
 /// The device's identifier: 36 characters, made and kept at the first call. May wait for the disk.
-/// These three: one thread at a time.
+/// Ends the time for `orbiq_host_describe`. These three: one thread at a time.
 ORBIQ_EXPORT orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* length);
 /// Forgets the identifier and deletes it from the keychain; the next one is another.
 ORBIQ_EXPORT orbiq_status orbiq_device_identifier_reset(void);

@@ -20,8 +20,7 @@ dev_package() {
 
 dev_symbols() {
   need package
-  configure build g++
-  compile build --target orbiq orbiq_secretservice
+  dev_build --target orbiq orbiq_secretservice
   python3 tools/lint/symbols.py --update cmake/exported-symbols/liborbiq.txt build/orbiq/liborbiq.so
   python3 tools/lint/symbols.py --update cmake/exported-symbols/liborbiq_secretservice.txt \
     build/orbiq/secretservice/liborbiq_secretservice.so
@@ -37,22 +36,19 @@ packages_dependencies() {
 
 # A Debian of the machine's own release and package sources, kept in the build directory.
 clean_root() {
-  local archive=$1 sources=() place
+  local archive=$1 sources
   shift
-  for place in /etc/apt/sources.list /etc/apt/sources.list.d/*.sources /etc/apt/sources.list.d/*.list; do
-    [[ -s $place ]] && sources+=("$place")
-  done
-  rm -f build-package/root-*.tar
+  mapfile -t sources < <(apt_sources)
+  rm -f build-package/root-*.tar*
   "${as_root[@]}" mmdebstrap --quiet --variant=apt --format=tar --include="$(IFS=,; echo "$*")" \
-    "$(. /etc/os-release && echo "$VERSION_CODENAME")" "$archive.part" "${sources[@]}" || fail "mmdebstrap failed"
+    "$codename" "$archive.part" "${sources[@]}" || fail "mmdebstrap failed"
   mv "$archive.part" "$archive"
 }
 
 dev_install-check() {
   need install
   dev_package
-  local as_root=() wanted archive root=build-package/root
-  ((EUID == 0)) || as_root=(sudo)
+  local wanted archive root=build-package/root
   mapfile -t wanted < <(packages_dependencies)
   wanted+=(g++ cmake ninja-build pkg-config)
   archive=build-package/root-$(sha256sum <<<"${wanted[*]}" | cut -c1-16).tar

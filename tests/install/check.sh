@@ -25,7 +25,7 @@ inventory() {
 
 expect_libraries() {  # PROGRAM yes|no: whether it loads our shared libraries
   local loads=no
-  readelf -d "$1" | grep -q 'NEEDED.*liborbiq' && loads=yes
+  [[ $(readelf -d "$1") == *NEEDED*liborbiq* ]] && loads=yes
   [[ $loads == "$2" ]] || fail "$1 should load liborbiq: $2, does: $loads"
 }
 
@@ -53,7 +53,7 @@ inventory >before
 say "installing the packages"
 dpkg -i /orbiq/packages/*.deb >dpkg.log 2>&1 || { cat dpkg.log >&2; fail "the packages do not install"; }
 # The system's cache of libraries is renewed by the packages' trigger.
-ldconfig -p | grep -q 'liborbiq\.so\.1' || fail "ldconfig does not know liborbiq.so.1"
+[[ $(ldconfig -p) == *liborbiq.so.1* ]] || fail "ldconfig does not know liborbiq.so.1"
 
 exec {collector_says}< <(exec orbiq-collector --port 0 2>&1)
 collector=$!

@@ -3,6 +3,7 @@
 import ctypes
 import json
 import os
+import subprocess
 import sys
 import tempfile
 import time
@@ -216,6 +217,32 @@ class CInterfaceTest(unittest.TestCase):
                         orbiq.orbiq_post_will_enter_foreground()}
             os._exit(0 if statuses == {FORKED} else 1)
         self.assertEqual(os.waitpid(child, 0)[1], 0)
+
+    def test_a_process_ends_well_once_its_sink_is_taken_away(self):
+        program = """if True:
+            import atexit, ctypes, sys
+            orbiq = ctypes.CDLL(sys.argv[1])
+            orbiq.orbiq_host_new.restype = ctypes.c_void_p
+            host, tagger = ctypes.c_void_p(orbiq.orbiq_host_new()), ctypes.c_void_p()
+            sink = ctypes.CFUNCTYPE(None, ctypes.c_void_p, ctypes.c_int32, ctypes.c_char_p,
+                                    ctypes.c_size_t, ctypes.c_double)(lambda *line: None)
+            orbiq.orbiq_host_set_text(host, 0, b"tv.example.sink")
+            orbiq.orbiq_host_set_text(host, 3, sys.argv[2].encode())
+            orbiq.orbiq_host_set_text(host, 4, sys.argv[3].encode())
+            orbiq.orbiq_host_set_log_sink(host, sink, None)
+            orbiq.orbiq_host_describe(host, None, ctypes.c_size_t(0))
+            orbiq.orbiq_tagger_with_serial(b"SINK", ctypes.byref(tagger))
+            orbiq.orbiq_tagger_set_logging_mode(tagger, 0)
+            atexit.register(orbiq.orbiq_remove_log_sink)
+            for _ in range(100):
+                orbiq.orbiq_tagger_send_hit(tagger)"""
+        with tempfile.TemporaryDirectory() as directory:
+            for _ in range(5):
+                ended = subprocess.run(
+                    [sys.executable, "-c", program, LIBRARY,
+                     f"http://127.0.0.1:{self.server.port}/auth/", directory],
+                    stderr=subprocess.DEVNULL, timeout=60, check=False)
+                self.assertEqual(ended.returncode, 0)
 
     def test_the_loop_can_be_adopted(self):
         descriptor = ctypes.c_int(-1)

@@ -11,34 +11,35 @@ packages_sysroot=(libstdc++-12-dev libcurl4-openssl-dev libmnl-dev liburiparser-
 
 # make_sysroot ARCHITECTURE DIRECTORY: what is there already is kept while the list is the same.
 make_sysroot() {
-  local arch=$1 sysroot=$2 sources
+  local arch=$1 sysroot=$2 sources=() place copy packages
   [[ -f $sysroot.packages && $(<"$sysroot.packages") == "${packages_sysroot[*]}" ]] && return
   say "laying the files of $arch packages into $sysroot"
-  rm -rf "$sysroot" "$sysroot.packages"
-  mkdir -p "$sysroot"
-  sources=$(mktemp --suffix=.sources)
+  rm -rf "$sysroot" "$sysroot.packages" "$sysroot.sources"
+  mkdir -p "$sysroot" "$sysroot.sources"
   # The machine's own sources, without their security suites: these may lag behind for an
   # architecture that the machine does not use itself.
-  if compgen -G '/etc/apt/sources.list.d/*.sources' >/dev/null; then
-    awk -v RS= -v ORS='\n\n' '!/-security/' /etc/apt/sources.list.d/*.sources >"$sources"
-  else
-    mv "$sources" "${sources%.sources}.list" && sources=${sources%.sources}.list
-    grep -hvs -e '-security' /etc/apt/sources.list /etc/apt/sources.list.d/*.list >"$sources"
-  fi
-  local packages
+  while read -r place; do
+    copy=$sysroot.sources/${place##*/}
+    if [[ $place == *.sources ]]; then
+      awk -v RS= -v ORS='\n\n' '!/-security/' "$place" >"$copy"
+    else
+      sed '/-security/d' "$place" >"$copy"
+    fi
+    [[ ! -s $copy ]] || sources+=("$copy")
+  done < <(apt_sources)
   packages=$(IFS=, && printf '%s' "${packages_sysroot[*]}")
-  if ! mmdebstrap --quiet --variant=extract --architectures="$arch" --include="$packages" \
-    bookworm "$sysroot" "$sources" >"$sysroot.log" 2>&1; then
+  "${as_root[@]}" mmdebstrap --quiet --variant=extract --architectures="$arch" \
+    --include="$packages" "$codename" "$sysroot" "${sources[@]}" >"$sysroot.log" 2>&1 || {
     tail -20 "$sysroot.log" >&2
-    rm -f "$sources"
     fail "test: the packages of $arch could not be had"
-  fi
-  rm -f "$sources"
+  }
+  ((EUID == 0)) || "${as_root[@]}" chown -R "$(id -u):$(id -g)" "$sysroot"
   printf '%s' "${packages_sysroot[*]}" >"$sysroot.packages"
 }
 
 # cross_test ARCHITECTURE [ctest arguments]
 cross_test() {
+  (($#)) || fail "test: --arch needs a name"
   local arch=$1 triplet emulator='' directory=build-$1 sysroot
   shift
   case $arch in

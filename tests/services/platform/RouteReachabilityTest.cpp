@@ -165,6 +165,7 @@ TEST_F(RouteReachabilityTest, OneUsableNextHopIsEnoughAndTheLowestMetricTellsWWA
   awaitFlags(gate, kDirect);
   awaitFlags(address("10.0.1.2"), kDirect | kWWAN);
 
+  if (*ORBIQ_TEST_EMULATOR != '\0') return;  // qemu does not hand on the messages that follow
   // Next-hop objects, whose links the kernel does not spell out in this mode.
   std::ofstream("/proc/sys/net/ipv4/nexthop_compat_mode") << 0;
   for (const char* hop :
