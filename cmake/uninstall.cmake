@@ -1,12 +1,16 @@
 # Removes what `cmake --install` listed, and the directories that this leaves empty. Where it was
 # installed under a DESTDIR, it is removed with the same. What a user's applications have saved stays.
-set(manifest install_manifest.txt)
-if(NOT EXISTS ${manifest})
-  message(FATAL_ERROR "nothing was installed from here: there is no ${manifest}")
+file(GLOB manifests ${CMAKE_CURRENT_BINARY_DIR}/install_manifest*.txt)  # one for each component
+if(NOT manifests)
+  message(FATAL_ERROR "nothing was installed from here: there is no install_manifest.txt")
 endif()
 
 set(directories "")
-file(STRINGS ${manifest} files)
+set(files "")
+foreach(manifest ${manifests})
+  file(STRINGS ${manifest} listed)
+  list(APPEND files ${listed})
+endforeach()
 foreach(file ${files})
   set(file $ENV{DESTDIR}${file})
   if(EXISTS ${file} OR IS_SYMLINK ${file})
@@ -20,7 +24,7 @@ foreach(file ${files})
     cmake_path(GET directory PARENT_PATH directory)
   endwhile()
 endforeach()
-file(REMOVE ${manifest})
+file(REMOVE ${manifests})
 
 list(REMOVE_DUPLICATES directories)
 list(SORT directories ORDER DESCENDING)  # the inner ones first
