@@ -23,6 +23,7 @@ constexpr std::string_view kAuthPath = "/auth/";
 constexpr std::string_view kHitPath = "/hit/";
 /// What is kept of the texts of an exchange.
 constexpr std::size_t kLongestText = 4'096;
+constexpr std::size_t kLongestName = 512;
 
 /// The request as it came, but for the order of its headers.
 std::string textOf(const httplib::Request& request) {
@@ -140,8 +141,8 @@ httplib::Server::HandlerResponse CollectorServer::serve(const httplib::Request& 
   Exchange seen;
   seen.time = std::chrono::system_clock::now();
   seen.kind = isAuth ? Kind::Auth : Kind::Hit;
-  seen.serial = request.target.substr((isAuth ? kAuthPath : kHitPath).size());
-  seen.userAgent = request.get_header_value("User-Agent");
+  seen.serial = request.target.substr((isAuth ? kAuthPath : kHitPath).size(), kLongestName);
+  seen.userAgent = request.get_header_value("User-Agent").substr(0, kLongestName);
   seen.request = textOf(request);
   const auto began = std::chrono::steady_clock::now();
   exchange(seen, request, response);

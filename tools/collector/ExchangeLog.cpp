@@ -28,7 +28,7 @@ std::string timeText(std::chrono::system_clock::time_point time) {
 /// What a client sent must not steer the terminal.
 std::string printable(std::string text) {
   std::replace_if(
-      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }, '?');
+      text.begin(), text.end(), [](unsigned char c) { return c < 0x20 || c >= 0x7f; }, '?');
   return text;
 }
 

@@ -20,7 +20,7 @@ namespace orbiq::collector {
 struct Exchange {
   std::chrono::system_clock::time_point time;
   Kind kind = Kind::Auth;
-  /// As it stood on the request line.
+  /// As it stood on the request line; a long one is cut, as is the User-Agent.
   std::string serial;
   /// 0 if the connection ended without an answer.
   int status = 0;

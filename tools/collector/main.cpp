@@ -1,5 +1,6 @@
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
 #include <CLI/CLI.hpp>
 #include <cstdio>
@@ -11,11 +12,13 @@
 #include <thread>
 
 #include "tools/collector/CollectorServer.h"
+#include "tools/collector/LineBuffer.h"
 
 namespace {
 
 using orbiq::collector::Behaviour;
 using orbiq::collector::CollectorServer;
+using orbiq::collector::LineBuffer;
 
 struct Options {
   std::string address = "127.0.0.1";
@@ -75,9 +78,11 @@ int serve(const Options& options) {
   sigaddset(&ending, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
 
+  LineBuffer buffer(STDOUT_FILENO);
+  std::ostream lines(&buffer);
   CollectorServer server(options.address, options.port, changed(Behaviour(), options.behaviour),
-                         std::cout);
-  std::cout << "listening on " << server.baseUrl() << "/" << std::endl;
+                         lines);
+  lines << "listening on " << server.baseUrl() << "/" << std::endl;
   if (!options.portFile.empty()) writePort(options.portFile, server.port());
 
   std::thread waiter([&server, &ending] {

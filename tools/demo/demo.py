@@ -55,7 +55,9 @@ class Program:
     def __init__(self, name, command, environment=None, take=None):
         self.name = name
         self.take = take or self._print
-        self.process = subprocess.Popen(command, stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
+        # However this script ends, its children do not outlive it.
+        self.process = subprocess.Popen(["setpriv", "--pdeathsig", "KILL", *command],
+                                        stdin=subprocess.DEVNULL, stdout=subprocess.PIPE,
                                         stderr=subprocess.STDOUT, text=True, errors="replace",
                                         env=environment, start_new_session=True)
         self.reader = threading.Thread(target=self._show, daemon=True)
@@ -84,15 +86,29 @@ class Program:
 
 
 class Demo:
-    def __init__(self, build, scratch, take=None):
+    """Owns the programs that it starts: they end with its `with` block."""
+
+    def __init__(self, build, scratch):
+        self.build = build
         self.scratch = scratch
         self.examples = build / "examples"
         self.state = scratch / "state"
         self.state.mkdir()
         self.programs = []
-        port_file = scratch / "port"
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for program in self.programs:
+            if not self.ended(program):
+                program.kill()
+
+    def begin(self, take=None):
+        port_file = self.scratch / "port"
         self.collector = self.start("collector", [
-            build / "tools" / "orbiq-collector", "--port", "0", "--port-file", port_file], take=take)
+            self.build / "tools" / "orbiq-collector", "--port", "0", "--port-file", port_file],
+            take=take)
         wait_until("the collector's port", lambda: port_file.exists() or self.ended(self.collector))
         if self.ended(self.collector):
             raise Failure("the collector did not start")
@@ -188,8 +204,8 @@ class Demo:
             application.process.wait()
         except KeyboardInterrupt:
             interrupted = True
-            signal.signal(signal.SIGINT, signal.SIG_IGN)  # all is ending already
-            signal.signal(signal.SIGTERM, signal.SIG_IGN)
+            for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+                signal.signal(number, signal.SIG_IGN)  # all is ending already
             application.process.send_signal(signal.SIGINT)
         code = application.wait()
         if code != 0 or not interrupted:
@@ -202,11 +218,6 @@ class Demo:
         self.collector.process.terminate()
         if self.collector.wait() != 0:
             raise Failure("the collector did not end well")
-
-    def clean_up(self):
-        for program in self.programs:
-            if not self.ended(program):
-                program.kill()
 
 
 class Progress:
@@ -234,47 +245,43 @@ def interrupt(*_):
     raise KeyboardInterrupt
 
 
-def show_page(build, own_network):
-    # Also where they were ignored, as a shell does for what it runs in the background.
-    for number in (signal.SIGINT, signal.SIGTERM):
-        signal.signal(number, interrupt)
-    demo = None
-    with tempfile.TemporaryDirectory(prefix="orbiq-demo-") as scratch:
-        try:
-            demo = Demo(build, pathlib.Path(scratch), Progress())
-            demo.web(own_network)
-            demo.finish()
-        except KeyboardInterrupt:
-            pass  # before anything was shown
-        except (Failure, OSError) as failure:
-            print(coloured(RED, f"demo: {failure}"), file=sys.stderr)
-            return 1
-        finally:
-            if demo:
-                demo.clean_up()
+def show_page(demo, own_network):
+    try:
+        demo.begin(Progress())
+        demo.web(own_network)
+        demo.finish()
+    except KeyboardInterrupt:
+        pass  # before anything was shown
     say("All of it has ended.")
-    return 0
+
+
+def show_steps(demo):
+    demo.begin()
+    demo.audience()
+    demo.survival()
+    demo.finish()
+    say("Every hit arrived: 1 + 10 audience hits and 1 streaming request that outlived a kill.",
+        GREEN)
 
 
 def main():
     build, *rest = sys.argv[1:]
-    if rest[:1] == ["--web"]:
-        return show_page(pathlib.Path(build), rest[1:])
-    demo = None
-    with tempfile.TemporaryDirectory(prefix="orbiq-demo-") as scratch:
-        try:
-            demo = Demo(pathlib.Path(build), pathlib.Path(scratch))
-            demo.audience()
-            demo.survival()
-            demo.finish()
-        except (Failure, OSError) as failure:
-            print(coloured(RED, f"demo: {failure}"), file=sys.stderr)
-            return 1
-        finally:
-            if demo:
-                demo.clean_up()
-    say("Every hit arrived: 1 + 10 audience hits and 1 streaming request that outlived a kill.",
-        GREEN)
+    # Also where they were ignored, as a shell does for what it runs in the background.
+    for number in (signal.SIGINT, signal.SIGTERM, signal.SIGHUP):
+        signal.signal(number, interrupt)
+    try:
+        with tempfile.TemporaryDirectory(prefix="orbiq-demo-") as scratch, \
+                Demo(pathlib.Path(build), pathlib.Path(scratch)) as demo:
+            if rest[:1] == ["--web"]:
+                show_page(demo, rest[1:])
+            else:
+                show_steps(demo)
+    except (Failure, OSError) as failure:
+        print(coloured(RED, f"demo: {failure}"), file=sys.stderr)
+        return 1
+    except KeyboardInterrupt:
+        print(coloured(RED, "demo: interrupted"), file=sys.stderr)
+        return 130
     return 0
 
 

@@ -12,7 +12,7 @@ namespace {
 using Json = nlohmann::ordered_json;
 using Kind = PlistObject::Kind;
 
-constexpr std::size_t kCostOfValue = 128;
+constexpr std::size_t kCostOfValue = 512;
 
 template <class Value>
 Json orNull(const std::optional<Value>& value) {

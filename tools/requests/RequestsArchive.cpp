@@ -22,7 +22,7 @@ constexpr std::array<std::string_view, 2> kDictionaryNames{"NSDictionary", "NSMu
 // may take.
 constexpr std::size_t kBudgetPerByte = 512;
 constexpr std::size_t kLeastBudget = 1U << 20U;
-constexpr std::size_t kLargestBudget = 1U << 29U;
+constexpr std::size_t kLargestBudget = 1U << 27U;
 constexpr std::size_t kCostOfRequest = 1024;
 constexpr std::size_t kCostOfParameter = 128;
 constexpr std::size_t kMostNotes = 50;

@@ -7,12 +7,14 @@
 
 #include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Url.h"
+#include "orbiq/services/platform/Utf8.h"
 #include "tools/requests/Text.h"
 
 namespace orbiq::requests {
 namespace {
 
 constexpr std::size_t kWidestCell = 48;
+constexpr std::size_t kWidestColumn = 200;
 constexpr std::string_view kNone = "-";
 
 constexpr std::string_view kBold = "\033[1m";
@@ -79,6 +81,8 @@ Row rowOf(const Request& request, std::size_t position, const TableStyle& style)
           request.parameters ? std::to_string(request.parameters->size()) : none,
           std::to_string(request.numberOfFails)};
   for (std::string& cell : row) {
+    // Cut first: escaping takes its time for a text that is hardly shown.
+    if (!style.isWide) cell.resize(utf8PrefixBytes(cell, kWidestCell + 1));
     cell = escaped(cell);
     if (!style.isWide) cell = shortened(std::move(cell), kWidestCell);
   }
@@ -108,6 +112,7 @@ class Printer {
     for (std::size_t i = 0; i < widths.size(); ++i) {
       widths[i] = kHeads[i].size();
       for (const Row& row : rows) widths[i] = std::max(widths[i], widthOf(row[i]));
+      widths[i] = std::min(widths[i], kWidestColumn);
     }
     line(kBold, joined(heads, widths));
     for (std::size_t i = 0; i < rows.size(); ++i) {
@@ -121,7 +126,10 @@ class Printer {
     std::string text;
     for (std::size_t i = 0; i < row.size(); ++i) {
       text += row[i];
-      if (i + 1 < row.size()) text.append(widths[i] + 2 - widthOf(row[i]), ' ');
+      if (i + 1 < row.size()) {
+        const std::size_t width = std::min(widthOf(row[i]), widths[i]);  // longer ones run over
+        text.append(widths[i] + 2 - width, ' ');
+      }
     }
     return text;
   }

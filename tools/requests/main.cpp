@@ -27,6 +27,7 @@ using orbiq::requests::TableStyle;
 
 enum ExitCode : int { kSound = 0, kDamaged = 1, kUsage = 2, kUnreadable = 3 };
 
+constexpr const char* kCannotWrite = "orbiq-requests: standard output cannot be written\n";
 constexpr const char* kDirectoryVariable = "ORBIQ_LIBRARY_DIRECTORY";
 constexpr const char* kFileInLibrary = "/orbiqCache/requests.ser";
 
@@ -75,6 +76,9 @@ std::optional<std::string> locate(const Options& options) {
   }
   const char* const directory = std::getenv(kDirectoryVariable);
   if (directory == nullptr || *directory == '\0') return {};
+  if (*directory != '/') {  // the library does not use one either
+    throw CLI::ValidationError(kDirectoryVariable, "must be an absolute path");
+  }
   return std::string(directory) + kFileInLibrary;
 }
 
@@ -129,11 +133,15 @@ int follow(const Options& options, const std::string& path) {
     std::cout.flush();
     shown = std::move(snapshot);
   } while (std::cout && watch.wait());
-  return kSound;
+  return std::cout ? kSound : kUnreadable;
 }
 
 int run(const Options& options, const std::string& path) {
-  if (options.isFollowing) return follow(options, path);
+  if (options.isFollowing) {
+    if (follow(options, path) == kSound) return kSound;
+    std::cerr << kCannotWrite;
+    return kUnreadable;
+  }
   const Snapshot snapshot = orbiq::requests::look(path);
   if (snapshot.failure != 0) {
     std::cerr << "orbiq-requests: " << orbiq::requests::escaped(path) << ": "
@@ -143,7 +151,7 @@ int run(const Options& options, const std::string& path) {
   const int code = show(options, path, snapshot);
   std::cout.flush();
   if (std::cout) return code;
-  std::cerr << "orbiq-requests: standard output cannot be written\n";
+  std::cerr << kCannotWrite;
   return kUnreadable;
 }
 
