@@ -15,7 +15,7 @@ using nlohmann::json;
 std::string timeText(std::chrono::system_clock::time_point time) {
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
-  const std::time_t seconds = milliseconds / 1000;
+  const auto seconds = static_cast<std::time_t>(milliseconds / 1000);
   std::tm parts{};
   gmtime_r(&seconds, &parts);
   std::array<char, 32> date{};
