@@ -9,9 +9,11 @@
 namespace orbiq::collector {
 
 int LineBuffer::sync() {
-  std::string line = str();
+  std::string line;
+  if (_dropped > 0)
+    line.append("(").append(std::to_string(_dropped)).append(" lines were not read)\n");
+  line += str();
   str(std::string());
-  if (_dropped > 0) line.insert(0, "(" + std::to_string(_dropped) + " lines were not read)\n");
   // A pipe that is ready takes this many bytes without waiting.
   if (line.size() > PIPE_BUF) line.replace(PIPE_BUF - 1, std::string::npos, "\n");
   pollfd ready{_descriptor, POLLOUT, 0};

@@ -36,7 +36,7 @@ void addPage(httplib::Server& server) {
   for (const PageFile& file : pageFiles()) {
     if (file.name == "index.html") serveAt(server, "/", file);
     if (file.name == "favicon.svg") serveAt(server, "/favicon.ico", file);
-    serveAt(server, "/" + std::string(file.name), file);
+    serveAt(server, std::string("/").append(file.name), file);
   }
 }
 

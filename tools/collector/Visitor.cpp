@@ -9,7 +9,7 @@ namespace {
 
 bool isOwnHost(const std::string& host, int port) {
   constexpr std::array kNames{"127.0.0.1", "localhost", "[::1]"};
-  const std::string suffix = ":" + std::to_string(port);
+  const std::string suffix = std::string(":").append(std::to_string(port));
   return std::any_of(kNames.begin(), kNames.end(), [&](const std::string& name) {
     return host == name + suffix || (port == 80 && host == name);
   });
