@@ -1,0 +1,42 @@
+#include "orbiq/c/Calls.h"
+
+#include <algorithm>
+#include <string_view>
+
+#include "orbiq/services/platform/Utf8.h"
+
+namespace orbiq::c {
+namespace {
+
+/// The most bytes, not above `room`, that end no character halfway.
+std::size_t wholeCharacters(std::string_view text, std::size_t room) {
+  if (text.size() <= room) return text.size();
+  std::size_t bytes = 0;
+  while (true) {
+    const std::size_t next = bytes + orbiq::decodeUtf8(text.substr(bytes)).byteCount;
+    if (next > room) return bytes;
+    bytes = next;
+  }
+}
+
+}  // namespace
+
+bool canHold(const char* buffer, std::size_t capacity) {
+  return buffer != nullptr || capacity == 0;
+}
+
+orbiq_status giveOut(const String& text, char* buffer, std::size_t capacity, std::size_t* length) {
+  if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+  const std::string_view characters = text.view();
+  if (length != nullptr) *length = characters.size();
+  if (capacity > 0) {
+    const std::size_t count = wholeCharacters(characters, capacity - 1);
+    std::copy_n(characters.data(), count, buffer);
+    buffer[count] = '\0';
+  }
+  if (text.isNull()) return ORBIQ_NONE;
+  const bool onlyMeasured = buffer == nullptr;
+  return onlyMeasured || characters.size() < capacity ? ORBIQ_OK : ORBIQ_ERROR_BUFFER;
+}
+
+}  // namespace orbiq::c

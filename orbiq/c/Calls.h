@@ -1,0 +1,45 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <iterator>
+#include <new>
+
+#include "orbiq/orbiq_c.h"
+#include "orbiq/private/orbiqAgent/orbiqAgent.h"
+#include "orbiq/services/platform/String.h"
+
+/// What the functions of the C interface have in common.
+namespace orbiq::c {
+
+/// What every function that can fail runs in.
+template <class Call>
+orbiq_status guarded(const Call& call) noexcept try {
+  return call();
+} catch (const std::bad_alloc&) {
+  return ORBIQ_ERROR_MEMORY;
+} catch (...) {
+  return ORBIQ_ERROR_SYSTEM;
+}
+
+/// The same for what needs the agent.
+template <class Call>
+orbiq_status withAgent(const Call& call) noexcept {
+  return guarded([&]() -> orbiq_status {
+    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
+    return call(orbiqAgent::sharedAgent());
+  });
+}
+
+template <class Table>
+bool isIndexOf(const Table& table, std::int32_t which) {
+  return which >= 0 && static_cast<std::size_t>(which) < std::size(table);
+}
+
+/// Whether a text can be given out to the caller's buffer at all.
+bool canHold(const char* buffer, std::size_t capacity);
+/// Copies the text into the caller's buffer, cut between two characters if need be, as the C header
+/// promises.
+orbiq_status giveOut(const String& text, char* buffer, std::size_t capacity, std::size_t* length);
+
+}  // namespace orbiq::c

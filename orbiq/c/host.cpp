@@ -1,0 +1,178 @@
+// The description of the host, and its log sink.
+#include <cmath>
+#include <cstring>
+#include <new>
+#include <string>
+#include <string_view>
+
+#include "orbiq/c/Calls.h"
+#include "orbiq/orbiq_c.h"
+#include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/SystemLog.h"
+
+using orbiq::Condition;
+using orbiq::Lock;
+using orbiq::c::canHold;
+using orbiq::c::giveOut;
+using orbiq::c::guarded;
+using orbiq::c::isIndexOf;
+
+struct orbiq_host {
+  orbiq::HostDescription description;
+};
+
+namespace {
+
+/// Through which every line goes to a sink of C's. What the sink needs may go away before the
+/// process ends, so it can be closed.
+class SinkGate {
+ public:
+  static SinkGate& shared() {
+    static auto* const only = new SinkGate();  // never destroyed
+    return *only;
+  }
+
+  void closeAndWait() {
+    const Lock lock(_lock);
+    _isClosed = true;
+    while (_inside > 0) _lock.wait();
+  }
+
+  /// A call's time in the sink, however the sink ends it.
+  class Stay {
+   public:
+    explicit Stay(SinkGate& gate) : _gate(gate), _entered(gate.enter()) {}
+    ~Stay() {
+      if (_entered) _gate.leave();
+    }
+    Stay(const Stay&) = delete;
+    Stay& operator=(const Stay&) = delete;
+    /// False if the gate is closed.
+    bool entered() const { return _entered; }
+
+   private:
+    SinkGate& _gate;
+    const bool _entered;
+  };
+
+ private:
+  bool enter() {
+    const Lock lock(_lock);
+    if (!_isClosed) ++_inside;
+    return !_isClosed;
+  }
+  void leave() {
+    const Lock lock(_lock);
+    if (--_inside == 0) _lock.broadcast();
+  }
+
+  Condition _lock;
+  bool _isClosed ORBIQ_GUARDED_BY(_lock) = false;
+  std::size_t _inside ORBIQ_GUARDED_BY(_lock) = 0;
+};
+
+constexpr orbiq::String orbiq::HostDescription::*kHostTexts[] = {
+    &orbiq::HostDescription::bundleIdentifier, &orbiq::HostDescription::bundleName,
+    &orbiq::HostDescription::shortVersion,     &orbiq::HostDescription::authorizationServer,
+    &orbiq::HostDescription::libraryDirectory, &orbiq::HostDescription::caBundle,
+};
+static_assert(std::size(kHostTexts) == ORBIQ_CA_BUNDLE + 1);
+
+bool isLength(double number) { return std::isfinite(number) && number >= 0; }
+
+}  // namespace
+
+orbiq_host* orbiq_host_new() { return new (std::nothrow) orbiq_host(); }
+
+void orbiq_host_free(orbiq_host* host) { delete host; }
+
+orbiq_status orbiq_host_set_text(orbiq_host* host, orbiq_host_text which, const char* text) {
+  return guarded([&]() -> orbiq_status {
+    if (host == nullptr || !isIndexOf(kHostTexts, which)) return ORBIQ_ERROR_ARGUMENT;
+    host->description.*kHostTexts[which] = text;
+    return ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_host_set_main_screen(orbiq_host* host, double width, double height, double scale,
+                                        double nativeScale) {
+  if (host == nullptr || !isLength(width) || !isLength(height) || !isLength(scale) ||
+      !isLength(nativeScale)) {
+    return ORBIQ_ERROR_ARGUMENT;
+  }
+  using orbiq::GraphicsFloat;
+  orbiq::Screen screen{.width = static_cast<GraphicsFloat>(width),
+                       .height = static_cast<GraphicsFloat>(height),
+                       .scale = static_cast<GraphicsFloat>(scale)};
+  if (nativeScale > 0) screen.nativeScale = static_cast<GraphicsFloat>(nativeScale);
+  host->description.mainScreen = screen;
+  return ORBIQ_OK;
+}
+
+orbiq_status orbiq_host_set_user_interface_idiom(orbiq_host* host, int32_t idiom) {
+  if (host == nullptr || idiom < 0 || idiom > 2) return ORBIQ_ERROR_ARGUMENT;
+  host->description.userInterfaceIdiom = idiom;
+  return ORBIQ_OK;
+}
+
+orbiq_status orbiq_host_set_durable(orbiq_host* host, bool durable) {
+  if (host == nullptr) return ORBIQ_ERROR_ARGUMENT;
+  host->description.durability =
+      durable ? orbiq::Durability::PowerLoss : orbiq::Durability::ProcessEnd;
+  return ORBIQ_OK;
+}
+
+orbiq_status orbiq_host_set_log_sink(orbiq_host* host, orbiq_log_sink sink, void* context) {
+  return guarded([&]() -> orbiq_status {
+    if (host == nullptr) return ORBIQ_ERROR_ARGUMENT;
+    host->description.logSink = {};
+    if (sink == nullptr) return ORBIQ_OK;
+    host->description.logSink = [sink, context](const orbiq::LogLine& line) {
+      const std::string text(line.text);  // for the zero byte at its end
+      const SinkGate::Stay stay(SinkGate::shared());
+      if (!stay.entered()) return;
+      sink(context, static_cast<orbiq_logging_mode>(line.mode), text.c_str(), text.size(),
+           line.time.secondsSince1970());
+    };
+    return ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_host_set_advertising_identifier(orbiq_host* host,
+                                                   orbiq_advertising_identifier identifier,
+                                                   void* context) {
+  return guarded([&]() -> orbiq_status {
+    if (host == nullptr) return ORBIQ_ERROR_ARGUMENT;
+    host->description.advertisingIdentifier = {};
+    if (identifier == nullptr) return ORBIQ_OK;
+    host->description.advertisingIdentifier = [identifier, context]() -> orbiq::String {
+      char buffer[256] = "";
+      if (!identifier(context, buffer, sizeof buffer)) return nullptr;
+      return std::string_view(buffer, strnlen(buffer, sizeof buffer));
+    };
+    return ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_host_describe(const orbiq_host* host, char* reason, size_t capacity) {
+  return guarded([&]() -> orbiq_status {
+    if (!canHold(reason, capacity)) return ORBIQ_ERROR_ARGUMENT;
+    if (host == nullptr) {
+      giveOut(orbiq_status_text(ORBIQ_ERROR_ARGUMENT), reason, capacity, nullptr);
+      return ORBIQ_ERROR_ARGUMENT;
+    }
+    giveOut(orbiq_status_text(ORBIQ_ERROR_MEMORY), reason, capacity, nullptr);
+    const orbiq::String refusal = orbiq::HostApplication::describe(host->description);
+    giveOut(refusal, reason, capacity, nullptr);
+    return refusal.isNull() ? ORBIQ_OK : ORBIQ_ERROR_REFUSED;
+  });
+}
+
+orbiq_status orbiq_remove_log_sink() {
+  return guarded([]() -> orbiq_status {
+    orbiq::SystemLog::setSink({});
+    SinkGate::shared().closeAndWait();
+    return ORBIQ_OK;
+  });
+}

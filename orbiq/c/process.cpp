@@ -1,0 +1,132 @@
+// What concerns the process as a whole.
+#include <algorithm>
+#include <cstring>
+
+#include "orbiq/c/Calls.h"
+#include "orbiq/orbiqVersion.h"
+#include "orbiq/orbiq_c.h"
+#include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
+#include "orbiq/services/platform/MainLoop.h"
+#include "orbiq/services/platform/NotificationCenter.h"
+#include "orbiq/services/platform/Platform.h"
+
+using orbiq::c::canHold;
+using orbiq::c::giveOut;
+using orbiq::c::guarded;
+using orbiq::c::withAgent;
+
+const char* orbiq_status_text(orbiq_status status) {
+  switch (status) {
+    case ORBIQ_OK:
+      return "done";
+    case ORBIQ_NONE:
+      return "there is none";
+    case ORBIQ_ERROR_ARGUMENT:
+      return "an argument is null or out of range";
+    case ORBIQ_ERROR_REFUSED:
+      return "the description was refused";
+    case ORBIQ_ERROR_BUFFER:
+      return "the text does not fit the buffer";
+    case ORBIQ_ERROR_MEMORY:
+      return "memory has run out";
+    case ORBIQ_ERROR_KEYCHAIN:
+      return "the keychain could not do it";
+    case ORBIQ_ERROR_FORKED:
+      return "the library does nothing in a forked process";
+    case ORBIQ_ERROR_SYSTEM:
+      return "the system refused a resource";
+    default:
+      return "unknown status";
+  }
+}
+
+const char* orbiq_version() { return orbiq_iOSVersionString; }
+
+orbiq_status orbiq_post_will_enter_foreground() {
+  return guarded([]() -> orbiq_status {
+    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
+    orbiq::NotificationCenter::defaultCenter().postNotificationName(
+        orbiq::UIApplicationWillEnterForegroundNotification);
+    return ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_get_statistics(orbiq_statistics* statistics, size_t size) {
+  if (statistics == nullptr) return ORBIQ_ERROR_ARGUMENT;
+  return withAgent([&](const orbiqAgent& agent) -> orbiq_status {
+    const orbiq::Statistics counts = agent.statistics();
+    const orbiq_statistics all = {
+        .accepted = counts.accepted,
+        .sent = counts.sent,
+        .refused = counts.refused,
+        .answered_with_another_status = counts.answeredWithAnotherStatus,
+        .given_up = counts.givenUp,
+        .pushed_out = counts.pushedOut,
+        .discarded_at_start = counts.discardedAtStart,
+        .discarded_at_network_return = counts.discardedAtNetworkReturn,
+        .pending = counts.pending,
+        .additions_waiting_high_water = counts.additionsWaitingHighWater,
+        .last_success = counts.lastSuccess ? counts.lastSuccess->secondsSince1970() : 0,
+    };
+    auto* const bytes = reinterpret_cast<unsigned char*>(statistics);
+    std::fill_n(bytes, size, static_cast<unsigned char>(0));
+    std::memcpy(bytes, &all, std::min(size, sizeof all));
+    return ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_last_failure(char* buffer, size_t capacity, size_t* length) {
+  if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+  return withAgent([&](const orbiqAgent& agent) {
+    return giveOut(agent.statistics().lastFailure, buffer, capacity, length);
+  });
+}
+
+orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length) {
+  if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+  return withAgent([&](const orbiqAgent& agent) {
+    return giveOut(agent.statistics().json(), buffer, capacity, length);
+  });
+}
+
+orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* length) {
+  return guarded([&]() -> orbiq_status {
+    if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+    const orbiq::String identifier = orbiqKWDXUUIDHandler::UUID();
+    const orbiq_status status = giveOut(identifier, buffer, capacity, length);
+    return status == ORBIQ_NONE ? ORBIQ_ERROR_KEYCHAIN : status;
+  });
+}
+
+orbiq_status orbiq_device_identifier_reset() {
+  return guarded([]() -> orbiq_status {
+    orbiqKWDXUUIDHandler::reset();
+    // The reset itself only logs its failure.
+    const orbiq::KeychainMatch left =
+        orbiq::Platform::currentKeychain().copyMatching(orbiqCreateKeychainQueryDictionary());
+    return left.status == orbiq::errSecItemNotFound ? ORBIQ_OK : ORBIQ_ERROR_KEYCHAIN;
+  });
+}
+
+orbiq_status orbiq_device_identifier_set_access_group(const char* accessGroup) {
+  return guarded([&]() -> orbiq_status {
+    orbiqKWDXUUIDHandler::setAccessGroup(accessGroup);
+    return ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_main_loop_adopt(int* descriptor) {
+  return guarded([&]() -> orbiq_status {
+    if (descriptor == nullptr) return ORBIQ_ERROR_ARGUMENT;
+    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
+    *descriptor = orbiq::MainLoop::mainLoop().adopt();
+    return *descriptor < 0 ? ORBIQ_ERROR_SYSTEM : ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_main_loop_run_pending() {
+  return guarded([]() -> orbiq_status {
+    orbiq::MainLoop::mainLoop().runPending();
+    return ORBIQ_OK;
+  });
+}
