@@ -135,6 +135,8 @@ test("a restart on the same port, and a time out of sight, lose and repeat nothi
   await visitor.accounts(["OLD"]);
   assert.equal(await collector.stop(), 0);
   await visitor.connection("lost");
+  await page.selectOption("#stall", "hit");
+  await page.waitForFunction(() => document.getElementById("stall").value === "none");
   collector = await Collector.start(collector.port);
   await collector.get("/hit/NEW");
   await visitor.connection("live");
@@ -165,6 +167,15 @@ test("thousands of hits come in a few rows", async () => {
   assert.deepEqual([shown.length, shown[0], shown[399]], [400, "S5000", "S4601"]);
   await page.fill("#filter", "S3001");
   await visitor.accounts(["S3001"]);
+
+  await page.fill("#filter", "");
+  await page.click("#pause");
+  for (let number = 5001; number <= 7100; ++number) await collector.get(`/hit/S${number}`);
+  await visitor.shows("hits", (7100).toLocaleString("en-US"));
+  await visitor.shows("shown",
+    "Showing 200 of the newest 4000; 2000 held back by the pause.");
+  await page.click("#pause");
+  await visitor.shows("shown", "Showing 200 of the newest 2000.");
 });
 
 test("more pages than there is room for wait until one leaves", async () => {

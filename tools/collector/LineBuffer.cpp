@@ -10,8 +10,9 @@ namespace orbiq::collector {
 
 int LineBuffer::sync() {
   std::string line;
-  if (_dropped > 0)
+  if (_dropped > 0) {
     line.append("(").append(std::to_string(_dropped)).append(" lines were not read)\n");
+  }
   line += str();
   str(std::string());
   // A pipe that is ready takes this many bytes without waiting.

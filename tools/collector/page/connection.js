@@ -47,7 +47,7 @@ export class Connection {
         return;
       }
       // There was an answer, but no stream: the browser itself does not try again.
-      this.#tell("lost", "Refused, trying again (too many pages open?)");
+      this.#tell("lost", "Refused, trying again (too many pages open, or not the address that the collector printed?)");
       this.#retry = setTimeout(() => this.#open(), RETRY_MS);
     });
     for (const [name, handle] of Object.entries(this.#handlers)) {

@@ -79,8 +79,20 @@ export class Switches {
       this.#refusal.textContent = "";
       for (const each of this.#form.elements) each.removeAttribute("aria-invalid");
     } catch (error) {
+      // A value that did not get there must not look as if it were in force.
+      if (error instanceof TypeError) this.#putBack();
       this.#refuse(error.message, field);
     }
+  }
+
+  #putBack() {
+    for (const [key, value] of Object.entries(this.#shown)) {
+      const field = this.#form.elements[key];
+      if (field) this.#fill(field, value);
+    }
+    this.#access.value = this.#shown.access;
+    this.#showAccess(this.#form.elements.access, this.#shown.access,
+      this.#shown.access !== this.#healthy.access);
   }
 
   #refuse(text, field) {

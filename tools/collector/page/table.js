@@ -57,7 +57,18 @@ export class Table {
 
   add(exchanges) {
     this.#exchanges.push(...exchanges);
-    if (this.#exchanges.length > KEPT) this.#exchanges.splice(0, this.#exchanges.length - KEPT);
+    this.#trim();
+  }
+
+  // While paused, what is shown stays, and of what is held back the newest.
+  #trim() {
+    let stays = 0;
+    if (this.#pausedAt !== null) {
+      const newer = this.#exchanges.findIndex((each) => each.number > this.#pausedAt);
+      stays = newer < 0 ? this.#exchanges.length : newer;
+    }
+    const over = this.#exchanges.length - stays - KEPT;
+    if (over > 0) this.#exchanges.splice(stays, over);
   }
 
   draw() {
@@ -107,7 +118,7 @@ export class Table {
 
   #describe(shown, matching, newer) {
     const total = this.#exchanges.length;
-    const all = total === KEPT ? `the newest ${total}` : total;
+    const all = total >= KEPT ? `the newest ${total}` : total;
     element("empty").hidden = total > 0;
     element("more").hidden = shown === matching;
     let text = "";
@@ -189,6 +200,7 @@ export class Table {
 
   #pause() {
     this.#setPaused(this.#pausedAt === null ? (this.#exchanges.at(-1)?.number ?? 0) : null);
+    this.#trim();
     this.draw();
   }
 
