@@ -113,7 +113,7 @@ class Depth {
   Requests _requests;
   const std::shared_ptr<orbiqRequest> _other = _requests.next();
   RequestsFile _file;
-  KeyedArchiver _archiver;
+  KeyedArchiver _archiver = requestArchiver();
   AtomicFile _plain;
 };
 

@@ -25,7 +25,31 @@ constexpr std::size_t kLargestFile = 64U << 20U;
 constexpr std::array kRequestClasses{&orbiqRequest::kArchivedClass,
                                      &orbiqClearCache::kArchivedClass};
 
+std::shared_ptr<const orbiqRequest> sampleRequest(bool isStreaming, bool hasDevice) {
+  Parameters parameters;
+  for (const char* const key : {"serial", "tn", "v", "n"}) parameters.emplace(key, "");
+  if (hasDevice) parameters.emplace("did", "");
+  if (isStreaming) parameters.insert({{"cmsPS", ""}, {"cmsRK", ""}});
+  auto request = std::make_shared<orbiqRequest>(
+      std::make_shared<const Parameters>(std::move(parameters)), RequestTypeStreaming,
+      SendingModeHost, String(), std::make_shared<orbiqTaggerID>(String(), 0, false));
+  request->setAuth(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
+      orbiqSession::orbiqSessionWithSerial_withCmsVI({}, {}),
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL({}, AccessModeFull, {}),
+      false));
+  return request;
+}
+
 }  // namespace
+
+KeyedArchiver requestArchiver() {
+  // With the parameters that the library's own hits have.
+  const std::array samples{sampleRequest(true, true), sampleRequest(true, false),
+                           sampleRequest(false, true), sampleRequest(false, false)};
+  const orbiqClearCache marker;
+  return KeyedArchiver(std::array<const Archivable*, 5>{
+      samples[0].get(), samples[1].get(), samples[2].get(), samples[3].get(), &marker});
+}
 
 RequestQueue RequestsFile::load(const std::string& path) {
   RequestQueue queue;

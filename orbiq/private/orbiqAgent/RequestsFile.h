@@ -14,6 +14,9 @@ namespace orbiq {
 /// Oldest first.
 using RequestQueue = std::deque<std::shared_ptr<orbiqRequest>>;
 
+/// An archiver whose archives begin with all that requests name.
+KeyedArchiver requestArchiver();
+
 /// The queue on disk. Of several processes of one application the first one has the file; the
 /// others start empty and write nothing. Where the lock cannot be had for another reason, what the
 /// file holds is loaded, and saving begins when the lock can be had. One thread at a time.
@@ -33,7 +36,7 @@ class RequestsFile {
   void report(const std::string& path, int failure);
 
   FileLock _lock;
-  KeyedArchiver _archiver;
+  KeyedArchiver _archiver = requestArchiver();
   AtomicFile _file;
   bool _lastReachedFile = false;  ///< the last archive, whatever came of it there
   int _lastFailure = 0;

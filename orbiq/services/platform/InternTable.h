@@ -25,13 +25,22 @@ class InternTable {
     }
   }
 
+  /// How many keys there are.
+  std::size_t size() const { return _used; }
+
+  /// The key's number, `kNone` if it is not there.
+  std::uint32_t find(const Key& key) const {
+    const Slot& slot = _slots[indexOf(key)];
+    return slot.generation == _generation ? slot.number : kNone;
+  }
+
   /// The key's number, `kNone` for a new key; to be set by the caller, valid until the next call.
   std::uint32_t& operator[](const Key& key) {
-    Slot* slot = &find(key);
+    Slot* slot = &_slots[indexOf(key)];
     if (slot->generation != _generation) {
       if (2 * ++_used > _slots.size()) {
         enlarge();
-        slot = &find(key);
+        slot = &_slots[indexOf(key)];
       }
       *slot = {key, kNone, _generation};
     }
@@ -46,22 +55,22 @@ class InternTable {
   };
   static constexpr std::size_t kSmallest = 64;
 
-  /// The key's slot, or the free one where it belongs. Half of the slots are always free.
-  Slot& find(const Key& key) {
+  /// The key's place, or the free one where it belongs. Half of the slots are always free.
+  std::size_t indexOf(const Key& key) const {
     const int shift = 64 - std::countr_zero(_slots.size());
     const std::uint64_t mixed = std::uint64_t{Hash()(key)} * 0x9E3779B97F4A7C15U;
     auto index = static_cast<std::size_t>(mixed >> shift);
     while (_slots[index].generation == _generation && !(_slots[index].key == key)) {
       index = (index + 1) & (_slots.size() - 1);
     }
-    return _slots[index];
+    return index;
   }
 
   void enlarge() {
     std::vector<Slot> old(2 * _slots.size());
     old.swap(_slots);
     for (const Slot& slot : old) {
-      if (slot.generation == _generation) find(slot.key) = slot;
+      if (slot.generation == _generation) _slots[indexOf(slot.key)] = slot;
     }
   }
 

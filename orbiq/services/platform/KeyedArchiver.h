@@ -1,15 +1,20 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "orbiq/services/platform/Archivable.h"
-#include "orbiq/services/platform/BinaryPlistWriter.h"
+#include "orbiq/services/platform/ArchiveFrame.h"
 #include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/ExtendablePlist.h"
+#include "orbiq/services/platform/FrontVector.h"
 #include "orbiq/services/platform/InternTable.h"
 #include "orbiq/services/platform/Parameters.h"
 #include "orbiq/services/platform/String.h"
@@ -23,13 +28,16 @@ namespace orbiq {
 ///     const KeyedArchiver::Bytes bytes = archiver.finish();
 ///
 /// One object that is referred to twice is stored once. An archiver can be used again; it then
-/// reuses its memory and, where elements were only removed from the front, what it has encoded: the
-/// elements are written last one first, each with all that no later one refers to, so that a
-/// shorter array is the beginning of a longer one with another ending. The bytes are the same
-/// either way. Not thread-safe; the archived objects must not change meanwhile.
+/// reuses its memory and what it has encoded: the elements are written last one first, each with
+/// all that no later one refers to, so that an array that has lost its first elements is a longer
+/// one's beginning, with another ending, and one that has got more behind them differs from a
+/// shorter one by what the new elements refer to and by the numbers. The bytes are the same either
+/// way. Not thread-safe; the archived objects must not change meanwhile.
 class KeyedArchiver {
  public:
-  KeyedArchiver();
+  /// What the samples and all that they refer to name – classes, fields, parameters – stands once
+  /// in every archive. Other objects can be archived as well.
+  explicit KeyedArchiver(std::span<const Archivable* const> samples = {});
   ~KeyedArchiver();
   KeyedArchiver(const KeyedArchiver&) = delete;
   KeyedArchiver& operator=(const KeyedArchiver&) = delete;
@@ -37,7 +45,7 @@ class KeyedArchiver {
   /// Starts a new archive and forgets the last one.
   void beginRootArray();
   /// Appends an element. The object must live until `finish`.
-  void addElement(const Archivable& object);
+  void addElement(const Archivable& object) { _elements.push_back(&object); }
   struct Bytes {
     std::string_view all;
     /// So many of the first ones are those of the last archive.
@@ -59,14 +67,37 @@ class KeyedArchiver {
 
  private:
   /// What an entry of the archive's object table stands for.
-  enum class Kind : std::uint8_t { kNull, kRoot, kObject, kText, kDate, kParameters, kClass };
+  enum class Kind : std::uint8_t { kObject, kText, kParameters, kClass, kUnshared };
+  static constexpr std::size_t kSharedKinds = 4;
+  /// Marks the number of an entry that is in the block.
+  static constexpr std::uint32_t kInBlock = 0x8000'0000U;
+  static constexpr std::size_t kEndingObjects = 4;
 
-  /// An entry of the object table; its index is its UID. It is listed when it is first referred to
+  /// An entry of the object table that is being encoded. It is listed when it is first referred to
   /// and written when its turn comes, so that nothing nests.
-  struct Entry {
-    const void* address;
+  struct Listed {
+    const void* address;  ///< null for one that no other can refer to
     Kind kind;
-    PlistRef uidRef;  ///< the UID value that leads here, once there is one
+    PlistRef uidRef;  ///< the UID value that leads here
+    PlistRef object;  ///< once it is written
+  };
+  /// An entry of the last archive.
+  struct Known {
+    const void* address;
+    std::uint32_t uidHandle;
+    Kind kind;
+  };
+  /// An object of the last archive, as it was encoded.
+  struct Changeable {
+    const Archivable* object;
+    std::uint64_t revision;
+  };
+  /// An element with all that it brought; of entries there are as many as of UIDs.
+  struct Segment {
+    const Archivable* element;
+    std::uint32_t uidHandle;  ///< while it is being encoded, the UID value's number
+    std::uint32_t changeables;
+    ExtendablePlist::Extent extent;
   };
 
   struct AddressHash {
@@ -74,82 +105,76 @@ class KeyedArchiver {
       return reinterpret_cast<std::uintptr_t>(address);
     }
   };
-  // One table for each kind, since addresses of different kinds may coincide.
   using AddressTable = InternTable<const void*, AddressHash>;
 
-  /// A literal; its characters are not looked at.
-  struct Name {
-    const char* characters = nullptr;
-    std::size_t size = 0;
-    bool operator==(const Name&) const = default;
-  };
-  struct NameHash {
-    std::uint64_t operator()(const Name& name) const {
-      return reinterpret_cast<std::uintptr_t>(name.characters) + name.size;
-    }
-  };
+  /// The elements' numbers, last one first.
+  const Archivable* element(std::size_t index) const {
+    return _elements[_elements.size() - 1 - index];
+  }
 
-  /// An element in the writer, with where all that it brought ends.
-  struct Encoded {
-    const Archivable* element;
-    PlistRef uidRef;
-    std::size_t entryCount;
-    std::size_t changeableCount;
-    BinaryPlistWriter::Mark mark;
-  };
-  /// An object in the writer, as it was encoded.
-  struct Changeable {
-    const Archivable* object;
-    std::uint64_t revision;
-  };
-  /// What every archive's ending refers to; written before the elements.
-  struct Frame {
-    PlistRef objectsKey, classKey, arrayClass, version, archiver, top;
-    PlistRef versionKey, archiverKey, topKey, tableKey;
-  };
+  // Going on with the last archive; each says so if that cannot be done.
+  bool goOn(std::size_t& kept);
+  std::optional<std::size_t> countAddedElements() const;
+  std::size_t countChangedSegments() const;
+  void dropOldestSegment();
+  bool extend(std::size_t added);
+  bool isMostlyForgotten() const;
+  bool findSuccessors();
 
-  using RefSize = BinaryPlistWriter::RefSize;
+  void encodeAnew();
+  void encodeAll(PlistRefSize refSize);
+  void beginBlock();
+  void encodeSegment(const Archivable& element);
+  void encodeListed(std::size_t index);
+  void takeBlock();
+  std::string_view encodeEnding();
 
-  bool holdsElements() const;
-  void forgetEarlierElements();
-  static bool fits(const Encoded& last, RefSize refSize);
-  void encodeElements(RefSize refSize);
-  void encodeFrame();
-  void encodeListed(const Archivable* element, std::uint32_t uid);
-  void encodeEntry(std::uint32_t uid);
-  /// Returns the list's top object.
-  PlistRef encodeEnding();
   PlistRef encodeFields(const Archivable& object);
   PlistRef encodeMapping(const Parameters& parameters);
+  void learnKeyList(const Parameters& parameters);
   PlistRef encodeClass(const ArchivedClass& archivedClass);
 
-  std::uint32_t addEntry(Kind kind, const void* address, PlistRef objectRef = UINT32_MAX);
-  std::uint32_t entryOf(const Archivable& object);
-  std::uint32_t entryOfText(const String& text);
-  std::uint32_t entryOfParameterKey(std::string_view key);
-  PlistRef uidRef(std::uint32_t uid);
-  PlistRef classRef(const ArchivedClass& archivedClass);
-  PlistRef keyRef(std::string_view key);
+  PlistRef addEntry(Kind kind, const void* address, PlistRef object);
+  /// The entry's index, and whether it was not there yet.
+  std::pair<std::uint32_t, bool> entryFor(Kind kind, const void* address);
+  void noteOwner(std::uint32_t serial);
+  PlistRef objectUid(const Archivable& object);
+  PlistRef textUid(const String& text, bool mayBeFleeting);
+  PlistRef parameterKeyUid(const std::string& key);
+  PlistRef classUid(const ArchivedClass& archivedClass);
+  PlistRef fieldName(std::string_view name);
   void addField(std::string_view key, PlistRef value);
 
-  BinaryPlistWriter _writer;
+  ArchiveVocabulary _vocabulary;
+  bool _learns = false;
+  std::optional<ArchiveFrame> _frame;
   std::vector<const Archivable*> _elements;
-  // What the writer holds before the ending: the frame under null, then the elements, last one
-  // first.
-  std::vector<Encoded> _encoded;
-  std::vector<Changeable> _changeables;
-  std::vector<Entry> _entries;
-  std::vector<PlistRef> _table;  ///< the entries' objects, once they are written
-  Frame _frame{};
-  bool _holdsMutableText = false;  ///< which changes without a revision
-  bool _isHandedOut = false;       ///< what the writer holds, with one ending
-  // UIDs by identity, those of parameter keys by their text; references of names.
-  AddressTable _objects;
-  AddressTable _texts;
-  AddressTable _parameters;
-  AddressTable _classes;
-  InternTable<std::string_view, std::hash<std::string_view>> _parameterKeys;
-  InternTable<Name, NameHash> _names;
+
+  // The last archive: what `_plist` holds, last element first.
+  ExtendablePlist _plist;
+  FrontVector<Segment> _segments;
+  FrontVector<Changeable> _changeables;
+  FrontVector<Known> _known;
+  FrontVector<std::uint32_t> _table;  ///< the handles of the entries' objects
+  std::uint32_t _newest = 0;          ///< the first segment's serial number
+  bool _holdsMutableText = false;     ///< which changes without a revision
+  bool _holdsRepeated = false;        ///< an element that is not its own segment's
+  bool _isWhole = false;              ///< and was handed out
+
+  // The segments that are being encoded.
+  PlistObjects _block;
+  std::vector<Listed> _listed;
+  std::vector<Segment> _blockSegments;
+  std::vector<Changeable> _blockChangeables;
+  std::vector<PlistRef> _successors;
+  std::size_t _owners = 0;  ///< so many segments of the last archive lose something to the block
+
+  // By identity, for each kind: the entry's index, marked, if it is in the block; else the serial
+  // number of the last segment that had it. A table for each kind, since addresses may coincide.
+  std::array<AddressTable, kSharedKinds> _entries;
+
+  PlistObjects _ending;
+  std::vector<PlistRef> _tableRefs;
   // Scratch of the container that is being put together.
   std::vector<PlistRef> _keys;
   std::vector<PlistRef> _values;

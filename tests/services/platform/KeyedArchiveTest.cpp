@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
+#include <array>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -169,17 +170,17 @@ TEST(KeyedArchive, IsReadByAnotherReaderAndComesBackWithItsSharing) {
   EXPECT_EQ(python("read_archive.py", bytes),
             "{'$version': 100000, '$archiver': 'NSKeyedArchiver', '$top': {'root': UID(1)}}\n"
             "1(NSMutableArray<NSMutableArray,NSArray,NSObject NS.objects="
-            "5(Item<Item,Base,NSObject name=6:'shared' "
+            "7(Item<Item,Base,NSObject name=8:'shared' "
             "number=-9223372036854775808 count=9223372036854775807 flag=True "
-            "date=8(NSDate<NSDate,NSObject NS.time=-1.5) "
-            "parameters=9(NSMutableDictionary<NSMutableDictionary,NSDictionary,NSObject "
-            "NS.keys=12:'',14:'a',15:'b',17:'d' NS.objects=13:'',6:'shared',"
-            "16:'caf\\xe9 \\U0001f600 \\ufffd',18:'a text of more than fifteen characters') "
-            "link=10(Item<Item,Base,NSObject name=0:'$null' number=0 count=0 flag=False "
+            "date=9(NSDate<NSDate,NSObject NS.time=-1.5) "
+            "parameters=10(NSMutableDictionary<NSMutableDictionary,NSDictionary,NSObject "
+            "NS.keys=13:'',15:'a',16:'b',18:'d' NS.objects=14:'',8:'shared',"
+            "17:'caf\\xe9 \\U0001f600 \\ufffd',19:'a text of more than fifteen characters') "
+            "link=11(Item<Item,Base,NSObject name=0:'$null' number=0 count=0 flag=False "
             "date=0:'$null' parameters=0:'$null' link=0:'$null')),"
-            "20(Item<Item,Base,NSObject name=6:'shared' number=-2 count=4294967296 flag=False "
-            "date=21(NSDate<NSDate,NSObject NS.time=1e+300) parameters=same 9 link=same 10),"
-            "same 5,3(Marker<Marker,NSObject))\n");
+            "20(Item<Item,Base,NSObject name=8:'shared' number=-2 count=4294967296 flag=False "
+            "date=21(NSDate<NSDate,NSObject NS.time=1e+300) parameters=same 10 link=same 11),"
+            "same 7,5(Marker<Marker,NSObject))\n");
 
   const auto elements = unarchive(bytes);
   ASSERT_TRUE(elements && elements->size() == 4);
@@ -235,7 +236,9 @@ std::string withNumber(std::string bytes, std::size_t at, std::size_t size, std:
 
 TEST(KeyedArchive, AnyNumberOfObjects) {
   Queue queue;
-  KeyedArchiver archiver;
+  const Item sample;
+  const std::array<const Archivable*, 1> samples{&sample};
+  KeyedArchiver archiver(samples);
   std::size_t widths = 0;
   // Wider references are needed from somewhere among these on.
   for (std::size_t count = 16368; count <= 16380; ++count) {
@@ -260,7 +263,8 @@ TEST(KeyedArchive, AnyNumberOfObjects) {
   // Shortened from the front, across the same border.
   while (queue.size() > 16367) {
     queue.erase(queue.begin());
-    EXPECT_EQ(archive(queue, archiver), archive(queue));
+    KeyedArchiver fresh(samples);
+    EXPECT_EQ(archive(queue, archiver), archive(queue, fresh));
   }
 }
 
