@@ -18,16 +18,6 @@
 namespace orbiq::bench {
 namespace {
 
-bool isMet(double ratio, const Aim& aim) {
-  if (aim.kind == Aim::Kind::kBelow) return ratio < aim.bound;
-  return aim.kind == Aim::Kind::kAtMost ? ratio <= aim.bound : ratio >= aim.bound;
-}
-
-const char* nameOf(Aim::Kind kind) {
-  if (kind == Aim::Kind::kBelow) return "below";
-  return kind == Aim::Kind::kAtMost ? "at most" : "at least";
-}
-
 std::vector<double> columnOf(const std::vector<std::vector<double>>& rows, std::size_t column) {
   std::vector<double> values;
   values.reserve(rows.size());
@@ -78,6 +68,16 @@ double quantile(std::vector<double> samples, double part) {
       samples.begin() + static_cast<std::ptrdiff_t>(std::max<std::size_t>(rank, 1) - 1);
   std::nth_element(samples.begin(), wanted, samples.end());
   return *wanted;
+}
+
+bool isMet(double ratio, const Aim& aim) {
+  if (aim.kind == Aim::Kind::kBelow) return ratio < aim.bound;
+  return aim.kind == Aim::Kind::kAtMost ? ratio <= aim.bound : ratio >= aim.bound;
+}
+
+const char* nameOf(Aim::Kind kind) {
+  if (kind == Aim::Kind::kBelow) return "below";
+  return kind == Aim::Kind::kAtMost ? "at most" : "at least";
 }
 
 std::string ratioText(const std::vector<double>& ratios, const Aim& aim) {

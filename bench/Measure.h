@@ -18,6 +18,9 @@ struct Aim {
   Kind kind;
   double bound;
 };
+bool isMet(double ratio, const Aim& aim);
+/// "below", "at most" or "at least".
+const char* nameOf(Aim::Kind kind);
 
 /// "ratio 3.1 (aim: below 20)", with "missed" behind it where that is so. The ratio is the median
 /// of those of the single runs, whose range is shown as well.

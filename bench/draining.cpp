@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "bench/Measure.h"
+#include "bench/Report.h"
 #include "bench/Surroundings.h"
 #include "orbiq/orbiq.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
@@ -249,6 +250,10 @@ void measure(const std::string& directory) {
               ratioText(ratiosOf(http, 3, 0), {Aim::Kind::kAtLeast, kAim}).c_str());
   std::printf("  agent's rate / bare rate, server that only answers: ratio %.2f\n",
               median(ratiosOf(instant, 3, 0)));
+  reportRatios("draining", "agent's rate / bare rate, collector", ratiosOf(http, 3, 0),
+               Aim{Aim::Kind::kAtLeast, kAim});
+  reportRatios("draining", "agent's rate / bare rate, server that only answers",
+               ratiosOf(instant, 3, 0), {});
 }
 
 }  // namespace

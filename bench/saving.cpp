@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "bench/Measure.h"
+#include "bench/Report.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/services/platform/AtomicFile.h"
 #include "orbiq/services/platform/KeyedArchiver.h"
@@ -135,6 +136,7 @@ void print(const Depth& depth) {
 
 void printRatio(const char* what, const std::vector<double>& ratios, const Aim& aim) {
   std::printf("  %s: %s\n", what, ratioText(ratios, aim).c_str());
+  reportRatios("saving", what, ratios, aim);
 }
 
 void measure(const std::string& directory) {
