@@ -1,13 +1,22 @@
-// How long `sendHit` keeps its caller while the server stalls.
+// How long `sendHit` keeps its caller while the server stalls, alone and among other callers.
+#include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <latch>
 #include <map>
+#include <memory>
 #include <mutex>
+#include <random>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 #include "bench/Measure.h"
+#include "bench/Report.h"
 #include "bench/Surroundings.h"
+#include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
 #include "tests/support/Role.h"
 #include "tests/support/ScriptedServer.h"
@@ -18,72 +27,187 @@ namespace {
 namespace steps = test::steps;
 
 constexpr std::size_t kRuns = 15;
-constexpr std::size_t kCalls = 500;
+constexpr std::size_t kCalls = 2'000;
+constexpr std::size_t kThreads = 8;
+// Of all threads together; enough for the rate of a run to last for tens of milliseconds.
+constexpr std::size_t kCrowdCalls = 40'000;
+constexpr const char* kSerial = "241041208600";
 
-/// The least that a call has to do that hands seven parameters over to another thread.
+using Dictionary = std::map<std::string, std::string>;
+
+/// The least that a call has to do that composes a hit and hands it over to another thread.
 class Baseline {
  public:
-  void handOver() {
-    std::map<std::string, std::string> copy = _parameters;
+  void handOver(Dictionary dictionary) {
     const std::lock_guard lock(_mutex);
-    _queue.push_back(std::move(copy));
+    _queue.push_back(std::move(dictionary));
+  }
+
+  /// What an audience hit carries.
+  Dictionary audienceHit() {
+    Dictionary dictionary;
+    dictionary.emplace("serial", kSerial);
+    dictionary.emplace("tn", "on-ios");
+    dictionary.emplace("v", "1.0");
+    dictionary.emplace("n", std::to_string(100'000'000 + _random() % 900'000'000));
+    dictionary.emplace("did", "6D92078A-8246-4BA4-AE5B-76104861E7DC");
+    return dictionary;
+  }
+  /// The same and two numbers: the seven entries of a streaming request, the longest that there is.
+  Dictionary streamingRequest() {
+    Dictionary dictionary = audienceHit();
+    dictionary.emplace("cmsRK", std::to_string(++_rank));
+    dictionary.emplace("cmsPS", std::to_string(_rank % 13));
+    return dictionary;
   }
 
  private:
-  const std::map<std::string, std::string> _parameters{
-      {"serial", "241041208600"},
-      {"tn", "on-ios"},
-      {"v", "1.0"},
-      {"n", "048302911"},
-      {"cmsRK", "7"},
-      {"cmsPS", "12"},
-      {"did", "6D92078A-8246-4BA4-AE5B-76104861E7DC"}};
+  std::mt19937_64 _random{20'260'101};
+  std::uint32_t _rank = 0;
   std::mutex _mutex;
-  std::deque<std::map<std::string, std::string>> _queue;
+  std::deque<Dictionary> _queue;
 };
 
-/// Prints p50, p99 and max of `sendHit`, then of the baseline.
-int stalledRun(const std::vector<std::string>& arguments) {
-  const std::string directory = arguments.at(1) + "/caller" + arguments.at(0);
-  // Takes the authorization request and answers nothing.
-  test::ScriptedServer server(
-      std::vector<test::Script>{{steps::readRequest(), steps::untilPeerCloses()}});
-  describeApplication(server.url("/auth/"), directory);
-  const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial("241041208600");
-  tagger->sendHit();
-  if (!server.waitForRequests(1)) return 1;
+/// An application whose authorization server takes the first request and answers nothing.
+class StalledApplication {
+ public:
+  explicit StalledApplication(const std::string& directory) {
+    describeApplication(_server.url("/auth/"), directory);
+  }
+  /// Returns once the request is there: from now on every hit stays in the queue.
+  bool stall() {
+    orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial)->sendHit();
+    return _server.waitForRequests(1);
+  }
 
+ private:
+  test::ScriptedServer _server{
+      std::vector<test::Script>{{steps::readRequest(), steps::untilPeerCloses()}}};
+};
+
+/// Prints p50, p99 and max of `sendHit`, then of the two baselines.
+int stalledRun(const std::vector<std::string>& arguments) {
+  StalledApplication application(arguments.at(1) + "/alone" + arguments.at(0));
+  if (!application.stall()) return 1;
+  const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial);
   Baseline baseline;
-  baseline.handOver();
-  std::vector<double> hits;
-  std::vector<double> handOvers;
+  std::vector<double> hits, sevens, fives;
+  for (std::vector<double>* side : {&hits, &sevens, &fives}) side->reserve(kCalls);
   for (std::size_t call = 0; call < kCalls; ++call) {
     hits.push_back(microseconds([&] { tagger->sendHit(); }));
-    handOvers.push_back(microseconds([&] { baseline.handOver(); }));
+    sevens.push_back(microseconds([&] { baseline.handOver(baseline.streamingRequest()); }));
+    fives.push_back(microseconds([&] { baseline.handOver(baseline.audienceHit()); }));
   }
-  for (const std::vector<double>& side : {hits, handOvers}) {
+  for (const std::vector<double>& side : {hits, sevens, fives}) {
     std::printf("%f %f %f ", quantile(side, 0.5), quantile(side, 0.99), quantile(side, 1));
   }
   std::printf("\n");
   return 0;
 }
 
-const test::RoleRegistration kStalledRun("stalled", stalledRun);
+/// Prints the hits per second of so many threads, with so many taggers among them.
+int crowdRun(const std::vector<std::string>& arguments) {
+  const std::size_t threads = std::stoul(arguments.at(2));
+  const std::size_t taggers = std::stoul(arguments.at(3));
+  StalledApplication application(arguments.at(1));
+  if (!application.stall()) return 1;
 
-void measure(const std::string& directory) {
-  const auto rows = rowsOfRuns("stalled", kRuns, 6, {directory});
-  const std::vector<double> row = mediansOf(rows);
+  using Clock = std::chrono::steady_clock;
+  std::latch ready(static_cast<std::ptrdiff_t>(threads) + 1);
+  std::latch start(1);
+  std::vector<std::jthread> crowd;
+  for (std::size_t i = 0; i < threads; ++i) {
+    crowd.emplace_back([&, tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(
+                               kSerial + std::to_string(i % taggers))] {
+      tagger->sendHit();  // what a thread's first call makes is not counted
+      ready.count_down();
+      start.wait();
+      for (std::size_t call = 0; call < kCrowdCalls / threads; ++call) tagger->sendHit();
+    });
+  }
+  ready.arrive_and_wait();
+  const auto begin = Clock::now();
+  start.count_down();
+  crowd.clear();  // joins
+  const std::chrono::duration<double> took = Clock::now() - begin;
+  if (orbiqAgent::sharedAgent().statistics().accepted != 1 + threads + kCrowdCalls) return 1;
+  std::printf("%f\n", static_cast<double>(kCrowdCalls) / took.count());
+  return 0;
+}
+
+const test::RoleRegistration kStalledRun("stalled", stalledRun);
+const test::RoleRegistration kCrowdRun("crowd", crowdRun);
+
+void show(const std::string& name, const std::vector<double>& ratios, std::optional<Aim> aim) {
+  if (aim) {
+    std::printf("  %s: %s\n", name.c_str(), ratioText(ratios, *aim).c_str());
+  } else {
+    std::printf("  %s: ratio %.2f\n", name.c_str(), median(ratios));
+  }
+  reportRatios("caller", name, ratios, aim);
+}
+
+void measureAlone(const std::string& directory) {
+  const auto rows = rowsOfRuns("stalled", kRuns, 9, {directory});
+  const std::vector<double> medians = mediansOf(rows);
   std::printf(
       "sendHit on the caller's thread, %zu calls while the server stalls, in us; medians of "
-      "%zu runs\n",
-      kCalls, kRuns);
-  std::printf("  %-36s %8s %8s %8s\n", "", "p50", "p99", "max");
-  std::printf("  %-36s %8.2f %8.2f %8.2f\n", "sendHit", row[0], row[1], row[2]);
-  std::printf("  %-36s %8.2f %8.2f %8.2f\n", "copy of a map of 7 and a locked push", row[3], row[4],
-              row[5]);
-  std::printf("  %-36s %8.2f %8.2f %8.2f\n", "ratio", median(ratiosOf(rows, 0, 3)),
-              median(ratiosOf(rows, 1, 4)), median(ratiosOf(rows, 2, 5)));
-  std::printf("  p99: %s\n", ratioText(ratiosOf(rows, 1, 4), {Aim::Kind::kBelow, 20}).c_str());
+      "%zu runs\n  %-44s %8s %8s %8s\n",
+      kCalls, kRuns, "", "p50", "p99", "max");
+  const char* const names[] = {"sendHit", "composing seven entries and a locked push",
+                               "composing five entries and a locked push"};
+  for (std::size_t side = 0; side < 3; ++side) {
+    std::printf("  %-44s %8.2f %8.2f %8.2f\n", names[side], medians[3 * side],
+                medians[3 * side + 1], medians[3 * side + 2]);
+  }
+  show("sendHit, p50 / seven entries and a locked push", ratiosOf(rows, 0, 3),
+       Aim{Aim::Kind::kAtMost, 2});
+  show("sendHit, p99 / seven entries and a locked push", ratiosOf(rows, 1, 4),
+       Aim{Aim::Kind::kAtMost, 5});
+  show("sendHit, max / seven entries and a locked push", ratiosOf(rows, 2, 5), std::nullopt);
+  // An audience hit has five of the seven.
+  show("sendHit, p50 / five entries and a locked push", ratiosOf(rows, 0, 6), std::nullopt);
+}
+
+void measureCrowd(const std::string& directory) {
+  struct Crowd {
+    const char* name;
+    std::size_t threads, taggers;
+    std::vector<double> rates, ratios;
+  };
+  std::vector<Crowd> crowds{{"one thread", 1, 1, {}, {}},
+                            {"eight threads, a tagger each", kThreads, kThreads, {}, {}},
+                            {"eight threads, one tagger", kThreads, 1, {}, {}}};
+  for (std::size_t run = 0; run < kRuns; ++run) {
+    // None of them always comes first.
+    for (std::size_t i = 0; i < crowds.size(); ++i) {
+      const std::size_t at = (run + i) % crowds.size();
+      const std::string place =
+          directory + "/crowd" + std::to_string(run) + "-" + std::to_string(at);
+      const auto rate = rowsOfRuns(
+          "crowd", 1, 1,
+          {place, std::to_string(crowds[at].threads), std::to_string(crowds[at].taggers)});
+      crowds[at].rates.push_back(rate.front().front());
+    }
+    for (Crowd& crowd : crowds) {
+      crowd.ratios.push_back(crowd.rates.back() / crowds.front().rates.back());
+    }
+  }
+  std::printf(
+      "%zu calls of sendHit while the server stalls, calls per second; medians of %zu runs\n",
+      kCrowdCalls, kRuns);
+  for (const Crowd& crowd : crowds) {
+    std::printf("  %-44s %8.0f\n", crowd.name, median(crowd.rates));
+  }
+  for (std::size_t i = 1; i < crowds.size(); ++i) {
+    show("rate of " + std::string(crowds[i].name) + " / of one thread", crowds[i].ratios,
+         Aim{Aim::Kind::kAtLeast, 1});
+  }
+}
+
+void measure(const std::string& directory) {
+  measureAlone(directory);
+  measureCrowd(directory);
 }
 
 }  // namespace
