@@ -62,6 +62,10 @@ TEST(AudienceTagger, ComposesAHit) {
     EXPECT_TRUE(std::regex_match(hit.at("n").toStdString(), std::regex("[0-9]{9}")));
   }
   EXPECT_NE(hits[0].at("n"), hits[1].at("n"));
+  // A hit starts from these, and has values of its own for all of them.
+  for (const auto& [key, value] : orbiqAgent::sharedAgent().defaultParametersForRequest()) {
+    EXPECT_EQ(hits[0].count(key), 1U) << key;
+  }
 }
 
 TEST(AudienceTagger, TheGateAsksTheCachedAccess) {
@@ -112,6 +116,10 @@ TEST(AudienceTagger, GuardedInsertion) {
   EXPECT_EQ(added("a\U0001F600b", "k", 3).at("k"), "a\U0001F600");
   EXPECT_EQ(added("a\U0001F600b", "k", 2).at("k"), "a");
   EXPECT_EQ(added("a\U0001F600b", "k", 4).at("k"), "a\U0001F600b");
+  EXPECT_EQ(added("\U0001F600", "k", 1).at("k"), "");
+  // Before and behind what is there.
+  EXPECT_EQ(added("new", "a", 0), (Parameters{{"a", "new"}, {"k", "old"}}));
+  EXPECT_EQ(added("new", "z", 0), (Parameters{{"k", "old"}, {"z", "new"}}));
   orbiqAudienceTagger::addParam_withKey_inDictionary("v", "k", nullptr);
 }
 

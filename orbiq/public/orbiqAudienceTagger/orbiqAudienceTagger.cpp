@@ -1,7 +1,9 @@
 #include "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
 
 #include <exception>
+#include <iterator>
 #include <limits>
+#include <string_view>
 #include <utility>
 
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
@@ -23,19 +25,29 @@ constinit orbiq::Mutex factoryLock;
 
 /// Texts that every hit has, shared by all of them. "on-ios" is what the servers know.
 struct ConstantTexts {
-  orbiq::String serialKey = "serial";
-  orbiq::String tagNameKey = "tn";
   orbiq::String tagName = "on-ios";
-  orbiq::String versionKey = "v";
   orbiq::String version = "1.0";
-  orbiq::String randomKey = "n";
-  orbiq::String deviceKey = "did";
 
   static const ConstantTexts& shared() {
     static const auto* const texts = new ConstantTexts();  // never destroyed
     return *texts;
   }
 };
+
+/// Finds the place at once if the key comes behind all others.
+void store(orbiq::Parameters& parameters, std::string_view key, orbiq::String value) {
+  auto place = parameters.end();
+  if (!parameters.empty() && std::prev(place)->first >= key) place = parameters.lower_bound(key);
+  if (place != parameters.end() && place->first == key) {
+    place->second = std::move(value);
+  } else {
+    parameters.emplace_hint(place, key, std::move(value));
+  }
+}
+
+void storeUnlessEmpty(orbiq::Parameters& parameters, std::string_view key, orbiq::String value) {
+  if (!value.isEmpty()) store(parameters, key, std::move(value));
+}
 
 }  // namespace
 
@@ -69,16 +81,14 @@ void orbiqAudienceTagger::sendHit() try {
     return;
   }
   const ConstantTexts& texts = ConstantTexts::shared();
-  // The tagger's "v" and "n" take the place of the defaults' on purpose.
-  orbiq::Parameters parameters = agent.defaultParametersForRequest();
-  addParam_withKey_inDictionary(_serial, texts.serialKey, &parameters);
-  addParam_withKey_inDictionary(texts.tagName, texts.tagNameKey, &parameters);
-  addParam_withKey_inDictionary(texts.version, texts.versionKey, &parameters);
-  addParam_withKey_inDictionary(orbiq::DeviceContext::nineRandomDigits(), texts.randomKey,
-                                &parameters);
-  if (useIDFA()) {
-    addParam_withKey_inDictionary(orbiqAgent::appleDID(), texts.deviceKey, &parameters);
-  }
+  // The agent's default parameters, "v" and "n", are not asked for: the tagger's own take their
+  // place on purpose. Stored in the order of the keys, as that is cheapest.
+  orbiq::Parameters parameters;
+  if (useIDFA()) storeUnlessEmpty(parameters, "did", orbiqAgent::appleDID());
+  store(parameters, "n", orbiq::DeviceContext::nineRandomDigits());
+  storeUnlessEmpty(parameters, "serial", _serial);
+  store(parameters, "tn", texts.tagName);
+  store(parameters, "v", texts.version);
   agent.addRequestToQueue(
       orbiqRequest::orbiqRequestWithParameters_withRequestType_forSendingMode_forSerial_forTagger(
           std::make_shared<const orbiq::Parameters>(std::move(parameters)),
@@ -98,5 +108,5 @@ void orbiqAudienceTagger::addParam_withKey_andLengthLimit_inDictionary(
     orbiq::Parameters* dictionary) {
   if (value.isEmpty() || key.isEmpty() || dictionary == nullptr) return;
   const bool isTooLong = limit != 0 && value.length() > limit;
-  dictionary->insert_or_assign(key.toStdString(), isTooLong ? value.prefix(limit) : value);
+  store(*dictionary, key.view(), isTooLong ? value.prefix(limit) : value);
 }

@@ -1,10 +1,13 @@
 #include "orbiq/services/platform/Random.h"
 
+#include <pthread.h>
 #include <sys/random.h>
 
 #include <array>
+#include <atomic>
 #include <cerrno>
 #include <cstddef>
+#include <cstring>
 #include <random>
 #include <span>
 
@@ -25,13 +28,35 @@ void fillRandom(std::span<unsigned char> bytes) {
   }
 }
 
+/// How often this process is a fork's child: what its parent had in store would come twice.
+std::atomic<std::uint32_t> forks{0};
+
+bool forksAreCounted() {
+  static const int error = pthread_atfork(
+      nullptr, nullptr, [] { forks.store(forks.load(std::memory_order_relaxed) + 1); });
+  return error == 0;
+}
+
+/// A thread's store: asking the kernel for one number costs more than composing a hit.
+struct Store {
+  std::array<unsigned char, 64 * sizeof(std::uint32_t)> bytes;
+  std::size_t left = 0;
+  std::uint32_t forks = 0;
+};
+
 }  // namespace
 
 std::uint32_t randomUint32() {
-  std::array<unsigned char, 4> bytes;
-  fillRandom(bytes);
+  thread_local constinit Store store{};
   std::uint32_t value = 0;
-  for (const unsigned char byte : bytes) value = value << 8 | byte;
+  const std::uint32_t now = forks.load(std::memory_order_relaxed);
+  if (store.left == 0 || store.forks != now) {
+    fillRandom(store.bytes);
+    store.left = forksAreCounted() ? store.bytes.size() : sizeof value;
+    store.forks = now;
+  }
+  store.left -= sizeof value;
+  std::memcpy(&value, store.bytes.data() + store.left, sizeof value);
   return value;
 }
 

@@ -5,7 +5,8 @@
 
 namespace orbiq {
 
-/// Uniform over all values, from the kernel's generator. Any thread.
+/// Uniform over all values, from the kernel's generator, of which each thread keeps some in store.
+/// A forked child draws numbers of its own. Any thread.
 std::uint32_t randomUint32();
 
 /// A random (version 4) UUID in upper case, 36 characters. Any thread.

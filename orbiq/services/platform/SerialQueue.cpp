@@ -26,6 +26,8 @@ struct SerialQueue::State {
   /// Somebody, normally the queue's thread, runs the tasks until there is none.
   bool attended ORBIQ_GUARDED_BY(condition) = false;
   bool closed ORBIQ_GUARDED_BY(condition) = false;
+  /// The queue's thread waits for a task, and nobody has signalled yet.
+  bool idle ORBIQ_GUARDED_BY(condition) = false;
 
   /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
   static bool attend(const std::shared_ptr<State>& state) ORBIQ_REQUIRES(state->condition) {
@@ -43,8 +45,11 @@ struct SerialQueue::State {
   bool take(Task& task, std::chrono::seconds idleTime) {
     const Lock lock(condition);
     while (tasks.empty()) {
-      const bool waited = closed || idleTime.count() == 0 || !condition.waitFor(idleTime);
-      if (waited && tasks.empty()) {
+      const bool waits = !closed && idleTime.count() != 0;
+      idle = waits;
+      const bool isOver = !waits || !condition.waitFor(idleTime);
+      idle = false;
+      if (isOver && tasks.empty()) {
         attended = false;
         return false;
       }
@@ -69,9 +74,18 @@ const std::string& SerialQueue::label() const { return _state->label; }
 
 void SerialQueue::async(std::function<void()> task) {
   if (inForkedChild()) return;
-  const Lock lock(_state->condition);
-  _state->tasks.push_back(std::move(task));
-  if (State::attend(_state)) _state->condition.signal();
+  std::shared_ptr<State> sleeper;
+  {
+    const Lock lock(_state->condition);
+    _state->tasks.push_back(std::move(task));
+    // A thread that is at work looks for further tasks by itself.
+    if (State::attend(_state) && _state->idle) {
+      _state->idle = false;
+      sleeper = _state;  // the task may destroy the queue before the signal
+    }
+  }
+  // Outside of the lock, or the thread would wake up only to wait for it.
+  if (sleeper) sleeper->condition.signal();
 }
 
 void SerialQueue::resume() {

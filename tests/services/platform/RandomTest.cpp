@@ -1,7 +1,11 @@
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
+#include <array>
 #include <regex>
 #include <set>
+#include <thread>
 
 #include "orbiq/services/platform/Random.h"
 
@@ -18,6 +22,30 @@ TEST(RandomTest, EveryBitTakesBothValues) {
   }
   EXPECT_EQ(everSet, 0xFFFFFFFFU);
   EXPECT_EQ(alwaysSet, 0U);
+}
+
+TEST(RandomTest, ThreadsAndForkedChildrenDrawNumbersOfTheirOwn) {
+  using Numbers = std::array<std::uint32_t, 4>;
+  const auto draw = [] {
+    return Numbers{randomUint32(), randomUint32(), randomUint32(), randomUint32()};
+  };
+  std::set<Numbers> seen{draw()};  // this thread has a store from now on
+  std::thread([&] { seen.insert(draw()); }).join();
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    const Numbers numbers = draw();
+    _exit(write(ends[1], &numbers, sizeof numbers) == sizeof numbers ? 0 : 1);
+  }
+  Numbers numbers{};
+  ASSERT_EQ(read(ends[0], &numbers, sizeof numbers), static_cast<ssize_t>(sizeof numbers));
+  waitpid(child, nullptr, 0);
+  close(ends[0]);
+  close(ends[1]);
+  seen.insert(numbers);
+  seen.insert(draw());
+  EXPECT_EQ(seen.size(), 4U);
 }
 
 TEST(RandomTest, UuidsAreDistinctAndOfVersionFour) {
