@@ -203,6 +203,29 @@ TEST_F(HttpClientTest, connectsAgainWhenTheServerHasHungUp) {
   }
 }
 
+// As when authorizations and hits take turns: no connection is kept, but both servers' sessions.
+TEST_F(HttpClientTest, goesOnWithTheTlsSessionsOfTwoServersInTurn) {
+  const CertificateAuthority authority;
+  const TlsIdentity one = authority.issue();
+  const TlsIdentity other = authority.issue();
+  const auto ok = [](const std::string&) { return answer(200, "x", "Connection: close\r\n"); };
+  const ScriptedServer servers[] = {ScriptedServer(ok, &one), ScriptedServer(ok, &other)};
+  const auto trusting = makeHttpClient(authority.bundle());
+  for (int turn = 0; turn < 3; ++turn) {
+    for (const ScriptedServer& server : servers) {
+      expectData(trusting->send(requestFor(server.url())), 200, "x");
+    }
+  }
+  for (const ScriptedServer& server : servers) {
+    EXPECT_EQ(server.connectionCount(), 3U);
+    EXPECT_EQ(server.resumedCount(), 2U);
+  }
+  // Another client, as another thread has, begins anew.
+  expectData(makeHttpClient(authority.bundle())->send(requestFor(servers[0].url())), 200, "x");
+  EXPECT_EQ(servers[0].connectionCount(), 4U);
+  EXPECT_EQ(servers[0].resumedCount(), 2U);
+}
+
 TEST_F(HttpClientTest, usesTheProxyOfTheEnvironmentAndAddsNothingForIt) {
   const ScriptedServer proxy([](const std::string&) { return answer(503, "proxy"); });
   for (const char* name : {"http_proxy", "https_proxy"}) setenv(name, proxy.url("").c_str(), 1);
