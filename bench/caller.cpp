@@ -1,5 +1,6 @@
 // How long `sendHit` keeps its caller while the server stalls, alone and among other callers.
 #include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <cstdio>
 #include <deque>
@@ -8,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <random>
+#include <stop_token>
 #include <string>
 #include <thread>
 #include <utility>
@@ -28,6 +30,7 @@ namespace steps = test::steps;
 
 constexpr std::size_t kRuns = 15;
 constexpr std::size_t kCalls = 2'000;
+constexpr std::size_t kRestedCalls = 300;
 constexpr std::size_t kThreads = 8;
 // Of all threads together; enough for the rate of a run to last for tens of milliseconds.
 constexpr std::size_t kCrowdCalls = 40'000;
@@ -68,6 +71,29 @@ class Baseline {
   std::deque<Dictionary> _queue;
 };
 
+/// The same, and a thread that sleeps until there is something to take.
+class SleepingTaker {
+ public:
+  void handOver(Dictionary dictionary) {
+    {
+      const std::lock_guard lock(_mutex);
+      _queue.push_back(std::move(dictionary));
+    }
+    _condition.notify_one();
+  }
+
+ private:
+  void takeAll(const std::stop_token& stop) {
+    std::unique_lock lock(_mutex);
+    while (_condition.wait(lock, stop, [this] { return !_queue.empty(); })) _queue.pop_front();
+  }
+
+  std::mutex _mutex;
+  std::condition_variable_any _condition;
+  std::deque<Dictionary> _queue;
+  std::jthread _thread{[this](const std::stop_token& stop) { takeAll(stop); }};
+};
+
 /// An application whose authorization server takes the first request and answers nothing.
 class StalledApplication {
  public:
@@ -105,6 +131,40 @@ int stalledRun(const std::vector<std::string>& arguments) {
   return 0;
 }
 
+/// Prints p50 and p99 of a `sendHit` that comes when all is sent and every thread sleeps, then of
+/// the baseline.
+int restedRun(const std::vector<std::string>& arguments) {
+  std::string hits;
+  const test::ScriptedServer server([&hits](const std::string& head) {
+    return test::answer(200, test::requestTarget(head).starts_with("/auth/")
+                                 ? "access=full|host=" + hits + "|cmsVI=7"
+                                 : "");
+  });
+  hits = server.url("/hit/");
+  describeApplication(server.url("/auth/"), arguments.at(1) + "/rested" + arguments.at(0));
+  const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial);
+  const auto rest = [] {
+    constexpr std::chrono::milliseconds kPause{1};
+    while (orbiqAgent::sharedAgent().statistics().pending != 0) std::this_thread::sleep_for(kPause);
+    std::this_thread::sleep_for(kPause);  // the last removal is being saved
+  };
+  tagger->sendHit();
+  Baseline baseline;
+  SleepingTaker taker;
+  std::vector<double> sends, handOvers;
+  for (std::size_t call = 0; call < kRestedCalls; ++call) {
+    rest();
+    sends.push_back(microseconds([&] { tagger->sendHit(); }));
+    rest();
+    handOvers.push_back(microseconds([&] { taker.handOver(baseline.streamingRequest()); }));
+  }
+  for (const std::vector<double>& side : {sends, handOvers}) {
+    std::printf("%f %f ", quantile(side, 0.5), quantile(side, 0.99));
+  }
+  std::printf("\n");
+  return 0;
+}
+
 /// Prints the hits per second of so many threads, with so many taggers among them.
 int crowdRun(const std::vector<std::string>& arguments) {
   const std::size_t threads = std::stoul(arguments.at(2));
@@ -136,6 +196,7 @@ int crowdRun(const std::vector<std::string>& arguments) {
 }
 
 const test::RoleRegistration kStalledRun("stalled", stalledRun);
+const test::RoleRegistration kRestedRun("rested", restedRun);
 const test::RoleRegistration kCrowdRun("crowd", crowdRun);
 
 void show(const std::string& name, const std::vector<double>& ratios, std::optional<Aim> aim) {
@@ -167,6 +228,20 @@ void measureAlone(const std::string& directory) {
   show("sendHit, max / seven entries and a locked push", ratiosOf(rows, 2, 5), std::nullopt);
   // An audience hit has five of the seven.
   show("sendHit, p50 / five entries and a locked push", ratiosOf(rows, 0, 6), std::nullopt);
+}
+
+void measureRested(const std::string& directory) {
+  const auto rows = rowsOfRuns("rested", kRuns, 4, {directory});
+  const std::vector<double> medians = mediansOf(rows);
+  std::printf("%zu calls of sendHit, each when all is sent and every thread sleeps, in us\n",
+              kRestedCalls);
+  std::printf("  %-44s %8s %8s\n", "", "p50", "p99");
+  std::printf("  %-44s %8.2f %8.2f\n", "sendHit", medians[0], medians[1]);
+  std::printf("  %-44s %8.2f %8.2f\n", "seven entries and waking a thread", medians[2], medians[3]);
+  show("sendHit at rest, p50 / seven entries and waking a thread", ratiosOf(rows, 0, 2),
+       std::nullopt);
+  show("sendHit at rest, p99 / seven entries and waking a thread", ratiosOf(rows, 1, 3),
+       std::nullopt);
 }
 
 void measureCrowd(const std::string& directory) {
@@ -207,6 +282,7 @@ void measureCrowd(const std::string& directory) {
 
 void measure(const std::string& directory) {
   measureAlone(directory);
+  measureRested(directory);
   measureCrowd(directory);
 }
 
