@@ -93,9 +93,6 @@ class ORBIQ_EXPORT orbiqAgent {
   static bool isForkedAway();
 
  private:
-  // The queue may not reach this length.
-  static constexpr std::size_t kQueueBound = 501;
-
   /// An error of the agent's own domain, or of another one.
   struct Error {
     std::string domain;

@@ -8,6 +8,7 @@
 
 #include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqAgent/SendingRules.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
@@ -93,7 +94,7 @@ void orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) {
     if (request->shouldRenewSessionAfter()) renewSession(*request);
   }
   requestQueue.push_back(request);
-  if (requestQueue.size() >= kQueueBound) {
+  if (requestQueue.size() >= orbiq::SendingRules::kQueueBound) {
     if (!isMarker(*requestQueue.front())) ledger->countFate(orbiq::HitFate::PushedOut);
     requestQueue.pop_front();
   }
@@ -118,7 +119,7 @@ void orbiqAgent::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& req
 
 void orbiqAgent::discardAudienceRequests(orbiq::HitFate fate) {
   std::erase_if(requestQueue, [&](const std::shared_ptr<orbiqRequest>& request) {
-    if (request->requestType() != orbiq::RequestTypeAudience) return false;
+    if (!orbiq::SendingRules::isDroppedLate(request->requestType())) return false;
     if (!isMarker(*request)) ledger->countFate(fate);
     return true;
   });

@@ -1,22 +1,22 @@
 // The agent's sending loop.
 #include <algorithm>
-#include <cmath>
-#include <cstddef>
 #include <exception>
+#include <optional>
 #include <string>
 
 #include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqAgent/SendingRules.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/Ask.h"
-#include "orbiq/services/platform/Calendar.h"
 #include "orbiq/services/platform/Platform.h"
 
 using orbiq::ask;
 using orbiq::HitFate;
+namespace SendingRules = orbiq::SendingRules;
 
 namespace {
 
@@ -26,11 +26,6 @@ constexpr char kHttpErrorDomain[] = "http";
 constexpr std::int64_t kNotReachable = 1;
 constexpr std::int64_t kNotAllowed = 2;
 constexpr std::int64_t kNoResponse = 3;
-
-constexpr double kSecondsBeforeRetry = 60.0;
-constexpr double kValiditySlackSeconds = 5.0;
-constexpr std::intptr_t kHourLimit = 3;
-constexpr int kStatusOk = 200;
 
 void logAbout(const orbiqRequest& request, const char* what, orbiq::LoggingMode mode) {
   orbiqLogger::log_withMode([&] { return "Request " + request.description() + what; }, mode);
@@ -88,10 +83,7 @@ void orbiqAgent::waitForHead() {
 
 bool orbiqAgent::headIsDue() const {
   if (requestQueue.empty() || !isReachable()) return false;
-  const std::optional<orbiq::Date> lastFail = requestQueue.front()->lastFail();
-  // Asked this way round, a date that is no number does not hold the queue up for ever.
-  return !lastFail ||
-         !(std::abs(lastFail->secondsSince(orbiq::Platform::now())) < kSecondsBeforeRetry);
+  return SendingRules::isDue(requestQueue.front()->lastFail(), orbiq::Platform::now());
 }
 
 void orbiqAgent::handleHead() {
@@ -116,7 +108,8 @@ void orbiqAgent::handleHead() {
   if (result.error && result.error->keepsRequest()) {
     logAbout(*head, " handling resulted in a timeout or lack of connection",
              orbiq::LoggingModeWarning);
-    if (requestQueue.size() >= kQueueBound) removeRequestFromQueue(head, HitFate::PushedOut);
+    if (requestQueue.size() >= SendingRules::kQueueBound)
+      removeRequestFromQueue(head, HitFate::PushedOut);
     return;
   }
   logAbout(*head, " handling done", orbiq::LoggingModeInfo);
@@ -138,7 +131,8 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
   request->setStatus(orbiq::RequestStatusSending);
   if (!isReachable()) return {Error{kErrorDomain, kNotReachable}, std::nullopt, {}};
 
-  if (request->requestType() == orbiq::RequestTypeAudience || !request->auth()) {
+  const bool hasItsOwn = request->auth() != nullptr;
+  if (SendingRules::takesCachedAuthorization(request->requestType(), hasItsOwn)) {
     request->setAuth(orbiqAuthManager::manager().authForTagger(request->taggerID()));
   }
   const auto access = ask(request->auth(), &orbiqAuth::currentAccess);
@@ -159,35 +153,28 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
 orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& url) {
   const orbiq::HttpResult result =
       orbiq::Platform::httpClient().send({url, userAgent(), orbiq::Platform::current().hitTimeout});
-  if (result.response && result.response->status == kStatusOk) {
+  const std::optional<HitFate> fate = SendingRules::fateAfter(
+      result.response ? std::optional(result.response->status) : std::nullopt);
+  if (fate == HitFate::Sent) {
     logAbout(request, " sent", orbiq::LoggingModeInfo);
     if (request.requestType() == orbiq::RequestTypeAudience) {
       orbiqAuthManager::manager().hitSuccessfullySentForTagger(request.taggerID());
     }
-    return {std::nullopt, HitFate::Sent, {}};
+    return {std::nullopt, fate, {}};
   }
-  if (!result.response) {
+  if (!fate) {
     recordFailure(request);
     return {Error{kErrorDomain, kNoResponse}, std::nullopt,
             url.text() + ": " + (result.error ? result.error->text : "no response")};
   }
   Attempt answered{
-      std::nullopt, HitFate::AnsweredWithAnotherStatus,
+      std::nullopt, fate,
       url.text() + ": answered with status " + std::to_string(result.response->status)};
   if (result.error) answered.error = Error{kHttpErrorDomain, result.error->code};
   return answered;
 }
 
 bool orbiqAgent::isTheRequestValid(const orbiqRequest& request) const {
-  if (!request.creationDate()) return true;
-  const double offset = timeIntervalBetweenServerAndDevice();
-  const orbiq::Date now = orbiq::Platform::now().adding(offset);
-  const orbiq::Date created = request.creationDate()->adding(offset);
-  if (created.secondsSince(now) <= kValiditySlackSeconds) return true;
-
-  const auto today = orbiq::CalendarComponents::dayOf(now);
-  if (today.isSameDayAs(orbiq::CalendarComponents::dayOf(created))) return true;
-  // The hour is read from components that were taken without one, so this is never true. It is
-  // meant.
-  return today.isSameDayAs(orbiq::CalendarComponents::dayAfter(created)) && today.hour < kHourLimit;
+  return SendingRules::isValid(request.creationDate(), orbiq::Platform::now(),
+                               timeIntervalBetweenServerAndDevice());
 }

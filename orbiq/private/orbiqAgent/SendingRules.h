@@ -1,0 +1,36 @@
+#pragma once
+
+#include <cstddef>
+#include <optional>
+
+#include "orbiq/private/orbiqAgent/HitLedger.h"
+#include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/Enumerations.h"
+
+/// What the agent decides by, without its queue and its locks. Whoever has a model of the agent
+/// decides by the same.
+namespace orbiq::SendingRules {
+
+/// The queue may not reach this length.
+inline constexpr std::size_t kQueueBound = 501;
+
+/// Whether a head that failed then, or never, may be tried now.
+bool isDue(const std::optional<Date>& lastFail, const Date& now);
+
+/// False for a request that was created on a later day; true for one without a creation date. The
+/// moments are the device's, the offset is the authorization server's clock minus the device's.
+bool isValid(const std::optional<Date>& creationDate, const Date& now, double offset);
+
+/// Whether such a request is dropped at the start and when the network comes back.
+constexpr bool isDroppedLate(RequestType type) { return type == RequestTypeAudience; }
+
+/// Whether the request takes the cached authorization, which is fetched if there is none, or goes
+/// with its own.
+constexpr bool takesCachedAuthorization(RequestType type, bool hasItsOwn) {
+  return type == RequestTypeAudience || !hasItsOwn;
+}
+
+/// What becomes of a hit that was answered with this status; without an answer it stays.
+std::optional<HitFate> fateAfter(std::optional<int> status);
+
+}  // namespace orbiq::SendingRules
