@@ -116,14 +116,18 @@ std::vector<Scenario> scenariosOf(const Options& options) {
   };
 }
 
-void writeSeries(const std::string& path, const ScenarioServers& servers) {
+void writeSeries(const std::string& path, const Scenario& scenario,
+                 const ScenarioServers& servers) {
   std::ofstream file(path);
-  file << "second,authorizations,authorizations_answered,hits,hits_answered\n";
+  file << "second,authorizations,authorizations_answered,hits,hits_answered,outage,loss,restarts\n";
   const Load& authorizations = servers.authorizations();
   const Load& hits = servers.hits();
-  for (std::size_t second = 0; second < hits.asked.size(); ++second) {
+  for (std::uint32_t second = 0; second < hits.asked.size(); ++second) {
+    const Moment now = second * kSecond;
     file << second << ',' << authorizations.asked[second] << ',' << authorizations.answered[second]
-         << ',' << hits.asked[second] << ',' << hits.answered[second] << '\n';
+         << ',' << hits.asked[second] << ',' << hits.answered[second] << ','
+         << scenario.outage.holds(now) << ',' << scenario.loss.holds(now) << ','
+         << scenario.restarts.holds(now) << '\n';
   }
   file.flush();
   if (!file) throw std::runtime_error("cannot write " + path);
@@ -154,13 +158,17 @@ void printLoad(const std::string& label, const char* server, const Load& load,
   const double steady = steadyPerClient * clients;
   const double peak = load.peak();
   const auto at = std::max_element(load.asked.begin(), load.asked.end()) - load.asked.begin();
-  const double ratio = peak / steady;
-  std::printf("    %-16s %12.3f %10.0f %8lld %12.1f\n", server, steady, peak,
-              static_cast<long long>(at), ratio);
-  report({"fleet", label + " / " + server + ", peak per steady mean", ratio, "", {}, ratio, ratio});
+  std::printf("    %-16s %12.3f %10.0f %8lld", server, steady, peak, static_cast<long long>(at));
+  if (steady > 0) {
+    const double ratio = peak / steady;
+    std::printf(" %12.1f\n", ratio);
+    report({"fleet", label + " / " + server + ", peak to mean", ratio, "", {}, ratio, ratio});
+  } else {
+    std::printf(" %12s\n", "-");
+  }
 }
 
-/// With the calendar it is the whole simulation; what it prints depends on the seed alone.
+/// The same options print the same.
 Steady simulate(const Scenario& scenario, std::uint32_t clients, const Options& options,
                 const Steady* steady) {
   ScenarioServers servers(scenario, options.servers, options.seconds);
@@ -172,7 +180,7 @@ Steady simulate(const Scenario& scenario, std::uint32_t clients, const Options& 
   const double count = clients;
   const Steady found{servers.authorizations().mean() / count, servers.hits().mean() / count};
   writeSeries(options.output + "/" + scenario.name + "-" + std::to_string(clients) + ".csv",
-              servers);
+              scenario, servers);
   const std::string label =
       scenario.name + ", " + std::to_string(clients) + (clients == 1 ? " client" : " clients");
   std::printf("  %-18s %12s %10s %8s %12s\n", label.c_str(), "steady/s", "peak/s", "at s",

@@ -12,6 +12,7 @@
 #include "bench/fleet/Fleet.h"
 #include "bench/fleet/Scenario.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqAgent/SendingRules.h"
 #include "orbiq/services/platform/Paths.h"
 #include "tests/support/Application.h"
 
@@ -147,7 +148,7 @@ struct Behaving final : bench::Servers {
 };
 
 /// The agent with a server on loopback, and a model of it; whatever is done is done to both.
-class SideBySide : public testing::TestWithParam<std::uint64_t> {
+class SideBySide : public testing::Test {
  protected:
   SideBySide() {
     server.answerAuthorizations([this](const std::string&) {
@@ -239,12 +240,12 @@ class SideBySide : public testing::TestWithParam<std::uint64_t> {
     EXPECT_EQ(server.requestLines("/auth/").size(), modelServers.authorizations);
     EXPECT_EQ(agentHits, modelServers.hits);
     const std::uint64_t pending = client.queued - (client.hasMarker ? 1U : 0U);
-    EXPECT_EQ(
-        counts(orbiqAgent::sharedAgent().statistics()),
-        (std::vector<std::uint64_t>{accounts.accepted, accounts.of(HitFate::Sent), 0,
-                                    accounts.of(HitFate::AnsweredWithAnotherStatus), 0, 0,
-                                    accounts.of(HitFate::DiscardedAtStart),
-                                    accounts.of(HitFate::DiscardedAtNetworkReturn), pending}));
+    EXPECT_EQ(counts(orbiqAgent::sharedAgent().statistics()),
+              (std::vector<std::uint64_t>{
+                  accounts.accepted, accounts.of(HitFate::Sent), 0,
+                  accounts.of(HitFate::AnsweredWithAnotherStatus), 0,
+                  accounts.of(HitFate::PushedOut), accounts.of(HitFate::DiscardedAtStart),
+                  accounts.of(HitFate::DiscardedAtNetworkReturn), pending}));
   }
 
   AccountServer server;
@@ -264,7 +265,9 @@ class SideBySide : public testing::TestWithParam<std::uint64_t> {
   std::set<Moment> failures;
 };
 
-TEST_P(SideBySide, ModelAndAgentDoTheSame) {
+class SideBySideAtRandom : public SideBySide, public testing::WithParamInterface<std::uint64_t> {};
+
+TEST_P(SideBySideAtRandom, ModelAndAgentDoTheSame) {
   bench::Random random(GetParam());
   const auto upTo = [&](std::uint32_t most) {
     return 1 + static_cast<std::uint32_t>(random.next() % most);
@@ -293,7 +296,23 @@ TEST_P(SideBySide, ModelAndAgentDoTheSame) {
   }
 }
 
-INSTANTIATE_TEST_SUITE_P(Fleet, SideBySide, testing::Range<std::uint64_t>(0, 12));
+INSTANTIATE_TEST_SUITE_P(Fleet, SideBySideAtRandom, testing::Range<std::uint64_t>(0, 12));
+
+TEST_F(SideBySide, AFullQueueIsTriedAtEachAddition) {
+  behave(true, 0);
+  start();
+  compare();
+  while (client.queued < SendingRules::kQueueBound - 1) add(Kind::Audience, false);
+  compare();
+  const std::size_t before = failures.size();
+  for (int i = 0; i < 6 && !HasFailure(); ++i) {
+    advance(1);
+    add(Kind::Streaming, false);
+    compare();
+  }
+  // Once it was the marker that made room.
+  EXPECT_EQ(failures.size(), before + 5);
+}
 
 }  // namespace
 }  // namespace orbiq::test
