@@ -221,10 +221,11 @@ class SideBySide : public testing::Test {
     hadMarker = client.hasMarker;
   }
 
-  std::uint64_t queueChanges() const {
+  std::size_t queueChanges() const {
     const bench::Accounts& accounts = model.accounts();
-    return additions + markersHandled + accounts.of(HitFate::Sent) +
-           accounts.of(HitFate::AnsweredWithAnotherStatus);
+    return additions + markersHandled +
+           static_cast<std::size_t>(accounts.of(HitFate::Sent) +
+                                    accounts.of(HitFate::AnsweredWithAnotherStatus));
   }
   /// Waits for what the model says that the agent logs. A signal that does nothing is not awaited.
   void await() {
@@ -259,8 +260,8 @@ class SideBySide : public testing::Test {
   bench::AgentModel model{modelServers};
   Client client;
   Moment now = 0;
-  std::uint64_t additions = 0;
-  std::uint64_t markersHandled = 0;
+  std::size_t additions = 0;
+  std::size_t markersHandled = 0;
   bool hadMarker = false;
   std::set<Moment> failures;
 };
