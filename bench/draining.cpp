@@ -117,7 +117,7 @@ class Agent {
     fillQueue();
     const std::string path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
     std::filesystem::copy_file(path, _fullQueue);
-    const std::string emptyQueue(KeyedArchiver().finish().all);
+    const std::string emptyQueue(requestArchiver().finish().all);
     _server.expectHits(std::int64_t{kHits});
     setReachable(true);
     const double time = microseconds([&] {
