@@ -33,7 +33,7 @@ namespace {
 constexpr std::size_t kRuns = 15;
 constexpr std::size_t kHits = 500;
 /// Of the bare loop's rate.
-constexpr double kAim = 0.6;
+constexpr double kAim = 0.85;
 constexpr std::chrono::minutes kGiveUp{2};
 constexpr char kSerial[] = "241041208600";
 constexpr char kHttp[] = "http";
