@@ -1,0 +1,51 @@
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <utility>
+
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
+
+namespace orbiq::bench {
+
+/// Requests as the queue holds them: texts, identity, session and access are shared, authorizations
+/// copied.
+class Requests {
+ public:
+  std::shared_ptr<orbiqRequest> next() {
+    const std::uint64_t number = _count++;
+    const bool isStreaming = number % 2 == 1;
+    Parameters parameters{{"n", std::to_string(100'000'000 + number * 104'729)},
+                          {"serial", _serial},
+                          {"tn", _tagName},
+                          {"v", _version},
+                          {"did", "6D92078A-8246-4BA4-AE5B-" + std::to_string(number)}};
+    if (isStreaming) {
+      parameters.emplace("cmsPS", "2");
+      parameters.emplace("cmsRK", std::to_string(number));
+    }
+    auto request =
+        std::make_shared<orbiqRequest>(std::make_shared<const Parameters>(std::move(parameters)),
+                                       isStreaming ? RequestTypeStreaming : RequestTypeAudience,
+                                       SendingModeHost, _serial, isStreaming ? _stream : _audience);
+    request->setAuth(_auth->copy());
+    return request;
+  }
+
+ private:
+  std::uint64_t _count = 0;
+  const String _serial = "241041208600";
+  const String _tagName = "on-ios";
+  const String _version = "1.0";
+  const std::shared_ptr<orbiqTaggerID> _audience =
+      std::make_shared<orbiqTaggerID>(_serial, INTPTR_MAX, false);
+  const std::shared_ptr<orbiqTaggerID> _stream = std::make_shared<orbiqTaggerID>(_serial, 3, true);
+  const std::shared_ptr<orbiqAuth> _auth = orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
+      orbiqSession::orbiqSessionWithSerial_withCmsVI(_serial, "2817404411"),
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
+          _serial, AccessModeFull, "https://hits.example/audience/collect/"),
+      false);
+};
+
+}  // namespace orbiq::bench
