@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -116,6 +117,10 @@ class ORBIQ_EXPORT orbiqAgent {
   void loadRequests() ORBIQ_REQUIRES(requestsProtector);
   void saveRequests() ORBIQ_REQUIRES(requestsProtector);
   void append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
+  void enqueue(std::shared_ptr<orbiqRequest> request) ORBIQ_REQUIRES(requestsProtector);
+  void dequeue() ORBIQ_REQUIRES(requestsProtector);
+  std::size_t removeIf(const std::function<bool(const orbiqRequest&)>& isUnwanted)
+      ORBIQ_REQUIRES(requestsProtector);
   void removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
                               std::optional<orbiq::HitFate> fate) ORBIQ_REQUIRES(requestsProtector);
   void discardAudienceRequests(orbiq::HitFate fate) ORBIQ_REQUIRES(requestsProtector);
@@ -143,6 +148,8 @@ class ORBIQ_EXPORT orbiqAgent {
   // Fair, so that additions get in between two sends of a long queue.
   orbiq::FairCondition requestsProtector;
   std::deque<std::shared_ptr<orbiqRequest>> requestQueue ORBIQ_GUARDED_BY(requestsProtector);
+  // In the queue. Counted, so that an addition need not look through it.
+  std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
   // These two by pointer: applications include this header, and not theirs.
   std::unique_ptr<orbiq::RequestsFile> requestsFile ORBIQ_GUARDED_BY(requestsProtector);
   std::unique_ptr<orbiq::HitLedger> ledger;

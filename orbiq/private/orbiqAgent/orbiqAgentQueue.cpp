@@ -50,13 +50,13 @@ orbiq::String orbiqAgent::requestsFilePath() const {
 
 void orbiqAgent::loadRequests() {
   orbiqLogger::log_withMode("Loading requests from cache", orbiq::LoggingModeInfo);
-  requestQueue = requestsFile->load(requestsFilePath().toStdString());
-  ledger->countAccepted(static_cast<std::uint64_t>(std::count_if(
-      requestQueue.begin(), requestQueue.end(),
-      [](const std::shared_ptr<orbiqRequest>& request) { return !isMarker(*request); })));
+  for (const auto& request : requestsFile->load(requestsFilePath().toStdString())) {
+    if (!isMarker(*request)) ledger->countAccepted();
+    enqueue(request);
+  }
   // Audience requests of an earlier process are not sent late. That is meant.
   discardAudienceRequests(orbiq::HitFate::DiscardedAtStart);
-  if (!requestQueue.empty()) requestQueue.push_back(std::make_shared<orbiqClearCache>());
+  if (!requestQueue.empty()) enqueue(std::make_shared<orbiqClearCache>());
 }
 
 void orbiqAgent::saveRequests() {
@@ -85,19 +85,42 @@ void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
 }
 
 void orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) {
-  const orbiqClearCache anyMarker;
-  const bool clearIsPending =
-      std::any_of(requestQueue.begin(), requestQueue.end(),
-                  [&](const auto& queued) { return queued->isEqual(&anyMarker); });
-  if (!clearIsPending) {
+  if (pendingMarkers == 0) {
     request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
     if (request->shouldRenewSessionAfter()) renewSession(*request);
   }
-  requestQueue.push_back(request);
+  enqueue(request);
   if (requestQueue.size() >= orbiq::SendingRules::kQueueBound) {
     if (!isMarker(*requestQueue.front())) ledger->countFate(orbiq::HitFate::PushedOut);
-    requestQueue.pop_front();
+    dequeue();
   }
+}
+
+void orbiqAgent::enqueue(std::shared_ptr<orbiqRequest> request) {
+  const bool isOneMore = isMarker(*request);
+  requestQueue.push_back(std::move(request));
+  if (isOneMore) ++pendingMarkers;
+}
+
+void orbiqAgent::dequeue() {
+  if (isMarker(*requestQueue.front())) --pendingMarkers;
+  requestQueue.pop_front();
+}
+
+std::size_t orbiqAgent::removeIf(const std::function<bool(const orbiqRequest&)>& isUnwanted) {
+  const std::size_t before = requestQueue.size();
+  // Nearly always it is the head alone, for which the others need not be moved up.
+  while (!requestQueue.empty() && isUnwanted(*requestQueue.front())) dequeue();
+  std::size_t markers = 0;
+  const auto keptEnd = std::remove_if(requestQueue.begin(), requestQueue.end(),
+                                      [&](const std::shared_ptr<orbiqRequest>& request) {
+                                        const bool goes = isUnwanted(*request);
+                                        if (goes && isMarker(*request)) ++markers;
+                                        return goes;
+                                      });
+  pendingMarkers -= markers;
+  for (auto left = requestQueue.end() - keptEnd; left > 0; --left) requestQueue.pop_back();
+  return before - requestQueue.size();
 }
 
 void orbiqAgent::renewSession(const orbiqRequest& request) {
@@ -109,18 +132,17 @@ void orbiqAgent::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& req
                                         std::optional<orbiq::HitFate> fate) {
   if (!request) return;
   orbiqLogger::log_withMode("Removing request from queue", orbiq::LoggingModeInfo);
-  const std::size_t removed = std::erase_if(
-      requestQueue,
-      [&](const std::shared_ptr<orbiqRequest>& queued) { return request->isEqual(queued.get()); });
+  const std::size_t removed =
+      removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); });
   for (std::size_t i = 0; fate && i < removed; ++i) ledger->countFate(*fate);
   saveRequests();
   logQueueLength(requestQueue.size());
 }
 
 void orbiqAgent::discardAudienceRequests(orbiq::HitFate fate) {
-  std::erase_if(requestQueue, [&](const std::shared_ptr<orbiqRequest>& request) {
-    if (!orbiq::SendingRules::isDroppedLate(request->requestType())) return false;
-    if (!isMarker(*request)) ledger->countFate(fate);
+  removeIf([&](const orbiqRequest& request) {
+    if (!orbiq::SendingRules::isDroppedLate(request.requestType())) return false;
+    if (!isMarker(request)) ledger->countFate(fate);
     return true;
   });
 }

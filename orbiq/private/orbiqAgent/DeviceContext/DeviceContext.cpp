@@ -2,7 +2,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
@@ -87,10 +86,9 @@ GraphicsFloat DeviceContext::screenDiagonal() {
 }
 
 String DeviceContext::nineRandomDigits() {
-  char digits[16];
-  std::snprintf(digits, sizeof digits, "%09u",
-                static_cast<unsigned>(randomUint32() % 1'000'000'000U));
-  return digits;
+  constexpr std::uint32_t kBillion = 1'000'000'000;
+  // The one in front keeps the zeros behind it.
+  return std::to_string(kBillion + randomUint32() % kBillion).substr(1);
 }
 
 }  // namespace orbiq
