@@ -30,7 +30,7 @@ std::vector<Parameters> queuedParameters(Application& application, std::size_t h
 TEST(AudienceTagger, ComposesAHit) {
   String identifier = "AD-1";
   Application application(kNoServer, [&](HostDescription& host, Platform&) {
-    host.advertisingIdentifier = [&] { return identifier; };
+    host.advertisingIdentifier = [&] { return String(identifier.toStdString()); };
   });
   const auto tagger = Application::tagger("ABC");
   EXPECT_TRUE(tagger->useIDFA());
@@ -45,26 +45,28 @@ TEST(AudienceTagger, ComposesAHit) {
   tagger->setUseIDFA(false);
   tagger->sendHit();
   Application::tagger("")->sendHit();
+  Application::tagger("DEF")->sendHit();
 
-  const auto hits = queuedParameters(application, 4);
-  ASSERT_EQ(hits.size(), 4U);
+  const auto hits = queuedParameters(application, 5);
+  ASSERT_EQ(hits.size(), 5U);
   const auto with = [&](std::size_t hit, Parameters rest) {
-    rest["n"] = hits[hit].at("n");
-    rest["tn"] = "on-ios";
-    rest["v"] = "1.0";
+    rest.emplace("n", hits[hit].at("n"));
+    rest.emplace("tn", "on-ios");
+    rest.emplace("v", "1.0");
     return rest;
   };
   EXPECT_EQ(hits[0], with(0, {{"serial", "ABC"}, {"did", "AD-1"}}));
   EXPECT_EQ(hits[1], with(1, {{"serial", "ABC"}}));
   EXPECT_EQ(hits[2], with(2, {{"serial", "ABC"}}));
   EXPECT_EQ(hits[3], with(3, {{"did", "AD-2"}}));
+  EXPECT_TRUE(hits[4].at("did").isSameObjectAs(hits[3].at("did"))) << "saved twice";
   for (const Parameters& hit : hits) {
     EXPECT_TRUE(std::regex_match(hit.at("n").toStdString(), std::regex("[0-9]{9}")));
   }
   EXPECT_NE(hits[0].at("n"), hits[1].at("n"));
   // A hit starts from these, and has values of its own for all of them.
   for (const auto& [key, value] : orbiqAgent::sharedAgent().defaultParametersForRequest()) {
-    EXPECT_EQ(hits[0].count(key), 1U) << key;
+    EXPECT_TRUE(hits[0].contains(key.view())) << key.view();
   }
 }
 

@@ -29,7 +29,9 @@ std::shared_ptr<const orbiqRequest> sampleRequest(bool isStreaming, bool hasDevi
   Parameters parameters;
   for (const char* const key : {"serial", "tn", "v", "n"}) parameters.emplace(key, "");
   if (hasDevice) parameters.emplace("did", "");
-  if (isStreaming) parameters.insert({{"cmsPS", ""}, {"cmsRK", ""}});
+  if (isStreaming) {
+    for (const char* const key : {"cmsPS", "cmsRK"}) parameters.emplace(key, "");
+  }
   auto request = std::make_shared<orbiqRequest>(
       std::make_shared<const Parameters>(std::move(parameters)), RequestTypeStreaming,
       SendingModeHost, String(), std::make_shared<orbiqTaggerID>(String(), 0, false));

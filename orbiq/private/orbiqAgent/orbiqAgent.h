@@ -116,6 +116,7 @@ class ORBIQ_EXPORT orbiqAgent {
   // The queue.
   void loadRequests() ORBIQ_REQUIRES(requestsProtector);
   void saveRequests() ORBIQ_REQUIRES(requestsProtector);
+  void rest();
   void append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void enqueue(std::shared_ptr<orbiqRequest> request) ORBIQ_REQUIRES(requestsProtector);
   void dequeue() ORBIQ_REQUIRES(requestsProtector);
@@ -154,7 +155,7 @@ class ORBIQ_EXPORT orbiqAgent {
   std::unique_ptr<orbiq::RequestsFile> requestsFile ORBIQ_GUARDED_BY(requestsProtector);
   std::unique_ptr<orbiq::HitLedger> ledger;
   orbiq::SerialQueue requestSender{"orbiqRequestSender"};
-  orbiq::SerialQueue requestHandler{"orbiqRequestHandler"};
+  orbiq::SerialQueue requestHandler{"orbiqRequestHandler", [this] { rest(); }};
   orbiq::Mutex partialIDLocker;
   std::int64_t _partialID ORBIQ_GUARDED_BY(partialIDLocker) = 0;
 };

@@ -64,6 +64,11 @@ void orbiqAgent::saveRequests() {
   requestsFile->save(requestsPath(), requestQueue);
 }
 
+void orbiqAgent::rest() {
+  const orbiq::Lock lock(requestsProtector);
+  requestsFile->rest();
+}
+
 void orbiqAgent::countRefusedHit() {
   ledger->countAccepted();
   ledger->countFate(orbiq::HitFate::Refused);

@@ -77,6 +77,7 @@ void orbiqAgent::waitForHead() {
         requestQueue.begin(), requestQueue.end(),
         [](const auto& request) { return request->requestType() != orbiq::RequestTypeAudience; });
     if (streamingIsPending) requestsFile->sync(requestsFilePath().toStdString());
+    if (requestQueue.empty()) requestsFile->rest();
     requestsProtector.wait();
   }
 }

@@ -39,7 +39,7 @@ std::uintptr_t hashOfParameters(const orbiq::SharedParameters& parameters) {
   if (!parameters) return 0;
   std::uintptr_t result = 1;
   for (const auto& [key, value] : *parameters) {
-    result = foldHash(result, std::hash<std::string>()(key));
+    result = foldHash(result, key.hash());
     result = foldHash(result, value.hash());
   }
   return result;
@@ -57,7 +57,7 @@ std::string describeParameters(const orbiq::SharedParameters& parameters) {
   if (!parameters) return "(null)";
   std::string text = "{\n";
   for (const auto& [key, value] : *parameters) {
-    text.append("    ").append(key).append(" = ").append(value.description()).append(";\n");
+    text.append("    ").append(key.view()).append(" = ").append(value.description()).append(";\n");
   }
   return text + "}";
 }

@@ -19,7 +19,7 @@ constexpr std::string_view kRankKey = "cmsRK";
 std::int64_t integerValue(const orbiq::Parameters& parameters, std::string_view key) {
   const auto found = parameters.find(key);
   if (found == parameters.end()) return 0;
-  std::string_view text = found->second.view();
+  std::string_view text = found->value.view();
   text.remove_prefix(std::min(text.find_first_not_of(" \t\n\v\f\r"), text.size()));
   if (text.starts_with('+') && !text.starts_with("+-")) text.remove_prefix(1);
   std::int64_t number = 0;
@@ -30,10 +30,6 @@ std::int64_t integerValue(const orbiq::Parameters& parameters, std::string_view 
 
 std::int64_t nextRank(std::int64_t rank) {
   return static_cast<std::int64_t>(static_cast<std::uint64_t>(rank) + 1);
-}
-
-void set(orbiq::Parameters& parameters, std::string_view key, orbiq::String value) {
-  parameters.insert_or_assign(std::string(key), std::move(value));
 }
 
 }  // namespace
@@ -55,8 +51,8 @@ std::optional<orbiq::Url> orbiqRequest::url() const {
 void orbiqRequest::transformToStop() {
   if (!_parameters) return;
   orbiq::Parameters stop = *_parameters;
-  set(stop, kStateKey, kStoppedState);
-  set(stop, kRankKey, std::to_string(nextRank(integerValue(stop, kRankKey))));
+  stop.insert_or_assign(kStateKey, kStoppedState);
+  stop.insert_or_assign(kRankKey, std::to_string(nextRank(integerValue(stop, kRankKey))));
   _parameters = std::make_shared<const orbiq::Parameters>(std::move(stop));
   changed();
 }
@@ -64,7 +60,7 @@ void orbiqRequest::transformToStop() {
 void orbiqRequest::setTheRank(std::int64_t rank) {
   if (!_parameters) return;
   orbiq::Parameters ranked = *_parameters;
-  set(ranked, kRankKey, std::to_string(rank));
+  ranked.insert_or_assign(kRankKey, std::to_string(rank));
   _parameters = std::make_shared<const orbiq::Parameters>(std::move(ranked));
   changed();
 }

@@ -1,9 +1,7 @@
 #include "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
 
 #include <exception>
-#include <iterator>
 #include <limits>
-#include <string_view>
 #include <utility>
 
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
@@ -23,31 +21,21 @@ constexpr std::intptr_t kAudiencePartialID = std::numeric_limits<std::intptr_t>:
 
 constinit orbiq::Mutex factoryLock;
 
-/// Texts that every hit has, shared by all of them. "on-ios" is what the servers know.
+/// Texts that every hit has. "on-ios" is what the servers know.
 struct ConstantTexts {
-  orbiq::String tagName = "on-ios";
-  orbiq::String version = "1.0";
+  orbiq::String didKey = orbiq::String::lasting("did");
+  orbiq::String nKey = orbiq::String::lasting("n");
+  orbiq::String serialKey = orbiq::String::lasting("serial");
+  orbiq::String tnKey = orbiq::String::lasting("tn");
+  orbiq::String vKey = orbiq::String::lasting("v");
+  orbiq::String tagName = orbiq::String::lasting("on-ios");
+  orbiq::String version = orbiq::String::lasting("1.0");
 
   static const ConstantTexts& shared() {
     static const auto* const texts = new ConstantTexts();  // never destroyed
     return *texts;
   }
 };
-
-/// Finds the place at once if the key comes behind all others.
-void store(orbiq::Parameters& parameters, std::string_view key, orbiq::String value) {
-  auto place = parameters.end();
-  if (!parameters.empty() && std::prev(place)->first >= key) place = parameters.lower_bound(key);
-  if (place != parameters.end() && place->first == key) {
-    place->second = std::move(value);
-  } else {
-    parameters.emplace_hint(place, key, std::move(value));
-  }
-}
-
-void storeUnlessEmpty(orbiq::Parameters& parameters, std::string_view key, orbiq::String value) {
-  if (!value.isEmpty()) store(parameters, key, std::move(value));
-}
 
 }  // namespace
 
@@ -84,11 +72,15 @@ void orbiqAudienceTagger::sendHit() try {
   // The agent's default parameters, "v" and "n", are not asked for: the tagger's own take their
   // place on purpose. Stored in the order of the keys, as that is cheapest.
   orbiq::Parameters parameters;
-  if (useIDFA()) storeUnlessEmpty(parameters, "did", orbiqAgent::appleDID());
-  store(parameters, "n", orbiq::DeviceContext::nineRandomDigits());
-  storeUnlessEmpty(parameters, "serial", _serial);
-  store(parameters, "tn", texts.tagName);
-  store(parameters, "v", texts.version);
+  parameters.reserve(5);
+  if (useIDFA()) {
+    orbiq::String did = orbiqAgent::appleDID();
+    if (!did.isEmpty()) parameters.emplace(texts.didKey, std::move(did));
+  }
+  parameters.emplace(texts.nKey, orbiq::DeviceContext::nineRandomDigits());
+  if (!_serial.isEmpty()) parameters.emplace(texts.serialKey, _serial);
+  parameters.emplace(texts.tnKey, texts.tagName);
+  parameters.emplace(texts.vKey, texts.version);
   agent.addRequestToQueue(
       orbiqRequest::orbiqRequestWithParameters_withRequestType_forSendingMode_forSerial_forTagger(
           std::make_shared<const orbiq::Parameters>(std::move(parameters)),
@@ -108,5 +100,5 @@ void orbiqAudienceTagger::addParam_withKey_andLengthLimit_inDictionary(
     orbiq::Parameters* dictionary) {
   if (value.isEmpty() || key.isEmpty() || dictionary == nullptr) return;
   const bool isTooLong = limit != 0 && value.length() > limit;
-  store(*dictionary, key.view(), isTooLong ? value.prefix(limit) : value);
+  dictionary->insert_or_assign(key, isTooLong ? value.prefix(limit) : value);
 }

@@ -58,6 +58,8 @@ class ExtendablePlist {
   PlistRef endRef() const { return _frameObjects + static_cast<PlistRef>(_places.size()); }
   /// Size of the frame and the blocks.
   std::size_t size() const { return _frame->bytes().size() + (_bytesEnd - _bytesBegin); }
+  /// The bytes of memory that they have.
+  std::size_t capacity() const { return _capacity; }
   /// Whether references of that width can tell so many objects apart.
   static bool fits(std::size_t objectCount, PlistRefSize refSize);
 

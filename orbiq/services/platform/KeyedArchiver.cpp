@@ -8,6 +8,8 @@ namespace orbiq {
 namespace {
 
 constexpr std::uint32_t kNone = ArchiveFrame::kNone;
+/// A list of so many bytes is a long one.
+constexpr std::size_t kLong = 16'384;
 
 }  // namespace
 
@@ -36,6 +38,18 @@ KeyedArchiver::Bytes KeyedArchiver::finish() {
   return {all, kept};
 }
 
+void KeyedArchiver::forget() {
+  if (_plist.capacity() < kLong) return;
+  _isWhole = false;
+  _elements = {};
+  forgetSegments();
+  _plist = {};
+  for (AddressTable& table : _entries) table = {};
+  _successors = {};
+  _ending.end();
+  _tableRefs = {};
+}
+
 void KeyedArchiver::encodeAnew() {
   encodeAll(PlistRefSize::kTwo);
   const std::size_t objects = _plist.endRef() + kEndingObjects;
@@ -52,10 +66,7 @@ void KeyedArchiver::encodeAnew() {
 void KeyedArchiver::encodeAll(PlistRefSize refSize) {
   if (!_frame || _frame->objects().refSize() != refSize) _frame.emplace(_vocabulary, refSize);
   _plist.begin(_frame->objects());
-  _segments.clear();
-  _changeables.clear();
-  _known.clear();
-  _table.clear();
+  forgetSegments();
   for (AddressTable& table : _entries) table.clear();
   _holdsMutableText = false;
   _holdsRepeated = false;
@@ -63,6 +74,13 @@ void KeyedArchiver::encodeAll(PlistRefSize refSize) {
   beginBlock();
   for (std::size_t i = 0; i < _elements.size(); ++i) encodeSegment(*element(i));
   takeBlock();
+}
+
+void KeyedArchiver::forgetSegments() {
+  _segments.clear();
+  _changeables.clear();
+  _known.clear();
+  _table.clear();
 }
 
 void KeyedArchiver::beginBlock() {
@@ -188,7 +206,7 @@ PlistRef KeyedArchiver::encodeMapping(const Parameters& parameters) {
   _values.clear();
   for (const auto& [key, text] : parameters) {
     if (text.isNull()) continue;
-    _keys.push_back(parameterKeyUid(key));
+    _keys.push_back(parameterKeyUid(key.view()));
     _values.push_back(textUid(text, false));
   }
   PlistRef keyList = _frame->keyListRef(_keys);
@@ -204,7 +222,7 @@ PlistRef KeyedArchiver::encodeMapping(const Parameters& parameters) {
 void KeyedArchiver::learnKeyList(const Parameters& parameters) {
   std::vector<std::string> keys;
   for (const auto& [key, text] : parameters) {
-    if (!text.isNull()) keys.push_back(key);
+    if (!text.isNull()) keys.push_back(key.toStdString());
   }
   _vocabulary.parameterKeys.push_back(std::move(keys));
 }
@@ -296,7 +314,7 @@ PlistRef KeyedArchiver::textUid(const String& text, bool mayBeFleeting) {
   return _listed[index].uidRef;
 }
 
-PlistRef KeyedArchiver::parameterKeyUid(const std::string& key) {
+PlistRef KeyedArchiver::parameterKeyUid(std::string_view key) {
   const PlistRef known = _frame->parameterKeyRef(key);
   if (known != kNone) return known;
   return addEntry(Kind::kUnshared, nullptr, _block.addText(key));

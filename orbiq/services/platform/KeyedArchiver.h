@@ -55,6 +55,9 @@ class KeyedArchiver {
   /// beyond 4 GiB.
   Bytes finish();
 
+  /// Gives back the memory of a long archive: the next one is encoded as if it were the first.
+  void forget();
+
   /// For `Archivable::encodeWithCoder`: each writes one field of the object being encoded. Keys
   /// must be literals. An object must live until `finish` returns; texts and parameters are kept
   /// alive that long. A parameter whose text is null is left out.
@@ -122,6 +125,7 @@ class KeyedArchiver {
   bool findSuccessors();
 
   void encodeAnew();
+  void forgetSegments();
   void encodeAll(PlistRefSize refSize);
   void beginBlock();
   void encodeSegment(const Archivable& element);
@@ -140,7 +144,7 @@ class KeyedArchiver {
   void noteOwner(std::uint32_t serial);
   PlistRef objectUid(const Archivable& object);
   PlistRef textUid(const String& text, bool mayBeFleeting);
-  PlistRef parameterKeyUid(const std::string& key);
+  PlistRef parameterKeyUid(std::string_view key);
   PlistRef classUid(const ArchivedClass& archivedClass);
   PlistRef fieldName(std::string_view name);
   void addField(std::string_view key, PlistRef value);

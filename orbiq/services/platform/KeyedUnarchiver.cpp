@@ -131,14 +131,14 @@ SharedParameters KeyedUnarchiver::parametersOf(const PlistObject& dictionary) {
   if (keys.kind != Kind::kArray || texts.kind != Kind::kArray || keys.count != texts.count) {
     return {};
   }
-  auto parameters = std::make_shared<Parameters>();
+  std::vector<Parameters::Entry> entries;
   for (std::size_t i = 0; i < keys.count; ++i) {
     const String key = textOf(_archive.entryOf(plist().element(keys, i)));
     if (key.isNull() || !_archive.spend(kCostOfEntry + key.view().size())) return {};
     const String text = textOf(_archive.entryOf(plist().element(texts, i)));
-    if (!text.isNull()) parameters->emplace(key.view(), text);
+    if (!text.isNull()) entries.push_back({key, text});
   }
-  return parameters;
+  return std::make_shared<const Parameters>(std::move(entries));
 }
 
 std::int64_t KeyedUnarchiver::decodeInteger(std::string_view key) {

@@ -18,9 +18,10 @@ constexpr std::chrono::seconds kIdleTime{2};
 }  // namespace
 
 struct SerialQueue::State {
-  explicit State(std::string text) : label(std::move(text)) {}
+  State(std::string text, Task idleTask) : label(std::move(text)), onIdle(std::move(idleTask)) {}
 
   const std::string label;
+  const Task onIdle;
   Condition condition;
   std::deque<Task> tasks ORBIQ_GUARDED_BY(condition);
   /// Somebody, normally the queue's thread, runs the tasks until there is none.
@@ -28,6 +29,8 @@ struct SerialQueue::State {
   bool closed ORBIQ_GUARDED_BY(condition) = false;
   /// The queue's thread waits for a task, and nobody has signalled yet.
   bool idle ORBIQ_GUARDED_BY(condition) = false;
+  /// No task has come since `onIdle`.
+  bool rested ORBIQ_GUARDED_BY(condition) = false;
 
   /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
   static bool attend(const std::shared_ptr<State>& state) ORBIQ_REQUIRES(state->condition) {
@@ -45,22 +48,26 @@ struct SerialQueue::State {
   bool take(Task& task, std::chrono::seconds idleTime) {
     const Lock lock(condition);
     while (tasks.empty()) {
-      const bool waits = !closed && idleTime.count() != 0;
+      const bool waits = !closed && !rested && idleTime.count() != 0;
       idle = waits;
       const bool isOver = !waits || !condition.waitFor(idleTime);
       idle = false;
       if (isOver && tasks.empty()) {
-        attended = false;
-        return false;
+        rested = waits && !closed && onIdle;
+        attended = rested;
+        task = rested ? onIdle : nullptr;
+        return rested;
       }
     }
+    rested = false;
     task = std::move(tasks.front());
     tasks.pop_front();
     return true;
   }
 };
 
-SerialQueue::SerialQueue(std::string label) : _state(std::make_shared<State>(std::move(label))) {}
+SerialQueue::SerialQueue(std::string label, std::function<void()> onIdle)
+    : _state(std::make_shared<State>(std::move(label), std::move(onIdle))) {}
 
 SerialQueue::~SerialQueue() {
   if (inForkedChild()) return;

@@ -15,8 +15,9 @@ namespace orbiq {
 /// Thread-safe. In a forked child nothing runs.
 class ORBIQ_EXPORT SerialQueue {
  public:
-  /// The label becomes the thread's name.
-  explicit SerialQueue(std::string label);
+  /// The label becomes the thread's name. `onIdle` runs like a task, as the last one before the
+  /// thread ends for want of others; not any more when the queue is being destroyed.
+  explicit SerialQueue(std::string label, std::function<void()> onIdle = {});
   /// Returns at once; never waits for tasks, so a task may destroy its own queue.
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;

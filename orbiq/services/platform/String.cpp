@@ -18,6 +18,12 @@ String::String(std::string text) : String(std::move(text), false) {}
 
 String::String(std::string_view text) : String(std::string(text), false) {}
 
+String String::lasting(std::string_view text) {
+  String lasting;
+  lasting._text = {std::shared_ptr<Text>(), new Text{std::string(text), false}};
+  return lasting;
+}
+
 std::string_view String::view() const noexcept {
   return _text ? std::string_view(_text->value) : std::string_view();
 }

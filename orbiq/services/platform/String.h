@@ -27,6 +27,10 @@ class ORBIQ_EXPORT String {
   /// Takes a copy of the characters. Never null.
   String(std::string_view text);
 
+  /// A text that stays for the life of the process, for what all requests have in common: handing
+  /// it on counts no holders.
+  static String lasting(std::string_view text);
+
   /// True for the null text alone, not for one of no characters.
   bool isNull() const noexcept { return _text == nullptr; }
   /// True if a `MutableString` may change the text.

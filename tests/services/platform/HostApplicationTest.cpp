@@ -99,7 +99,7 @@ TEST(DeviceContext, UserAgent) {
     EXPECT_EQ(DeviceContext::userAgent().toStdString(),
               "Player/(null) orbiq SDK v(null) apple " + kind);
   }
-  EXPECT_EQ(DeviceContext::defaultParametersForRequest().count("v"), 0U);
+  EXPECT_FALSE(DeviceContext::defaultParametersForRequest().contains("v"));
   EXPECT_EQ(DeviceContext::defaultParametersForRequest().at("n").length(), 9U);
 }
 

@@ -63,7 +63,7 @@ struct Item : Archivable {
     if (date) text << "date=" << date->secondsSinceReferenceDate << ' ';
     if (parameters) {
       text << "{ ";
-      for (const auto& [key, value] : *parameters) text << key << '=' << value.view() << ' ';
+      for (const auto& [key, value] : *parameters) text << key.view() << '=' << value.view() << ' ';
       text << "} ";
     }
     if (link) text << "-> " << link->description();

@@ -3,6 +3,7 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <atomic>
 #include <future>
 #include <memory>
 #include <stdexcept>
@@ -50,8 +51,12 @@ TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
   };
   std::promise<void> idle;
   std::promise<void> destroyed;
+  std::atomic<int> rests = 0;
   {
-    SerialQueue queue("com.vorlune.reachability");
+    SerialQueue queue("com.vorlune.reachability", [&] {
+      EXPECT_TRUE(isLibraryThread());
+      ++rests;
+    });
     queue.sync([&] {
       markThread(idle);
       char name[16];
@@ -69,9 +74,11 @@ TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
     EXPECT_EQ(sigismember(&own, SIGTERM), 0);
     EXPECT_FALSE(isLibraryThread());
     idle.get_future().wait();
+    EXPECT_EQ(rests, 1);
     queue.sync([&] { markThread(destroyed); });
   }
   destroyed.get_future().wait();
+  EXPECT_EQ(rests, 1) << "nothing is idle about an end";
 }
 
 TEST(SerialQueueTest, TasksOutliveTheQueueAndEachOther) {

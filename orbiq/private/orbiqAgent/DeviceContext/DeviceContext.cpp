@@ -58,6 +58,13 @@ String DeviceContext::appleDID() {
                               LoggingModeError);
     return nullptr;
   }
+  // Mostly the text that was there before: then the requests that wait share one.
+  thread_local String last;
+  if (identifier == last) {
+    identifier = last;
+  } else {
+    last = identifier;
+  }
   orbiqLogger::log_withMode([&] { return "Using did : " + identifier.description(); },
                             LoggingModeInfo);
   return identifier;
