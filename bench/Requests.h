@@ -9,22 +9,24 @@
 
 namespace orbiq::bench {
 
-/// Requests as the queue holds them: texts, identity, session and access are shared, authorizations
-/// copied.
+/// Requests as the queue holds them: keys, common texts, identity, session and access are shared,
+/// authorizations copied.
 class Requests {
  public:
   std::shared_ptr<orbiqRequest> next() {
     const std::uint64_t number = _count++;
     const bool isStreaming = number % 2 == 1;
-    Parameters parameters{{"n", std::to_string(100'000'000 + number * 104'729)},
-                          {"serial", _serial},
-                          {"tn", _tagName},
-                          {"v", _version},
-                          {"did", "6D92078A-8246-4BA4-AE5B-" + std::to_string(number)}};
+    Parameters parameters;
+    parameters.reserve(7);
     if (isStreaming) {
-      parameters.emplace("cmsPS", "2");
-      parameters.emplace("cmsRK", std::to_string(number));
+      parameters.emplace(_stateKey, "2");
+      parameters.emplace(_rankKey, std::to_string(number));
     }
+    parameters.emplace(_didKey, _did);
+    parameters.emplace(_nKey, std::to_string(100'000'000 + number * 104'729));
+    parameters.emplace(_serialKey, _serial);
+    parameters.emplace(_tnKey, _tagName);
+    parameters.emplace(_vKey, _version);
     auto request =
         std::make_shared<orbiqRequest>(std::make_shared<const Parameters>(std::move(parameters)),
                                        isStreaming ? RequestTypeStreaming : RequestTypeAudience,
@@ -35,6 +37,11 @@ class Requests {
 
  private:
   std::uint64_t _count = 0;
+  const String _stateKey = String::lasting("cmsPS"), _rankKey = String::lasting("cmsRK"),
+               _didKey = String::lasting("did"), _nKey = String::lasting("n"),
+               _serialKey = String::lasting("serial"), _tnKey = String::lasting("tn"),
+               _vKey = String::lasting("v");
+  const String _did = "6D92078A-8246-4BA4-AE5B-76104861E7DC";
   const String _serial = "241041208600";
   const String _tagName = "on-ios";
   const String _version = "1.0";

@@ -22,15 +22,18 @@ constexpr int kGiveUpMilliseconds = 60'000;
 
 std::atomic<bool> isReachable{true};
 
-/// Asks the machine, so that the question costs what it costs, and answers as it was told.
+/// Asks and watches the machine, so that both cost what they cost, and answers as it was told.
 class SwitchedTarget final : public NetworkReachability {
  public:
   explicit SwitchedTarget(std::shared_ptr<NetworkReachability> real) : _real(std::move(real)) {}
 
-  bool setCallback(NetworkReachabilityCallback, const NetworkReachabilityContext&) override {
-    return true;
+  bool setCallback(NetworkReachabilityCallback callback,
+                   const NetworkReachabilityContext& context) override {
+    return _real->setCallback(callback, context);
   }
-  bool setDispatchQueue(std::shared_ptr<SerialQueue>) override { return true; }
+  bool setDispatchQueue(std::shared_ptr<SerialQueue> queue) override {
+    return _real->setDispatchQueue(std::move(queue));
+  }
   bool getFlags(std::uint32_t& flags) override {
     _real->getFlags(flags);
     flags = 0;

@@ -42,7 +42,7 @@ function(orbiq_shared_library target)
   set_target_properties(${target} PROPERTIES VERSION ${PROJECT_VERSION}
     SOVERSION ${PROJECT_VERSION_MAJOR} LINK_DEPENDS ${exports})
   target_link_options(${target} PRIVATE LINKER:-z,nodelete LINKER:--version-script=${exports}
-    LINKER:--gc-sections LINKER:-Bsymbolic-functions
+    LINKER:--gc-sections LINKER:-Bsymbolic-functions LINKER:-z,noseparate-code
     $<$<BOOL:${ORBIQ_CAN_PACK_RELOCATIONS}>:LINKER:-z,pack-relative-relocs>)
   # A sanitizer's run-time library comes with the program, not with this library.
   if(NOT ORBIQ_SANITIZE)

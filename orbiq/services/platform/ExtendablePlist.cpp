@@ -125,22 +125,18 @@ void ExtendablePlist::prepend(const PlistObjects& block) {
 
 /// Around the blocks. Seldom does something, since it makes more room than it must.
 void ExtendablePlist::makeRoom(std::size_t before, std::size_t behind) {
-  if (before <= _bytesBegin && behind <= _capacity - _bytesEnd) return;
+  if (before <= _bytesBegin && behind <= _bytes.size() - _bytesEnd) return;
   const std::size_t kept = _bytesEnd - _bytesBegin;
   // What comes behind the blocks is a good half of them.
   behind = std::max(behind, kept / 2) + kBlockSize;
   const std::size_t needed = before + kept + behind;
-  std::unique_ptr<char[]> fresh;
-  std::size_t capacity = _capacity;
-  if (needed + needed / 8 > _capacity) {
-    capacity = needed + needed / 4;
-    fresh = std::make_unique_for_overwrite<char[]>(capacity);
-  }
-  char* const to = (fresh ? fresh.get() : _bytes.get()) + (capacity - behind - kept);
+  PageArray<char> fresh;
+  if (needed + needed / 8 > _bytes.size()) fresh = PageArray<char>(needed + needed / 4);
+  const PageArray<char>& target = fresh.size() != 0 ? fresh : _bytes;
+  char* const to = target.get() + (target.size() - behind - kept);
   if (kept != 0) std::memmove(to, begin(), kept);
-  if (fresh) _bytes = std::move(fresh);
-  _capacity = capacity;
-  _bytesEnd = capacity - behind;
+  if (fresh.size() != 0) _bytes = std::move(fresh);
+  _bytesEnd = _bytes.size() - behind;
   _bytesBegin = _bytesEnd - kept;
 }
 

@@ -2,12 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <memory>
 #include <span>
 #include <string_view>
 #include <vector>
 
 #include "orbiq/services/platform/FrontVector.h"
+#include "orbiq/services/platform/PageMemory.h"
 #include "orbiq/services/platform/PlistObjects.h"
 
 namespace orbiq {
@@ -59,7 +59,7 @@ class ExtendablePlist {
   /// Size of the frame and the blocks.
   std::size_t size() const { return _frame->bytes().size() + (_bytesEnd - _bytesBegin); }
   /// The bytes of memory that they have.
-  std::size_t capacity() const { return _capacity; }
+  std::size_t capacity() const { return _bytes.size(); }
   /// Whether references of that width can tell so many objects apart.
   static bool fits(std::size_t objectCount, PlistRefSize refSize);
 
@@ -78,8 +78,7 @@ class ExtendablePlist {
 
   const PlistObjects* _frame = nullptr;
   PlistRef _frameObjects = 0;
-  std::unique_ptr<char[]> _bytes;  ///< of the blocks, with room for the rest around them
-  std::size_t _capacity = 0;
+  PageArray<char> _bytes;  ///< of the blocks, with room for the rest around them
   std::size_t _bytesBegin = 0;
   std::size_t _bytesEnd = 0;
   // These are counted from what never moves and need not be in the list.

@@ -2,10 +2,11 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <memory>
 #include <span>
 #include <type_traits>
 #include <utility>
+
+#include "orbiq/services/platform/PageMemory.h"
 
 namespace orbiq {
 
@@ -48,32 +49,28 @@ class FrontVector {
 
  private:
   void swap(FrontVector& other) noexcept {
-    _values.swap(other._values);
-    std::swap(_capacity, other._capacity);
+    std::swap(_values, other._values);
     std::swap(_begin, other._begin);
     std::swap(_end, other._end);
   }
 
   /// Moves the values to the end of their memory, or of a larger one; seldom, since it then has
   /// room in front for an eighth of them at least.
-  void makeRoom(std::size_t count) {
+  [[gnu::noinline]] void makeRoom(std::size_t count) {
     const std::size_t kept = size();
     const std::size_t needed = kept + count;
-    if (needed + needed / 8 <= _capacity) {
-      std::copy_backward(begin(), end(), _values.get() + _capacity);
+    if (needed + needed / 8 <= _values.size()) {
+      std::copy_backward(begin(), end(), _values.get() + _values.size());
     } else {
-      const std::size_t capacity = needed + needed / 4 + 16;
-      auto values = std::make_unique_for_overwrite<Value[]>(capacity);
-      std::copy_n(begin(), kept, values.get() + (capacity - kept));
+      PageArray<Value> values(needed + needed / 4 + 16);
+      std::copy_n(begin(), kept, values.get() + (values.size() - kept));
       _values = std::move(values);
-      _capacity = capacity;
     }
-    _begin = _capacity - kept;
-    _end = _capacity;
+    _begin = _values.size() - kept;
+    _end = _values.size();
   }
 
-  std::unique_ptr<Value[]> _values;
-  std::size_t _capacity = 0;
+  PageArray<Value> _values;
   std::size_t _begin = 0;
   std::size_t _end = 0;
 };

@@ -3,8 +3,10 @@
 #include <bit>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <utility>
-#include <vector>
+
+#include "orbiq/services/platform/PageMemory.h"
 
 namespace orbiq {
 
@@ -15,12 +17,12 @@ class InternTable {
  public:
   static constexpr std::uint32_t kNone = UINT32_MAX;
 
-  InternTable() : _slots(kSmallest) {}
+  InternTable() : _slots(emptySlots(kSmallest)) {}
 
   void clear() {
     _used = 0;
     if (++_generation == 0) {
-      _slots.assign(_slots.size(), Slot{});
+      _slots = emptySlots(_slots.size());
       _generation = 1;
     }
   }
@@ -30,17 +32,17 @@ class InternTable {
 
   /// The key's number, `kNone` if it is not there.
   std::uint32_t find(const Key& key) const {
-    const Slot& slot = _slots[indexOf(key)];
+    const Slot& slot = _slots.get()[indexOf(key)];
     return slot.generation == _generation ? slot.number : kNone;
   }
 
   /// The key's number, `kNone` for a new key; to be set by the caller, valid until the next call.
   std::uint32_t& operator[](const Key& key) {
-    Slot* slot = &_slots[indexOf(key)];
+    Slot* slot = &_slots.get()[indexOf(key)];
     if (slot->generation != _generation) {
       if (2 * ++_used > _slots.size()) {
         enlarge();
-        slot = &_slots[indexOf(key)];
+        slot = &_slots.get()[indexOf(key)];
       }
       *slot = {key, kNone, _generation};
     }
@@ -60,21 +62,28 @@ class InternTable {
     const int shift = 64 - std::countr_zero(_slots.size());
     const std::uint64_t mixed = std::uint64_t{Hash()(key)} * 0x9E3779B97F4A7C15U;
     auto index = static_cast<std::size_t>(mixed >> shift);
-    while (_slots[index].generation == _generation && !(_slots[index].key == key)) {
+    const Slot* const slots = _slots.get();
+    while (slots[index].generation == _generation && !(slots[index].key == key)) {
       index = (index + 1) & (_slots.size() - 1);
     }
     return index;
   }
 
-  void enlarge() {
-    std::vector<Slot> old(2 * _slots.size());
-    old.swap(_slots);
-    for (const Slot& slot : old) {
-      if (slot.generation == _generation) _slots[indexOf(slot.key)] = slot;
+  static PageArray<Slot> emptySlots(std::size_t count) {
+    PageArray<Slot> slots(count);
+    std::uninitialized_fill_n(slots.get(), count, Slot{});
+    return slots;
+  }
+
+  [[gnu::noinline]] void enlarge() {
+    const PageArray<Slot> old = std::exchange(_slots, emptySlots(2 * _slots.size()));
+    for (std::size_t i = 0; i < old.size(); ++i) {
+      const Slot& slot = old.get()[i];
+      if (slot.generation == _generation) _slots.get()[indexOf(slot.key)] = slot;
     }
   }
 
-  std::vector<Slot> _slots;  ///< as many as a power of two
+  PageArray<Slot> _slots;  ///< as many as a power of two
   std::size_t _used = 0;
   std::uint32_t _generation = 1;
 };

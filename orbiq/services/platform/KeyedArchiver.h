@@ -37,8 +37,8 @@ class KeyedArchiver {
  public:
   /// What the samples and all that they refer to name – classes, fields, parameters – stands once
   /// in every archive. Other objects can be archived as well.
-  explicit KeyedArchiver(std::span<const Archivable* const> samples = {});
-  ~KeyedArchiver();
+  [[gnu::cold]] explicit KeyedArchiver(std::span<const Archivable* const> samples = {});
+  [[gnu::cold]] ~KeyedArchiver();
   KeyedArchiver(const KeyedArchiver&) = delete;
   KeyedArchiver& operator=(const KeyedArchiver&) = delete;
 
@@ -56,7 +56,7 @@ class KeyedArchiver {
   Bytes finish();
 
   /// Gives back the memory of a long archive: the next one is encoded as if it were the first.
-  void forget();
+  [[gnu::cold]] void forget();
 
   /// For `Archivable::encodeWithCoder`: each writes one field of the object being encoded. Keys
   /// must be literals. An object must live until `finish` returns; texts and parameters are kept

@@ -2,7 +2,9 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 #include <utility>
+#include <vector>
 
 namespace orbiq {
 namespace {
@@ -16,16 +18,17 @@ bool comesBefore(const Parameters::Entry& entry, std::string_view key) {
 Parameters::Parameters(std::initializer_list<Entry> entries)
     : Parameters(std::vector<Entry>(entries)) {}
 
-// Sorted at the end, for the sake of long lists: a file may hold one.
-Parameters::Parameters(std::vector<Entry> entries) : _entries(std::move(entries)) {
-  for (Entry& entry : _entries) entry.key = entry.key.copy();
-  std::stable_sort(_entries.begin(), _entries.end(), [](const Entry& left, const Entry& right) {
-    return comesBefore(left, right.key.view());
-  });
-  const auto end = std::unique(
-      _entries.begin(), _entries.end(),
-      [](const Entry& left, const Entry& right) { return left.key.view() == right.key.view(); });
-  _entries.erase(end, _entries.end());
+// Sorted before they are added, for the sake of long lists: a file may hold one.
+Parameters::Parameters(std::vector<Entry> entries) {
+  std::vector<std::pair<std::string_view, std::size_t>> order;
+  order.reserve(entries.size());
+  for (const Entry& entry : entries) order.emplace_back(entry.key.view(), order.size());
+  std::make_heap(order.begin(), order.end());
+  std::sort_heap(order.begin(), order.end());
+  _entries.reserve(entries.size());
+  for (const auto& [key, index] : order) {
+    emplace(std::move(entries[index].key), std::move(entries[index].value));
+  }
 }
 
 void Parameters::emplace(String key, String value) {

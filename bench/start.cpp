@@ -1,0 +1,93 @@
+// What the first hit after a start costs more than the next one, and what the creation takes
+// before.
+#include <cstddef>
+#include <cstdio>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include "bench/Measure.h"
+#include "bench/Report.h"
+#include "bench/Requests.h"
+#include "bench/Surroundings.h"
+#include "orbiq/orbiq.h"
+#include "orbiq/services/platform/HttpClient.h"
+#include "tests/support/Role.h"
+
+namespace orbiq::bench {
+namespace {
+
+constexpr std::size_t kRuns = 15;
+constexpr std::size_t kSizes[] = {0, 1, 10, 100, 500};
+/// Nobody listens there.
+constexpr char kNoServer[] = "http://127.0.0.1:9/";
+
+/// What a process before this one has left behind: streaming requests, which are kept.
+void leaveRequests(const std::string& libraryDirectory, std::size_t count) {
+  const std::string directory = libraryDirectory + "/orbiqCache";
+  std::filesystem::create_directories(directory);
+  RequestQueue queue;
+  for (Requests requests; queue.size() < count;) {
+    auto request = requests.next();
+    if (request->requestType() != RequestTypeAudience) queue.push_back(std::move(request));
+  }
+  RequestsFile().save(directory + "/requests.ser", queue);
+}
+
+/// Prints the microseconds of libcurl's start, of obtaining the first tagger, and of two hits.
+int start(const std::vector<std::string>& arguments) {
+  const std::size_t count = std::stoul(arguments.at(2));
+  const std::string directory =
+      arguments.at(1) + "/start" + arguments.at(2) + "-" + arguments.at(0);
+  describeApplication(kNoServer, directory);
+  setReachable(false);
+  if (count != 0) leaveRequests(directory, count);
+  std::shared_ptr<orbiqAudienceTagger> tagger;
+  const double http = microseconds([] { prepareHttpForProcess(); });
+  const double creation = microseconds(
+      [&] { tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial("241041208600"); });
+  const double first = microseconds([&] { tagger->sendHit(); });
+  const double second = microseconds([&] { tagger->sendHit(); });
+  if (orbiqAgent::sharedAgent().statistics().accepted < count + 2) return 1;
+  std::printf("%f %f %f %f\n", http, creation, first, second);
+  return 0;
+}
+const test::RoleRegistration kStart("start", start);
+
+void reportTimes(const std::string& name, const std::vector<double>& samples,
+                 std::optional<Aim> aim = std::nullopt) {
+  report({"start", name, median(samples), "ms", aim, quantile(samples, 0.25),
+          quantile(samples, 0.75)});
+}
+
+std::vector<double> column(const std::vector<std::vector<double>>& rows, std::size_t index) {
+  std::vector<double> milliseconds;
+  for (const std::vector<double>& row : rows) milliseconds.push_back(row.at(index) / 1000);
+  return milliseconds;
+}
+
+void measure(const std::string& directory) {
+  std::printf("the start of a process, in ms; medians of %zu\n  %-20s %10s %10s %10s %10s\n", kRuns,
+              "requests in the file", "libcurl", "tagger", "first hit", "second");
+  for (const std::size_t size : kSizes) {
+    const auto rows = rowsOfRuns("start", kRuns, 4, {directory, std::to_string(size)});
+    const std::vector<double> medians = mediansOf(rows);
+    std::printf("  %-20zu %10.3f %10.3f %10.3f %10.3f\n", size, medians[0] / 1000,
+                medians[1] / 1000, medians[2] / 1000, medians[3] / 1000);
+    const std::string suffix = ", " + std::to_string(size) + " requests in the file";
+    reportTimes("obtaining the first tagger" + suffix, column(rows, 1));
+    if (size != kSizes[4]) continue;
+    reportTimes("libcurl's start, on the same thread", column(rows, 0));
+    std::vector<double> more;
+    for (const auto& row : rows) more.push_back((row[2] - row[3]) / 1000);
+    reportTimes("first sendHit - second" + suffix, more, Aim{Aim::Kind::kAtMost, 1});
+    std::printf("  first hit - second: %.3f ms (aim: at most 1)\n", median(more));
+  }
+}
+
+}  // namespace
+}  // namespace orbiq::bench
+
+int main(int argc, char** argv) {
+  return orbiq::bench::runMeasurement(argc, argv, orbiq::bench::measure);
+}
