@@ -32,6 +32,7 @@ namespace {
 
 constexpr std::size_t kRuns = 15;
 constexpr std::size_t kHits = 500;
+constexpr std::size_t kFewerHits[] = {10, 100};
 /// Of the bare loop's rate.
 constexpr double kAim = 0.85;
 constexpr std::chrono::minutes kGiveUp{2};
@@ -107,8 +108,8 @@ class InstantServer final : public Server {
 
 class Agent {
  public:
-  Agent(Server& server, const std::string& directory)
-      : _server(server), _directory(directory), _fullQueue(directory + "/full.ser") {
+  Agent(Server& server, const std::string& directory, std::size_t hits)
+      : _server(server), _directory(directory), _hits(hits), _fullQueue(directory + "/full.ser") {
     describeApplication(server.url("/auth/"), directory);
   }
 
@@ -118,7 +119,7 @@ class Agent {
     const std::string path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
     std::filesystem::copy_file(path, _fullQueue);
     const std::string emptyQueue(requestArchiver().finish().all);
-    _server.expectHits(std::int64_t{kHits});
+    _server.expectHits(static_cast<std::int64_t>(_hits));
     setReachable(true);
     const double time = microseconds([&] {
       NotificationCenter::defaultCenter().postNotificationName(
@@ -128,7 +129,7 @@ class Agent {
       while (readFile(path, SIZE_MAX) != emptyQueue) std::this_thread::yield();
     });
     const Statistics statistics = orbiqAgent::sharedAgent().statistics();
-    if (statistics.sent != 1 + kHits || statistics.pending != 0) {
+    if (statistics.sent != 1 + _hits || statistics.pending != 0) {
       throw std::runtime_error("not all hits were sent");
     }
     return time;
@@ -141,8 +142,8 @@ class Agent {
     tagger->sendHit();
     saves.waitFor(2);
     setReachable(false);
-    for (std::size_t hit = 0; hit < kHits; ++hit) tagger->sendHit();
-    saves.waitFor(2 + kHits);
+    for (std::size_t hit = 0; hit < _hits; ++hit) tagger->sendHit();
+    saves.waitFor(2 + _hits);
   }
 
   /// A copy of the file as it was before the queue was drained.
@@ -151,13 +152,14 @@ class Agent {
  private:
   Server& _server;
   const std::string _directory;
+  const std::size_t _hits;
   const std::string _fullQueue;
 };
 
 std::size_t discard(char*, std::size_t size, std::size_t count, void*) { return size * count; }
 
 /// Microseconds of so many requests on one connection, which is opened before.
-double bareLoop(const std::string& url) {
+double bareLoop(const std::string& url, std::size_t hits) {
   const std::unique_ptr<CURL, decltype(&curl_easy_cleanup)> easy(curl_easy_init(),
                                                                  curl_easy_cleanup);
   curl_easy_setopt(easy.get(), CURLOPT_URL, url.c_str());
@@ -174,12 +176,12 @@ double bareLoop(const std::string& url) {
   };
   get();
   return microseconds([&] {
-    for (std::size_t hit = 0; hit < kHits; ++hit) get();
+    for (std::size_t hit = 0; hit < hits; ++hit) get();
   });
 }
 
 /// The same through the client that the agent sends with.
-double clientLoop(const std::string& url) {
+double clientLoop(const std::string& url, std::size_t hits) {
   const HttpRequest request{*Url::fromText(url), orbiqAgent::userAgent(),
                             Platform::current().hitTimeout};
   const auto get = [&] {
@@ -189,15 +191,15 @@ double clientLoop(const std::string& url) {
   };
   get();
   return microseconds([&] {
-    for (std::size_t hit = 0; hit < kHits; ++hit) get();
+    for (std::size_t hit = 0; hit < hits; ++hit) get();
   });
 }
 
 /// Microseconds of the saves alone that the agent makes while it drains the queue in this file.
-double savesAlone(const std::string& path) {
+double savesAlone(const std::string& path, std::size_t hits) {
   RequestsFile file;
   RequestQueue queue = file.load(path);
-  if (queue.size() != kHits) throw std::runtime_error("the copied queue is not whole");
+  if (queue.size() != hits) throw std::runtime_error("the copied queue is not whole");
   return microseconds([&] {
     while (!queue.empty()) {
       queue.pop_front();
@@ -209,16 +211,19 @@ double savesAlone(const std::string& path) {
 /// Prints the times of the agent, of its client alone, of its saves alone and of the bare loop.
 int drainingRun(const std::vector<std::string>& arguments) {
   const std::string& kind = arguments.at(2);
+  const std::size_t hits = std::stoul(arguments.at(3));
   const std::unique_ptr<Server> made =
       kind == kHttp ? std::unique_ptr<Server>(new HttpServer) : std::make_unique<InstantServer>();
   Server& server = *made;
-  Agent agent(server, arguments.at(1) + "/draining-" + kind + arguments.at(0));
+  Agent agent(server,
+              arguments.at(1) + "/draining-" + kind + arguments.at(3) + "-" + arguments.at(0),
+              hits);
   const bool agentFirst = std::stoul(arguments.at(0)) % 2 == 0;
   const double before = agentFirst ? agent.drain() : 0;
-  const double bare = bareLoop(server.hitUrl());
-  const double client = clientLoop(server.hitUrl());
+  const double bare = bareLoop(server.hitUrl(), hits);
+  const double client = clientLoop(server.hitUrl(), hits);
   const double agentTime = agentFirst ? before : agent.drain();
-  std::printf("%f %f %f %f\n", agentTime, client, savesAlone(agent.fullQueue()), bare);
+  std::printf("%f %f %f %f\n", agentTime, client, savesAlone(agent.fullQueue(), hits), bare);
   return 0;
 }
 
@@ -239,8 +244,9 @@ void print(const std::string& server, const std::vector<std::vector<double>>& ro
 }
 
 void measure(const std::string& directory) {
-  const auto http = rowsOfRuns("draining", kRuns, 4, {directory, kHttp});
-  const auto instant = rowsOfRuns("draining", kRuns, 4, {directory, kInstant});
+  const auto http = rowsOfRuns("draining", kRuns, 4, {directory, kHttp, std::to_string(kHits)});
+  const auto instant =
+      rowsOfRuns("draining", kRuns, 4, {directory, kInstant, std::to_string(kHits)});
   std::printf("draining %zu hits over one connection; medians of %zu runs\n", kHits, kRuns);
   print("to the collector", http);
   print("to a server that only answers", instant);
@@ -254,6 +260,18 @@ void measure(const std::string& directory) {
                Aim{Aim::Kind::kAtLeast, kAim});
   reportRatios("draining", "agent's rate / bare rate, server that only answers",
                ratiosOf(instant, 3, 0), {});
+  for (const std::size_t hits : kFewerHits) {
+    const auto fewer = rowsOfRuns("draining", kRuns, 4, {directory, kHttp, std::to_string(hits)});
+    std::vector<double> ratios;
+    for (std::size_t run = 0; run < kRuns; ++run) {
+      ratios.push_back(http[run][0] / kHits / (fewer[run][0] / static_cast<double>(hits)));
+    }
+    const std::string name = "a hit's time, a queue of " + std::to_string(kHits) +
+                             " being drained / of " + std::to_string(hits);
+    const Aim linear{Aim::Kind::kAtMost, 1.25};
+    std::printf("  %s: %s\n", name.c_str(), ratioText(ratios, linear).c_str());
+    reportRatios("draining", name, ratios, linear);
+  }
 }
 
 }  // namespace

@@ -4,10 +4,12 @@
 
 #include <cstddef>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
 #include <future>
 #include <iostream>
 #include <memory>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
@@ -21,6 +23,21 @@
 #include "tests/support/Role.h"
 #include "tests/support/ScriptedServer.h"
 
+namespace {
+
+thread_local bool countsAllocations = false;
+thread_local std::size_t allocations = 0;
+
+}  // namespace
+
+void* operator new(std::size_t size) {
+  if (countsAllocations) ++allocations;
+  if (void* const memory = std::malloc(size)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+
 namespace orbiq::bench {
 namespace {
 
@@ -28,8 +45,14 @@ namespace steps = test::steps;
 
 constexpr const char* kSerial = "241041208600";
 
-void begin() { CALLGRIND_TOGGLE_COLLECT; }
-void end() { CALLGRIND_TOGGLE_COLLECT; }
+void begin() {
+  countsAllocations = true;
+  CALLGRIND_TOGGLE_COLLECT;
+}
+void end() {
+  CALLGRIND_TOGGLE_COLLECT;
+  countsAllocations = false;
+}
 
 /// `sendHit` while the server stalls.
 int sendHit(const std::vector<std::string>& arguments) {
@@ -88,10 +111,12 @@ std::shared_ptr<orbiqRequest> request(int number) {
   return made;
 }
 
-/// Saves of 100 requests, after a removal and after an addition, the file's calls included.
+/// Saves of 100 requests, after a removal and after an addition, the file's calls included. Fails
+/// if they allocate anything for the requests that stay.
 int save(const std::vector<std::string>& arguments) {
   constexpr int kDepth = 100;
   constexpr int kPairs = 20;
+  constexpr std::size_t kMostAllocations = 4;  // of a save
   if (!Platform::install({.clock = std::make_shared<EvenClock>()}).isNull()) return 1;
   const std::string path = arguments.at(0) + "/requests.ser";
   RequestsFile file;
@@ -108,6 +133,10 @@ int save(const std::vector<std::string>& arguments) {
     if (isCounted) begin();
     file.save(path, queue);
     if (isCounted) end();
+  }
+  if (allocations > kMostAllocations * 2 * kPairs) {
+    std::cerr << allocations << " allocations for " << 2 * kPairs << " saves\n";
+    return 1;
   }
   return file.load(path).size() == kDepth ? 0 : 1;
 }

@@ -162,6 +162,18 @@ void print(const Depth& depth) {
               median(depth.addition) / static_cast<double>(depth.queue.size()));
 }
 
+void reportDepth(const Depth& depth) {
+  const std::string suffix = ", depth " + std::to_string(depth.queue.size());
+  const auto reportTimes = [&suffix](const char* what, const std::vector<double>& times) {
+    report({"saving", what + suffix, median(times), "µs", std::nullopt, quantile(times, 0.25),
+            quantile(times, 0.75)});
+  };
+  reportTimes("an addition", depth.addition);
+  reportTimes("a removal", depth.removal);
+  reportTimes("a first encoding", depth.encoding);
+  reportTimes("writing the same bytes and exchanging", depth.exchanging);
+}
+
 void printRatio(const char* what, const std::vector<double>& ratios, const Aim& aim) {
   std::printf("  %s: %s\n", what, ratioText(ratios, aim).c_str());
   reportRatios("saving", what, ratios, aim);
@@ -186,7 +198,10 @@ void measure(const std::string& directory) {
   std::printf("saving the queue, in us; medians of %zu repetitions\n", kRepetitions);
   std::printf("  %5s %8s %10s %10s %10s %10s %10s %12s\n", "depth", "bytes", "addition", "removal",
               "encode", "rename", "exchange", "add./request");
-  for (const auto& depth : depths) print(*depth);
+  for (const auto& depth : depths) {
+    print(*depth);
+    reportDepth(*depth);
+  }
 
   const Depth& one = *depths.front();
   const Depth& hundred = *depths[2];

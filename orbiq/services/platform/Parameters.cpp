@@ -27,17 +27,17 @@ Parameters::Parameters(std::vector<Entry> entries) {
   std::sort_heap(order.begin(), order.end());
   _entries.reserve(entries.size());
   for (const auto& [key, index] : order) {
-    emplace(std::move(entries[index].key), std::move(entries[index].value));
+    emplace(entries[index].key, std::move(entries[index].value));
   }
 }
 
-void Parameters::emplace(String key, String value) {
+void Parameters::emplace(const String& key, String value) {
   const auto place = placeOf(key.view());
   if (place != _entries.end() && place->key.view() == key.view()) return;
   _entries.insert(place, {key.copy(), std::move(value)});
 }
 
-void Parameters::insert_or_assign(String key, String value) {
+void Parameters::insert_or_assign(const String& key, String value) {
   const auto place = placeOf(key.view());
   if (place != _entries.end() && place->key.view() == key.view()) {
     place->value = std::move(value);

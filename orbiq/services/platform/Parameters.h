@@ -33,9 +33,9 @@ class ORBIQ_EXPORT Parameters {
   /// Makes room for so many.
   void reserve(std::size_t count) { _entries.reserve(count); }
   /// Adds a parameter, unless there is one of that key. Fastest in the order of the keys.
-  void emplace(String key, String value);
+  void emplace(const String& key, String value);
   /// The same, in place of one that is there.
-  void insert_or_assign(String key, String value);
+  void insert_or_assign(const String& key, String value);
 
   /// The first one.
   auto begin() const { return _entries.begin(); }

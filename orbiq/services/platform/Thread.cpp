@@ -1,6 +1,7 @@
 #include "orbiq/services/platform/Thread.h"
 
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 
 #include <cstddef>
@@ -33,9 +34,18 @@ struct Start {
   std::function<void()> body;
 };
 
+/// In the background: neither with the priority of whoever started the thread, which would be
+/// inherited, nor, when it is woken, in the place of whoever wakes it. Where that is not allowed,
+/// it stays so.
+void stepBack() {
+  const sched_param none{};
+  pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+}
+
 void* runThread(void* argument) {
   std::unique_ptr<Start> start(static_cast<Start*>(argument));
   libraryThread = true;
+  stepBack();
   pthread_setname_np(pthread_self(), start->name.c_str());
   start->body();
   return nullptr;

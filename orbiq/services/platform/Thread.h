@@ -6,8 +6,9 @@
 namespace orbiq {
 
 /// Starts a detached thread with the label as its name (cut to what the kernel holds), every signal
-/// blocked and a small stack. Returns 0, or the error number of the failed start: nothing of the
-/// body has run then, and it is gone. A body that throws ends the process; see `runTask`.
+/// blocked, a small stack and the policy of work in the background. Returns 0, or the error number
+/// of the failed start: nothing of the body has run then, and it is gone. A body that throws ends
+/// the process; see `runTask`.
 int startThread(const std::string& label, std::function<void()> body);
 
 /// True on a thread that `startThread` made.

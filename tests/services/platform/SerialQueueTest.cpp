@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
+#include <sched.h>
 #include <signal.h>
 
 #include <algorithm>
@@ -62,6 +63,7 @@ TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
       char name[16];
       pthread_getname_np(pthread_self(), name, sizeof name);
       EXPECT_STREQ(name, "com.vorlune.rea");
+      EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
       sigset_t blocked;
       pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
       for (const int signal : {SIGTERM, SIGINT, SIGALRM, SIGPIPE, SIGCHLD, SIGUSR1}) {
