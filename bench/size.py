@@ -7,70 +7,69 @@ own there, and prints sizes without symbols; appends rows to the file that ORBIQ
 import json
 import os
 import pathlib
+import re
 import subprocess
 import sys
 
+PROJECT = pathlib.Path(__file__).resolve().parent.parent
 AIM_KIB = 300
 LIBRARIES = ["-lcurl", "-lmnl", "-luriparser", "-lpthread"]
 
-# Each uses what the library uses, so that only the library's own part differs.
-BASE = """
+# What a program has that uses the same libraries without this one.
+NOTHING = """
 #include <curl/curl.h>
 #include <libmnl/libmnl.h>
 #include <uriparser/Uri.h>
-#include <functional>
-#include <memory>
-#include <string>
-volatile int sink;
-int main(int argc, char** argv) {
-  sink = curl_global_init(CURL_GLOBAL_DEFAULT);
-  sink = mnl_socket_open(0) != nullptr;
+int main() {
   UriUriA uri;
   const char* end = nullptr;
-  sink = uriParseSingleUriA(&uri, argv[argc - 1], &end);
-  auto text = std::make_shared<std::string>(argv[0]);
-  std::function<int()> length = [text] { return static_cast<int>(text->size()); };
-  sink = length();
-  USE
+  return static_cast<int>(curl_global_init(CURL_GLOBAL_DEFAULT)) + (mnl_socket_open(0) != nullptr) +
+         uriParseSingleUriA(&uri, "http://hits.example/", &end);
 }
 """
-PROGRAMS = {
-    "nothing of the library": ("", ""),
-    "the logger": ("#include <orbiq/orbiq.h>\n", 'orbiqLogger::log_withMode("hello", orbiq::LoggingModeError);'),
-    "a tagger and sendHit": (
-        "#include <orbiq/orbiq.h>\n",
-        """orbiq::HostApplication::describe({.bundleIdentifier = "tv.example.player",
-                                    .authorizationServer = "https://auth.example/tag/"});
-  orbiqAudienceTagger::orbiqAudienceTaggerWithSerial("ABC")->sendHit();""",
-    ),
-}
+LOGGER = """
+#include <orbiq/orbiq.h>
+int main() { orbiqLogger::log_withMode("hello", orbiq::LoggingModeError); }
+"""
+
+
+def ten_lines():
+    """README's, so that what is measured is what a reader writes."""
+    readme = (PROJECT / "README.md").read_text(encoding="utf-8")
+    sample = re.search(r"<!-- sample: whole -->\n```cpp\n(.*?)```", readme, re.DOTALL)
+    if not sample or "sendHit" not in sample[1]:
+        sys.exit("size: README has no ten lines that send a hit")
+    return sample[1]
 
 
 def stripped_size(file, place):
     copy = place / (file.name + ".stripped")
     subprocess.run(["strip", "-o", copy, file], check=True)
-    return copy.stat().st_size
+    return copy.stat().st_size / 1024
 
 
-def linked_size(name, build, place):
-    include, use = PROGRAMS[name]
-    source = place / (name.replace(" ", "-") + ".cpp")
-    source.write_text(include + BASE.replace("USE", use))
+def linked_size(name, code, build, place):
+    source = place / (name + ".cpp")
+    source.write_text(code, encoding="utf-8")
     program = source.with_suffix("")
-    root = pathlib.Path(__file__).resolve().parent.parent
     subprocess.run(
-        ["g++", "-std=c++20", "-O2", "-ffunction-sections", "-fdata-sections", f"-I{root}", source,
-         "-o", program, "-Wl,--gc-sections", build / "orbiq" / "liborbiq.a", *LIBRARIES], check=True)
+        ["g++", "-std=c++20", "-O2", f"-I{PROJECT}", source, "-o", program, "-Wl,--gc-sections",
+         build / "orbiq" / "liborbiq.a", *LIBRARIES], check=True)
     return stripped_size(program, place)
 
 
-def row(name, size, aim=None):
-    kib = size / 1024
-    missed = " (missed)" if aim is not None and kib > aim else ""
-    print(f"  {name}: {kib:.1f} KiB" + (f" (aim: at most {aim}){missed}" if aim is not None else ""))
-    bound = None if aim is None else {"kind": "at most", "bound": aim}
-    return {"group": "size", "name": name, "value": kib, "unit": "KiB", "low": kib, "high": kib,
-            "aim": bound, "met": None if aim is None else kib <= aim}
+def report(name, kib, aim=None):
+    met = None if aim is None else kib <= aim
+    aim_text = "" if aim is None else f" (aim: at most {aim})" + ("" if met else " missed")
+    print(f"  {name}: {kib:.1f} KiB{aim_text}")
+    results = os.environ.get("ORBIQ_BENCH_RESULTS")
+    if not results:
+        return
+    row = {"group": "size", "name": name, "value": kib, "unit": "KiB", "low": kib, "high": kib,
+           "aim": None if aim is None else {"kind": "at most", "bound": aim}, "met": met}
+    # At once, so that a program that does not link leaves what was measured before.
+    with open(results, "a", encoding="utf-8") as file:
+        file.write(json.dumps(row) + "\n")
 
 
 def main():
@@ -78,14 +77,12 @@ def main():
     place = build / "size"
     place.mkdir(exist_ok=True)
     print("sizes without symbols")
-    rows = [row("liborbiq.so", stripped_size((build / "orbiq" / "liborbiq.so").resolve(), place), AIM_KIB)]
-    sizes = {name: linked_size(name, build, place) for name in PROGRAMS}
-    base = sizes.pop("nothing of the library")
-    rows += [row(f"{name}, linked from liborbiq.a, adds", size - base) for name, size in sizes.items()]
-    results = os.environ.get("ORBIQ_BENCH_RESULTS")
-    if results:
-        with open(results, "a", encoding="utf-8") as file:
-            file.writelines(json.dumps(result) + "\n" for result in rows)
+    shared = (build / "orbiq" / "liborbiq.so").resolve()
+    report("stripped liborbiq.so", stripped_size(shared, place), AIM_KIB)
+    base = linked_size("nothing", NOTHING, build, place)
+    for name, what, code in (("logger", "the logger", LOGGER),
+                             ("hit", "a tagger and sendHit", ten_lines())):
+        report(f"{what}, linked from liborbiq.a, adds", linked_size(name, code, build, place) - base)
 
 
 if __name__ == "__main__":
