@@ -1,14 +1,10 @@
 // What costs grow with: the queue, the file, the taggers.
-#include <unistd.h>
-
-#include <algorithm>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
-#include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -21,107 +17,152 @@
 #include "bench/Requests.h"
 #include "bench/Surroundings.h"
 #include "orbiq/orbiq.h"
+#include "orbiq/services/platform/SerialQueue.h"
 #include "tests/support/Role.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace orbiq::bench {
 namespace {
 
 constexpr std::size_t kRuns = 15;
-constexpr std::size_t kAdditions = 15;
+/// So few that what grows stays about the same.
+constexpr std::size_t kMore = 15;
 constexpr std::size_t kCalls = 300;
+constexpr std::size_t kLoads = 25;
+constexpr std::size_t kMostTaggers = 1'000;
 constexpr char kSerial[] = "241041208600";
 /// Nobody listens there.
 constexpr char kNoServer[] = "http://127.0.0.1:9/";
 
-std::string placeOf(const std::vector<std::string>& arguments, const char* what) {
-  return arguments.at(1) + "/" + what + arguments.at(2) + "-" + arguments.at(0);
-}
-
-void awaitPending(std::size_t count) {
-  while (orbiqAgent::sharedAgent().statistics().pending != count) std::this_thread::yield();
-}
-
-/// Nanoseconds that the threads of the library have run.
-std::uint64_t libraryTime() {
-  std::uint64_t sum = 0;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    if (task.path().filename() == std::to_string(getpid())) continue;
-    std::uint64_t time = 0;
-    std::ifstream(task.path() / "schedstat") >> time;
-    sum += time;
+/// An application whose queue holds so many requests, the first of which an authorization server
+/// has taken and never answers: the agent's threads rest, and what is added stays aside.
+class StalledApplication {
+ public:
+  StalledApplication(const std::string& directory, std::size_t depth) {
+    describeApplication(_server.url("/auth/"), directory);
+    setReachable(false);
+    SaveCounter saves(directory);
+    const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial);
+    for (std::size_t hit = 0; hit < depth; ++hit) tagger->sendHit();
+    saves.waitFor(depth);
+    setReachable(true);
+    NotificationCenter::defaultCenter().postNotificationName(
+        UIApplicationWillEnterForegroundNotification);
+    if (!_server.waitForRequests(1)) throw std::runtime_error("nobody asks for an authorization");
   }
-  return sum;
-}
 
-std::uint64_t ownTime() {
-  timespec time{};
-  clock_gettime(CLOCK_THREAD_CPUTIME_ID, &time);
-  return static_cast<std::uint64_t>(time.tv_sec) * 1'000'000'000U +
-         static_cast<std::uint64_t>(time.tv_nsec);
-}
+ private:
+  test::ScriptedServer _server{
+      std::vector<test::Script>{{test::steps::readRequest(), test::steps::untilPeerCloses()}}};
+};
 
-/// Prints the microseconds of `sendHit` while so many requests wait, the processor's microseconds
-/// that the library takes for an addition to them, and those of the saving that is a part of it.
+/// Prints the microseconds of `sendHit` while so many requests wait.
 int queued(const std::vector<std::string>& arguments) {
   const std::size_t depth = std::stoul(arguments.at(2));
-  const std::string directory = placeOf(arguments, "queued");
+  const StalledApplication application(arguments.at(1) + "/queued" + arguments.at(2), depth);
+  const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial);
+  std::vector<double> calls;
+  for (std::size_t call = 0; call < kCalls; ++call) {
+    calls.push_back(microseconds([&] { tagger->sendHit(); }));
+  }
+  if (orbiqAgent::sharedAgent().statistics().pending != depth + kCalls) return 1;
+  std::printf("%f\n", median(calls));
+  return 0;
+}
+const test::RoleRegistration kQueued("queued", queued);
+
+/// The processor's nanoseconds of this process's thread of that name, as soon as it sleeps: the
+/// kernel brings them up to date only then.
+std::uint64_t timeOfSleeping(const std::string& threadName) {
+  for (;; std::this_thread::yield()) {
+    bool isThere = false;
+    for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+      std::string number, name, state;
+      std::ifstream(task.path() / "stat") >> number >> name >> state;
+      if (name != "(" + threadName + ")") continue;
+      isThere = true;
+      std::uint64_t time = 0;
+      if (state == "S" && std::ifstream(task.path() / "schedstat") >> time) return time;
+    }
+    if (!isThere) throw std::runtime_error("no thread is named " + threadName);
+  }
+}
+
+/// The processor's microseconds that the thread takes for each of some saves that `cause` causes.
+double timePerSave(const std::string& threadName, SaveCounter& saves, std::size_t savesBefore,
+                   const std::function<void(std::size_t)>& cause) {
+  std::vector<double> times;
+  std::uint64_t before = timeOfSleeping(threadName);
+  for (std::size_t save = 0; save < kMore; ++save) {
+    cause(save);
+    saves.waitFor(savesBefore + save + 1);
+    const std::uint64_t after = timeOfSleeping(threadName);
+    times.push_back(static_cast<double>(after - before) / 1000);
+    before = after;
+  }
+  return median(times);
+}
+
+/// Prints the processor's microseconds that the agent's thread takes for an addition to so many
+/// requests, and those of the saving that is a part of it.
+int added(const std::vector<std::string>& arguments) {
+  const std::size_t depth = std::stoul(arguments.at(2));
+  const std::string directory = arguments.at(1) + "/added" + arguments.at(2);
   describeApplication(kNoServer, directory);
   setReachable(false);
   const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial);
   SaveCounter saves(directory);
   for (std::size_t hit = 0; hit < depth; ++hit) tagger->sendHit();
   saves.waitFor(depth);
-  const std::string path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
-  std::filesystem::copy_file(path, path + ".copy");
+  const double addition =
+      timePerSave("orbiqRequestHan", saves, depth, [&](std::size_t) { tagger->sendHit(); });
 
-  std::vector<double> calls;
-  const std::uint64_t before = libraryTime();
-  for (std::size_t addition = 1; addition <= kAdditions; ++addition) {
-    calls.push_back(microseconds([&] { tagger->sendHit(); }));
-    awaitPending(depth + addition);
-    saves.waitFor(depth + addition);
-  }
-  const std::uint64_t taken = libraryTime() - before;
-
+  // The same saves once more, on a thread that is woken for each, as the agent's is: in a loop,
+  // with all at hand, they would take half as long.
+  SaveCounter savesAgain(directory + "/again");
+  const std::string path = directory + "/again/orbiqCache/requests.ser";
+  std::filesystem::copy_file(orbiqAgent::sharedAgent().requestsFilePath().toStdString(), path);
   RequestsFile file;
-  RequestQueue queue = file.load(path + ".copy");
-  if (queue.size() != depth) throw std::runtime_error("the copied queue is not whole");
-  file.save(path + ".copy", queue);
-  std::uint64_t saving = 0;
-  for (std::size_t addition = 0; addition < kAdditions; ++addition) {
-    queue.push_back(queue.back()->copy());
-    const std::uint64_t start = ownTime();
-    file.save(path + ".copy", queue);
-    saving += ownTime() - start;
-  }
-  std::printf("%f %f %f\n", median(calls), static_cast<double>(taken) / 1000 / kAdditions,
-              static_cast<double>(saving) / 1000 / kAdditions);
+  RequestQueue queue = file.load(path);
+  if (queue.size() != depth + kMore) throw std::runtime_error("the copied queue is not whole");
+  std::vector<std::shared_ptr<orbiqRequest>> more(queue.end() - static_cast<std::ptrdiff_t>(kMore),
+                                                  queue.end());
+  queue.resize(depth);
+  SerialQueue saver("benchSaver");
+  const auto save = [&] { saver.async([&] { file.save(path, queue); }); };
+  save();
+  savesAgain.waitFor(1);
+  save();  // makes the spare file
+  savesAgain.waitFor(2);
+  const double saving = timePerSave("benchSaver", savesAgain, 2, [&](std::size_t number) {
+    queue.push_back(more[number]);
+    save();
+  });
+  std::printf("%f %f\n", addition, saving);
   return 0;
 }
-const test::RoleRegistration kQueued("queued", queued);
+const test::RoleRegistration kAdded("added", added);
 
 /// Prints the microseconds of `sendHit` while so many taggers are there, and of obtaining another
 /// one.
 int tagged(const std::vector<std::string>& arguments) {
   const std::size_t count = std::stoul(arguments.at(2));
-  describeApplication(kNoServer, placeOf(arguments, "tagged"));
-  setReachable(false);
+  const StalledApplication application(arguments.at(1) + "/tagged" + arguments.at(2), 1);
   std::vector<std::shared_ptr<orbiqAudienceTagger>> taggers;
-  const auto obtain = [&](std::size_t number) {
+  taggers.reserve(count + kMore);
+  const auto obtain = [&] {
     taggers.push_back(orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(
-        std::to_string(100'000'000'000 + number * 7'919)));
+        std::to_string(100'000'000'000 + taggers.size() * 7'919)));
   };
-  while (taggers.size() < count) obtain(taggers.size());
-  for (const auto& tagger : taggers) tagger->sendHit();
+  while (taggers.size() < count) obtain();
+  // Whatever their number, the same calls have been made before.
+  for (std::size_t call = 0; call < kMostTaggers; ++call) taggers[call % count]->sendHit();
   std::vector<double> obtained, calls;
   for (std::size_t call = 0; call < kCalls; ++call) {
-    const auto& tagger = taggers[call % taggers.size()];
+    const auto& tagger = taggers[call % count];
     calls.push_back(microseconds([&] { tagger->sendHit(); }));
   }
-  // So few that the number stays about the same.
-  for (std::size_t more = 0; more < std::min<std::size_t>(count, 15); ++more) {
-    obtained.push_back(microseconds([&] { obtain(count + more); }));
-  }
+  for (std::size_t more = 0; more < kMore; ++more) obtained.push_back(microseconds(obtain));
   std::printf("%f %f\n", median(calls), median(obtained));
   return 0;
 }
@@ -130,13 +171,15 @@ const test::RoleRegistration kTagged("tagged", tagged);
 /// Prints the microseconds that a file of so many requests takes to load.
 int loaded(const std::vector<std::string>& arguments) {
   const std::size_t count = std::stoul(arguments.at(2));
-  const std::string path = placeOf(arguments, "loaded") + ".ser";
+  const std::string path = arguments.at(1) + "/loaded" + arguments.at(2) + ".ser";
   RequestQueue queue;
   for (Requests requests; queue.size() < count;) queue.push_back(requests.next());
   RequestsFile().save(path, queue);
   std::vector<double> times;
-  for (std::size_t run = 0; run < 25; ++run) {
-    times.push_back(microseconds([&] { queue = RequestsFile().load(path); }));
+  for (std::size_t run = 0; run < kLoads; ++run) {
+    queue.clear();
+    RequestsFile file;
+    times.push_back(microseconds([&] { queue = file.load(path); }));
     if (queue.size() != count) throw std::runtime_error("not all requests were loaded");
   }
   std::printf("%f\n", median(times));
@@ -154,9 +197,8 @@ std::vector<double> column(const Rows& rows, std::size_t index) {
   return values;
 }
 
-void reportMicroseconds(const std::string& name, const std::vector<double>& samples,
-                        std::optional<Aim> aim = std::nullopt) {
-  report({"growth", name, median(samples), "µs", aim, quantile(samples, 0.25),
+void reportMicroseconds(const std::string& name, const std::vector<double>& samples) {
+  report({"growth", name, median(samples), "µs", std::nullopt, quantile(samples, 0.25),
           quantile(samples, 0.75)});
 }
 
@@ -170,42 +212,59 @@ void reportRatio(const std::string& name, const Rows& large, const Rows& small, 
   reportRatios("growth", name, ratios, aim);
 }
 
+/// The sizes take turns, since the machine is not equally fast all the time.
 std::vector<Rows> rowsOfSizes(const char* role, const std::vector<std::size_t>& sizes,
                               std::size_t columns, const std::string& directory) {
-  std::vector<Rows> rows;
-  for (const std::size_t size : sizes) {
-    rows.push_back(rowsOfRuns(role, kRuns, columns, {directory, std::to_string(size)}));
+  std::vector<Rows> rows(sizes.size());
+  for (std::size_t run = 0; run < kRuns; ++run) {
+    const std::string place = directory + "/" + std::to_string(run);
+    for (std::size_t i = 0; i < sizes.size(); ++i) {
+      rows[i].push_back(rowsOfRuns(role, 1, columns, {place, std::to_string(sizes[i])}).front());
+    }
   }
   return rows;
 }
 
+// What does not grow.
+constexpr Aim kConstant{Aim::Kind::kAtMost, 1.25};
+
 void measureQueue(const std::string& directory) {
-  const std::vector<std::size_t> sizes{1, 10, 100, 480};
-  const std::vector<Rows> rows = rowsOfSizes("queued", sizes, 3, directory);
-  std::printf("an addition to a queue, in us; medians of %zu processes\n", kRuns);
-  std::printf("  %8s %10s %18s %18s %18s\n", "requests", "sendHit", "library's threads",
-              "of it, saving", "what remains");
-  std::vector<std::vector<double>> remains;
+  const std::vector<std::size_t> sizes{1, 10, 100, 499};
+  const std::vector<Rows> rows = rowsOfSizes("queued", sizes, 1, directory);
+  std::printf("sendHit while the server stalls, in us; medians of %zu processes\n", kRuns);
   for (std::size_t i = 0; i < sizes.size(); ++i) {
-    remains.emplace_back();
-    for (const auto& row : rows[i]) remains.back().push_back(row[1] - row[2]);
-    std::printf("  %8zu %10.2f %18.1f %18.1f %18.1f\n", sizes[i], median(column(rows[i], 0)),
-                median(column(rows[i], 1)), median(column(rows[i], 2)), median(remains.back()));
-    const std::string suffix = ", " + std::to_string(sizes[i]) + " requests wait";
-    reportMicroseconds("an addition, but for saving" + suffix, remains.back());
+    std::printf("  %8zu requests wait %10.2f\n", sizes[i], median(column(rows[i], 0)));
+    reportMicroseconds("sendHit, " + std::to_string(sizes[i]) + " requests wait",
+                       column(rows[i], 0));
   }
-  reportRatio("sendHit at rest, 480 requests wait / 1", rows[3], rows[0], 0, 1,
-              {Aim::Kind::kAtMost, 1.25});
-  std::vector<double> ratios;
-  for (std::size_t run = 0; run < kRuns; ++run) ratios.push_back(remains[3][run] / remains[1][run]);
-  const Aim constant{Aim::Kind::kAtMost, 1.25};
-  const char* const name = "an addition, but for saving, 480 requests wait / 10";
-  std::printf("  %s: %s\n", name, ratioText(ratios, constant).c_str());
-  reportRatios("growth", name, ratios, constant);
+  reportRatio("sendHit, 499 requests wait / 1", rows[3], rows[0], 0, 1, kConstant);
+}
+
+void measureAdditions(const std::string& directory) {
+  // The last addition to the most of them still pushes none out.
+  const std::vector<std::size_t> sizes{1, 10, 100, 485};
+  const std::vector<Rows> rows = rowsOfSizes("added", sizes, 2, directory);
+  std::printf("the processor's time of an addition, in us; medians of %zu processes\n", kRuns);
+  std::printf("  %8s %10s %10s %10s   %s\n", "requests", "addition", "saving", "the rest",
+              "half of the runs");
+  std::vector<std::vector<double>> rests(sizes.size());
+  for (std::size_t i = 0; i < sizes.size(); ++i) {
+    for (const auto& row : rows[i]) rests[i].push_back(row[0] - row[1]);
+    std::printf("  %8zu %10.1f %10.1f %10.1f   %.1f to %.1f\n", sizes[i],
+                median(column(rows[i], 0)), median(column(rows[i], 1)), median(rests[i]),
+                quantile(rests[i], 0.25), quantile(rests[i], 0.75));
+    reportMicroseconds("an addition but for saving, " + std::to_string(sizes[i]) + " requests wait",
+                       rests[i]);
+  }
+  std::vector<double> growth;
+  for (std::size_t run = 0; run < kRuns; ++run) growth.push_back(rests[3][run] - rests[1][run]);
+  std::printf("  the rest, 485 requests - 10: %.1f, half of the runs %.1f to %.1f\n",
+              median(growth), quantile(growth, 0.25), quantile(growth, 0.75));
+  reportMicroseconds("an addition but for saving, 485 requests wait - 10", growth);
 }
 
 void measureTaggers(const std::string& directory) {
-  const std::vector<std::size_t> sizes{1, 10, 1'000};
+  const std::vector<std::size_t> sizes{1, 10, kMostTaggers};
   const std::vector<Rows> rows = rowsOfSizes("tagged", sizes, 2, directory);
   std::printf("taggers, in us; medians of %zu processes\n  %8s %10s %18s\n", kRuns, "taggers",
               "sendHit", "obtaining another");
@@ -216,11 +275,8 @@ void measureTaggers(const std::string& directory) {
     reportMicroseconds("sendHit" + suffix, column(rows[i], 0));
     reportMicroseconds("obtaining another tagger" + suffix, column(rows[i], 1));
   }
-  // A hundred would be linear. Not one, since a thousand taggers do not fit into a near cache.
-  const Aim nearlyConstant{Aim::Kind::kAtMost, 3};
-  reportRatio("sendHit, 1000 taggers / 10", rows[2], rows[1], 0, 1, nearlyConstant);
-  reportRatio("obtaining another tagger, 1000 taggers / 10", rows[2], rows[1], 1, 1,
-              nearlyConstant);
+  reportRatio("sendHit, 1000 taggers / 1", rows[2], rows[0], 0, 1, kConstant);
+  reportRatio("obtaining another tagger, 1000 taggers / 1", rows[2], rows[0], 1, 1, kConstant);
 }
 
 void measureFile(const std::string& directory) {
@@ -231,12 +287,12 @@ void measureFile(const std::string& directory) {
     std::printf("  %8zu %10.1f\n", sizes[i], median(column(rows[i], 0)));
     reportMicroseconds("loading " + std::to_string(sizes[i]) + " requests", column(rows[i], 0));
   }
-  reportRatio("loading, per request, 500 / 100", rows[3], rows[2], 0, 5,
-              {Aim::Kind::kAtMost, 1.25});
+  reportRatio("loading, per request, 500 / 100", rows[3], rows[2], 0, 5, {Aim::Kind::kBelow, 1.25});
 }
 
 void measure(const std::string& directory) {
   measureQueue(directory);
+  measureAdditions(directory);
   measureTaggers(directory);
   measureFile(directory);
 }
