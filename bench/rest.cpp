@@ -1,5 +1,7 @@
 // What the library takes while nothing happens: wake-ups, threads, memory.
 #include <curl/curl.h>
+#include <signal.h>
+#include <sys/prctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -7,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -15,6 +18,7 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <string_view>
 #include <thread>
 #include <vector>
 
@@ -22,6 +26,7 @@
 #include "bench/Report.h"
 #include "bench/Surroundings.h"
 #include "orbiq/orbiq.h"
+#include "orbiq/private/orbiqAgent/SendingRules.h"
 #include "tests/support/Role.h"
 #include "tests/support/ScriptedServer.h"
 
@@ -29,7 +34,7 @@ namespace orbiq::bench {
 namespace {
 
 constexpr std::size_t kRuns = 5;
-constexpr std::size_t kFullQueue = 499;
+constexpr std::size_t kFullQueue = SendingRules::kQueueBound - 1;
 constexpr std::size_t kManyTaggers = 1'000;
 constexpr std::chrono::seconds kWatched{10};
 constexpr std::chrono::milliseconds kPause{5};
@@ -105,8 +110,14 @@ void comeTo(const std::string& state) {
   }
 }
 
-/// Comes to that state, says so after its number, and does nothing more.
+/// Comes to that state, says so after its number, and does nothing more until it is told to end;
+/// then it says how many hits still wait.
 int rest(const std::vector<std::string>& arguments) {
+  prctl(PR_SET_PDEATHSIG, SIGKILL);  // or it would rest for ever where a measurement is broken off
+  sigset_t end;
+  sigemptyset(&end);
+  sigaddset(&end, SIGTERM);
+  sigprocmask(SIG_BLOCK, &end, nullptr);
   const std::string& state = arguments.at(0);
   const std::string& url = arguments.at(1);
   if (state == "baseline") {
@@ -117,7 +128,11 @@ int rest(const std::vector<std::string>& arguments) {
   }
   std::printf("%d\n%s\n", static_cast<int>(getpid()), kReady);
   std::fflush(stdout);
-  for (;;) pause();
+  int signal = 0;
+  sigwait(&end, &signal);
+  std::printf("%llu\n", state == "baseline" ? 0ULL : statistics().pending + 0ULL);
+  std::fflush(stdout);
+  std::_Exit(0);
 }
 const test::RoleRegistration kRest("rest", rest);
 
@@ -134,8 +149,23 @@ std::uint64_t numberIn(const std::filesystem::path& file, const std::string& nam
 
 struct Switches {
   std::uint64_t voluntary = 0;
-  std::uint64_t all = 0;
+  std::uint64_t forced = 0;
 };
+using SwitchesByThread = std::map<std::string, Switches>;
+
+/// A thread that has come or gone meanwhile counts as a wake-up, as its own number is not the
+/// whole.
+Switches between(const SwitchesByThread& before, const SwitchesByThread& after) {
+  Switches sum;
+  for (const auto& [thread, now] : after) {
+    const auto earlier = before.find(thread);
+    const Switches start = earlier == before.end() ? Switches() : earlier->second;
+    sum.voluntary += now.voluntary - start.voluntary + (earlier == before.end());
+    sum.forced += now.forced - start.forced;
+  }
+  for (const auto& [thread, start] : before) sum.voluntary += after.count(thread) == 0;
+  return sum;
+}
 
 class RestingProcess {
  public:
@@ -145,27 +175,36 @@ class RestingProcess {
     if (_process.readLine() != kReady) throw std::runtime_error("no process came to " + state);
   }
 
-  /// The thread that takes additions ends when none has come for two seconds.
+  /// The threads that take additions and changes of the network end when none has come for two
+  /// seconds.
   void awaitRest() const {
     await("a thread does not end", [this] {
       const std::vector<std::string> names = threads();
-      return std::none_of(names.begin(), names.end(), [](const std::string& name) {
-        return name.starts_with("orbiqRequestHan");
+      return std::none_of(names.begin(), names.end(), [](std::string_view name) {
+        return name == "orbiqRequestHan" || name == "com.vorlune.rea" || name == "orbiqResolver";
       });
     });
   }
   std::size_t ownThreads() const { return threads().size() - 1; }
+  /// Rss, as Pss depends on how many neighbours map the same files.
   double residentKiB() const {
     return static_cast<double>(numberIn(_place / "smaps_rollup", "Rss"));
   }
-  Switches switches() const {
-    Switches sum;
+  SwitchesByThread switches() const {
+    SwitchesByThread all;
     for (const auto& task : std::filesystem::directory_iterator(_place / "task")) {
-      const std::uint64_t voluntary = numberIn(task.path() / "status", "voluntary_ctxt_switches");
-      sum.voluntary += voluntary;
-      sum.all += voluntary + numberIn(task.path() / "status", "nonvoluntary_ctxt_switches");
+      all[task.path().filename()] = {
+          numberIn(task.path() / "status", "voluntary_ctxt_switches"),
+          numberIn(task.path() / "status", "nonvoluntary_ctxt_switches")};
     }
-    return sum;
+    return all;
+  }
+  /// How many hits wait. Ends the process.
+  std::size_t pendingAtEnd() {
+    _process.kill(SIGTERM);
+    const std::string line = _process.readLine();
+    if (line.empty() || _process.wait() != 0) throw std::runtime_error("a process did not last");
+    return std::stoul(line);
   }
 
  private:
@@ -186,7 +225,8 @@ class RestingProcess {
 struct State {
   const char* name;
   const char* text;
-  std::vector<double> wakeups, switches, threads, kibibytes;
+  std::size_t pending;  ///< hits that it must hold
+  std::vector<double> wakeups = {}, forced = {}, threads = {}, kibibytes = {};
 };
 
 /// All processes at once, so that they are watched for the same ten seconds.
@@ -208,16 +248,19 @@ void watch(std::vector<State>& states, const std::string& directory) {
     }
   }
   for (const auto& process : processes) process->awaitRest();
-  std::vector<Switches> before;
+  std::vector<SwitchesByThread> before;
   for (const auto& process : processes) before.push_back(process->switches());
   std::this_thread::sleep_for(kWatched);
   for (std::size_t i = 0; i < processes.size(); ++i) {
     State& state = states[i % states.size()];
-    const Switches after = processes[i]->switches();
-    state.wakeups.push_back(static_cast<double>(after.voluntary - before[i].voluntary));
-    state.switches.push_back(static_cast<double>(after.all - before[i].all));
+    const Switches switches = between(before[i], processes[i]->switches());
+    state.wakeups.push_back(static_cast<double>(switches.voluntary));
+    state.forced.push_back(static_cast<double>(switches.forced));
     state.threads.push_back(static_cast<double>(processes[i]->ownThreads()));
     state.kibibytes.push_back(processes[i]->residentKiB());
+    if (processes[i]->pendingAtEnd() != state.pending) {
+      throw std::runtime_error(std::string("not the hits that should wait: ") + state.text);
+    }
   }
 }
 
@@ -246,30 +289,30 @@ void reportMemory(const std::string& name, const std::vector<double>& kibibytes,
 }
 
 void measure(const std::string& directory) {
-  std::vector<State> states{
-      {"baseline", "one libcurl request, without the library", {}, {}, {}, {}},
-      {"empty", "empty queue", {}, {}, {}, {}},
-      {"offline", "a hit without network", {}, {}, {}, {}},
-      {"unanswered", "a hit without authorization", {}, {}, {}, {}},
-      {"full", "full queue without network", {}, {}, {}, {}},
-      {"drained", "queue was full", {}, {}, {}, {}},
-      {"taggers", "1,000 taggers", {}, {}, {}, {}}};
+  std::vector<State> states{{"baseline", "one libcurl request, without the library", 0},
+                            {"empty", "empty queue", 0},
+                            {"offline", "a hit without network", 1},
+                            {"unanswered", "a hit without authorization", 1},
+                            {"full", "full queue without network", kFullQueue},
+                            {"drained", "queue was full", 0},
+                            {"taggers", "1,000 taggers", 0}};
   watch(states, directory);
   std::printf("at rest for %d s; the worst of %zu processes, memory: medians\n",
               static_cast<int>(kWatched.count()), kRuns);
-  std::printf("  %-42s %10s %10s %10s %10s\n", "", "wake-ups", "switches", "threads", "KiB");
+  std::printf("  %-42s %10s %10s %10s %10s\n", "", "wake-ups", "preempted", "threads", "KiB");
   for (const State& state : states) {
     const auto worst = [](const std::vector<double>& samples) { return quantile(samples, 1); };
     std::printf("  %-42s %10.0f %10.0f %10.0f %10.0f\n", state.text, worst(state.wakeups),
-                worst(state.switches), worst(state.threads), median(state.kibibytes));
+                worst(state.forced), worst(state.threads), median(state.kibibytes));
     if (&state == &states.front()) continue;
     const auto reportWorst = [&](const std::string& what, const std::vector<double>& samples,
-                                 double aim) {
-      report({"at rest", std::string(state.text) + ", " + what, worst(samples), "",
+                                 const char* unit, double aim) {
+      report({"at rest", std::string(state.text) + ", " + what, worst(samples), unit,
               Aim{Aim::Kind::kAtMost, aim}, quantile(samples, 0), worst(samples)});
     };
-    reportWorst("wake-ups in 10 s", state.wakeups, 0);
-    reportWorst("threads", state.threads, 2);
+    reportWorst("voluntary switches in 10 s", state.wakeups, "wake-ups", 0);
+    reportWorst("forced switches in 10 s", state.forced, "switches", 0);
+    reportWorst("threads", state.threads, "threads", 2);
   }
   const State &baseline = states[0], &empty = states[1], &offline = states[2], &full = states[4],
               &drained = states[5], &taggers = states[6];
