@@ -118,7 +118,7 @@ class ORBIQ_EXPORT orbiqAgent {
   void saveRequests() ORBIQ_REQUIRES(requestsProtector);
   void rest();
   void append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
-  void enqueue(std::shared_ptr<orbiqRequest> request) ORBIQ_REQUIRES(requestsProtector);
+  void enqueue(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void dequeue() ORBIQ_REQUIRES(requestsProtector);
   std::size_t removeIf(const std::function<bool(const orbiqRequest&)>& isUnwanted)
       ORBIQ_REQUIRES(requestsProtector);
@@ -151,6 +151,7 @@ class ORBIQ_EXPORT orbiqAgent {
   std::deque<std::shared_ptr<orbiqRequest>> requestQueue ORBIQ_GUARDED_BY(requestsProtector);
   // In the queue. Counted, so that an addition need not look through it.
   std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
+  std::size_t pendingStreaming ORBIQ_GUARDED_BY(requestsProtector) = 0;
   // These two by pointer: applications include this header, and not theirs.
   std::unique_ptr<orbiq::RequestsFile> requestsFile ORBIQ_GUARDED_BY(requestsProtector);
   std::unique_ptr<orbiq::HitLedger> ledger;

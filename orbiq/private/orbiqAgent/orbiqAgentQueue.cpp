@@ -21,6 +21,10 @@ bool isMarker(const orbiqRequest& request) {
   return dynamic_cast<const orbiqClearCache*>(&request) != nullptr;
 }
 
+bool isStreaming(const orbiqRequest& request) {
+  return request.requestType() != orbiq::RequestTypeAudience;
+}
+
 // Both never destroyed: the sending thread outlives the process's static objects.
 const std::string& requestsDirectory() {
   static const auto* const path = new std::string(orbiq::Paths::libraryDirectory() + "/orbiqCache");
@@ -101,14 +105,15 @@ void orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) {
   }
 }
 
-void orbiqAgent::enqueue(std::shared_ptr<orbiqRequest> request) {
-  const bool isOneMore = isMarker(*request);
-  requestQueue.push_back(std::move(request));
-  if (isOneMore) ++pendingMarkers;
+void orbiqAgent::enqueue(const std::shared_ptr<orbiqRequest>& request) {
+  requestQueue.push_back(request);
+  if (isMarker(*request)) ++pendingMarkers;
+  if (isStreaming(*request)) ++pendingStreaming;
 }
 
 void orbiqAgent::dequeue() {
   if (isMarker(*requestQueue.front())) --pendingMarkers;
+  if (isStreaming(*requestQueue.front())) --pendingStreaming;
   requestQueue.pop_front();
 }
 
@@ -117,13 +122,16 @@ std::size_t orbiqAgent::removeIf(const std::function<bool(const orbiqRequest&)>&
   // Nearly always it is the head alone, for which the others need not be moved up.
   while (!requestQueue.empty() && isUnwanted(*requestQueue.front())) dequeue();
   std::size_t markers = 0;
+  std::size_t streaming = 0;
   const auto keptEnd = std::remove_if(requestQueue.begin(), requestQueue.end(),
                                       [&](const std::shared_ptr<orbiqRequest>& request) {
-                                        const bool goes = isUnwanted(*request);
-                                        if (goes && isMarker(*request)) ++markers;
-                                        return goes;
+                                        if (!isUnwanted(*request)) return false;
+                                        if (isMarker(*request)) ++markers;
+                                        if (isStreaming(*request)) ++streaming;
+                                        return true;
                                       });
   pendingMarkers -= markers;
+  pendingStreaming -= streaming;
   for (auto left = requestQueue.end() - keptEnd; left > 0; --left) requestQueue.pop_back();
   return before - requestQueue.size();
 }

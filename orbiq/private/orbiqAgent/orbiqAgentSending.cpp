@@ -1,5 +1,4 @@
 // The agent's sending loop.
-#include <algorithm>
 #include <exception>
 #include <optional>
 #include <string>
@@ -73,10 +72,7 @@ void orbiqAgent::handleRequests() {
 
 void orbiqAgent::waitForHead() {
   while (!headIsDue()) {
-    const bool streamingIsPending = std::any_of(
-        requestQueue.begin(), requestQueue.end(),
-        [](const auto& request) { return request->requestType() != orbiq::RequestTypeAudience; });
-    if (streamingIsPending) requestsFile->sync(requestsFilePath().toStdString());
+    if (pendingStreaming != 0) requestsFile->sync(requestsFilePath().toStdString());
     if (requestQueue.empty()) requestsFile->rest();
     requestsProtector.wait();
   }
