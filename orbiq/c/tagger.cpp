@@ -78,7 +78,9 @@ orbiq_status orbiq_tagger_get_text(const orbiq_tagger* tagger, orbiq_tagger_text
                                    char* buffer, size_t capacity, size_t* length) {
   return guarded([&]() -> orbiq_status {
     if (tagger == nullptr || !isIndexOf(kTaggerTexts, which)) return ORBIQ_ERROR_ARGUMENT;
-    return giveOut((taggerOf(tagger)->*kTaggerTexts[which].get)(), buffer, capacity, length);
+    const auto get = kTaggerTexts[which].get;
+    const orbiq::String text = (taggerOf(tagger)->*get)();
+    return giveOut(text, buffer, capacity, length);
   });
 }
 

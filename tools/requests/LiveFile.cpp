@@ -20,7 +20,12 @@ constexpr int kMostReadings = 100;
 
 constexpr std::string_view kLockSuffix = ".lock";
 
-int read(const std::string& path, Snapshot& snapshot) {
+bool isSameTime(const timespec& left, const timespec& right) {
+  return left.tv_sec == right.tv_sec && left.tv_nsec == right.tv_nsec;
+}
+
+/// `stoodStill`: nobody was seen writing meanwhile.
+int read(const std::string& path, Snapshot& snapshot, bool& stoodStill) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   struct stat status {};
   if (!file.isOpen() || fstat(file.number(), &status) != 0) return errno;
@@ -30,6 +35,8 @@ int read(const std::string& path, Snapshot& snapshot) {
   errno = EFBIG;  // it grew meanwhile
   std::optional<std::string> bytes = readAll(file, kLargestFile);
   if (!bytes) return errno;
+  struct stat after {};
+  stoodStill = fstat(file.number(), &after) == 0 && isSameTime(after.st_mtim, status.st_mtim);
   snapshot.bytes = std::move(*bytes);
   snapshot.changedAt = static_cast<double>(status.st_mtim.tv_sec);
   return 0;
@@ -51,11 +58,12 @@ Use useOf(const std::string& path) {
 
 Snapshot look(const std::string& path) {
   Snapshot snapshot;
-  snapshot.failure = read(path, snapshot);
+  bool stoodStill = true;
+  snapshot.failure = read(path, snapshot, stoodStill);
   for (int readings = 1; snapshot.failure == 0; ++readings) {
     const std::string earlier = std::exchange(snapshot.bytes, {});
-    snapshot.failure = read(path, snapshot);
-    snapshot.isSettled = snapshot.failure != 0 || snapshot.bytes == earlier;
+    snapshot.failure = read(path, snapshot, stoodStill);
+    snapshot.isSettled = snapshot.failure != 0 || (stoodStill && snapshot.bytes == earlier);
     if (snapshot.isSettled || readings == kMostReadings) break;
   }
   snapshot.use = useOf(path);

@@ -23,7 +23,7 @@ struct Use {
 struct Snapshot {
   std::string bytes;
   int failure = 0;        ///< why it cannot be read, an error number
-  bool isSettled = true;  ///< two readings agreed
+  bool isSettled = true;  ///< two readings agreed, and the file stood still for the last one
   double changedAt = 0;   ///< seconds since 1970
   Use use;
 
