@@ -59,6 +59,9 @@ orbiqAudienceTagger::orbiqAudienceTagger(const orbiq::String& serial) {
   taggerID = std::make_shared<orbiqTaggerID>(_serial, kAudiencePartialID, false);
 }
 
+// Here, so that the library has the class's virtual table, however it is optimised.
+orbiqAudienceTagger::~orbiqAudienceTagger() = default;
+
 void orbiqAudienceTagger::sendHit() try {
   if (orbiqAgent::isForkedAway()) return;
   orbiqAgent& agent = orbiqAgent::sharedAgent();

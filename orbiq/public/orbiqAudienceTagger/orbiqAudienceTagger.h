@@ -24,6 +24,7 @@ class ORBIQ_EXPORT orbiqAudienceTagger : public orbiqTagger {
   /// A tagger that the agent does not know. Keeps a copy of the serial, which is not checked: with
   /// a null or empty one hits carry no "serial", and with a null one they are refused.
   explicit orbiqAudienceTagger(const orbiq::String& serial);
+  ~orbiqAudienceTagger() override;
 
   /// Counts one event: composes a hit and hands it to the agent's queue. Never waits for the
   /// network or, once there is an agent, the disk, and reports nothing; a hit that the account's
