@@ -5,8 +5,8 @@ dev_package() {
   say "packages: building"
   # As Debian builds: for /usr, with its optimisation and hardening, without the place of the build.
   CXXFLAGS="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
-    LDFLAGS="$(dpkg-buildflags --get LDFLAGS)" configure build-package g++ -DORBIQ_BUILD_TESTS=OFF -DORBIQ_LTO=ON \
-    -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr
+    LDFLAGS="$(dpkg-buildflags --get LDFLAGS)" configure build-package g++ -DORBIQ_BUILD_TESTS=OFF \
+    -DORBIQ_LTO=ON -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr
   compile build-package --target orbiq_installed
   rm -rf build-package/packages
   say "packages: packing"
