@@ -18,13 +18,6 @@
 namespace orbiq::bench {
 namespace {
 
-std::vector<double> columnOf(const std::vector<std::vector<double>>& rows, std::size_t column) {
-  std::vector<double> values;
-  values.reserve(rows.size());
-  for (const std::vector<double>& row : rows) values.push_back(row.at(column));
-  return values;
-}
-
 std::vector<double> runOnce(const std::string& role, const std::vector<std::string>& arguments) {
   test::RoleProcess process(role, arguments);
   std::istringstream line(process.readLine());
@@ -101,6 +94,13 @@ std::vector<std::vector<double>> rowsOfRuns(const std::string& role, std::size_t
       throw std::runtime_error("a run of " + role + " said too little");
   }
   return rows;
+}
+
+std::vector<double> columnOf(const std::vector<std::vector<double>>& rows, std::size_t column) {
+  std::vector<double> values;
+  values.reserve(rows.size());
+  for (const std::vector<double>& row : rows) values.push_back(row.at(column));
+  return values;
 }
 
 std::vector<double> mediansOf(const std::vector<std::vector<double>>& rows) {

@@ -40,6 +40,8 @@ double microseconds(Work&& work) {
 std::vector<std::vector<double>> rowsOfRuns(const std::string& role, std::size_t runs,
                                             std::size_t columns,
                                             const std::vector<std::string>& arguments);
+/// One column of the rows.
+std::vector<double> columnOf(const std::vector<std::vector<double>>& rows, std::size_t column);
 /// The medians of the rows' columns.
 std::vector<double> mediansOf(const std::vector<std::vector<double>>& rows);
 /// One column divided by another, for each row.

@@ -108,12 +108,6 @@ void reportColumn(const std::string& name, const std::vector<double>& samples,
           quantile(samples, 0.75)});
 }
 
-std::vector<double> column(const std::vector<std::vector<double>>& rows, std::size_t index) {
-  std::vector<double> values;
-  for (const std::vector<double>& row : rows) values.push_back(row.at(index));
-  return values;
-}
-
 using Rows = std::vector<std::vector<double>>;
 
 /// The modes take turns, since a disk is not equally fast all the time.
@@ -132,11 +126,11 @@ std::array<Rows, kModes.size()> rowsOfModes(const std::string& directory, std::s
 void measureDepth(const std::string& directory, std::size_t depth) {
   const std::string suffix = ", depth " + std::to_string(depth);
   const auto rows = rowsOfModes(directory, depth);
-  const std::vector<double> ordinary = column(rows[0], 1);
+  const std::vector<double> ordinary = columnOf(rows[0], 1);
   for (std::size_t mode = 0; mode < rows.size(); ++mode) {
-    const std::vector<double> times = column(rows[mode], 1);
+    const std::vector<double> times = columnOf(rows[mode], 1);
     std::printf("  %5zu %-24s %12.0f %12.1f %12.0f\n", depth, kModes[mode],
-                median(column(rows[mode], 0)), median(times), median(column(rows[mode], 2)));
+                median(columnOf(rows[mode], 0)), median(times), median(columnOf(rows[mode], 2)));
     reportColumn(std::string("a hit's saves, ") + kModes[mode] + suffix, times, "µs");
     if (mode == 0) continue;
     std::vector<double> ratios;
@@ -146,11 +140,11 @@ void measureDepth(const std::string& directory, std::size_t depth) {
                  ratios, std::nullopt);
   }
   std::printf("        a removal, while the queue is drained: %.0f bytes\n",
-              median(column(rows[0], 3)));
-  reportColumn("written for a hit" + suffix, column(rows[0], 0), "bytes");
-  reportColumn("the file" + suffix, column(rows[0], 2), "bytes");
+              median(columnOf(rows[0], 3)));
+  reportColumn("written for a hit" + suffix, columnOf(rows[0], 0), "bytes");
+  reportColumn("the file" + suffix, columnOf(rows[0], 2), "bytes");
   reportColumn("written for a removal, a queue of " + std::to_string(depth) + " being drained",
-               column(rows[0], 3), "bytes");
+               columnOf(rows[0], 3), "bytes");
 }
 
 void measure(const std::string& directory) {

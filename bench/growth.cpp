@@ -213,12 +213,6 @@ const test::RoleRegistration kLoaded("loaded", loaded);
 
 using Rows = std::vector<std::vector<double>>;
 
-std::vector<double> column(const Rows& rows, std::size_t index) {
-  std::vector<double> values;
-  for (const std::vector<double>& row : rows) values.push_back(row.at(index));
-  return values;
-}
-
 void reportMicroseconds(const std::string& name, const std::vector<double>& samples) {
   report({"growth", name, median(samples), "µs", std::nullopt, quantile(samples, 0.25),
           quantile(samples, 0.75)});
@@ -255,9 +249,9 @@ void measureQueue(const std::string& directory) {
   const std::vector<Rows> rows = rowsOfSizes("queued", sizes, 1, directory);
   std::printf("sendHit while the server stalls, in us; medians of %zu processes\n", kRuns);
   for (std::size_t i = 0; i < sizes.size(); ++i) {
-    std::printf("  %8zu requests wait %10.2f\n", sizes[i], median(column(rows[i], 0)));
+    std::printf("  %8zu requests wait %10.2f\n", sizes[i], median(columnOf(rows[i], 0)));
     reportMicroseconds("sendHit, " + std::to_string(sizes[i]) + " requests wait",
-                       column(rows[i], 0));
+                       columnOf(rows[i], 0));
   }
   reportRatio("sendHit, 499 requests wait / 1", rows[3], rows[0], 0, 1, kConstant);
 }
@@ -273,7 +267,7 @@ void measureAdditions(const std::string& directory) {
   for (std::size_t i = 0; i < sizes.size(); ++i) {
     for (const auto& row : rows[i]) rests[i].push_back(row[0] - row[1]);
     std::printf("  %8zu %10.1f %10.1f %10.1f   %.1f to %.1f\n", sizes[i],
-                median(column(rows[i], 0)), median(column(rows[i], 1)), median(rests[i]),
+                median(columnOf(rows[i], 0)), median(columnOf(rows[i], 1)), median(rests[i]),
                 quantile(rests[i], 0.25), quantile(rests[i], 0.75));
     reportMicroseconds("an addition but for saving, " + std::to_string(sizes[i]) + " requests wait",
                        rests[i]);
@@ -291,11 +285,11 @@ void measureTaggers(const std::string& directory) {
   std::printf("taggers, in us; medians of %zu processes\n  %8s %10s %18s\n", kRuns, "taggers",
               "sendHit", "obtaining another");
   for (std::size_t i = 0; i < sizes.size(); ++i) {
-    std::printf("  %8zu %10.2f %18.2f\n", sizes[i], median(column(rows[i], 0)),
-                median(column(rows[i], 1)));
+    std::printf("  %8zu %10.2f %18.2f\n", sizes[i], median(columnOf(rows[i], 0)),
+                median(columnOf(rows[i], 1)));
     const std::string suffix = ", " + std::to_string(sizes[i]) + " taggers";
-    reportMicroseconds("sendHit" + suffix, column(rows[i], 0));
-    reportMicroseconds("obtaining another tagger" + suffix, column(rows[i], 1));
+    reportMicroseconds("sendHit" + suffix, columnOf(rows[i], 0));
+    reportMicroseconds("obtaining another tagger" + suffix, columnOf(rows[i], 1));
   }
   reportRatio("sendHit, 1000 taggers / 1", rows[2], rows[0], 0, 1, kConstant);
   reportRatio("obtaining another tagger, 1000 taggers / 1", rows[2], rows[0], 1, 1,
@@ -307,8 +301,8 @@ void measureFile(const std::string& directory) {
   const std::vector<Rows> rows = rowsOfSizes("loaded", sizes, 1, directory);
   std::printf("loading a file, in us; medians of %zu processes\n", kRuns);
   for (std::size_t i = 0; i < sizes.size(); ++i) {
-    std::printf("  %8zu %10.1f\n", sizes[i], median(column(rows[i], 0)));
-    reportMicroseconds("loading " + std::to_string(sizes[i]) + " requests", column(rows[i], 0));
+    std::printf("  %8zu %10.1f\n", sizes[i], median(columnOf(rows[i], 0)));
+    reportMicroseconds("loading " + std::to_string(sizes[i]) + " requests", columnOf(rows[i], 0));
   }
   reportRatio("loading, per request, 500 / 100", rows[3], rows[2], 0, 5, {Aim::Kind::kBelow, 1.25});
 }
