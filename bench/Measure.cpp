@@ -28,7 +28,7 @@ std::vector<double> runOnce(const std::string& role, const std::vector<std::stri
 }
 
 void warnOfMemoryDisk(const std::string& directory) {
-  struct statfs fileSystem {};
+  struct statfs fileSystem{};
   if (statfs(directory.c_str(), &fileSystem) == 0 && fileSystem.f_type == TMPFS_MAGIC) {
     std::cout << "note: " << directory << " is not on a disk; saves look faster than they are\n";
   }

@@ -72,7 +72,7 @@ class SinkGate {
   std::size_t _inside ORBIQ_GUARDED_BY(_lock) = 0;
 };
 
-constexpr orbiq::String orbiq::HostDescription::*kHostTexts[] = {
+constexpr orbiq::String orbiq::HostDescription::* kHostTexts[] = {
     &orbiq::HostDescription::bundleIdentifier, &orbiq::HostDescription::bundleName,
     &orbiq::HostDescription::shortVersion,     &orbiq::HostDescription::authorizationServer,
     &orbiq::HostDescription::libraryDirectory, &orbiq::HostDescription::caBundle,

@@ -48,10 +48,7 @@ TEST_P(HostLoopTest, HearsTheLibraryOnItsMainThread) {
                 "60", [&] { network->setDown("v0"); }, 0),
             (std::set<std::string>{change, "a timer's firing came on the main thread",
                                    "the return to the foreground came on the main thread"}));
-  EXPECT_EQ(linesOfRun(
-                "1", [] {}, 1)
-                .count(change),
-            0U);
+  EXPECT_EQ(linesOfRun("1", [] {}, 1).count(change), 0U);
 }
 
 INSTANTIATE_TEST_SUITE_P(Examples, HostLoopTest, testing::Values("epoll", "glib", "qt"),

@@ -15,6 +15,7 @@
 
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "tests/support/Application.h"
+#include "tests/support/NetworkNamespace.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace orbiq::test {
@@ -81,8 +82,8 @@ class Disk : public testing::Test {
 
 TEST_F(Disk, IsFull) {
   fs::create_directory(library);
-  const int wanted = CLONE_NEWNS | (geteuid() == 0 ? 0 : CLONE_NEWUSER);
-  if (unshare(wanted) != 0 || mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+  if (!enterNamespaces(CLONE_NEWNS) ||
+      mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
       mount("none", library.c_str(), "tmpfs", 0, "size=64k") != 0) {
     GTEST_SKIP() << "no mount of its own: " << std::strerror(errno);
   }

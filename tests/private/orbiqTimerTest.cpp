@@ -112,7 +112,7 @@ TEST_F(OrbiqTimerTest, OnlyTargetsThatAreThereAndHaveTheOperationAreCalled) {
   const std::shared_ptr<Listener> hidden = target;
   const auto unable = std::make_shared<Listener>();
   auto leaving = std::make_shared<Ticking>();
-  void (Ticking::*const noSelector)(orbiqTimer&) = nullptr;
+  void (Ticking::* const noSelector)(orbiqTimer&) = nullptr;
   const std::shared_ptr<const TickingListener> readOnly = target;
   const auto timers = {timerOf(kSoon, readOnly, &Ticking::look, true),
                        timerOf(kSoon, unable, &Ticking::tick, true),

@@ -45,17 +45,18 @@ bool isIPv6(const std::string& text) { return text.find(':') != std::string::npo
 
 }  // namespace
 
+bool enterNamespaces(int kinds) {
+  const uid_t user = geteuid();
+  const gid_t group = getegid();
+  if (unshare(user == 0 ? kinds : CLONE_NEWUSER | kinds) != 0) return false;
+  return user == 0 || (writeFile("/proc/self/setgroups", "deny") &&
+                       writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
+                       writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"));
+}
+
 std::unique_ptr<NetworkNamespace> NetworkNamespace::enter(std::string& refusal) {
-  const uid_t user = getuid();
-  const gid_t group = getgid();
-  if (unshare(user == 0 ? CLONE_NEWNET : CLONE_NEWUSER | CLONE_NEWNET) != 0) {
+  if (!enterNamespaces(CLONE_NEWNET)) {
     refusal = std::string("no network namespace of one's own: ") + std::strerror(errno);
-    return nullptr;
-  }
-  if (user != 0 && !(writeFile("/proc/self/setgroups", "deny") &&
-                     writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
-                     writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"))) {
-    refusal = "the user namespace cannot be set up";
     return nullptr;
   }
   if (runIp("link set lo up") != 0) {

@@ -6,6 +6,10 @@
 
 namespace orbiq::test {
 
+/// Puts the process into fresh namespaces of these kinds (CLONE_NEW…), as a user who is root there.
+/// To be called before the process has other threads. False, with errno, where that is forbidden.
+bool enterNamespaces(int kinds);
+
 /// A network of the test's own: the process is put into a fresh network namespace, in which only
 /// the loopback link is up. Each operation runs the `ip` command and fails the test if that fails.
 class NetworkNamespace {

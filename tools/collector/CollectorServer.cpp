@@ -36,6 +36,20 @@ std::string textOf(const httplib::Request& request) {
   return text.substr(0, kLongestText);
 }
 
+bool isAuth(const httplib::Request& request) { return request.target.starts_with(kAuthPath); }
+bool isHit(const httplib::Request& request) { return request.target.starts_with(kHitPath); }
+
+Exchange exchangeOf(const httplib::Request& request) {
+  Exchange seen;
+  seen.time = std::chrono::system_clock::now();
+  seen.kind = isAuth(request) ? Kind::Auth : Kind::Hit;
+  seen.serial =
+      request.target.substr((isAuth(request) ? kAuthPath : kHitPath).size(), kLongestName);
+  seen.userAgent = request.get_header_value("User-Agent").substr(0, kLongestName);
+  seen.request = textOf(request);
+  return seen;
+}
+
 void answerJson(httplib::Response& response, const json& value) {
   // A client may have sent any bytes; they must not keep the answer from being JSON.
   response.set_content(value.dump(2, ' ', false, json::error_handler_t::replace) + "\n",
@@ -74,6 +88,13 @@ CollectorServer::CollectorServer(const std::string& address, int port, Behaviour
   // Before routing: a serial is taken as it stands on the request line, undecoded.
   _http.server->set_pre_routing_handler(
       [this](const auto& request, auto& response) { return serve(request, response); });
+  // The library refuses some malformed requests itself, before it notes who sent them.
+  _http.server->set_error_handler([this](const auto& request, auto& response) {
+    if (request.remote_port >= 0 || !(isAuth(request) || isHit(request))) return;
+    Exchange refused = exchangeOf(request);
+    refused.status = response.status;
+    _log.add(std::move(refused));
+  });
   addApi();
   addEvents();
   addPage(*_http.server);
@@ -135,15 +156,10 @@ void CollectorServer::addEvents() {
 
 httplib::Server::HandlerResponse CollectorServer::serve(const httplib::Request& request,
                                                         httplib::Response& response) {
-  const bool isAuth = request.target.starts_with(kAuthPath);
-  const bool isHit = request.target.starts_with(kHitPath);
-  if (request.method != "GET" || (!isAuth && !isHit)) return screen(request, response);
-  Exchange seen;
-  seen.time = std::chrono::system_clock::now();
-  seen.kind = isAuth ? Kind::Auth : Kind::Hit;
-  seen.serial = request.target.substr((isAuth ? kAuthPath : kHitPath).size(), kLongestName);
-  seen.userAgent = request.get_header_value("User-Agent").substr(0, kLongestName);
-  seen.request = textOf(request);
+  if (request.method != "GET" || !(isAuth(request) || isHit(request))) {
+    return screen(request, response);
+  }
+  Exchange seen = exchangeOf(request);
   const auto began = std::chrono::steady_clock::now();
   exchange(seen, request, response);
   seen.took = std::chrono::duration_cast<std::chrono::microseconds>(

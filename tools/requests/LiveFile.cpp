@@ -7,6 +7,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cstdint>
 #include <string_view>
 #include <system_error>
 #include <utility>
@@ -27,7 +28,7 @@ bool isSameTime(const timespec& left, const timespec& right) {
 /// `stoodStill`: nobody was seen writing meanwhile.
 int read(const std::string& path, Snapshot& snapshot, bool& stoodStill) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  struct stat status {};
+  struct stat status{};
   if (!file.isOpen() || fstat(file.number(), &status) != 0) return errno;
   if (S_ISDIR(status.st_mode)) return EISDIR;
   if (!S_ISREG(status.st_mode)) return EINVAL;
@@ -35,7 +36,7 @@ int read(const std::string& path, Snapshot& snapshot, bool& stoodStill) {
   errno = EFBIG;  // it grew meanwhile
   std::optional<std::string> bytes = readAll(file, kLargestFile);
   if (!bytes) return errno;
-  struct stat after {};
+  struct stat after{};
   stoodStill = fstat(file.number(), &after) == 0 && isSameTime(after.st_mtim, status.st_mtim);
   snapshot.bytes = std::move(*bytes);
   snapshot.changedAt = static_cast<double>(status.st_mtim.tv_sec);
@@ -46,7 +47,7 @@ Use useOf(const std::string& path) {
   const std::string lock = path + std::string(kLockSuffix);
   const Descriptor file(open(lock.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file.isOpen()) return {errno == ENOENT ? Use::State::kFree : Use::State::kUnknown, 0};
-  struct flock whole {};
+  struct flock whole{};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
   if (fcntl(file.number(), F_GETLK, &whole) != 0) return {Use::State::kUnknown, 0};

@@ -34,7 +34,7 @@ bool isInCalendar(double seconds) { return std::abs(seconds) < 1e11; }
 
 std::string calendar(double seconds, const char* format, bool isLocal) {
   const auto whole = static_cast<time_t>(std::floor(seconds));
-  struct tm fields {};
+  struct tm fields{};
   if (isLocal) {
     localtime_r(&whole, &fields);
   } else {

@@ -45,7 +45,7 @@ void logQueueLength(std::size_t length) {
 }  // namespace
 
 orbiq::String orbiqAgent::requestsFilePath() const {
-  struct stat status {};
+  struct stat status{};
   if (::lstat(requestsDirectory().c_str(), &status) != 0) {
     orbiq::Paths::makeDirectories(requestsDirectory());  // what fails here shows at the save
   }

@@ -36,7 +36,7 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
   /// nothing is called and the timer goes on. During a call the target is kept alive.
   template <class Target, class Class, class Operation>
   static std::shared_ptr<orbiqTimer> orbiqTimerWithInterval_withTarget_selector_repeating(
-      double interval, const std::shared_ptr<Target>& target, Operation Class::*selector,
+      double interval, const std::shared_ptr<Target>& target, Operation Class::* selector,
       bool repeating) {
     using Responder = std::conditional_t<std::is_const_v<Target>, const Class, Class>;
     static_assert(std::is_invocable_v<Operation Class::*, Responder&, orbiqTimer&>,

@@ -21,7 +21,7 @@ int syncDirectory(const std::string& path) {
 
 }  // namespace
 
-void AtomicFile::Version::swap(Version& other) {
+void AtomicFile::Version::swap(Version& other) noexcept {
   _descriptor.swap(other._descriptor);
   std::swap(_state, other._state);
   std::swap(kept, other.kept);
@@ -56,7 +56,7 @@ int AtomicFile::Version::flush() const {
 }
 
 bool AtomicFile::Version::standsAt(int directory, const std::string& name) const {
-  struct stat found {};
+  struct stat found{};
   return _descriptor.isOpen() &&
          fstatat(directory, name.c_str(), &found, AT_SYMLINK_NOFOLLOW) == 0 &&
          found.st_dev == _state.st_dev && found.st_ino == _state.st_ino &&
@@ -116,7 +116,7 @@ int syncFile(const std::string& path) {
 
 std::optional<std::string> readFile(const std::string& path, std::size_t limit) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
-  struct stat status {};
+  struct stat status{};
   if (!file.isOpen() || fstat(file.number(), &status) != 0) return std::nullopt;
   return S_ISREG(status.st_mode) ? readAll(file, limit) : std::nullopt;
 }

@@ -28,7 +28,7 @@ class AtomicFile {
   /// A file of ours under one of the two names.
   class Version {
    public:
-    void swap(Version& other);
+    void swap(Version& other) noexcept;
     void close() { _descriptor = {}; }
 
     /// Makes the file, in place of whatever may have been left there.
@@ -46,7 +46,7 @@ class AtomicFile {
     int noteState();
 
     Descriptor _descriptor;
-    struct stat _state {};
+    struct stat _state{};
   };
 
   int write(std::string_view bytes, bool mayExchange, bool synced);

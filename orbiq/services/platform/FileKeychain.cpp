@@ -77,7 +77,7 @@ std::optional<std::string> decoded(std::string_view bytes) {
 KeychainStatus openDirectory(const std::string& path, Descriptor& directory) {
   directory = Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory.isOpen()) return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
-  struct stat found {};
+  struct stat found{};
   const bool isOurs = fstat(directory.number(), &found) == 0 && found.st_uid == geteuid() &&
                       ((found.st_mode & 0777) == 0700 || fchmod(directory.number(), 0700) == 0);
   return isOurs ? errSecSuccess : errSecNotAvailable;

@@ -13,7 +13,7 @@ FileLock::State FileLock::tryLock(const std::string& path) {
     _failure = errno;
     return _state = State::Failed;
   }
-  struct flock whole {};
+  struct flock whole{};
   whole.l_type = F_WRLCK;
   whole.l_whence = SEEK_SET;
   if (fcntl(file, F_SETLK, &whole) == 0) return _state = State::Held;  // stays open for good

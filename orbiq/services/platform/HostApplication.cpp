@@ -56,7 +56,7 @@ void setFromEnvironment(String& field, const char* variable) {
 
 /// Texts become the library's own: what was checked must not change afterwards.
 HostDescription withDefaults(HostDescription description) {
-  for (String HostDescription::*text :
+  for (String HostDescription::* text :
        {&HostDescription::bundleIdentifier, &HostDescription::bundleName,
         &HostDescription::shortVersion, &HostDescription::authorizationServer,
         &HostDescription::libraryDirectory, &HostDescription::caBundle}) {

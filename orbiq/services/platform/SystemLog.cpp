@@ -35,8 +35,7 @@ std::string prefix(const Date& time) {
   std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
   char text[128];
   std::snprintf(text, sizeof text, "%s.%03d %.40s[%ld:%ld] ", stamp, milliseconds,
-                program_invocation_short_name, static_cast<long>(getpid()),
-                static_cast<long>(syscall(SYS_gettid)));
+                program_invocation_short_name, static_cast<long>(getpid()), syscall(SYS_gettid));
   return text;
 }
 

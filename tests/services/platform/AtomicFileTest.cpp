@@ -24,7 +24,7 @@ class AtomicFileTest : public testing::Test {
     return failure != 0 ? "error " + std::to_string(failure) : readFile(path, 1U << 20U).value();
   }
   static ino_t inodeOf(const std::string& path) {
-    struct stat status {};
+    struct stat status{};
     return stat(path.c_str(), &status) == 0 ? status.st_ino : 0;
   }
   void write(const std::string& name, const std::string& bytes) {

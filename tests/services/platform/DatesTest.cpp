@@ -33,7 +33,7 @@ TEST(HttpDate, RefusesTheRest) {
 }
 
 TEST(Calendar, FollowsTheDevicesTimeZone) {
-  setenv("TZ", "Europe/Paris", 1);
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);  // as Paris, where no zone data is installed, too
   tzset();
   const Date beforeMidnight = Date::since1970(1774738799);  // 2026-03-28 23:59:59 there
   const auto day = CalendarComponents::dayOf(beforeMidnight);
