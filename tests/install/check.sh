@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# In a Debian that has never seen the library: installs its packages from /orbiq/packages, builds
+# In an empty Debian, as root: installs the library's packages from /orbiq/packages, builds
 # applications against them, runs these against the packaged collector, and removes it all again.
 # The source is in /orbiq/source.
 set -euo pipefail
@@ -48,6 +48,15 @@ configure() {
   cmake -G Ninja -S "$consumer" -DFIRST_HIT="$first_hit" "$@" >cmake.log 2>&1 ||
     { cat cmake.log >&2; fail "cmake failed"; }
 }
+
+say "installing what building takes, and what the packages depend on"
+depends=$(for package in /orbiq/packages/*.deb; do dpkg-deb -f "$package" Depends Recommends; done |
+  sed 's/^[A-Za-z]*: //' | tr ',' '\n' | grep -v orbiq | paste -sd,)
+{
+  apt-get update -qq
+  apt-get install -y -qq --no-install-recommends g++ cmake ninja-build pkg-config
+  apt-get satisfy -y -qq --no-install-recommends "$depends"
+} >apt.log 2>&1 || { cat apt.log >&2; fail "what is needed does not install"; }
 
 inventory >before
 say "installing the packages"
