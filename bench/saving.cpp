@@ -6,6 +6,7 @@
 #include <array>
 #include <cstdint>
 #include <cstdio>
+#include <cstdlib>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -136,7 +137,7 @@ struct Encoders {
     });
     plist_free(archive);
     if (written == nullptr) throw std::runtime_error("libplist cannot write the archive");
-    plist_to_bin_free(written);
+    std::free(written);  // each version has another name for this
     return time;
   }
 };

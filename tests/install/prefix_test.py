@@ -17,7 +17,7 @@ COMPONENTS = ("library", "secretservice", "development", "tools")
 WARNINGS = ("-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror")
 # Who may own what the headers include: the C library, the kernel's headers, the compiler's.
 SYSTEM_PACKAGES = re.compile(r"(libc6-dev|linux-libc-dev|lib(stdc\+\+|gcc)-\d+-dev|"
-                             r"libclang-common-\d+-dev)(:\w+)?")
+                             r"libclang-(common|rt)-\d+-dev)(:\w+)?")
 
 
 def run(*command, **options):

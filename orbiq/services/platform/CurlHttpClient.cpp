@@ -192,7 +192,7 @@ void CurlHttpClient::setUp(const std::string& caBundle) {
   set(CURLOPT_QUICK_EXIT, 1L);
   set(CURLOPT_ERRORBUFFER, _errorText);
   set(CURLOPT_PROTOCOLS_STR, "http,https");
-  set(CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
   set(CURLOPT_HTTP09_ALLOWED, 0L);
   set(CURLOPT_PATH_AS_IS, 1L);
   set(CURLOPT_HTTPHEADER, _headers);
@@ -202,7 +202,7 @@ void CurlHttpClient::setUp(const std::string& caBundle) {
   set(CURLOPT_FOLLOWLOCATION, 0L);
   set(CURLOPT_HEADERFUNCTION, onHeader);
   set(CURLOPT_WRITEFUNCTION, onBody);
-  set(CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));  // or later
+  set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});  // or later
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
   if (!caBundle.empty()) {

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <memory>
+
+#include "orbiq/private/orbiqRequest/orbiqRequest.h"
+#include "orbiq/services/platform/Mutex.h"
+
+namespace orbiq {
+
+/// What waits for "orbiqRequestHandler": additions and triggers, in order. While a send stalls, an
+/// application may go on adding: of more additions than the bound the oldest gives way. Any thread.
+class HandlerWork {
+ public:
+  static constexpr std::size_t kMostAdditions = 10'000;
+
+  /// Either an addition, or something to do.
+  struct Item {
+    std::shared_ptr<orbiqRequest> added = {};
+    std::function<void()> trigger = {};
+  };
+
+  /// What came of giving an item.
+  struct Given {
+    /// Nobody takes items at the moment: somebody has to be sent for them.
+    bool needsTaker = false;
+    /// The addition that gave way; null if none did.
+    std::shared_ptr<orbiqRequest> pushedOut = {};
+  };
+  /// Throws `std::bad_alloc`; then the item was not given.
+  Given give(Item item);
+  /// False if nothing is left: then the taker goes, and the next item needs another.
+  bool take(Item& item);
+  /// The taker that was to be sent cannot be.
+  void takerFailed();
+
+ private:
+  Mutex _lock;
+  std::list<Item> _items ORBIQ_GUARDED_BY(_lock);
+  std::size_t _additions ORBIQ_GUARDED_BY(_lock) = 0;
+  bool _hasTaker ORBIQ_GUARDED_BY(_lock) = false;
+};
+
+}  // namespace orbiq
