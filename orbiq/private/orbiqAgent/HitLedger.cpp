@@ -10,9 +10,9 @@ void HitLedger::countAccepted(std::uint64_t hits) {
   _accepted += hits;
 }
 
-void HitLedger::countFate(HitFate fate) {
+void HitLedger::countFate(HitFate fate, std::uint64_t hits) {
   const Lock lock(_lock);
-  ++_fates[static_cast<std::size_t>(fate)];
+  _fates[static_cast<std::size_t>(fate)] += hits;
 }
 
 void HitLedger::noteSuccess(const Date& time) {
@@ -32,15 +32,10 @@ void HitLedger::additionBegins(bool isCounted) {
   noteWaiting();
 }
 
-void HitLedger::sendBegins() {
+void HitLedger::setSending(bool isSending) {
   const Lock lock(_lock);
-  _isSending = true;
+  _isSending = isSending;
   noteWaiting();
-}
-
-void HitLedger::sendEnds() {
-  const Lock lock(_lock);
-  _isSending = false;
 }
 
 void HitLedger::noteWaiting() {

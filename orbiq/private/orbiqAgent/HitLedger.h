@@ -30,13 +30,21 @@ class HitLedger {
   void countAccepted(std::uint64_t hits = 1);
   /// A request is on its way to the queue; a marker is not counted as accepted.
   void additionBegins(bool isCounted);
-  void countFate(HitFate fate);
+  void countFate(HitFate fate, std::uint64_t hits = 1);
   void noteSuccess(const Date& time);
   void noteFailure(const String& text);
   void additionEnds();
-  /// A send is under way between these two.
-  void sendBegins();
-  void sendEnds();
+  /// A send is under way as long as it lives.
+  class Sending {
+   public:
+    explicit Sending(HitLedger& ledger) : _ledger(ledger) { _ledger.setSending(true); }
+    ~Sending() { _ledger.setSending(false); }
+    Sending(const Sending&) = delete;
+    Sending& operator=(const Sending&) = delete;
+
+   private:
+    HitLedger& _ledger;
+  };
   Statistics statistics() const;
 
  private:
@@ -44,6 +52,7 @@ class HitLedger {
     return _fates[static_cast<std::size_t>(fate)];
   }
 
+  void setSending(bool isSending);
   void noteWaiting() ORBIQ_REQUIRES(_lock);
 
   mutable Mutex _lock;

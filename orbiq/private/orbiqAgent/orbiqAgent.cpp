@@ -1,45 +1,41 @@
 // The agent's life.
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 
+#include <exception>
+#include <new>
+#include <string>
+
+#include "orbiq/private/orbiqAgent/HandlerWork.h"
 #include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
+#include "orbiq/services/platform/SerialQueue.h"
+
+namespace {
+
+orbiq::HitLedger* onlyLedger() {
+  static orbiq::NeverDestroyed<orbiq::HitLedger> ledger;
+  return &*ledger;
+}
+
+orbiq::HandlerWork* onlyHandlerWork() {
+  static orbiq::NeverDestroyed<orbiq::HandlerWork> work;
+  return &*work;
+}
+
+}  // namespace
 
 orbiqAgent& orbiqAgent::sharedAgent() {
-  static auto* const agent = new orbiqAgent();  // never destroyed
+  static orbiq::NeverDestroyed<orbiqAgent> agent;
+  (*agent).start();
   return *agent;
 }
 
-orbiqAgent::orbiqAgent()
-    : requestsFile(std::make_unique<orbiq::RequestsFile>()),
-      ledger(std::make_unique<orbiq::HitLedger>()) {
-  // The agent of a forked child does nothing, and leaves the parent's file alone.
-  if (isForkedAway()) return;
-  orbiq::HostApplication::settle();
-  const orbiq::String serverProblem = orbiq::HostApplication::authorizationServerProblem();
-  if (!serverProblem.isNull()) {
-    orbiqLogger::log_withMode("No hit can be authorized: " + serverProblem.toStdString(),
-                              orbiq::LoggingModeError);
-  }
-  orbiq::prepareHttpForProcess();
-  orbiq::armForkGuard();
-
-  reachability = orbiqReachability::reachabilityForInternetConnection();
-  observe(korbiqReachabilityChangedNotification, &orbiqAgent::reachabilityStatusChanged);
-  observe(orbiq::UIApplicationWillEnterForegroundNotification,
-          &orbiqAgent::applicationWillEnterForeground);
-  orbiqSerialAccess.reserve(3);
-  orbiqAudienceTaggers.reserve(3);
-  {
-    // The observers may be called already.
-    const orbiq::Lock lock(requestsProtector);
-    loadRequests();
-  }
-  requestSender.async([this] { handleRequests(); });
-  if (reachability) reachability->startNotifier();
-}
+// Takes no memory, so that there is an agent in any case.
+orbiqAgent::orbiqAgent() noexcept : ledger(onlyLedger()), handlerWork(onlyHandlerWork()) {}
 
 // For completeness: the loop on "orbiqRequestSender" keeps the agent as long as the process lives.
 orbiqAgent::~orbiqAgent() {
@@ -49,11 +45,74 @@ orbiqAgent::~orbiqAgent() {
   center.removeObserver(this, orbiq::UIApplicationWillEnterForegroundNotification);
 }
 
-void orbiqAgent::observe(const char* notification,
-                         void (orbiqAgent::*operation)(const orbiq::Notification&)) {
-  orbiq::NotificationCenter::defaultCenter().addObserver(
-      this, notification,
-      [this, operation](const orbiq::Notification& posted) { (this->*operation)(posted); });
+void orbiqAgent::start() try {
+  // The agent of a forked child does nothing, and leaves the parent's file alone.
+  if (isStarted.load(std::memory_order_acquire) || isForkedAway()) return;
+  const orbiq::Lock lock(startLock);
+  if (isStarted.load(std::memory_order_relaxed)) return;
+  makeParts();
+  isStarted.store(true, std::memory_order_release);
+} catch (const std::exception& error) {
+  orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
+}
+
+// Whatever can fail comes before others can find the agent: before observers and threads.
+void orbiqAgent::makeParts() {
+  orbiq::HostApplication::settle();
+  const orbiq::String serverProblem = orbiq::HostApplication::authorizationServerProblem();
+  if (!requestSender && !serverProblem.isNull()) {
+    orbiqLogger::log_withMode(
+        [&] { return "No hit can be authorized: " + serverProblem.toStdString(); },
+        orbiq::LoggingModeError);
+  }
+  orbiq::prepareHttpForProcess();
+  orbiq::armForkGuard();
+
+  if (!reachability) reachability = orbiqReachability::reachabilityForInternetConnection();
+  orbiqSerialAccess.reserve(3);
+  orbiqAudienceTaggers.reserve(3);
+  if (!requestSender) {
+    requestSender = std::make_unique<orbiq::SerialQueue>("orbiqRequestSender");
+  }
+  if (!requestHandler) {
+    requestHandler =
+        std::make_unique<orbiq::SerialQueue>("orbiqRequestHandler", [this] { rest(); });
+  }
+  {
+    const orbiq::Lock lock(requestsProtector);
+    if (!requestsFile) requestsFile = std::make_unique<orbiq::RequestsFile>();
+    if (!requestQueue) loadRequests();
+  }
+  observeAndHandleRequests();
+  if (reachability) isNotified = reachability->startNotifier();
+}
+
+void orbiqAgent::observeAndHandleRequests() {
+  const std::string changed = korbiqReachabilityChangedNotification;
+  const std::string foreground = orbiq::UIApplicationWillEnterForegroundNotification;
+  auto& center = orbiq::NotificationCenter::defaultCenter();
+  try {
+    const bool observes = center.addObserver(this, changed, [this](const auto& posted) {
+      reachabilityStatusChanged(posted);
+    }) && center.addObserver(this, foreground, [this](const auto& posted) {
+      applicationWillEnterForeground(posted);
+    });
+    if (!observes) throw std::bad_alloc();
+    requestSender->async([this] { handleRequests(); });
+  } catch (const std::bad_alloc&) {
+    center.removeObserver(this, changed);
+    center.removeObserver(this, foreground);
+    throw;
+  }
+}
+
+// What could not be had when it was first asked for: the sending thread, whose one task gets no
+// successor that could start it, and the news of the network.
+void orbiqAgent::resume() {
+  requestSender->resume();
+  if (isNotified || !reachability) return;
+  const orbiq::Lock lock(startLock);
+  if (!isNotified) isNotified = reachability->startNotifier();
 }
 
 std::int64_t orbiqAgent::getPartialID() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -18,14 +19,17 @@
 #include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/NotificationCenter.h"
 #include "orbiq/services/platform/Parameters.h"
-#include "orbiq/services/platform/SerialQueue.h"
 #include "orbiq/services/platform/String.h"
 
 class orbiqAudienceTagger;
 
 namespace orbiq {
+class HandlerWork;
 class HitLedger;
+template <class Value>
+class NeverDestroyed;
 class RequestsFile;
+class SerialQueue;
 enum class HitFate : std::size_t;
 }  // namespace orbiq
 
@@ -33,19 +37,22 @@ enum class HitFate : std::size_t;
 /// keeps one audience tagger per serial. One per process, made on first use, never destroyed.
 ///
 /// Locks: the factory's lock of `orbiqAudienceTagger` is held alone or around the registry, which
-/// takes none. `requestsProtector` may be held while the authorization cache's lock, the ledger's
-/// lock or one of the platform's is taken, never the other way round; `partialIDLocker` is held
-/// alone.
+/// takes none; `startLock` is the outermost. `requestsProtector` may be held while the
+/// authorization cache's lock, the ledger's lock or one of the platform's is taken, never the other
+/// way round; `partialIDLocker` is held alone.
 class ORBIQ_EXPORT orbiqAgent {
  public:
   /// The one agent. Its first call loads the requests file and starts the sending loop. Any thread.
+  /// Where it cannot be made, for want of memory for example, the next call tries again; until then
+  /// it counts what it is given as given up.
   static orbiqAgent& sharedAgent();
 
   orbiqAgent(const orbiqAgent&) = delete;
   orbiqAgent& operator=(const orbiqAgent&) = delete;
 
   /// Queues a request and returns at once; null is ignored. The request belongs to the agent from
-  /// then on. Of more than 500 the oldest is dropped. Any thread.
+  /// then on. Of more than 500 the oldest is dropped, and so is the oldest of more than 10,000 that
+  /// wait while a send is under way. Any thread.
   void addRequestToQueue(std::shared_ptr<orbiqRequest> request);
 
   /// 0, 1, 2 ... in call order, anew in every process. Any thread.
@@ -55,6 +62,8 @@ class ORBIQ_EXPORT orbiqAgent {
   orbiq::Statistics statistics() const;
   /// Counts a hit that its cached access refused before it was queued. Any thread.
   void countRefusedHit();
+  /// Counts a hit that could not be composed, for want of memory. Any thread.
+  void countLostHit();
 
   /// The file that holds the queue; its directory is made if it is missing. Any thread.
   orbiq::String requestsFilePath() const;
@@ -108,23 +117,33 @@ class ORBIQ_EXPORT orbiqAgent {
     orbiq::String failure;
   };
 
-  orbiqAgent();
+  friend class orbiq::NeverDestroyed<orbiqAgent>;
+  orbiqAgent() noexcept;
   ~orbiqAgent();
 
-  void observe(const char* notification, void (orbiqAgent::*operation)(const orbiq::Notification&));
+  // Its start, each part of which is made once, and again where it could not be made.
+  void start();
+  void makeParts() ORBIQ_REQUIRES(startLock);
+  void observeAndHandleRequests() ORBIQ_REQUIRES(startLock);
+  void resume();
+
+  // What "orbiqRequestHandler" does.
+  bool giveWork(std::shared_ptr<orbiqRequest> added, std::function<void()> trigger);
+  void work();
+  void add(const std::shared_ptr<orbiqRequest>& request);
 
   // The queue.
   void loadRequests() ORBIQ_REQUIRES(requestsProtector);
   void saveRequests() ORBIQ_REQUIRES(requestsProtector);
   void rest();
-  void append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
+  bool append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void enqueue(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void dequeue() ORBIQ_REQUIRES(requestsProtector);
-  std::size_t removeIf(const std::function<bool(const orbiqRequest&)>& isUnwanted)
-      ORBIQ_REQUIRES(requestsProtector);
+  template <class IsUnwanted>
+  std::size_t removeIf(const IsUnwanted& isUnwanted) ORBIQ_REQUIRES(requestsProtector);
   void removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
                               std::optional<orbiq::HitFate> fate) ORBIQ_REQUIRES(requestsProtector);
-  void discardAudienceRequests(orbiq::HitFate fate) ORBIQ_REQUIRES(requestsProtector);
+  void discardAudienceRequests() ORBIQ_REQUIRES(requestsProtector);
   void renewSession(const orbiqRequest& request);
 
   // The sending loop.
@@ -132,6 +151,8 @@ class ORBIQ_EXPORT orbiqAgent {
   void waitForHead() ORBIQ_REQUIRES(requestsProtector);
   bool headIsDue() const ORBIQ_REQUIRES(requestsProtector);
   void handleHead() ORBIQ_REQUIRES(requestsProtector);
+  void sendStopCopyOf(const std::shared_ptr<orbiqRequest>& request)
+      ORBIQ_REQUIRES(requestsProtector);
   std::optional<Error> handleRequest(const std::shared_ptr<orbiqRequest>& request)
       ORBIQ_REQUIRES(requestsProtector);
   Attempt attempt(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
@@ -148,15 +169,21 @@ class ORBIQ_EXPORT orbiqAgent {
       orbiqSerialAccess;
   // Fair, so that additions get in between two sends of a long queue.
   orbiq::FairCondition requestsProtector;
-  std::deque<std::shared_ptr<orbiqRequest>> requestQueue ORBIQ_GUARDED_BY(requestsProtector);
+  std::unique_ptr<std::deque<std::shared_ptr<orbiqRequest>>> requestQueue
+      ORBIQ_GUARDED_BY(requestsProtector);
   // In the queue. Counted, so that an addition need not look through it.
   std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
   std::size_t pendingStreaming ORBIQ_GUARDED_BY(requestsProtector) = 0;
-  // These two by pointer: applications include this header, and not theirs.
+  // These by pointer: applications include this header, and not theirs.
   std::unique_ptr<orbiq::RequestsFile> requestsFile ORBIQ_GUARDED_BY(requestsProtector);
-  std::unique_ptr<orbiq::HitLedger> ledger;
-  orbiq::SerialQueue requestSender{"orbiqRequestSender"};
-  orbiq::SerialQueue requestHandler{"orbiqRequestHandler", [this] { rest(); }};
+  orbiq::HitLedger* const ledger;
+  orbiq::HandlerWork* const handlerWork;
+  std::unique_ptr<orbiq::SerialQueue> requestSender;
+  std::unique_ptr<orbiq::SerialQueue> requestHandler;
   orbiq::Mutex partialIDLocker;
   std::int64_t _partialID ORBIQ_GUARDED_BY(partialIDLocker) = 0;
+
+  orbiq::Mutex startLock;
+  std::atomic<bool> isStarted = false;
+  std::atomic<bool> isNotified = false;
 };

@@ -2,20 +2,26 @@
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/services/orbiqLogger/WithoutThrowing.h"
 
-orbiq::String orbiqAgent::orbiqVersion() { return orbiq::DeviceContext::orbiqVersion(); }
+using orbiq::DeviceContext;
+using orbiq::withoutThrowing;
 
-orbiq::String orbiqAgent::userAgent() { return orbiq::DeviceContext::userAgent(); }
+orbiq::String orbiqAgent::orbiqVersion() { return DeviceContext::orbiqVersion(); }
 
-orbiq::String orbiqAgent::appleDID() { return orbiq::DeviceContext::appleDID(); }
+orbiq::String orbiqAgent::userAgent() {
+  return withoutThrowing(DeviceContext::userAgent, orbiq::String());
+}
+
+orbiq::String orbiqAgent::appleDID() {
+  return withoutThrowing(DeviceContext::appleDID, orbiq::String());
+}
 
 orbiq::Parameters orbiqAgent::defaultParametersForRequest() const {
-  return orbiq::DeviceContext::defaultParametersForRequest();
+  return withoutThrowing(DeviceContext::defaultParametersForRequest, orbiq::Parameters());
 }
 
-orbiq::GraphicsFloat orbiqAgent::screenDiagonal() const {
-  return orbiq::DeviceContext::screenDiagonal();
-}
+orbiq::GraphicsFloat orbiqAgent::screenDiagonal() const { return DeviceContext::screenDiagonal(); }
 
 double orbiqAgent::timeIntervalBetweenServerAndDevice() const {
   return orbiqAuthManager::manager().timeIntervalBetweenServerAndDevice();

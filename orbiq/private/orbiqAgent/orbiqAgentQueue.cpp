@@ -3,9 +3,12 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <cstdint>
+#include <new>
 #include <string>
 #include <utility>
 
+#include "orbiq/private/orbiqAgent/HandlerWork.h"
 #include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAgent/SendingRules.h"
@@ -14,6 +17,7 @@
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/Paths.h"
+#include "orbiq/services/platform/SerialQueue.h"
 
 namespace {
 
@@ -44,28 +48,46 @@ void logQueueLength(std::size_t length) {
 
 }  // namespace
 
-orbiq::String orbiqAgent::requestsFilePath() const {
+orbiq::String orbiqAgent::requestsFilePath() const try {
   struct stat status{};
   if (::lstat(requestsDirectory().c_str(), &status) != 0) {
     orbiq::Paths::makeDirectories(requestsDirectory());  // what fails here shows at the save
   }
   return requestsPath();
+} catch (const std::bad_alloc& error) {
+  return orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError), nullptr;
 }
 
 void orbiqAgent::loadRequests() {
   orbiqLogger::log_withMode("Loading requests from cache", orbiq::LoggingModeInfo);
+  auto kept = std::make_unique<orbiq::RequestQueue>();
+  std::uint64_t accepted = 0;
+  std::uint64_t discarded = 0;
   for (const auto& request : requestsFile->load(requestsFilePath().toStdString())) {
-    if (!isMarker(*request)) ledger->countAccepted();
-    enqueue(request);
+    const bool isHit = !isMarker(*request);
+    if (isHit) ++accepted;
+    // Audience requests of an earlier process are not sent late. That is meant.
+    if (!orbiq::SendingRules::isDroppedLate(request->requestType())) {
+      kept->push_back(request);
+    } else if (isHit) {
+      ++discarded;
+    }
   }
-  // Audience requests of an earlier process are not sent late. That is meant.
-  discardAudienceRequests(orbiq::HitFate::DiscardedAtStart);
-  if (!requestQueue.empty()) enqueue(std::make_shared<orbiqClearCache>());
+  const bool isMarked = !kept->empty();
+  if (isMarked) kept->push_back(std::make_shared<orbiqClearCache>());
+
+  pendingMarkers = isMarked ? 1 : 0;
+  pendingStreaming = kept->size() - pendingMarkers;
+  requestQueue = std::move(kept);
+  ledger->countAccepted(accepted);
+  ledger->countFate(orbiq::HitFate::DiscardedAtStart, discarded);
 }
 
-void orbiqAgent::saveRequests() {
+void orbiqAgent::saveRequests() try {
   orbiqLogger::log_withMode("Saving requests to cache", orbiq::LoggingModeInfo);
-  requestsFile->save(requestsPath(), requestQueue);
+  requestsFile->save(requestsPath(), *requestQueue);
+} catch (const std::bad_alloc& error) {
+  orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
 }
 
 void orbiqAgent::rest() {
@@ -78,62 +100,112 @@ void orbiqAgent::countRefusedHit() {
   ledger->countFate(orbiq::HitFate::Refused);
 }
 
-void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
-  if (!request || isForkedAway()) return;
-  ledger->additionBegins(!isMarker(*request));
-  requestHandler.async([this, request = std::move(request)] {
-    requestSender.resume();  // its one task gets no successor that could start a thread for it
-    orbiqLogger::log_withMode("Adding a request in queue", orbiq::LoggingModeInfo);
-    const orbiq::Lock lock(requestsProtector);
-    ledger->additionEnds();
-    append(request);
-    saveRequests();
-    logQueueLength(requestQueue.size());
-    requestsProtector.signal();
-  });
+void orbiqAgent::countLostHit() {
+  ledger->countAccepted();
+  ledger->countFate(orbiq::HitFate::GivenUp);
 }
 
-void orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) {
+void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
+  if (!request || isForkedAway()) return;
+  const bool isHit = !isMarker(*request);
+  ledger->additionBegins(isHit);
+  if (isStarted.load(std::memory_order_acquire) && giveWork(std::move(request), {})) return;
+  ledger->additionEnds();
+  if (isHit) ledger->countFate(orbiq::HitFate::GivenUp);
+}
+
+bool orbiqAgent::giveWork(std::shared_ptr<orbiqRequest> added, std::function<void()> trigger) try {
+  const orbiq::HandlerWork::Given given = handlerWork->give({std::move(added), std::move(trigger)});
+  if (given.pushedOut) {
+    ledger->additionEnds();
+    if (!isMarker(*given.pushedOut)) ledger->countFate(orbiq::HitFate::PushedOut);
+  }
+  if (!given.needsTaker) {
+    requestHandler->resume();  // the one who was sent for may have got no thread
+    return true;
+  }
+  try {
+    requestHandler->async([this] { work(); });
+  } catch (const std::bad_alloc&) {
+    handlerWork->takerFailed();  // the next item sends for another
+  }
+  return true;
+} catch (const std::bad_alloc& error) {
+  orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
+  return false;
+}
+
+void orbiqAgent::work() {
+  resume();
+  for (orbiq::HandlerWork::Item item; handlerWork->take(item); item = {}) {
+    if (item.added) {
+      add(item.added);
+    } else {
+      item.trigger();
+    }
+  }
+}
+
+void orbiqAgent::add(const std::shared_ptr<orbiqRequest>& request) {
+  orbiqLogger::log_withMode("Adding a request in queue", orbiq::LoggingModeInfo);
+  const orbiq::Lock lock(requestsProtector);
+  ledger->additionEnds();
+  if (!append(request)) {
+    if (!isMarker(*request)) ledger->countFate(orbiq::HitFate::GivenUp);
+    return;
+  }
+  saveRequests();
+  logQueueLength(requestQueue->size());
+  requestsProtector.signal();
+}
+
+bool orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) try {
   if (pendingMarkers == 0) {
     request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
     if (request->shouldRenewSessionAfter()) renewSession(*request);
   }
   enqueue(request);
-  if (requestQueue.size() >= orbiq::SendingRules::kQueueBound) {
-    if (!isMarker(*requestQueue.front())) ledger->countFate(orbiq::HitFate::PushedOut);
+  if (requestQueue->size() >= orbiq::SendingRules::kQueueBound) {
+    if (!isMarker(*requestQueue->front())) ledger->countFate(orbiq::HitFate::PushedOut);
     dequeue();
   }
+  return true;
+} catch (const std::bad_alloc& error) {
+  orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
+  return false;
 }
 
 void orbiqAgent::enqueue(const std::shared_ptr<orbiqRequest>& request) {
-  requestQueue.push_back(request);
+  requestQueue->push_back(request);
   if (isMarker(*request)) ++pendingMarkers;
   if (isStreaming(*request)) ++pendingStreaming;
 }
 
 void orbiqAgent::dequeue() {
-  if (isMarker(*requestQueue.front())) --pendingMarkers;
-  if (isStreaming(*requestQueue.front())) --pendingStreaming;
-  requestQueue.pop_front();
+  if (isMarker(*requestQueue->front())) --pendingMarkers;
+  if (isStreaming(*requestQueue->front())) --pendingStreaming;
+  requestQueue->pop_front();
 }
 
-std::size_t orbiqAgent::removeIf(const std::function<bool(const orbiqRequest&)>& isUnwanted) {
-  const std::size_t before = requestQueue.size();
+template <class IsUnwanted>
+std::size_t orbiqAgent::removeIf(const IsUnwanted& isUnwanted) {
+  orbiq::RequestQueue& queue = *requestQueue;
+  const std::size_t before = queue.size();
   // Nearly always it is the head alone, for which the others need not be moved up.
-  while (!requestQueue.empty() && isUnwanted(*requestQueue.front())) dequeue();
+  while (!queue.empty() && isUnwanted(*queue.front())) dequeue();
   std::size_t markers = 0;
   std::size_t streaming = 0;
-  const auto keptEnd = std::remove_if(requestQueue.begin(), requestQueue.end(),
-                                      [&](const std::shared_ptr<orbiqRequest>& request) {
-                                        if (!isUnwanted(*request)) return false;
-                                        if (isMarker(*request)) ++markers;
-                                        if (isStreaming(*request)) ++streaming;
-                                        return true;
-                                      });
+  const auto keptEnd =
+      std::remove_if(queue.begin(), queue.end(), [&](const std::shared_ptr<orbiqRequest>& request) {
+        if (!isUnwanted(*request)) return false;
+        if (isMarker(*request)) ++markers;
+        if (isStreaming(*request)) ++streaming;
+        return true;
+      });
   pendingMarkers -= markers;
   pendingStreaming -= streaming;
-  for (auto left = requestQueue.end() - keptEnd; left > 0; --left) requestQueue.pop_back();
-  return before - requestQueue.size();
+  for (auto left = queue.end() - keptEnd; left > 0; --left) queue.pop_back();
+  return before - queue.size();
 }
 
 void orbiqAgent::renewSession(const orbiqRequest& request) {
@@ -147,15 +219,17 @@ void orbiqAgent::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& req
   orbiqLogger::log_withMode("Removing request from queue", orbiq::LoggingModeInfo);
   const std::size_t removed =
       removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); });
-  for (std::size_t i = 0; fate && i < removed; ++i) ledger->countFate(*fate);
+  if (fate) ledger->countFate(*fate, removed);
   saveRequests();
-  logQueueLength(requestQueue.size());
+  logQueueLength(requestQueue->size());
 }
 
-void orbiqAgent::discardAudienceRequests(orbiq::HitFate fate) {
+void orbiqAgent::discardAudienceRequests() {
+  std::uint64_t hits = 0;
   removeIf([&](const orbiqRequest& request) {
     if (!orbiq::SendingRules::isDroppedLate(request.requestType())) return false;
-    if (!isMarker(request)) ledger->countFate(fate);
+    if (!isMarker(request)) ++hits;
     return true;
   });
+  ledger->countFate(orbiq::HitFate::DiscardedAtNetworkReturn, hits);
 }

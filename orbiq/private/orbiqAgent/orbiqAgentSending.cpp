@@ -1,8 +1,10 @@
 // The agent's sending loop.
 #include <exception>
+#include <new>
 #include <optional>
 #include <string>
 
+#include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
 #include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAgent/SendingRules.h"
@@ -15,6 +17,7 @@
 
 using orbiq::ask;
 using orbiq::HitFate;
+using orbiq::HitLedger;
 namespace SendingRules = orbiq::SendingRules;
 
 namespace {
@@ -36,9 +39,12 @@ void logRefusal(const orbiqRequest& request, const std::shared_ptr<orbiqAccess>&
              orbiq::LoggingModeError);
     return;
   }
-  orbiqLogger::log_withMode("orbiqAudienceTagger - Can't send hit anymore with this serial : " +
-                                request.serial().description(),
-                            orbiq::LoggingModeError);
+  orbiqLogger::log_withMode(
+      [&] {
+        return "orbiqAudienceTagger - Can't send hit anymore with this serial : " +
+               request.serial().description();
+      },
+      orbiq::LoggingModeError);
 }
 
 void recordFailure(orbiqRequest& request) {
@@ -58,13 +64,14 @@ bool orbiqAgent::isReachable() const { return ask(reachability, &orbiqReachabili
 void orbiqAgent::handleRequests() {
   for (;;) {
     const orbiq::Lock lock(requestsProtector);
-    waitForHead();
     try {
+      waitForHead();
       handleHead();
     } catch (const std::exception& error) {
       // Out of memory, most likely: the queue stands as it is until the next signal.
-      orbiqLogger::log_withMode(std::string("The sending loop failed: ") + error.what(),
-                                orbiq::LoggingModeError);
+      orbiqLogger::log_withMode(
+          [&] { return std::string("The sending loop failed: ") + error.what(); },
+          orbiq::LoggingModeError);
       requestsProtector.wait();
     }
   }
@@ -73,19 +80,19 @@ void orbiqAgent::handleRequests() {
 void orbiqAgent::waitForHead() {
   while (!headIsDue()) {
     if (pendingStreaming != 0) requestsFile->sync(requestsFilePath().toStdString());
-    if (requestQueue.empty()) requestsFile->rest();
+    if (requestQueue->empty()) requestsFile->rest();
     requestsProtector.wait();
   }
 }
 
 bool orbiqAgent::headIsDue() const {
-  if (requestQueue.empty() || !isReachable()) return false;
-  return SendingRules::isDue(requestQueue.front()->lastFail(), orbiq::Platform::now());
+  if (requestQueue->empty() || !isReachable()) return false;
+  return SendingRules::isDue(requestQueue->front()->lastFail(), orbiq::Platform::now());
 }
 
 void orbiqAgent::handleHead() {
   orbiqLogger::log_withMode("Request to handle !", orbiq::LoggingModeInfo);
-  const std::shared_ptr<orbiqRequest> head = requestQueue.front();
+  const std::shared_ptr<orbiqRequest> head = requestQueue->front();
   if (dynamic_cast<const orbiqClearCache*>(head.get()) != nullptr) {
     orbiqAuthManager::manager().clearCache();
     removeRequestFromQueue(head, std::nullopt);
@@ -97,25 +104,33 @@ void orbiqAgent::handleHead() {
   }
   orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },
                             orbiq::LoggingModeInfo);
-  ledger->sendBegins();
-  const Attempt result = attempt(head);
-  ledger->sendEnds();
+  const Attempt result = [&]() ORBIQ_REQUIRES(requestsProtector) {
+    const HitLedger::Sending sending(*ledger);
+    return attempt(head);
+  }();
   if (!result.failure.isNull()) ledger->noteFailure(result.failure);
   if (result.fate == HitFate::Sent) ledger->noteSuccess(orbiq::Platform::now());
   if (result.error && result.error->keepsRequest()) {
     logAbout(*head, " handling resulted in a timeout or lack of connection",
              orbiq::LoggingModeWarning);
-    if (requestQueue.size() >= SendingRules::kQueueBound)
+    if (requestQueue->size() >= SendingRules::kQueueBound)
       removeRequestFromQueue(head, HitFate::PushedOut);
     return;
   }
   logAbout(*head, " handling done", orbiq::LoggingModeInfo);
   removeRequestFromQueue(head, result.fate);
   if (head->shouldRenewSessionAfter() && head->sendingMode() == orbiq::SendingModeSerialWithStop) {
-    head->setCreationDate(orbiq::Platform::now());
-    head->transformToStop();
-    handleRequest(head);  // once, whatever comes of it
+    sendStopCopyOf(head);
   }
+}
+
+// Once, whatever comes of it.
+void orbiqAgent::sendStopCopyOf(const std::shared_ptr<orbiqRequest>& request) try {
+  request->setCreationDate(orbiq::Platform::now());
+  request->transformToStop();
+  handleRequest(request);
+} catch (const std::bad_alloc& error) {
+  orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
 }
 
 std::optional<orbiqAgent::Error> orbiqAgent::handleRequest(
@@ -130,7 +145,7 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
 
   const bool hasItsOwn = request->auth() != nullptr;
   if (SendingRules::takesCachedAuthorization(request->requestType(), hasItsOwn)) {
-    request->setAuth(orbiqAuthManager::manager().authForTagger(request->taggerID()));
+    request->setAuth(orbiqAuthManager::manager().obtainAuth(request->taggerID()));
   }
   const auto access = ask(request->auth(), &orbiqAuth::currentAccess);
   if (!ask(access, &orbiqAccess::canSendRequestFor, request->requestType())) {
@@ -148,8 +163,8 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
 }
 
 orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& url) {
-  const orbiq::HttpResult result =
-      orbiq::Platform::httpClient().send({url, userAgent(), orbiq::Platform::current().hitTimeout});
+  const orbiq::HttpResult result = orbiq::Platform::httpClient().send(
+      {url, orbiq::DeviceContext::userAgent(), orbiq::Platform::current().hitTimeout});
   const std::optional<HitFate> fate = SendingRules::fateAfter(
       result.response ? std::optional(result.response->status) : std::nullopt);
   if (fate == HitFate::Sent) {

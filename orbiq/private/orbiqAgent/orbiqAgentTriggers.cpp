@@ -1,5 +1,4 @@
 // What wakes the agent's sending loop from outside.
-#include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 
@@ -8,12 +7,11 @@ void orbiqAgent::reachabilityStatusChanged(const orbiq::Notification& /*notifica
   orbiqLogger::log_withMode("Connection status changed - we check if we can send any request",
                             orbiq::LoggingModeInfo);
   if (!isReachable()) return;
-  requestHandler.async([this] {
-    requestSender.resume();
+  giveWork(nullptr, [this] {
     const orbiq::Lock lock(requestsProtector);
     // Audience requests are not sent late; a pending marker, of that type too, goes with them. The
     // file catches up at the next save. All of it is meant.
-    discardAudienceRequests(orbiq::HitFate::DiscardedAtNetworkReturn);
+    discardAudienceRequests();
     requestsProtector.signal();
   });
 }
@@ -23,8 +21,7 @@ void orbiqAgent::applicationWillEnterForeground(const orbiq::Notification& /*not
   orbiqLogger::log_withMode(
       "Application entered foreground - we check if any requests should be sent",
       orbiq::LoggingModeInfo);
-  requestHandler.async([this] {
-    requestSender.resume();
+  giveWork(nullptr, [this] {
     const orbiq::Lock lock(requestsProtector);
     requestsProtector.signal();
   });

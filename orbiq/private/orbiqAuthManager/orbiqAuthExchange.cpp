@@ -51,7 +51,7 @@ double clockOffset(const orbiq::HttpResponse& response) {
 
 /// No value if one of the three fields is missing.
 std::optional<Grant> readGrant(const orbiq::AuthFields& fields, const orbiq::String& serial,
-                               const orbiqAuthManager::TaggerID& tagger) {
+                               const std::shared_ptr<orbiqAccess>& cached) {
   const auto access = fields.find("access");
   const auto host = fields.find("host");
   const auto cmsVI = fields.find("cmsVI");
@@ -66,8 +66,6 @@ std::optional<Grant> readGrant(const orbiq::AuthFields& fields, const orbiq::Str
       serial, orbiq::accessModeFromString(access->second), host->second);
   // An access of the same mode stays as it is, its host and first-hit mark too, also when the host
   // just received differs. That is meant.
-  const auto cached =
-      ask(orbiqAuthManager::manager().authFromCacheForKey(tagger), &orbiqAuth::currentAccess);
   if (cached && cached->accessMode() == chosen->accessMode()) chosen = cached;
   return Grant{orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, cmsVI->second), chosen,
                false};
@@ -79,7 +77,7 @@ orbiq::AccessMode orbiqAuthManager::accessModeFromString(const orbiq::String& te
   return orbiq::accessModeFromString(text);
 }
 
-void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagger) try {
+void orbiqAuthManager::exchange(const TaggerID& tagger) try {
   const orbiq::String serial = ask(tagger, &orbiqTaggerID::serial);
   Grant grant = fallbackFor(serial);
   const orbiq::HttpResult answer = fetch(serial);
@@ -95,7 +93,8 @@ void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagg
     if (answer.response) {
       deltaBetweenServerAndDevice.store(clockOffset(*answer.response), std::memory_order_relaxed);
     }
-    const auto read = readGrant(orbiq::parseAuthAnswer(*answer.data), serial, tagger);
+    const auto cached = ask(stored(tagger), &orbiqAuth::currentAccess);
+    const auto read = readGrant(orbiq::parseAuthAnswer(*answer.data), serial, cached);
     if (read) grant = *read;
   }
   orbiqLogger::log_withMode(
@@ -104,10 +103,11 @@ void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagg
                grant.access->host().description();
       },
       orbiq::LoggingModeInfo);
-  setAuthToCache_forKey(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
-                            grant.session, grant.access, grant.isDefault),
-                        tagger);
+  store(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(grant.session, grant.access,
+                                                                grant.isDefault),
+        tagger);
 } catch (const std::invalid_argument& error) {
-  orbiqLogger::log_withMode(std::string("No authorization can be asked for: ") + error.what(),
-                            orbiq::LoggingModeError);
+  orbiqLogger::log_withMode(
+      [&] { return std::string("No authorization can be asked for: ") + error.what(); },
+      orbiq::LoggingModeError);
 }

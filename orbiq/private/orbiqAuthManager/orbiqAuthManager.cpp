@@ -2,21 +2,28 @@
 
 #include <utility>
 
+#include "orbiq/services/orbiqLogger/WithoutThrowing.h"
 #include "orbiq/services/platform/Ask.h"
 #include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
 
 using orbiq::ask;
+using orbiq::withoutThrowing;
 
 orbiqAuthManager& orbiqAuthManager::manager() {
-  static auto* const only = new orbiqAuthManager();  // never destroyed
+  static orbiq::NeverDestroyed<orbiqAuthManager> only;
   return *only;
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::authForTagger(const TaggerID& tagger) {
-  const std::shared_ptr<orbiqAuth> cached = authFromCacheForKey(tagger);
+  return withoutThrowing([&] { return obtainAuth(tagger); }, std::shared_ptr<orbiqAuth>());
+}
+
+std::shared_ptr<orbiqAuth> orbiqAuthManager::obtainAuth(const TaggerID& tagger) {
+  const std::shared_ptr<orbiqAuth> cached = ask(stored(tagger), &orbiqAuth::copy);
   // A copy never says that it holds default values, so in effect only a missing record is fetched.
-  if (!cached || cached->isDefaultValues()) authentificationInformationForTagger(tagger);
-  return authFromCacheForKey(tagger);
+  if (!cached || cached->isDefaultValues()) exchange(tagger);
+  return ask(stored(tagger), &orbiqAuth::copy);
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::authFromCacheForTagger(const TaggerID& tagger) const {
@@ -24,14 +31,23 @@ std::shared_ptr<orbiqAuth> orbiqAuthManager::authFromCacheForTagger(const Tagger
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::authFromCacheForKey(const TaggerID& tagger) const {
+  return withoutThrowing([&] { return ask(stored(tagger), &orbiqAuth::copy); },
+                         std::shared_ptr<orbiqAuth>());
+}
+
+std::shared_ptr<orbiqAuth> orbiqAuthManager::stored(const TaggerID& tagger) const {
   if (!tagger || orbiq::inForkedChild()) return nullptr;
   const orbiq::Lock lock(cacheAccessQueue);
   const auto found = orbiqAuths.find(tagger);
-  return found == orbiqAuths.end() ? nullptr : ask(found->second, &orbiqAuth::copy);
+  return found == orbiqAuths.end() ? nullptr : found->second;
 }
 
 void orbiqAuthManager::setAuthToCache_forKey(std::shared_ptr<orbiqAuth> auth,
                                              const TaggerID& tagger) {
+  withoutThrowing([&] { store(std::move(auth), tagger); });
+}
+
+void orbiqAuthManager::store(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger) {
   // Nobody could find what an identity without a serial, which is equal to nothing, is the key of.
   if (!tagger || tagger->serial().isNull() || orbiq::inForkedChild()) return;
   const orbiq::Lock lock(cacheAccessQueue);
@@ -55,12 +71,19 @@ void orbiqAuthManager::clearCache() {
   orbiqAuths.clear();
 }
 
+void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagger) {
+  withoutThrowing([&] { exchange(tagger); });
+}
+
 void orbiqAuthManager::hitSuccessfullySentForTagger(const TaggerID& tagger) {
-  const std::shared_ptr<orbiqAuth> cached = authFromCacheForKey(tagger);
+  const std::shared_ptr<orbiqAuth> cached = stored(tagger);
+  // Before anything that takes memory: a restricted account has had its hit.
   const auto access =
       ask(ask(cached, &orbiqAuth::currentAccess), &orbiqAccess::hitSuccessfullySent);
-  setAuthToCache_forKey(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
-                            ask(cached, &orbiqAuth::currentSession), access,
-                            ask(cached, &orbiqAuth::isDefaultValues)),
-                        tagger);
+  withoutThrowing([&] {
+    store(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
+              ask(cached, &orbiqAuth::currentSession), access,
+              ask(cached, &orbiqAuth::isDefaultValues)),
+          tagger);
+  });
 }

@@ -11,8 +11,14 @@
 #include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/String.h"
 
+namespace orbiq {
+template <class Value>
+class NeverDestroyed;
+}  // namespace orbiq
+
 /// The process's authorizations, one per tagger identity, in memory only. Any thread. A null
-/// identity, or one without a serial, reads null and stores nothing.
+/// identity, or one without a serial, reads null and stores nothing. Where memory runs out, an
+/// operation says so in the log, answers null and stores nothing.
 class ORBIQ_EXPORT orbiqAuthManager {
  public:
   /// The one manager of the process, made on first use and never destroyed.
@@ -54,7 +60,16 @@ class ORBIQ_EXPORT orbiqAuthManager {
   static orbiq::AccessMode accessModeFromString(const orbiq::String& text);
 
  private:
+  friend class orbiq::NeverDestroyed<orbiqAuthManager>;
+  friend class orbiqAgent;
   orbiqAuthManager() = default;
+
+  /// `authForTagger`, but throws `std::bad_alloc`: a hit is not refused because memory ran out.
+  std::shared_ptr<orbiqAuth> obtainAuth(const TaggerID& tagger);
+  /// The record itself, or null.
+  std::shared_ptr<orbiqAuth> stored(const TaggerID& tagger) const;
+  void store(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger);
+  void exchange(const TaggerID& tagger);
 
   std::atomic<double> deltaBetweenServerAndDevice{0};
   // In the place of the queue "com.bramwell.cacheAccessQueue". It is held for a few instructions,

@@ -1,9 +1,14 @@
 #include "orbiq/private/orbiqTimer/orbiqTimer.h"
 
 #include <chrono>
+#include <new>
 #include <utility>
 
+#include "orbiq/services/orbiqLogger/WithoutThrowing.h"
+#include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Thread.h"
+
+using orbiq::withoutThrowing;
 
 namespace {
 
@@ -23,12 +28,14 @@ orbiqTimer::orbiqTimer(Passkey, std::weak_ptr<void> newTarget, Selector newSelec
     : target(std::move(newTarget)), selector(std::move(newSelector)) {}
 
 std::shared_ptr<orbiqTimer> orbiqTimer::makeScheduled(double interval, std::weak_ptr<void> target,
-                                                      Selector selector, bool repeating) {
+                                                      Selector selector, bool repeating) try {
   auto made = std::make_shared<orbiqTimer>(Passkey(), std::move(target), std::move(selector));
   // The schedule owns the timer; the target, which may own it too, is owned by neither.
-  orbiq::MainLoop::mainLoop().addTimer(
+  const auto timer = orbiq::MainLoop::mainLoop().addTimer(
       nanosecondsOf(interval), repeating, [made] { made->tick(made->timer); }, &made->timer);
-  return made;
+  return timer != 0 || orbiq::inForkedChild() ? made : throw std::bad_alloc();
+} catch (const std::bad_alloc& error) {
+  return orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError), nullptr;
 }
 
 void orbiqTimer::tick(orbiq::MainLoop::TimerId) {
@@ -37,7 +44,10 @@ void orbiqTimer::tick(orbiq::MainLoop::TimerId) {
 }
 
 void orbiqTimer::invalidate() {
-  orbiq::MainLoop::mainLoop().post([self = shared_from_this()] {
-    orbiq::MainLoop::mainLoop().removeTimer(std::exchange(self->timer, 0));
+  withoutThrowing([&] {
+    const bool isPosted = orbiq::MainLoop::mainLoop().post([self = shared_from_this()] {
+      orbiq::MainLoop::mainLoop().removeTimer(std::exchange(self->timer, 0));
+    });
+    if (!isPosted && !orbiq::inForkedChild()) throw std::bad_alloc();
   });
 }

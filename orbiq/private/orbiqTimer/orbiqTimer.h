@@ -33,7 +33,8 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
   /// `void tick(orbiqTimer& timer)`. What it returns or throws is of no matter. If it belongs to
   /// another class than `target` is declared with, it is called only on targets that are of that
   /// class too. Where the target is null, destroyed or not of that class, or the selector is null,
-  /// nothing is called and the timer goes on. During a call the target is kept alive.
+  /// nothing is called and the timer goes on. During a call the target is kept alive. Null if there
+  /// is no memory for a timer.
   template <class Target, class Class, class Operation>
   static std::shared_ptr<orbiqTimer> orbiqTimerWithInterval_withTarget_selector_repeating(
       double interval, const std::shared_ptr<Target>& target, Operation Class::* selector,
@@ -60,7 +61,8 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
   /// main loop's own timer, is of no matter.
   void tick(orbiq::MainLoop::TimerId firing);
   /// Ends the timer by a step posted on the main loop, before which it may still fire. Any thread;
-  /// returns at once; harmless if it has ended.
+  /// returns at once; harmless if it has ended. Without memory for the step the timer goes on,
+  /// which is logged.
   void invalidate();
 
  private:

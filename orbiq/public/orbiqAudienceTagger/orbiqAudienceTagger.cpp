@@ -90,6 +90,7 @@ void orbiqAudienceTagger::sendHit() try {
           orbiq::RequestTypeAudience, orbiq::SendingModeHost, _serial, taggerID));
 } catch (const std::exception& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
+  orbiqAgent::sharedAgent().countLostHit();
 }
 
 void orbiqAudienceTagger::addParam_withKey_inDictionary(const orbiq::String& value,

@@ -3,6 +3,8 @@
 #include <exception>
 #include <string>
 
+#include "orbiq/services/orbiqLogger/WithoutThrowing.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Platform.h"
 #include "orbiq/services/platform/Random.h"
 #include "orbiq/services/platform/SystemLog.h"
@@ -17,6 +19,7 @@ using orbiq::KeychainMatch;
 using orbiq::KeychainQuery;
 using orbiq::KeychainStatus;
 using orbiq::Platform;
+using orbiq::withoutThrowing;
 
 namespace {
 
@@ -26,7 +29,7 @@ struct State {
 };
 
 State& state() {
-  static auto* const only = new State();  // never destroyed
+  static orbiq::NeverDestroyed<State> only;
   return *only;
 }
 
@@ -64,7 +67,9 @@ orbiq::String orbiqKWDXUUIDHandler::generateUUID() {
   }
 }
 
-orbiq::String orbiqKWDXUUIDHandler::UUID() {
+namespace {
+
+orbiq::String lookUpOrStore() {
   orbiq::String& uuid = state()._uuid;
   if (!uuid.isNull()) return uuid;
 
@@ -80,14 +85,14 @@ orbiq::String orbiqKWDXUUIDHandler::UUID() {
     }
   }
   // A new identifier is not remembered yet: the next call reads back what the keychain kept.
-  if (match.status == errSecItemNotFound) return storeUUID(false);
+  if (match.status == errSecItemNotFound) return orbiqKWDXUUIDHandler::storeUUID(false);
   logError("KWDXUUIDHandler Unhandled Keychain Error ", match.status);
   return nullptr;
 }
 
-orbiq::String orbiqKWDXUUIDHandler::storeUUID(bool update) {
+orbiq::String store(bool update) {
   KeychainQuery query = orbiqCreateKeychainQueryDictionary();
-  orbiq::String uuid = generateUUID();
+  orbiq::String uuid = orbiqKWDXUUIDHandler::generateUUID();
   if (uuid.isNull()) return nullptr;
 
   const KeychainAttributes attributes{.valueData = uuid.toStdString()};
@@ -102,7 +107,7 @@ orbiq::String orbiqKWDXUUIDHandler::storeUUID(bool update) {
   return uuid;
 }
 
-void orbiqKWDXUUIDHandler::reset() {
+void forget() {
   state()._uuid = nullptr;
   KeychainQuery query = orbiqCreateKeychainQueryDictionary();
   query.returnAttributes = true;
@@ -112,6 +117,18 @@ void orbiqKWDXUUIDHandler::reset() {
       ask([&](Keychain& keychain) { return keychain.deleteMatching(query); });
   if (status != errSecSuccess) logError("KWDXUUIDHandler Keychain Delete Error: ", status);
 }
+
+}  // namespace
+
+orbiq::String orbiqKWDXUUIDHandler::UUID() {
+  return withoutThrowing(lookUpOrStore, orbiq::String());
+}
+
+orbiq::String orbiqKWDXUUIDHandler::storeUUID(bool update) {
+  return withoutThrowing([&] { return store(update); }, orbiq::String());
+}
+
+void orbiqKWDXUUIDHandler::reset() { withoutThrowing(forget); }
 
 orbiq::String orbiqKWDXUUIDHandler::accessGroup() { return state()._accessGroup; }
 

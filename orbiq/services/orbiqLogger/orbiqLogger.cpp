@@ -22,13 +22,20 @@ std::string_view nameOf(orbiq::LoggingMode mode) {
 }  // namespace
 
 orbiqLogger& orbiqLogger::sharedLogger() {
-  static auto* const logger = new orbiqLogger();  // never destroyed
-  return *logger;
+  static constinit orbiqLogger logger;
+  return logger;
 }
 
 void orbiqLogger::log_withMode(const orbiq::String& message, orbiq::LoggingMode mode) {
-  if (!isPrinted(mode)) return;
+  log_withMode([&] { return message; }, mode);
+}
+
+void orbiqLogger::print(const orbiq::String& message, orbiq::LoggingMode mode) {
   std::string line = "(";
   line.append(nameOf(mode)).append(") : ").append(message.description());
   orbiq::SystemLog::write(mode, line);
+}
+
+void orbiqLogger::printThatMemoryRanOut() {
+  orbiq::SystemLog::write(orbiq::LoggingModeError, "(ERROR) : There is not enough memory");
 }

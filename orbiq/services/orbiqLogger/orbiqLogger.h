@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <concepts>
+#include <new>
 
 #include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Export.h"
@@ -25,24 +26,32 @@ class ORBIQ_EXPORT orbiqLogger {
   }
 
   /// Prints "(ERROR) : message" if the mode is at least the threshold. A null message prints as
-  /// "(null)", a mode without a name as "()".
+  /// "(null)", a mode without a name as "()". Where there is no memory for a line, another one says
+  /// so in its place.
   static void log_withMode(const orbiq::String& message, orbiq::LoggingMode mode);
   /// The same for a literal, of which a text is made only if it is printed.
   static void log_withMode(const char* message, orbiq::LoggingMode mode) {
-    if (isPrinted(mode)) log_withMode(orbiq::String(message), mode);
+    log_withMode([message] { return message; }, mode);
   }
 
   /// The same for a message that is put together only if it is printed.
   template <std::invocable MakeMessage>
   static void log_withMode(const MakeMessage& makeMessage, orbiq::LoggingMode mode) {
-    if (isPrinted(mode)) log_withMode(orbiq::String(makeMessage()), mode);
+    if (!isPrinted(mode)) return;
+    try {
+      print(orbiq::String(makeMessage()), mode);
+    } catch (const std::bad_alloc&) {
+      printThatMemoryRanOut();
+    }
   }
 
   /// True if the mode reaches the threshold.
   static bool isPrinted(orbiq::LoggingMode mode) { return mode >= sharedLogger().loggingMode(); }
 
  private:
-  orbiqLogger() = default;
+  constexpr orbiqLogger() = default;
+  static void print(const orbiq::String& message, orbiq::LoggingMode mode);
+  static void printThatMemoryRanOut();
 
   std::atomic<orbiq::LoggingMode> _loggingMode{orbiq::LoggingModeError};
 };

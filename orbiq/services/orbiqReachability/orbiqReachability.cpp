@@ -9,9 +9,11 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <new>
 #include <typeinfo>
 #include <utility>
 
+#include "orbiq/services/orbiqLogger/WithoutThrowing.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/HostApplication.h"
 #include "orbiq/services/platform/MainLoop.h"
@@ -28,6 +30,7 @@ using orbiq::kSCNetworkReachabilityFlagsIsLocalAddress;
 using orbiq::kSCNetworkReachabilityFlagsIsWWAN;
 using orbiq::kSCNetworkReachabilityFlagsReachable;
 using orbiq::kSCNetworkReachabilityFlagsTransientConnection;
+using orbiq::withoutThrowing;
 
 constinit const char* const korbiqReachabilityChangedNotification =
     "korbiqReachabilityChangedNotification";
@@ -47,7 +50,9 @@ orbiq::NetworkReachabilitySource* reachabilitySource() {
   const std::string failure = source ? source->failure() : std::string();
   if (!failure.empty() && !isSaid.test_and_set()) {
     orbiqLogger::log_withMode(
-        "The network cannot be watched, every target counts as reachable: " + failure,
+        [&] {
+          return "The network cannot be watched, every target counts as reachable: " + failure;
+        },
         orbiq::LoggingModeWarning);
   }
   return source;
@@ -86,9 +91,13 @@ orbiq::String localized(const char* text) {
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostname(
     const orbiq::String& hostname) {
-  orbiq::NetworkReachabilitySource* const source = reachabilitySource();
-  if (!source || hostname.isNull()) return nullptr;
-  return monitorOf(source->createWithName(hostname.toStdString()));
+  return withoutThrowing(
+      [&]() -> std::shared_ptr<orbiqReachability> {
+        orbiq::NetworkReachabilitySource* const source = reachabilitySource();
+        if (!source || hostname.isNull()) return nullptr;
+        return monitorOf(source->createWithName(hostname.toStdString()));
+      },
+      std::shared_ptr<orbiqReachability>());
 }
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostName(
@@ -98,8 +107,12 @@ std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostName(
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithAddress(
     const sockaddr* hostAddress) {
-  orbiq::NetworkReachabilitySource* const source = reachabilitySource();
-  return source ? monitorOf(source->createWithAddress(hostAddress)) : nullptr;
+  return withoutThrowing(
+      [&] {
+        orbiq::NetworkReachabilitySource* const source = reachabilitySource();
+        return source ? monitorOf(source->createWithAddress(hostAddress)) : nullptr;
+      },
+      std::shared_ptr<orbiqReachability>());
 }
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityForInternetConnection() {
@@ -145,10 +158,14 @@ bool orbiqReachability::startNotifier() {
 
   if (_reachabilityRef) {
     const orbiq::NetworkReachabilityContext context{0, shared_from_this()};
-    if (_reachabilityRef->setCallback(orbiq::reachabilityCallback, context)) {
-      if (_reachabilityRef->setDispatchQueue(_reachabilitySerialQueue)) return true;
-      _reachabilityRef->setCallback(nullptr, {});
-    }
+    const bool isRegistered = withoutThrowing(
+        [&] {
+          return _reachabilityRef->setCallback(orbiq::reachabilityCallback, context) &&
+                 _reachabilityRef->setDispatchQueue(_reachabilitySerialQueue);
+        },
+        false);
+    if (isRegistered) return true;
+    _reachabilityRef->setCallback(nullptr, {});
   }
   _reachabilitySerialQueue = nullptr;
   // Last, because the monitor may end with it.
@@ -171,9 +188,12 @@ void orbiqReachability::reachabilityChanged(std::uint32_t flags) {
   // Copied, so that a block may replace itself.
   const Block block = isReachableWithFlags(flags) ? _reachableBlock : _unreachableBlock;
   if (block) orbiq::runTask([&] { block(*this); });
-  orbiq::MainLoop::mainLoop().post([self] {
-    orbiq::NotificationCenter::defaultCenter().postNotificationName(
-        korbiqReachabilityChangedNotification, self);
+  withoutThrowing([&] {
+    const bool isPosted = orbiq::MainLoop::mainLoop().post([self] {
+      orbiq::NotificationCenter::defaultCenter().postNotificationName(
+          korbiqReachabilityChangedNotification, self);
+    });
+    if (!isPosted) throw std::bad_alloc();
   });
 }
 

@@ -9,10 +9,12 @@
 #include <atomic>
 #include <cstdlib>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
 #include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Url.h"
 
 namespace orbiq {
@@ -33,7 +35,7 @@ struct State {
 };
 
 State& state() {
-  static auto* const only = new State();
+  static NeverDestroyed<State> only;
   return *only;
 }
 
@@ -112,14 +114,21 @@ String accept(const HostDescription& description) {
   if (String reason = whatIsWrongWith(description); !reason.isNull()) return reason;
   const Lock lock(state().lock);
   if (state().settled) return "the library is in use already";
-  state().add(withDefaults(description));
   SystemLog::setSink(description.logSink);
+  state().add(withDefaults(description));
   return nullptr;
+}
+
+const HostDescription& known() {
+  if (const auto* const current = state().current.load(std::memory_order_acquire)) return *current;
+  const Lock lock(state().lock);
+  if (state().descriptions.empty()) state().add(withDefaults({}));
+  return *state().descriptions.back();
 }
 
 }  // namespace
 
-String HostApplication::describe(const HostDescription& description) {
+String HostApplication::describe(const HostDescription& description) try {
   String reason = accept(description);
   if (!reason.isNull()) {
     // The logger and its threshold stand on a higher floor: this line is always printed.
@@ -128,17 +137,19 @@ String HostApplication::describe(const HostDescription& description) {
         "(ERROR) : The description of the application was refused: " + reason.toStdString());
   }
   return reason;
+} catch (const std::bad_alloc&) {
+  return String::outOfMemory();
 }
 
-const HostDescription& HostApplication::current() {
-  if (const auto* const known = state().current.load(std::memory_order_acquire)) return *known;
-  const Lock lock(state().lock);
-  if (state().descriptions.empty()) state().add(withDefaults({}));
-  return *state().descriptions.back();
+const HostDescription& HostApplication::current() try {
+  return known();
+} catch (const std::bad_alloc&) {
+  static NeverDestroyed<HostDescription> unknown;
+  return *unknown;
 }
 
 void HostApplication::settle() {
-  current();
+  known();
   const Lock lock(state().lock);
   state().settled = true;
 }

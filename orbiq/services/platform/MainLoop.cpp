@@ -9,13 +9,15 @@
 #include <array>
 #include <cerrno>
 #include <cstdlib>
-#include <deque>
+#include <list>
 #include <map>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Thread.h"
 #include "orbiq/services/platform/TimerTable.h"
 
@@ -74,7 +76,7 @@ struct MainLoop::State {
   bool processExits ORBIQ_GUARDED_BY(condition) = false;
   int runs ORBIQ_GUARDED_BY(condition) = 0;
 
-  std::deque<Task> posted ORBIQ_GUARDED_BY(condition);
+  std::list<Task> posted ORBIQ_GUARDED_BY(condition);
   /// How many were ever posted, and ever taken to be run.
   std::uint64_t postedCount ORBIQ_GUARDED_BY(condition) = 0;
   std::uint64_t takenCount ORBIQ_GUARDED_BY(condition) = 0;
@@ -303,101 +305,108 @@ void MainLoop::State::runReadable(Runner runner) {
   }
 }
 
-MainLoop::MainLoop() : _state(new State) { armForkGuard(); }
-
-MainLoop::~MainLoop() = default;
+MainLoop::MainLoop(State& state) : _state(state) { armForkGuard(); }
 
 MainLoop& MainLoop::mainLoop() {
-  static MainLoop* const loop = [] {
-    auto* const made = new MainLoop;
-    std::atexit([] { mainLoop()._state->endWithProcess(); });
-    return made;
-  }();
-  return *loop;
+  static NeverDestroyed<State> state;
+  static MainLoop loop(*state);
+  [[maybe_unused]] static const int registered =
+      std::atexit([] { mainLoop()._state.endWithProcess(); });
+  return loop;
 }
 
 int MainLoop::adopt() {
   if (onLoopThread || inForkedChild()) return -1;
-  const Lock lock(_state->condition);
-  if (!_state->openDescriptors()) return -1;
-  _state->adopted = true;
-  _state->updateEvent();
-  while (_state->threadRuns) _state->condition.wait();
-  return _state->epoll;
+  const Lock lock(_state.condition);
+  if (!_state.openDescriptors()) return -1;
+  _state.adopted = true;
+  _state.updateEvent();
+  while (_state.threadRuns) _state.condition.wait();
+  return _state.epoll;
 }
 
 void MainLoop::runPending() {
-  if (!inForkedChild()) _state->runDue(Runner::host);
+  if (!inForkedChild()) _state.runDue(Runner::host);
 }
 
 void MainLoop::run() {
   if (adopt() < 0) return;
   {
-    const Lock lock(_state->condition);
-    ++_state->runs;
-    _state->updateEvent();
+    const Lock lock(_state.condition);
+    ++_state.runs;
+    _state.updateEvent();
   }
-  _state->runAll(Runner::run);
+  _state.runAll(Runner::run);
 }
 
 void MainLoop::stop() {
   if (inForkedChild()) return;
-  const Lock lock(_state->condition);
-  _state->stopRequested = true;
-  _state->updateEvent();
+  const Lock lock(_state.condition);
+  _state.stopRequested = true;
+  _state.updateEvent();
 }
 
-void MainLoop::post(std::function<void()> task) {
-  if (inForkedChild()) return;
-  const Lock lock(_state->condition);
-  _state->posted.push_back(std::move(task));
-  ++_state->postedCount;
-  _state->attend();
+bool MainLoop::post(std::function<void()> task) try {
+  if (inForkedChild()) return false;
+  std::list<Task> added;
+  added.push_back(std::move(task));
+  const Lock lock(_state.condition);
+  _state.posted.splice(_state.posted.end(), added);
+  ++_state.postedCount;
+  _state.attend();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats, std::function<void()> fire,
-                                     TimerId* timer) {
+                                     TimerId* timer) try {
   if (inForkedChild()) return 0;
   auto callback = std::make_shared<const Task>(std::move(fire));
-  const Lock lock(_state->condition);
-  const TimerId id = _state->timers.add(monotonicNow(), interval, repeats, std::move(callback));
+  const Lock lock(_state.condition);
+  const TimerId id = _state.timers.add(monotonicNow(), interval, repeats, std::move(callback));
   if (timer) *timer = id;
-  _state->attend();
+  _state.attend();
   return id;
+} catch (const std::bad_alloc&) {
+  return 0;
 }
 
 void MainLoop::removeTimer(TimerId timer) {
   if (inForkedChild()) return;
   // What the callback holds may use the loop in its end, so that comes after the lock.
   Callback removed;
-  const Lock lock(_state->condition);
-  removed = _state->timers.remove(timer);
-  if (removed) _state->updateAlarm();
+  const Lock lock(_state.condition);
+  removed = _state.timers.remove(timer);
+  if (removed) _state.updateAlarm();
 }
 
-void MainLoop::watch(int descriptor, std::function<void()> readable) {
-  if (inForkedChild() || descriptor < 0) return;
+bool MainLoop::watch(int descriptor, std::function<void()> readable) try {
+  if (inForkedChild() || descriptor < 0) return false;
   Callback callback = std::make_shared<const Task>(std::move(readable));
   // Replaced under the lock, gone after it.
   Callback previous;
-  const Lock lock(_state->condition);
-  _state->lastKey += kKeyStep;
-  Watch& watch = _state->watches[descriptor];
-  watch.key = _state->lastKey + static_cast<std::uint64_t>(descriptor);
+  const Lock lock(_state.condition);
+  Watch& watch = _state.watches[descriptor];
+  _state.lastKey += kKeyStep;
+  watch.key = _state.lastKey + static_cast<std::uint64_t>(descriptor);
   previous = std::exchange(watch.readable, std::move(callback));
-  if (_state->epoll >= 0) addToEpoll(_state->epoll, descriptor, watch.key);
-  _state->attend();
+  if (_state.epoll >= 0) addToEpoll(_state.epoll, descriptor, watch.key);
+  _state.attend();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 void MainLoop::unwatch(int descriptor) {
   if (inForkedChild()) return;
   Callback removed;
-  const Lock lock(_state->condition);
-  const auto found = _state->watches.find(descriptor);
-  if (found == _state->watches.end()) return;
+  const Lock lock(_state.condition);
+  const auto found = _state.watches.find(descriptor);
+  if (found == _state.watches.end()) return;
   removed = std::move(found->second.readable);
-  _state->watches.erase(found);
-  if (_state->epoll >= 0) epoll_ctl(_state->epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+  _state.watches.erase(found);
+  if (_state.epoll >= 0) epoll_ctl(_state.epoll, EPOLL_CTL_DEL, descriptor, nullptr);
 }
 
 }  // namespace orbiq

@@ -47,7 +47,8 @@ class ORBIQ_EXPORT MainLoop {
   void stop();
 
   /// Runs the task on the loop, after everything posted before it. Any thread; returns at once.
-  void post(std::function<void()> task);
+  /// False if there is no memory for it: then it does not run.
+  bool post(std::function<void()> task);
 
   /// Never 0 for a timer that was made.
   using TimerId = std::uint64_t;
@@ -55,7 +56,7 @@ class ORBIQ_EXPORT MainLoop {
   /// multiple of the interval (firings that were missed are not made up for). Intervals below
   /// 0.1 ms are taken as that, and those beyond thirty years as thirty years. Time does not pass
   /// while the machine sleeps. `timer`, if given, is set before the first firing can begin. Any
-  /// thread.
+  /// thread. 0 if there is no memory for it, and in a forked child.
   TimerId addTimer(std::chrono::nanoseconds interval, bool repeats, std::function<void()> fire,
                    TimerId* timer = nullptr);
   /// Any thread; harmless for a timer that has ended. On the loop itself the timer does not fire
@@ -64,17 +65,18 @@ class ORBIQ_EXPORT MainLoop {
 
   /// Calls `readable` on the loop whenever the descriptor can be read, or has failed or ended, for
   /// as long as that lasts. A second call for a descriptor replaces the first; one that cannot be
-  /// watched (closed, or a regular file) is never called for. Any thread.
-  void watch(int descriptor, std::function<void()> readable);
+  /// watched (closed, or a regular file) is never called for. Any thread. False if there is no
+  /// memory for it, for a negative descriptor and in a forked child.
+  bool watch(int descriptor, std::function<void()> readable);
   /// To be called before the descriptor is closed. Any thread; a call in progress may still end.
   void unwatch(int descriptor);
 
  private:
-  MainLoop();
-  /// Never called: the loop lives as long as the process.
-  ~MainLoop();
   struct State;
-  State* const _state;
+  explicit MainLoop(State& state);
+  ~MainLoop() = default;
+
+  State& _state;
 };
 
 }  // namespace orbiq

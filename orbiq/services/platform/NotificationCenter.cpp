@@ -1,24 +1,27 @@
 #include "orbiq/services/platform/NotificationCenter.h"
 
-#include <algorithm>
-#include <iterator>
+#include <cstdint>
+#include <list>
+#include <new>
 #include <utility>
-#include <vector>
 
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
+#include "orbiq/services/platform/SystemLog.h"
 #include "orbiq/services/platform/Thread.h"
 
 namespace orbiq {
 namespace {
 
 struct Observer {
+  std::uint64_t number;
   const void* token;
   std::string name;
   std::function<void(const Notification&)> call;
 };
 
-using Observers = std::vector<std::shared_ptr<const Observer>>;
+using Observers = std::list<std::shared_ptr<const Observer>>;
 
 }  // namespace
 
@@ -27,62 +30,73 @@ constinit const char* const UIApplicationWillEnterForegroundNotification =
 
 struct NotificationCenter::State {
   Mutex mutex;
-  /// In the order of their addition.
+  /// In the order of their addition, which is that of their numbers.
   Observers observers ORBIQ_GUARDED_BY(mutex);
+  std::uint64_t lastNumber ORBIQ_GUARDED_BY(mutex) = 0;
 
-  bool holds(const std::shared_ptr<const Observer>& observer) {
+  std::uint64_t newest() {
     const Lock lock(mutex);
-    return std::find(observers.begin(), observers.end(), observer) != observers.end();
+    return lastNumber;
+  }
+  /// The first one of the name behind `number` and not behind `last`; null if there is none.
+  std::shared_ptr<const Observer> next(const std::string& name, std::uint64_t number,
+                                       std::uint64_t last) {
+    const Lock lock(mutex);
+    for (const auto& observer : observers) {
+      if (observer->number > last) break;
+      if (observer->number > number && observer->name == name) return observer;
+    }
+    return nullptr;
   }
 };
 
-NotificationCenter::NotificationCenter() : _state(new State) {}
-
-NotificationCenter::~NotificationCenter() = default;
+NotificationCenter::NotificationCenter(State& state) : _state(state) {}
 
 NotificationCenter& NotificationCenter::defaultCenter() {
-  static NotificationCenter* const center = new NotificationCenter;
-  return *center;
+  static NeverDestroyed<State> state;
+  static NotificationCenter center(*state);
+  return center;
 }
 
-void NotificationCenter::addObserver(const void* observer, const std::string& name,
-                                     std::function<void(const Notification&)> call) {
-  if (inForkedChild()) return;
-  auto added = std::make_shared<const Observer>(Observer{observer, name, std::move(call)});
-  const Lock lock(_state->mutex);
-  _state->observers.push_back(std::move(added));
+bool NotificationCenter::addObserver(const void* observer, const std::string& name,
+                                     std::function<void(const Notification&)> call) try {
+  if (inForkedChild()) return false;
+  const auto made = std::make_shared<Observer>(Observer{0, observer, name, std::move(call)});
+  Observers added{made};
+  const Lock lock(_state.mutex);
+  made->number = ++_state.lastNumber;
+  _state.observers.splice(_state.observers.end(), added);
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 void NotificationCenter::removeObserver(const void* observer, const std::string& name) {
   if (inForkedChild()) return;
   // What a call holds may use the centre in its end, so that comes after the lock.
   Observers removed;
-  const Lock lock(_state->mutex);
-  Observers& observers = _state->observers;
-  const auto end = std::stable_partition(observers.begin(), observers.end(),
-                                         [&](const std::shared_ptr<const Observer>& other) {
-                                           return other->token != observer || other->name != name;
-                                         });
-  std::move(end, observers.end(), std::back_inserter(removed));
-  observers.erase(end, observers.end());
+  const Lock lock(_state.mutex);
+  Observers& observers = _state.observers;
+  for (auto next = observers.begin(); next != observers.end();) {
+    const auto each = next++;
+    if ((*each)->token == observer && (*each)->name == name) {
+      removed.splice(removed.end(), observers, each);
+    }
+  }
 }
 
 void NotificationCenter::postNotificationName(const std::string& name,
-                                              std::shared_ptr<Object> object) {
+                                              std::shared_ptr<Object> object) try {
   if (inForkedChild()) return;
-  Observers told;
-  {
-    const Lock lock(_state->mutex);
-    std::copy_if(
-        _state->observers.begin(), _state->observers.end(), std::back_inserter(told),
-        [&](const std::shared_ptr<const Observer>& observer) { return observer->name == name; });
-  }
   const Notification notification{name, std::move(object)};
-  for (const auto& observer : told) {
-    // An earlier call, or another thread, may have removed it meanwhile.
-    if (!_state->holds(observer)) continue;
+  // Those that are added meanwhile are not told, those that are removed meanwhile neither.
+  const std::uint64_t last = _state.newest();
+  for (auto observer = _state.next(name, 0, last); observer;
+       observer = _state.next(name, observer->number, last)) {
     runTask([&] { observer->call(notification); });
   }
+} catch (const std::bad_alloc&) {
+  SystemLog::write(LoggingModeError, "(ERROR) : There is no memory to post a notification");
 }
 
 }  // namespace orbiq

@@ -11,6 +11,7 @@
 
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Thread.h"
 
 namespace orbiq {
@@ -29,8 +30,8 @@ struct Stays {
 
 /// Never destroyed: threads may come by at any moment of the process's end.
 Stays& stays() {
-  static Stays& all = *new Stays;
-  return all;
+  static NeverDestroyed<Stays> all;
+  return *all;
 }
 
 [[noreturn]] void park() {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 #include <deque>
+#include <new>
 #include <utility>
 
 #include "orbiq/services/platform/ForkGuard.h"
@@ -33,11 +34,13 @@ struct SerialQueue::State {
   bool rested ORBIQ_GUARDED_BY(condition) = false;
 
   /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
-  static bool attend(const std::shared_ptr<State>& state) ORBIQ_REQUIRES(state->condition) {
+  static bool attend(const std::shared_ptr<State>& state) ORBIQ_REQUIRES(state->condition) try {
     if (!state->attended) {
       state->attended = startThread(state->label, [state] { state->runTasks(kIdleTime); }) == 0;
     }
     return state->attended;
+  } catch (const std::bad_alloc&) {
+    return false;
   }
 
   /// Runs tasks until none has come for the idle time.

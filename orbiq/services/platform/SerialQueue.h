@@ -25,7 +25,8 @@ class ORBIQ_EXPORT SerialQueue {
 
   /// As it was given.
   const std::string& label() const;
-  /// Adds a task and returns at once. Any thread.
+  /// Adds a task and returns at once. Any thread. Throws `std::bad_alloc` if there is no memory for
+  /// the task, which is not added then.
   void async(std::function<void()> task);
   /// Tries again to start the thread that waiting tasks could not get. For a queue that is given no
   /// further tasks.

@@ -3,6 +3,7 @@
 #include <functional>
 #include <utility>
 
+#include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Utf8.h"
 
 namespace orbiq {
@@ -22,6 +23,14 @@ String String::lasting(std::string_view text) {
   String lasting;
   lasting._text = {std::shared_ptr<Text>(), new Text{std::string(text), false}};
   return lasting;
+}
+
+String String::outOfMemory() noexcept {
+  // So short that it stands in the text itself.
+  static NeverDestroyed<Text> text(Text{"out of memory", false});
+  String result;
+  result._text = {std::shared_ptr<Text>(), &*text};
+  return result;
 }
 
 std::string_view String::view() const noexcept {

@@ -30,6 +30,8 @@ class ORBIQ_EXPORT String {
   /// A text that stays for the life of the process, for what all requests have in common: handing
   /// it on counts no holders.
   static String lasting(std::string_view text);
+  /// "out of memory", which takes none.
+  static String outOfMemory() noexcept;
 
   /// True for the null text alone, not for one of no characters.
   bool isNull() const noexcept { return _text == nullptr; }

@@ -4,8 +4,10 @@
 #include <sched.h>
 #include <signal.h>
 
+#include <cerrno>
 #include <cstddef>
 #include <memory>
+#include <new>
 #include <utility>
 
 #include "orbiq/services/platform/ForkGuard.h"
@@ -53,7 +55,7 @@ void* runThread(void* argument) {
 
 }  // namespace
 
-int startThread(const std::string& label, std::function<void()> body) {
+int startThread(const std::string& label, std::function<void()> body) try {
   // Threads do not come along into a forked child, so from here on such a child must keep still.
   armForkGuard();
   auto start = std::make_unique<Start>(Start{label.substr(0, kLongestName), std::move(body)});
@@ -75,6 +77,8 @@ int startThread(const std::string& label, std::function<void()> body) {
   pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   pthread_attr_destroy(&attributes);
   return error;
+} catch (const std::bad_alloc&) {
+  return ENOMEM;
 }
 
 bool isLibraryThread() noexcept { return libraryThread; }

@@ -21,7 +21,8 @@ class TimerTable {
   using Time = std::chrono::nanoseconds;
 
   /// A timer that is due one interval from now, and, if it repeats, at the multiples after that.
-  /// Intervals below 0.1 ms are taken as that, those beyond thirty years as thirty years.
+  /// Intervals below 0.1 ms are taken as that, those beyond thirty years as thirty years. Throws
+  /// `std::bad_alloc`, and then there is no timer.
   Id add(Time now, Time interval, bool repeats, Callback fire);
   /// What the timer called, or null for one that has ended.
   Callback remove(Id timer);
@@ -35,17 +36,20 @@ class TimerTable {
   void endFiring(Id timer, Time now);
 
  private:
+  using Schedule = std::set<std::pair<Time, Id>>;
   struct Timer {
     Time start;
     Time interval;
     Time deadline;
     bool repeats;
     Callback fire;
+    /// Its place in the schedule, while its call is in progress: so it needs no memory to go back.
+    Schedule::node_type place = {};
   };
 
   std::map<Id, Timer> _timers;
   /// The timers by deadline, except those whose call is in progress.
-  std::set<std::pair<Time, Id>> _schedule;
+  Schedule _schedule;
   Id _last = 0;
 };
 
