@@ -1,0 +1,60 @@
+"""Lets memory, mappings, descriptors or threads run out at every moment of a small application.
+
+Usage: exhaustion_test.py COLLECTOR APPLICATION
+
+Every 13th moment is tried, with ORBIQ_TORTURE in the environment every one.
+"""
+import concurrent.futures
+import os
+import subprocess
+import sys
+import tempfile
+
+from collector import Collector
+
+COLLECTOR, APPLICATION = sys.argv[1:]
+STEP = 1 if os.environ.get("ORBIQ_TORTURE") else 13
+TIME_LIMIT = 60  # for the application as a whole; what takes so long hangs
+
+
+def attempt(server, kind, first, count):
+    """Why the application failed, or None; and how often it asked."""
+    serial = f"-{kind}-{first}-{count}"
+    with tempfile.TemporaryDirectory() as directory:
+        command = [APPLICATION, server, directory, serial, kind, str(first), str(count)]
+        try:
+            ran = subprocess.run(command, capture_output=True, timeout=TIME_LIMIT, text=True,
+                                 errors="replace")
+        except subprocess.TimeoutExpired:
+            return f"{command[3:]}: hangs", 0
+    said = ran.stdout.strip()
+    if ran.returncode != 0:
+        return f"{serial}: exit {ran.returncode}, {said}\n{ran.stderr[-2000:]}", 0
+    return None, int(said)
+
+
+def main():
+    failures = []
+    with Collector(COLLECTOR) as collector, concurrent.futures.ThreadPoolExecutor(4) as pool:
+        server = f"http://127.0.0.1:{collector.port}/auth/"
+        trials = []
+        for kind, few in (("memory", False), ("mapping", True), ("descriptors", True),
+                          ("threads", True)):
+            failure, asked = attempt(server, kind, 0, 0)
+            assert failure is None, failure
+            moments = range(1, asked + 1, 1 if few else STEP)
+            print(f"{kind}: {asked} moments, {len(moments)} tried, alone and eight in a row")
+            trials += [(kind, first, count) for first in moments for count in (1, 8)]
+        for failure, _ in pool.map(lambda trial: attempt(server, *trial), trials):
+            if failure:
+                failures.append(failure)
+        hits = collector.counts()["hits"]
+        failures += [f"{trial}: the last hit did not arrive" for trial in trials
+                     if hits.get("B-%s-%d-%d" % trial, 0) == 0
+                     and not any("-%s-%d-%d:" % trial in failure for failure in failures)]
+    print("\n".join(failures))
+    print(f"{len(trials)} trials, {len(failures)} failed")
+    return 1 if failures else 0
+
+
+sys.exit(main())
