@@ -101,6 +101,24 @@ TEST_P(ServerFaults, OnTheExchange) {
   EXPECT_LT(peakKibibytes() - before, 65'536U);
 }
 
+TEST(ServerThatResetsEachConnection, GetsEveryHitOnce) {
+  constexpr std::size_t kHits = 200;
+  ScriptedServer hits(
+      std::vector<Script>(kHits, {steps::readRequest(), steps::send(answer(200)), steps::reset()}));
+  AccountServer server;
+  server.answerAuthorizations([&](const std::string&) {
+    return answer(200, "access=full|host=" + hits.url("/") + "|cmsVI=7");
+  });
+  Application application(server.authorizationServer());
+  const auto tagger = Application::tagger("ABC");
+  for (std::size_t i = 0; i < kHits; ++i) tagger->sendHit();
+  ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+  ASSERT_TRUE(application.log().waitFor("We have now", 2 * kHits));
+  EXPECT_EQ(counts(orbiqAgent::sharedAgent().statistics()),
+            (Counts{kHits, kHits, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(hits.requests().size(), kHits);
+}
+
 INSTANTIATE_TEST_SUITE_P(When, ServerFaults, testing::Range<std::size_t>(0, faults().size()),
                          [](const auto& made) { return std::string(faults()[made.param].name); });
 

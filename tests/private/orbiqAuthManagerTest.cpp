@@ -234,12 +234,13 @@ TEST_F(AuthExchange, TheDateHeaderSetsTheClockOffset) {
 }
 
 TEST(AuthExchangeFaults, WithoutACompleteAnswerTheOffsetStays) {
-  const std::string dated = "HTTP/1.1 200 OK\r\nDate: Sun, 06 Nov 1994 08:49:37 GMT\r\n";
+  const std::string head = "HTTP/1.1 200 OK\r\nDate: Sun, 06 Nov ";
+  const std::string rest = " 08:49:37 GMT\r\nContent-Length: ";
   ScriptedServer server(
       {{steps::readRequest(),
-        steps::send(dated + "Content-Length: 7\r\nConnection: close\r\n\r\nnothing")},
+        steps::send(head + "1994" + rest + "7\r\nConnection: close\r\n\r\nnothing")},
        {steps::readRequest(),
-        steps::send(dated + "Content-Length: 99\r\n\r\naccess=denied|host=B/|cmsVI=7")},
+        steps::send(head + "2011" + rest + "99\r\n\r\naccess=denied|host=B/|cmsVI=7")},
        {steps::readRequest(), steps::reset()},
        {steps::readRequest(), steps::untilPeerCloses()}});
   const Application application(server.url("/"), [](HostDescription&, Platform& platform) {

@@ -67,6 +67,7 @@ struct ScriptedServer::State {
   std::size_t connections ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t resumed ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t clientsGone ORBIQ_GUARDED_BY(changed) = 0;
+  std::size_t ends ORBIQ_GUARDED_BY(changed) = 0;
   std::set<int> openSockets ORBIQ_GUARDED_BY(changed);
   bool isStopping ORBIQ_GUARDED_BY(changed) = false;
 };
@@ -128,7 +129,10 @@ class ScriptedServer::Connection final : public ServedConnection {
   void close() {
     _tls.reset();
     Lock lock(_state.changed);
-    if (_state.openSockets.erase(_socket) > 0) ::close(_socket);
+    if (_state.openSockets.erase(_socket) == 0) return;
+    ::close(_socket);
+    ++_state.ends;
+    _state.changed.broadcast();
   }
 
   void readSome() {
@@ -243,6 +247,14 @@ bool ScriptedServer::waitForRequests(std::size_t count) const {
 bool ScriptedServer::waitForClientsGone(std::size_t count) const {
   Lock lock(_state->changed);
   while (_state->clientsGone < count) {
+    if (!_state->changed.waitFor(kGiveUpAfter)) return false;
+  }
+  return true;
+}
+
+bool ScriptedServer::waitForEnds(std::size_t count) const {
+  Lock lock(_state->changed);
+  while (_state->ends < count) {
     if (!_state->changed.waitFor(kGiveUpAfter)) return false;
   }
   return true;

@@ -70,10 +70,11 @@ class ScriptedServer {
   /// Connections that went on with the TLS session of an earlier one.
   std::size_t resumedCount() const;
 
-  /// Waits until so many requests were read, connections ended by their clients. False if that has
-  /// not come about when a test should be given up.
+  /// Waits until so many requests were read, connections ended by their clients, connections closed
+  /// here. False if that has not come about when a test should be given up.
   [[nodiscard]] bool waitForRequests(std::size_t count) const;
   [[nodiscard]] bool waitForClientsGone(std::size_t count) const;
+  [[nodiscard]] bool waitForEnds(std::size_t count) const;
 
  private:
   using Serve = std::function<void(ServedConnection&, std::size_t index)>;

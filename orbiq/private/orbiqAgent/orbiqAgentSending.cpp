@@ -53,6 +53,15 @@ void recordFailure(orbiqRequest& request) {
   request.setStatus(orbiq::RequestStatusFailed);
 }
 
+/// Why there is no response. A fallback, whose URL cannot be asked, has its own cause.
+std::string causeOf(const orbiqRequest& request, const orbiq::Url& url,
+                    const orbiq::HttpResult& result) {
+  const orbiq::String fallbackCause =
+      ask(ask(request.auth(), &orbiqAuth::currentAccess), &orbiqAccess::fallbackCause);
+  if (!url.isHttp() && !fallbackCause.isNull()) return fallbackCause.toStdString();
+  return result.error ? result.error->text : "no response";
+}
+
 }  // namespace
 
 bool orbiqAgent::Error::keepsRequest() const {
@@ -177,12 +186,15 @@ orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& ur
   if (!fate) {
     recordFailure(request);
     return {Error{kErrorDomain, kNoResponse}, std::nullopt,
-            url.text() + ": " + (result.error ? result.error->text : "no response")};
+            url.textWithoutUser() + ": " + causeOf(request, url, result)};
   }
   Attempt answered{
       std::nullopt, fate,
-      url.text() + ": answered with status " + std::to_string(result.response->status)};
-  if (result.error) answered.error = Error{kHttpErrorDomain, result.error->code};
+      url.textWithoutUser() + ": answered with status " + std::to_string(result.response->status)};
+  if (result.error) {
+    answered.error = Error{kHttpErrorDomain, result.error->code};
+    answered.failure = answered.failure.toStdString() + ": " + result.error->text;
+  }
   return answered;
 }
 

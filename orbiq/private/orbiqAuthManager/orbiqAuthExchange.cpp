@@ -32,14 +32,29 @@ Grant fallbackFor(const orbiq::String& serial) {
       true};
 }
 
-/// No data for whatever kept a complete answer from coming.
-orbiq::HttpResult fetch(const orbiq::String& serial) {
-  if (!orbiq::HostApplication::authorizationServerProblem().isNull()) return {};
+struct Answer {
+  /// No data for whatever kept a complete answer from coming.
+  orbiq::HttpResult http;
+  /// Why there is no grant, if there is none.
+  std::string problem;
+};
+
+Answer fetch(const orbiq::String& serial) {
+  const orbiq::String problem = orbiq::HostApplication::authorizationServerProblem();
+  if (!problem.isNull()) return {{}, problem.toStdString()};
   const std::string server = orbiq::HostApplication::current().authorizationServer.toStdString();
   const std::optional<orbiq::Url> url = orbiq::Url::fromText(server + serial.toStdString());
-  if (!url) return {};
-  return orbiq::Platform::httpClient().send(
-      {*url, orbiq::DeviceContext::userAgent(), orbiq::Platform::current().exchangeTimeout});
+  if (!url) return {{}, "the serial makes no URL of the authorization server"};
+  Answer answer{orbiq::Platform::httpClient().send({*url, orbiq::DeviceContext::userAgent(),
+                                                    orbiq::Platform::current().exchangeTimeout}),
+                "no answer of the authorization server"};
+  const orbiq::HttpResult& http = answer.http;
+  if (http.data && http.response) {
+    answer.problem = "the authorization server's answer with status " +
+                     std::to_string(http.response->status) + " lacks access, host or cmsVI";
+  }
+  if (http.error) answer.problem += ": " + http.error->text;
+  return answer;
 }
 
 /// The server's clock minus the device's; 0 where the header is missing or cannot be read.
@@ -80,22 +95,25 @@ orbiq::AccessMode orbiqAuthManager::accessModeFromString(const orbiq::String& te
 void orbiqAuthManager::exchange(const TaggerID& tagger) try {
   const orbiq::String serial = ask(tagger, &orbiqTaggerID::serial);
   Grant grant = fallbackFor(serial);
-  const orbiq::HttpResult answer = fetch(serial);
-  if (answer.error) {
-    orbiqLogger::log_withMode(
-        [&] {
-          return "No answer of the authorization server for serial " + serial.description() + ": " +
-                 answer.error->text;
-        },
-        orbiq::LoggingModeWarning);
-  }
-  if (answer.data) {  // whatever its status, which is not looked at: that is meant
-    if (answer.response) {
-      deltaBetweenServerAndDevice.store(clockOffset(*answer.response), std::memory_order_relaxed);
+  const Answer answer = fetch(serial);
+  if (answer.http.data) {  // whatever its status, which is not looked at: that is meant
+    if (answer.http.response) {
+      deltaBetweenServerAndDevice.store(clockOffset(*answer.http.response),
+                                        std::memory_order_relaxed);
     }
     const auto cached = ask(stored(tagger), &orbiqAuth::currentAccess);
-    const auto read = readGrant(orbiq::parseAuthAnswer(*answer.data), serial, cached);
+    const auto read = readGrant(orbiq::parseAuthAnswer(*answer.http.data), serial, cached);
     if (read) grant = *read;
+  }
+  if (grant.isDefault) {
+    grant.access->setFallbackCause(answer.problem);
+    if (answer.http.error) {
+      orbiqLogger::log_withMode(
+          [&] {
+            return "No authorization for serial " + serial.description() + ": " + answer.problem;
+          },
+          orbiq::LoggingModeWarning);
+    }
   }
   orbiqLogger::log_withMode(
       [&] {

@@ -1,13 +1,17 @@
 #include <curl/curl.h>
+#include <strings.h>
 
 #include <algorithm>
+#include <atomic>
 #include <climits>
-#include <mutex>
 #include <new>
 #include <utility>
 
 #include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/KeptConnection.h"
+#include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/ProcessExit.h"
+#include "orbiq/services/platform/Redirect.h"
 
 namespace orbiq {
 namespace {
@@ -22,66 +26,47 @@ constexpr Milliseconds kLongestTimeout{INT_MAX};  // libcurl takes no more
 /// Only an upper bound: libcurl shortens it to its own next timer.
 constexpr int kPollMilliseconds = 60'000;
 
-struct CurlFree {
-  void operator()(CURLU* url) const { curl_url_cleanup(url); }
-  void operator()(char* text) const { curl_free(text); }
-};
-
-bool isHttp(std::string_view scheme) { return scheme == "http" || scheme == "https"; }
-
-/// False for a reference such as "http:/x" or "///x", whose host libcurl would guess.
-bool leavesNothingToGuess(std::string_view reference) {
-  const std::size_t delimiter = reference.find_first_of(":/?#");
-  if (delimiter == reference.npos || reference[delimiter] != ':') {
-    return !reference.starts_with("///");
-  }
-  const std::string_view rest = reference.substr(delimiter + 1);
-  return rest.starts_with("//") && !rest.starts_with("///");
-}
-
-std::string part(CURLU* url, CURLUPart which) {
-  char* text = nullptr;
-  if (curl_url_get(url, which, &text, 0) != CURLUE_OK) return {};
-  const std::unique_ptr<char, CurlFree> owner(text);
-  return text;
-}
-
-/// Where a response from `url` leads to; empty if it is not to be followed.
-std::string redirectTarget(const std::string& url, const HttpResponse& response) {
-  const int status = response.status;
-  if (status != 301 && status != 302 && status != 303 && status != 307 && status != 308) return {};
-  const std::string* location = response.header("Location");
-  if (location == nullptr || location->empty() || !leavesNothingToGuess(*location)) return {};
-
-  const std::unique_ptr<CURLU, CurlFree> parts(curl_url());
-  if (!parts || curl_url_set(parts.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return {};
-  const std::string before = part(parts.get(), CURLUPART_SCHEME);
-  // Servers send blanks and UTF-8 unescaped here.
-  constexpr unsigned kLenient = CURLU_URLENCODE | CURLU_ALLOW_SPACE;
-  if (curl_url_set(parts.get(), CURLUPART_URL, location->c_str(), kLenient) != CURLUE_OK) return {};
-  const std::string after = part(parts.get(), CURLUPART_SCHEME);
-  if (!isHttp(after) || (before == "https" && after == "http")) return {};
-  return part(parts.get(), CURLUPART_URL);
-}
-
-/// What has arrived of one request's answer. libcurl's callbacks fill it in.
+/// One request and what has arrived of its answer. libcurl's callbacks fill it in.
 struct Hop {
   CURL* easy = nullptr;
+  const KeptConnection* kept = nullptr;
+  bool isTls = false;
+
+  int sends = 0;
+  bool goesOverTheKeptOne = false;
+  bool isOver = false;
   bool headersComplete = false;
   std::size_t headerBytes = 0;
   std::string body;
-  const char* exceeded = nullptr;
+  /// What went wrong, where libcurl cannot know.
+  const char* problem = nullptr;
 
   std::optional<HttpResponse> response;
-  /// Where to go next; empty if the response is the last.
-  std::string next;
+  Redirect redirect;
 };
+
+/// Called before a request is sent, and again before libcurl on its own sends it a second time.
+int onSend(void* user, char*, char*, int, int) {
+  Hop& hop = *static_cast<Hop*>(user);
+  if (hop.sends++ == 0) {
+    long made = 0;
+    curl_easy_getinfo(hop.easy, CURLINFO_NUM_CONNECTS, &made);
+    hop.goesOverTheKeptOne = made == 0;
+    curl_easy_setopt(hop.easy, CURLOPT_FRESH_CONNECT, 1L);  // counts for the second time
+    return CURL_PREREQFUNC_OK;
+  }
+  if (hop.sends == 2 && hop.goesOverTheKeptOne && hop.kept->hasBroughtNothing(hop.isTls)) {
+    return CURL_PREREQFUNC_OK;
+  }
+  hop.problem = "the connection ended within the answer's first line";
+  return CURL_PREREQFUNC_ABORT;
+}
 
 std::size_t onHeader(char* line, std::size_t, std::size_t count, void* user) {
   Hop& hop = *static_cast<Hop*>(user);
   hop.headerBytes += count;
   if (hop.headerBytes > kMostHeaderBytes) {
-    hop.exceeded = "the headers are too large";
+    hop.problem = "the headers are too large";
     return 0;
   }
   if (line[0] != '\r' && line[0] != '\n') return count;
@@ -94,7 +79,7 @@ std::size_t onHeader(char* line, std::size_t, std::size_t count, void* user) {
 std::size_t onBody(char* bytes, std::size_t, std::size_t count, void* user) {
   Hop& hop = *static_cast<Hop*>(user);
   if (count > kMostBodyBytes - hop.body.size()) {
-    hop.exceeded = "the body is too large";
+    hop.problem = "the body is too large";
     return 0;
   }
   try {
@@ -114,11 +99,7 @@ struct Added {
 
 /// The headers that have arrived, without those of a proxy, of informational answers, and of a
 /// body's end.
-HttpResponse responseOf(CURL* easy) {
-  HttpResponse response;
-  long status = 0;
-  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-  response.status = static_cast<int>(status);
+void readHeaders(CURL* easy, HttpResponse& response) {
   curl_header* header = nullptr;
   while ((header = curl_easy_nextheader(easy, CURLH_HEADER, -1, header)) != nullptr) {
     // libcurl leaves the line's end in a value that is empty otherwise.
@@ -126,7 +107,23 @@ HttpResponse responseOf(CURL* easy) {
     while (value.ends_with('\r') || value.ends_with('\n')) value.remove_suffix(1);
     response.headers[header->name] = value;
   }
-  return response;
+}
+
+void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
+  long status = 0;
+  curl_easy_getinfo(hop.easy, CURLINFO_RESPONSE_CODE, &status);
+  hop.response.emplace().status = static_cast<int>(status);
+  readHeaders(hop.easy, *hop.response);
+  hop.redirect = redirectOf(url, *hop.response);
+  if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
+}
+
+/// A header without a value takes libcurl's own one away. Null if that needs memory.
+curl_slist* unwantedHeaders() {
+  curl_slist* const first = curl_slist_append(nullptr, "Accept:");
+  if (first == nullptr || curl_slist_append(first, "Proxy-Connection:") != nullptr) return first;
+  curl_slist_free_all(first);
+  return nullptr;
 }
 
 std::string withoutControlCharacters(std::string text) {
@@ -136,13 +133,20 @@ std::string withoutControlCharacters(std::string text) {
   return text;
 }
 
+/// Out of memory, the code must do.
+HttpError errorOf(int code, const char* text) try {
+  return HttpError{code, text};
+} catch (const std::bad_alloc&) {
+  return HttpError{code, {}};
+}
+
 HttpResult failure(int code, const char* text) {
-  return HttpResult{std::nullopt, std::nullopt, HttpError{code, text}};
+  return HttpResult{std::nullopt, std::nullopt, errorOf(code, text)};
 }
 
 class CurlHttpClient final : public HttpClient {
  public:
-  explicit CurlHttpClient(const std::string& caBundle);
+  explicit CurlHttpClient(std::string caBundle) : _caBundle(std::move(caBundle)) {}
   ~CurlHttpClient() override;
   CurlHttpClient(const CurlHttpClient&) = delete;
   CurlHttpClient& operator=(const CurlHttpClient&) = delete;
@@ -150,32 +154,36 @@ class CurlHttpClient final : public HttpClient {
   HttpResult send(const HttpRequest& request) override;
 
  private:
-  template <class Value>
-  void set(CURLoption option, Value value) {
-    if (curl_easy_setopt(_easy, option, value) != CURLE_OK) _ready = false;
-  }
-  void setUp(const std::string& caBundle);
+  struct Order {
+    std::string url;
+    std::string userAgent;
+    SteadyTime deadline;
+    bool mayLeadOn;
+  };
+
+  bool make();
   HttpResult follow(const HttpRequest& request, TransferStay& stay);
-  CURLcode runHop(const std::string& url, bool mayLeadOn, Hop& hop, TransferStay& stay);
-  CURLcode drive(const std::string& url, bool mayLeadOn, Hop& hop, TransferStay& stay);
+  CURLcode runHop(const Order& order, Hop& hop, TransferStay& stay);
+  CURLcode prepare(const Order& order, Hop& hop, bool overAnotherConnection);
+  void setConstantOptions();
+  CURLcode drive(const Order& order, Hop& hop, TransferStay& stay);
+  void watchConnection(bool isKept);
   HttpResult resultOf(Hop& hop, CURLcode code) const;
 
+  template <class Value>
+  void set(CURLoption option, Value value) {
+    if (const CURLcode code = curl_easy_setopt(_easy, option, value)) _refusal = code;
+  }
+
+  const std::string _caBundle;
   // A multi handle, because its waiting can be ended from another thread.
-  CURLM* const _multi;
-  CURL* const _easy;
+  CURLM* _multi = nullptr;
+  CURL* _easy = nullptr;
   curl_slist* _headers = nullptr;
-  bool _ready = false;
+  KeptConnection _kept;
+  CURLcode _refusal = CURLE_OK;
   char _errorText[CURL_ERROR_SIZE] = "";
 };
-
-CurlHttpClient::CurlHttpClient(const std::string& caBundle)
-    : _multi(curl_multi_init()), _easy(curl_easy_init()) {
-  // A header without a value takes libcurl's own one away.
-  _headers = curl_slist_append(_headers, "Accept:");
-  curl_slist* const both = curl_slist_append(_headers, "Proxy-Connection:");
-  _ready = _multi != nullptr && _easy != nullptr && both != nullptr;
-  if (_ready) setUp(caBundle);
-}
 
 CurlHttpClient::~CurlHttpClient() {
   const TransferStay stay(nullptr);
@@ -185,8 +193,89 @@ CurlHttpClient::~CurlHttpClient() {
   curl_slist_free_all(_headers);
 }
 
-void CurlHttpClient::setUp(const std::string& caBundle) {
-  if (curl_multi_setopt(_multi, CURLMOPT_MAXCONNECTS, 1L) != CURLM_OK) _ready = false;
+/// What cannot be made now is made at the next send.
+bool CurlHttpClient::make() {
+  if (!prepareHttpForProcess()) return false;
+  if (_multi == nullptr) _multi = curl_multi_init();
+  if (_easy == nullptr) _easy = curl_easy_init();
+  if (_headers == nullptr) _headers = unwantedHeaders();
+  return _easy != nullptr && _headers != nullptr &&
+         curl_multi_setopt(_multi, CURLMOPT_MAXCONNECTS, 1L) == CURLM_OK;
+}
+
+HttpResult CurlHttpClient::send(const HttpRequest& request) try {
+  {
+    const TransferStay stay(nullptr);
+    if (stay.entered() && !make()) return failure(CURLE_FAILED_INIT, "libcurl cannot be set up");
+  }
+  TransferStay stay(_multi);
+  if (!stay.entered()) {
+    return failure(CURLE_ABORTED_BY_CALLBACK, "nothing can be sent by an ending or forked process");
+  }
+  // libcurl would guess what is missing, and take "ABC" for a host.
+  if (!request.url.isHttp()) {
+    return failure(CURLE_UNSUPPORTED_PROTOCOL, "the URL is neither http nor https");
+  }
+  if (request.url.host().empty()) return failure(CURLE_URL_MALFORMAT, "the URL names no host");
+  return follow(request, stay);
+} catch (const std::bad_alloc&) {
+  return failure(CURLE_OUT_OF_MEMORY, "out of memory");
+}
+
+HttpResult CurlHttpClient::follow(const HttpRequest& request, TransferStay& stay) {
+  const auto start = std::chrono::steady_clock::now();
+  Order order{request.url.textWithoutUser(),
+              withoutControlCharacters(request.userAgent.toStdString()),
+              start + std::clamp(request.timeout, Milliseconds{0}, kLongestTimeout), true};
+  for (int followed = 0;; ++followed) {
+    order.mayLeadOn = followed < kMostRedirects;
+    Hop hop;
+    const CURLcode code = runHop(order, hop, stay);
+    if (hop.redirect.target.empty()) return resultOf(hop, code);
+    order.url = std::move(hop.redirect.target);
+  }
+}
+
+CURLcode CurlHttpClient::runHop(const Order& order, Hop& hop, TransferStay& stay) try {
+  const bool isQuiet = _kept.isQuiet();
+  if (!isQuiet) _kept.forget();
+  hop.easy = _easy;
+  hop.kept = &_kept;
+  hop.isTls = strncasecmp(order.url.c_str(), "https:", 6) == 0;
+  if (const CURLcode refusal = prepare(order, hop, !isQuiet)) return refusal;
+  if (curl_multi_add_handle(_multi, _easy) != CURLM_OK) return CURLE_FAILED_INIT;
+  const Added added{_multi, _easy};
+  const CURLcode code = drive(order, hop, stay);
+  watchConnection(hop.isOver && code == CURLE_OK);
+  return code;
+} catch (const std::bad_alloc&) {
+  _kept.forget();
+  // Where a redirect leads is not known; a status alone tells all else.
+  if (hop.response && isRedirect(hop.response->status)) hop.response.reset();
+  return CURLE_OUT_OF_MEMORY;
+}
+
+CURLcode CurlHttpClient::prepare(const Order& order, Hop& hop, bool overAnotherConnection) {
+  // Or libcurl would count its second sends over the handle's whole life, and refuse the sixth. The
+  // connection and the TLS sessions stay.
+  curl_easy_reset(_easy);
+  _errorText[0] = '\0';
+  _refusal = CURLE_OK;
+  setConstantOptions();
+  set(CURLOPT_URL, order.url.c_str());
+  set(CURLOPT_USERAGENT, order.userAgent.c_str());  // an empty one is not sent
+  const auto left =
+      std::chrono::ceil<Milliseconds>(order.deadline - std::chrono::steady_clock::now());
+  // 0 would mean no timeout at all.
+  set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<Milliseconds::rep>(left.count(), 1)));
+  set(CURLOPT_FRESH_CONNECT, overAnotherConnection ? 1L : 0L);
+  set(CURLOPT_PREREQDATA, &hop);
+  set(CURLOPT_HEADERDATA, &hop);
+  set(CURLOPT_WRITEDATA, &hop);
+  return _refusal;
+}
+
+void CurlHttpClient::setConstantOptions() {
   set(CURLOPT_NOSIGNAL, 1L);
   // Or a look-up that hangs would be waited for beyond the timeout.
   set(CURLOPT_QUICK_EXIT, 1L);
@@ -200,107 +289,80 @@ void CurlHttpClient::setUp(const std::string& caBundle) {
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   // Redirects are decided here, hop by hop: libcurl would turn one that it refuses into an error.
   set(CURLOPT_FOLLOWLOCATION, 0L);
+  set(CURLOPT_PREREQFUNCTION, onSend);
   set(CURLOPT_HEADERFUNCTION, onHeader);
   set(CURLOPT_WRITEFUNCTION, onBody);
   set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});  // or later
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
-  if (!caBundle.empty()) {
-    set(CURLOPT_CAINFO, caBundle.c_str());
+  if (!_caBundle.empty()) {
+    set(CURLOPT_CAINFO, _caBundle.c_str());
     set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
   }
 }
 
-HttpResult CurlHttpClient::send(const HttpRequest& request) {
-  TransferStay stay(_multi);
-  if (!stay.entered()) {
-    return failure(CURLE_ABORTED_BY_CALLBACK, "nothing can be sent by an ending or forked process");
-  }
-  if (!_ready) return failure(CURLE_FAILED_INIT, curl_easy_strerror(CURLE_FAILED_INIT));
-  // libcurl would guess what is missing, and take "ABC" for a host.
-  if (!isHttp(request.url.scheme())) {
-    return failure(CURLE_UNSUPPORTED_PROTOCOL, "the URL is neither http nor https");
-  }
-  if (request.url.host().empty()) return failure(CURLE_URL_MALFORMAT, "the URL names no host");
-  return follow(request, stay);
-}
-
-HttpResult CurlHttpClient::follow(const HttpRequest& request, TransferStay& stay) {
-  const std::string userAgent = withoutControlCharacters(request.userAgent.toStdString());
-  curl_easy_setopt(_easy, CURLOPT_USERAGENT, userAgent.c_str());  // an empty one is not sent
-  const auto start = std::chrono::steady_clock::now();
-  const SteadyTime deadline = start + std::clamp(request.timeout, Milliseconds{0}, kLongestTimeout);
-
-  std::string url = request.url.text();
-  for (int followed = 0;; ++followed) {
-    const auto left = std::chrono::ceil<Milliseconds>(deadline - std::chrono::steady_clock::now());
-    // 0 would mean no timeout at all.
-    const auto timeout = std::max<Milliseconds::rep>(left.count(), 1);
-    curl_easy_setopt(_easy, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout));
-    Hop hop;
-    const CURLcode code = runHop(url, followed < kMostRedirects, hop, stay);
-    if (hop.next.empty()) return resultOf(hop, code);
-    url = std::move(hop.next);
-  }
-}
-
-CURLcode CurlHttpClient::runHop(const std::string& url, bool mayLeadOn, Hop& hop,
-                                TransferStay& stay) {
-  hop.easy = _easy;
-  _errorText[0] = '\0';
-  if (const CURLcode refused = curl_easy_setopt(_easy, CURLOPT_URL, url.c_str())) return refused;
-  curl_easy_setopt(_easy, CURLOPT_HEADERDATA, &hop);
-  curl_easy_setopt(_easy, CURLOPT_WRITEDATA, &hop);
-  if (curl_multi_add_handle(_multi, _easy) != CURLM_OK) return CURLE_FAILED_INIT;
-  const Added added{_multi, _easy};
-  return drive(url, mayLeadOn, hop, stay);
-}
-
-CURLcode CurlHttpClient::drive(const std::string& url, bool mayLeadOn, Hop& hop,
-                               TransferStay& stay) {
+CURLcode CurlHttpClient::drive(const Order& order, Hop& hop, TransferStay& stay) {
   for (int running = 1;;) {
     if (curl_multi_perform(_multi, &running) != CURLM_OK) return CURLE_FAILED_INIT;
-    if (hop.headersComplete && !hop.response) {
-      hop.response = responseOf(_easy);
-      if (mayLeadOn) hop.next = redirectTarget(url, *hop.response);
-    }
-    // The body of a redirect is not waited for.
-    if (!hop.next.empty()) return CURLE_OK;
+    if (hop.headersComplete && !hop.response) noteResponse(order.url, order.mayLeadOn, hop);
     if (running == 0) break;
+    // The body of a redirect is not waited for.
+    if (!hop.redirect.target.empty()) return CURLE_OK;
     if (curl_multi_poll(_multi, nullptr, 0, kPollMilliseconds, nullptr) != CURLM_OK) {
       return CURLE_FAILED_INIT;
     }
     stay.parkIfExiting();
   }
+  hop.isOver = true;
   int remaining = 0;
   const CURLMsg* message = curl_multi_info_read(_multi, &remaining);
   return message != nullptr ? message->data.result : CURLE_FAILED_INIT;
 }
 
+/// Watches the connection of the transfer that has just ended.
+void CurlHttpClient::watchConnection(bool isKept) {
+  curl_socket_t socket = CURL_SOCKET_BAD;
+  long made = 0;
+  if (isKept) curl_easy_getinfo(_easy, CURLINFO_ACTIVESOCKET, &socket);
+  curl_easy_getinfo(_easy, CURLINFO_NUM_CONNECTS, &made);
+  if (socket == CURL_SOCKET_BAD || made > 0) _kept.watch(socket);
+}
+
 HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   HttpResult result;
   result.response = std::move(hop.response);
-  if (hop.exceeded != nullptr) {
-    result.error = HttpError{CURLE_FILESIZE_EXCEEDED, hop.exceeded};
+  if (hop.problem != nullptr) {
+    result.error = errorOf(CURLE_FILESIZE_EXCEEDED, hop.problem);
+  } else if (code == CURLE_OUT_OF_MEMORY) {
+    // libcurl 7 calls it so, too.
+    result.error = errorOf(code, "out of memory, or a header line of more than 100 KiB");
   } else if (code != CURLE_OK) {
-    result.error = HttpError{code, _errorText[0] != '\0' ? _errorText : curl_easy_strerror(code)};
+    result.error = errorOf(code, _errorText[0] != '\0' ? _errorText : curl_easy_strerror(code));
   } else if (!result.response) {
     // A switch to another protocol ends the transfer well.
-    result.error = HttpError{CURLE_WEIRD_SERVER_REPLY, "only an informational answer came"};
+    result.error = errorOf(CURLE_WEIRD_SERVER_REPLY, "the headers of an answer did not come whole");
   } else {
     result.data = std::move(hop.body);
+    if (hop.redirect.refusal != nullptr) {
+      result.error = errorOf(CURLE_TOO_MANY_REDIRECTS, hop.redirect.refusal);
+    }
   }
   return result;
 }
 
 }  // namespace
 
-void prepareHttpForProcess() {
-  static std::once_flag prepared;
-  std::call_once(prepared, [] {
-    curl_global_init(CURL_GLOBAL_DEFAULT);
-    installExitHandler();
-  });
+bool prepareHttpForProcess() try {
+  static std::atomic<bool> isPrepared{false};
+  static Mutex protector;
+  if (isPrepared) return true;
+  const Lock lock(protector);
+  if (!isPrepared && curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
+    isPrepared = installExitHandler();
+  }
+  return isPrepared;
+} catch (const std::bad_alloc&) {
+  return false;
 }
 
 std::unique_ptr<HttpClient> makeHttpClient(const std::string& caBundle) {

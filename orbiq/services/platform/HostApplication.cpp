@@ -81,18 +81,22 @@ bool isLoopback(const std::string& host) {
          (ntohl(address.s_addr) >> 24) == IN_LOOPBACKNET;
 }
 
-/// Null if the text can be used.
+/// Null if the text can be used. No reason shows a password.
 String whatIsWrongWithServer(const String& server) {
   if (server.isEmpty()) return "no authorization server is set";
   const std::string text = server.toStdString();
   const std::optional<Url> url = Url::fromText(server);
-  if (!url || url->host().empty()) return "\"" + text + "\" is not a URL of a server";
+  const bool mayBeShown = text.find('@') == text.npos;
+  const std::string shown =
+      mayBeShown ? "the authorization server \"" + text + "\"" : "the authorization server";
+  if (!url || url->host().empty()) return shown + " is not a URL of a server";
+  if (url->textWithoutUser() != text) return shown + " must be named without a user and a password";
   if (url->scheme() != "https" && !(url->scheme() == "http" && isLoopback(url->host()))) {
-    return "the authorization server \"" + text + "\" must be https (http only on loopback)";
+    return shown + " must be https (http only on loopback)";
   }
-  if (!text.ends_with('/')) {
-    return "the authorization server \"" + text + "\" must end in \"/\"";
-  }
+  if (text.find('#') != text.npos)
+    return shown + " must have no fragment (\"#\"), which is never sent";
+  if (!text.ends_with('/')) return shown + " must end in \"/\"";
   return nullptr;
 }
 

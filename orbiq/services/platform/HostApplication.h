@@ -42,8 +42,8 @@ struct HostDescription {
   String bundleName = {};
   /// Stands in the User-Agent and, as "v", in the default parameters. Default: none.
   String shortVersion = {};
-  /// URL to which the serial is appended: https (http only on loopback), ending in "/".
-  /// Default: the environment's ORBIQ_AUTHORIZATION_SERVER.
+  /// URL to which the serial is appended: https (http only on loopback), ending in "/", without a
+  /// user, a password and a fragment. Default: the environment's ORBIQ_AUTHORIZATION_SERVER.
   String authorizationServer = {};
   /// Absolute path under which "orbiqCache" is made. Default: the environment's
   /// ORBIQ_LIBRARY_DIRECTORY, else `$XDG_STATE_HOME` (or `~/.local/state`)/bundle

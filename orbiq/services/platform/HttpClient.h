@@ -12,7 +12,8 @@
 
 namespace orbiq {
 
-/// A GET. Nothing but the User-Agent is added to what HTTP itself asks for.
+/// A GET. Nothing but the User-Agent is added to what HTTP itself asks for; a user's name and
+/// password in the URL are left out.
 struct HttpRequest {
   Url url;
   String userAgent;
@@ -33,8 +34,8 @@ struct HttpResponse {
   const std::string* header(std::string_view name) const;
 };
 
-/// Why a transfer did not end well. Its codes are the HTTP client's own and never those of the
-/// agent's errors.
+/// Why a transfer did not end well, or why a redirect was not followed. Its codes are the HTTP
+/// client's own and never those of the agent's errors.
 struct HttpError {
   /// A number of libcurl's (CURLcode). That some are equal to the agent's codes means nothing.
   int code = 0;
@@ -50,7 +51,8 @@ struct HttpResult {
   std::optional<HttpError> error;
 };
 
-/// Sends one request at a time and waits for its end.
+/// Sends one request at a time and waits for its end. Where memory or descriptors run out, that is
+/// the result's error; the next send may find some again.
 class HttpClient {
  public:
   virtual ~HttpClient() = default;
@@ -59,11 +61,13 @@ class HttpClient {
 
 /// Initialises the transfer library for the process and, after it, the exit handler that keeps a
 /// send in progress from holding up or crashing the process's end. Call it once, on the thread that
-/// creates the agent; later calls do nothing.
-void prepareHttpForProcess();
+/// creates the agent. False if that failed; a send tries it again. Later calls do nothing.
+bool prepareHttpForProcess();
 
-/// A client over real sockets. It keeps one connection alive between sends. One thread at a time.
-/// `caBundle` names a file of trusted certificates; empty means the system's.
+/// A client over real sockets. One thread at a time. It keeps one connection between sends, and
+/// takes another if anything lies there that nobody asked for. It sends a request again, once and
+/// over a new connection, only if the kept one ended without one byte of an answer. `caBundle`
+/// names a file of trusted certificates; empty means the system's.
 std::unique_ptr<HttpClient> makeHttpClient(const std::string& caBundle);
 
 }  // namespace orbiq

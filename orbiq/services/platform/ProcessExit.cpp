@@ -2,12 +2,11 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <thread>
-#include <vector>
+#include <utility>
 
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Mutex.h"
@@ -23,8 +22,8 @@ std::atomic<bool> exiting{false};
 
 struct Stays {
   Condition changed;
-  /// The multi handles of the threads inside, one entry each.
-  std::vector<CURLM*> inside ORBIQ_GUARDED_BY(changed);
+  /// Those of the threads inside.
+  TransferStay::Link* first ORBIQ_GUARDED_BY(changed) = nullptr;
   std::thread::id exitingThread ORBIQ_GUARDED_BY(changed);
 };
 
@@ -41,7 +40,7 @@ Stays& stays() {
 void waitUntilAllParked() {
   const auto deadline = std::chrono::steady_clock::now() + kLongestWaitAtExit;
   Lock lock(stays().changed);
-  while (!stays().inside.empty()) {
+  while (stays().first != nullptr) {
     const auto left = deadline - std::chrono::steady_clock::now();
     if (left <= left.zero()) return;
     stays().changed.waitFor(left);
@@ -55,8 +54,8 @@ void onProcessExit() {
     Lock lock(stays().changed);
     exiting = true;
     stays().exitingThread = std::this_thread::get_id();
-    for (CURLM* multi : stays().inside) {
-      if (multi != nullptr) curl_multi_wakeup(multi);
+    for (const auto* stay = stays().first; stay != nullptr; stay = stay->next) {
+      if (stay->multi != nullptr) curl_multi_wakeup(stay->multi);
     }
   }
   // A library thread may hold what the others need in order to park.
@@ -67,18 +66,18 @@ void onProcessExit() {
 
 bool isProcessExiting() noexcept { return exiting; }
 
-void installExitHandler() {
+bool installExitHandler() {
   armForkGuard();
   stays();
-  std::atexit(onProcessExit);
+  return std::atexit(onProcessExit) == 0;
 }
 
-TransferStay::TransferStay(CURLM* multi) : _multi(multi) {
+TransferStay::TransferStay(CURLM* multi) : _link{multi, nullptr} {
   if (inForkedChild()) return;
   {
     Lock lock(stays().changed);
     if (!exiting) {
-      stays().inside.push_back(multi);
+      _link.next = std::exchange(stays().first, &_link);
       _entered = true;
     } else if (stays().exitingThread == std::this_thread::get_id()) {
       return;
@@ -101,14 +100,15 @@ void TransferStay::parkIfExiting() {
 
 void TransferStay::leave() {
   Lock lock(stays().changed);
-  auto& inside = stays().inside;
-  inside.erase(std::find(inside.begin(), inside.end(), _multi));
+  Link** place = &stays().first;
+  while (*place != &_link) place = &(*place)->next;
+  *place = _link.next;
   stays().changed.broadcast();
 }
 
 bool TransferStay::isAnyUnderWay() {
   Lock lock(stays().changed);
-  return !stays().inside.empty();
+  return stays().first != nullptr;
 }
 
 }  // namespace orbiq

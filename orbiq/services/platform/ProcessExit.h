@@ -9,8 +9,9 @@ namespace orbiq {
 bool isProcessExiting() noexcept;
 
 /// Registers the exit handler. It runs before the handlers that were registered earlier, so the
-/// transfer library, whose own tear-down it protects, must have been initialised before.
-void installExitHandler();
+/// transfer library, whose own tear-down it protects, must have been initialised before. False if
+/// that failed; then it may be called again.
+bool installExitHandler();
 
 /// A thread's stay inside the transfer library. When the process exits, the handler wakes whoever
 /// stays there and waits, not for long, until all have parked: what libcurl and OpenSSL then tear
@@ -34,10 +35,16 @@ class TransferStay {
   /// True while any thread stays inside.
   static bool isAnyUnderWay();
 
+  /// Of the list of all stays, which needs no memory but theirs.
+  struct Link {
+    CURLM* multi;
+    Link* next;
+  };
+
  private:
   void leave();
 
-  CURLM* const _multi;
+  Link _link;
   bool _entered = false;
 };
 

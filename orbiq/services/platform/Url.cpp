@@ -3,7 +3,6 @@
 #include <uriparser/Uri.h>
 
 #include <string_view>
-#include <utility>
 
 namespace orbiq {
 namespace {
@@ -25,23 +24,30 @@ bool passesUnescaped(char character) {
 
 }  // namespace
 
-Url::Url(std::string text, std::string scheme, std::string host)
-    : _text(std::move(text)), _scheme(std::move(scheme)), _host(std::move(host)) {}
-
 std::optional<Url> Url::fromText(const String& text) {
   if (text.isEmpty()) return std::nullopt;
-  std::string whole = text.toStdString();
+  Url url;
+  url._text = text.toStdString();
+  const char* const begin = url._text.data();
   UriUriA parts;
   const char* refusedAt = nullptr;
-  if (uriParseSingleUriExA(&parts, whole.data(), whole.data() + whole.size(), &refusedAt) !=
-      URI_SUCCESS) {
+  if (uriParseSingleUriExA(&parts, begin, begin + url._text.size(), &refusedAt) != URI_SUCCESS) {
     return std::nullopt;  // a failed parse has freed its parts itself
   }
-  std::string scheme = textOf(parts.scheme);
-  std::string host = textOf(parts.hostText);
+  url._scheme = textOf(parts.scheme);
+  url._host = textOf(parts.hostText);
+  if (parts.userInfo.first != nullptr) {
+    url._userBegin = static_cast<std::size_t>(parts.userInfo.first - begin);
+    url._userLength = static_cast<std::size_t>(parts.userInfo.afterLast + 1 - parts.userInfo.first);
+  }
   uriFreeUriMembersA(&parts);
-  for (char& character : scheme) character = lowerCase(character);
-  return Url(std::move(whole), std::move(scheme), std::move(host));
+  for (char& character : url._scheme) character = lowerCase(character);
+  return url;
+}
+
+std::string Url::textWithoutUser() const {
+  std::string text = _text;
+  return text.erase(_userBegin, _userLength);
 }
 
 String percentEscaped(const String& text) {

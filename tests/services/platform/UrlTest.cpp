@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <utility>
 
 #include "orbiq/services/platform/Url.h"
 
@@ -29,6 +30,13 @@ TEST(UrlTest, takesReferencesByTheGrammarAndKeepsTheirText) {
     EXPECT_EQ(url->text(), expected.text);
     EXPECT_EQ(url->scheme(), expected.scheme) << expected.text;
     EXPECT_EQ(url->host(), expected.host) << expected.text;
+  }
+  for (const auto& [text, shown] : {std::pair("http://user:p@host/a@b", "http://host/a@b"),
+                                    {"//u@[::1]:8/", "//[::1]:8/"},
+                                    {"https://@host/", "https://host/"},
+                                    {"mailto:a@b", "mailto:a@b"},
+                                    {"a@b", "a@b"}}) {
+    EXPECT_EQ(Url::fromText(text)->textWithoutUser(), shown);
   }
 }
 

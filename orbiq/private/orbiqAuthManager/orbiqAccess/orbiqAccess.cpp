@@ -73,6 +73,7 @@ std::shared_ptr<orbiqAccess> orbiqAccess::hitSuccessfullySent() {
 
 std::shared_ptr<orbiqAccess> orbiqAccess::copy() const {
   auto access = orbiqAccessWithSerial_withAccessMode_withBaseURL(_serial, _accessMode, _baseURL);
+  access->_fallbackCause = _fallbackCause;
   if (firstHitSuccessfullySent.load(std::memory_order_relaxed)) access->hitSuccessfullySent();
   return access;
 }

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <memory>
+#include <utility>
 
 #include "orbiq/services/platform/Archivable.h"
 #include "orbiq/services/platform/Enumerations.h"
@@ -38,6 +39,11 @@ class ORBIQ_EXPORT orbiqAccess : public orbiq::Archivable,
   /// Marks the first hit as sent and returns this record (null if no `shared_ptr` holds it).
   std::shared_ptr<orbiqAccess> hitSuccessfullySent();
 
+  /// Why this is a fallback; null if it is none, or was read out of an archive. Set before the
+  /// record is shared.
+  orbiq::String fallbackCause() const { return _fallbackCause; }
+  void setFallbackCause(orbiq::String cause) { _fallbackCause = std::move(cause); }
+
   /// An independent record: its host is composed anew, the mark is carried over.
   std::shared_ptr<orbiqAccess> copy() const;
 
@@ -53,4 +59,5 @@ class ORBIQ_EXPORT orbiqAccess : public orbiq::Archivable,
   orbiq::String _serial;
   orbiq::String _host;
   orbiq::String _baseURL;
+  orbiq::String _fallbackCause;
 };
