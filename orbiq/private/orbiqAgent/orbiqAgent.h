@@ -156,6 +156,7 @@ class ORBIQ_EXPORT orbiqAgent {
   std::optional<Error> handleRequest(const std::shared_ptr<orbiqRequest>& request)
       ORBIQ_REQUIRES(requestsProtector);
   Attempt attempt(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
+  bool authorize(orbiqRequest& request) ORBIQ_REQUIRES(requestsProtector);
   Attempt send(orbiqRequest& request, const orbiq::Url& url) ORBIQ_REQUIRES(requestsProtector);
   bool isReachable() const;
 

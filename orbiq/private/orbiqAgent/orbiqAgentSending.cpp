@@ -153,8 +153,10 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
   if (!isReachable()) return {Error{kErrorDomain, kNotReachable}, std::nullopt, {}};
 
   const bool hasItsOwn = request->auth() != nullptr;
-  if (SendingRules::takesCachedAuthorization(request->requestType(), hasItsOwn)) {
-    request->setAuth(orbiqAuthManager::manager().obtainAuth(request->taggerID()));
+  if (SendingRules::takesCachedAuthorization(request->requestType(), hasItsOwn) &&
+      !authorize(*request)) {
+    recordFailure(*request);
+    return {Error{kErrorDomain, kNoResponse}, std::nullopt, orbiq::String::outOfMemory()};
   }
   const auto access = ask(request->auth(), &orbiqAuth::currentAccess);
   if (!ask(access, &orbiqAccess::canSendRequestFor, request->requestType())) {
@@ -169,6 +171,15 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
     return {std::nullopt, HitFate::GivenUp, "the host or the serial makes no URL"};
   }
   return send(*request, *url);
+}
+
+/// False if this machine could not even ask: then the request waits like one without a response.
+bool orbiqAgent::authorize(orbiqRequest& request) try {
+  request.setAuth(orbiqAuthManager::manager().obtainAuth(request.taggerID()));
+  return true;
+} catch (const std::bad_alloc& error) {
+  orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
+  return false;
 }
 
 orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& url) {

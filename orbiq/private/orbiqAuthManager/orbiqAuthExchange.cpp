@@ -1,4 +1,5 @@
 // The exchange with the authorization server.
+#include <new>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -96,6 +97,8 @@ void orbiqAuthManager::exchange(const TaggerID& tagger) try {
   const orbiq::String serial = ask(tagger, &orbiqTaggerID::serial);
   Grant grant = fallbackFor(serial);
   const Answer answer = fetch(serial);
+  // The fallback is for what a server or a network does. This machine tries again later.
+  if (answer.http.error && answer.http.error->isExhaustion) throw std::bad_alloc();
   if (answer.http.data) {  // whatever its status, which is not looked at: that is meant
     if (answer.http.response) {
       deltaBetweenServerAndDevice.store(clockOffset(*answer.http.response),

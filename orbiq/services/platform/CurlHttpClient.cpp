@@ -1,8 +1,10 @@
 #include <curl/curl.h>
 #include <strings.h>
+#include <sys/socket.h>
 
 #include <algorithm>
 #include <atomic>
+#include <cerrno>
 #include <climits>
 #include <new>
 #include <utility>
@@ -40,10 +42,20 @@ struct Hop {
   std::string body;
   /// What went wrong, where libcurl cannot know.
   const char* problem = nullptr;
+  bool lacksDescriptors = false;
 
   std::optional<HttpResponse> response;
   Redirect redirect;
 };
+
+curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
+  const int number = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  if (number < 0) {
+    static_cast<Hop*>(user)->lacksDescriptors =
+        errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
+  }
+  return number;
+}
 
 /// Called before a request is sent, and again before libcurl on its own sends it a second time.
 int onSend(void* user, char*, char*, int, int) {
@@ -133,11 +145,13 @@ std::string withoutControlCharacters(std::string text) {
   return text;
 }
 
+bool isExhaustion(int code) { return code == CURLE_OUT_OF_MEMORY || code == CURLE_FAILED_INIT; }
+
 /// Out of memory, the code must do.
 HttpError errorOf(int code, const char* text) try {
-  return HttpError{code, text};
+  return HttpError{code, text, isExhaustion(code)};
 } catch (const std::bad_alloc&) {
-  return HttpError{code, {}};
+  return HttpError{code, {}, isExhaustion(code)};
 }
 
 HttpResult failure(int code, const char* text) {
@@ -269,6 +283,7 @@ CURLcode CurlHttpClient::prepare(const Order& order, Hop& hop, bool overAnotherC
   // 0 would mean no timeout at all.
   set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<Milliseconds::rep>(left.count(), 1)));
   set(CURLOPT_FRESH_CONNECT, overAnotherConnection ? 1L : 0L);
+  set(CURLOPT_OPENSOCKETDATA, &hop);
   set(CURLOPT_PREREQDATA, &hop);
   set(CURLOPT_HEADERDATA, &hop);
   set(CURLOPT_WRITEDATA, &hop);
@@ -289,6 +304,7 @@ void CurlHttpClient::setConstantOptions() {
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   // Redirects are decided here, hop by hop: libcurl would turn one that it refuses into an error.
   set(CURLOPT_FOLLOWLOCATION, 0L);
+  set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
   set(CURLOPT_PREREQFUNCTION, onSend);
   set(CURLOPT_HEADERFUNCTION, onHeader);
   set(CURLOPT_WRITEFUNCTION, onBody);
@@ -333,6 +349,8 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   result.response = std::move(hop.response);
   if (hop.problem != nullptr) {
     result.error = errorOf(CURLE_FILESIZE_EXCEEDED, hop.problem);
+  } else if (code != CURLE_OK && hop.lacksDescriptors) {
+    result.error = errorOf(CURLE_FAILED_INIT, "no descriptor is left for a connection");
   } else if (code == CURLE_OUT_OF_MEMORY) {
     // libcurl 7 calls it so, too.
     result.error = errorOf(code, "out of memory, or a header line of more than 100 KiB");

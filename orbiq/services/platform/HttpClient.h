@@ -40,6 +40,8 @@ struct HttpError {
   /// A number of libcurl's (CURLcode). That some are equal to the agent's codes means nothing.
   int code = 0;
   std::string text;
+  /// Memory or descriptors had run out: what could not be had now says nothing of the server.
+  bool isExhaustion = false;
 };
 
 /// Three things apart, because they can come apart.
