@@ -110,6 +110,9 @@ ORBIQ_EXPORT orbiq_status orbiq_host_set_main_screen(orbiq_host* host, double wi
 ORBIQ_EXPORT orbiq_status orbiq_host_set_user_interface_idiom(orbiq_host* host, int32_t idiom);
 /// True: every save waits for the disk, so that the queue survives a loss of power.
 ORBIQ_EXPORT orbiq_status orbiq_host_set_durable(orbiq_host* host, bool durable);
+/// True: everything counts as reachable, without a look at the machine's routes. For servers on the
+/// same machine or on a closed network; see `orbiq::HostDescription::assumeReachable`.
+ORBIQ_EXPORT orbiq_status orbiq_host_set_assume_reachable(orbiq_host* host, bool assume);
 /// Takes the log lines instead of standard error; null restores that. The context is handed to each
 /// call and must live as long as the process, or until `orbiq_remove_log_sink`.
 ORBIQ_EXPORT orbiq_status orbiq_host_set_log_sink(orbiq_host* host, orbiq_log_sink sink,

@@ -123,6 +123,12 @@ orbiq_status orbiq_host_set_durable(orbiq_host* host, bool durable) {
   return ORBIQ_OK;
 }
 
+orbiq_status orbiq_host_set_assume_reachable(orbiq_host* host, bool assume) {
+  if (host == nullptr) return ORBIQ_ERROR_ARGUMENT;
+  host->description.assumeReachable = assume;
+  return ORBIQ_OK;
+}
+
 orbiq_status orbiq_host_set_log_sink(orbiq_host* host, orbiq_log_sink sink, void* context) {
   return guarded([&]() -> orbiq_status {
     if (host == nullptr) return ORBIQ_ERROR_ARGUMENT;

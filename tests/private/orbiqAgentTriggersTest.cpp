@@ -142,5 +142,26 @@ TEST_F(Triggers, AChangeToUnreachableChangesNothing) {
   EXPECT_TRUE(server->server().requests().empty());
 }
 
+TEST(AssumedNetwork, HitsReachAServerBesideLoopbackAlone) {
+  std::string refusal;
+  const auto network = NetworkNamespace::enter(refusal);
+  if (!network) GTEST_SKIP() << refusal;
+  AccountServer server;
+  const Application application(
+      server.authorizationServer(),
+      [](HostDescription& host, Platform& /*platform*/) { host.assumeReachable = true; });
+  Application::tagger("ABC")->sendHit();
+  ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+  EXPECT_EQ(orbiqAgent::sharedAgent().statistics().sent, 1U);
+  // No change comes, whatever happens to the network.
+  const auto monitor = orbiqReachability::reachabilityForLocalWiFi();
+  ASSERT_TRUE(monitor->startNotifier());
+  network->ip("link set dev lo down");
+  EXPECT_EQ(monitor->currentReachabilityFlags(), "-R -------");
+  EXPECT_EQ(application.log().count("Connection status changed"), 0U);
+  EXPECT_EQ(application.log().count("(WARNING)"), 0U);
+  monitor->stopNotifier();
+}
+
 }  // namespace
 }  // namespace orbiq::test

@@ -26,6 +26,7 @@ TEST(CInterface, DescribesTheHost) {
   }
   EXPECT_EQ(orbiq_host_set_main_screen(host, 1, 2, 3, 4), ORBIQ_OK);
   EXPECT_EQ(orbiq_host_set_durable(host, true), ORBIQ_OK);
+  EXPECT_EQ(orbiq_host_set_assume_reachable(host, true), ORBIQ_OK);
   for (const int idiom : {-1, 3, 99}) {
     EXPECT_EQ(orbiq_host_set_user_interface_idiom(host, idiom), ORBIQ_ERROR_ARGUMENT);
   }
@@ -47,6 +48,7 @@ TEST(CInterface, DescribesTheHost) {
   EXPECT_EQ(now.mainScreen->scale, 3);
   EXPECT_EQ(now.mainScreen->nativeScale, 4);
   EXPECT_EQ(now.durability, Durability::PowerLoss);
+  EXPECT_TRUE(now.assumeReachable);
   EXPECT_EQ(now.userInterfaceIdiom, 2);
 }
 

@@ -44,6 +44,11 @@ bool hasAll(std::uint32_t flags, std::uint32_t wanted) { return (flags & wanted)
 
 /// The source of handles, or null. That the network cannot be watched is said at its first use.
 orbiq::NetworkReachabilitySource* reachabilitySource() {
+  if (orbiq::HostApplication::current().assumeReachable) {
+    static auto* const assumed =
+        new auto(orbiq::makeAssumedReachabilitySource());  // never destroyed
+    return assumed->get();
+  }
   orbiq::NetworkReachabilitySource* const source =
       orbiq::Platform::current().reachabilitySource.get();
   static std::atomic_flag isSaid;

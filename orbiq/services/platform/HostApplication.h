@@ -69,6 +69,12 @@ struct HostDescription {
   /// Keeps the device identifier. Absent: files in "orbiqKeychain" in the library directory, 0600
   /// and not encrypted.
   std::shared_ptr<Keychain> keychain = {};
+  /// True: the kernel is not asked whether there is a network. Everything counts as reachable, hits
+  /// are sent at once, and no change is ever reported. For an application whose servers are on the
+  /// same machine or on a closed network without a default route. On a device that may lose its
+  /// network, hits are then tried and fail instead of waiting. Counts for the monitors that are made
+  /// after the description.
+  bool assumeReachable = false;
 };
 
 /// The application that the library is linked into.

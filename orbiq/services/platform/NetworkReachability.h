@@ -88,9 +88,12 @@ class NetworkReachabilitySource {
   virtual std::string failure() const = 0;
 };
 
-/// The targets of this machine, watched through the kernel's links and routes. Each source has
-/// sockets of its own, in the network namespace of the calling thread.
+/// The targets of this machine, as the kernel would route this process's connections. Each source
+/// opens sockets of its own at its first use, in the network namespace of the calling thread; what
+/// cannot be opened for want of descriptors or memory is tried again at the next use.
 std::shared_ptr<NetworkReachabilitySource> makeRouteReachabilitySource();
+/// Targets that are reachable and never change; the machine is not asked.
+std::shared_ptr<NetworkReachabilitySource> makeAssumedReachabilitySource();
 /// @endcond
 
 }  // namespace orbiq

@@ -2,12 +2,13 @@
 
 #include <netdb.h>
 
-#include <functional>
-#include <optional>
+#include <algorithm>
+#include <cerrno>
+#include <exception>
+#include <system_error>
 #include <utility>
 
 #include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/MainLoop.h"
 #include "orbiq/services/platform/Thread.h"
 
 namespace orbiq {
@@ -16,10 +17,17 @@ namespace {
 /// The flags of a name that was never resolved, or where the kernel gave no answer. No real flags
 /// have this value.
 constexpr std::uint32_t kUnknownFlags = 0xFFFFFFFF;
-/// Reads of an unresolved name try again at most this often.
-constexpr std::chrono::seconds kResolveInterval{5};
-/// After the kernel could not be asked.
-constexpr std::chrono::seconds kReadAgainInterval{1};
+/// While reports keep coming they are looked at at most this often.
+constexpr std::chrono::milliseconds kLookInterval{100};
+/// After the kernel gave no answer, or memory ran out.
+constexpr std::chrono::seconds kLookAgainInterval{1};
+/// A name is looked up at most this often. The pause after a failure grows from one to the other.
+constexpr std::chrono::seconds kResolveInterval{1};
+constexpr std::chrono::seconds kLongestPause{300};
+
+bool maySoonBeOpened(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
+}
 
 bool isLocalNetwork(const IpAddress& address) {
   return address.family == AF_INET && address.bytes[0] == 169 && address.bytes[1] == 254 &&
@@ -73,6 +81,9 @@ class RouteTarget : public NetworkReachability {
 
 class RouteReachabilitySource : public NetworkReachabilitySource {
  public:
+  explicit RouteReachabilitySource(bool isAssumed)
+      : _monitor(std::make_shared<RouteMonitor>(isAssumed)) {}
+
   std::shared_ptr<NetworkReachability> createWithName(const std::string& name) override {
     return name.empty() ? nullptr : _monitor->addTarget(name, {});
   }
@@ -83,41 +94,65 @@ class RouteReachabilitySource : public NetworkReachabilitySource {
   std::string failure() const override { return _monitor->failure(); }
 
  private:
-  const std::shared_ptr<RouteMonitor> _monitor = std::make_shared<RouteMonitor>();
+  const std::shared_ptr<RouteMonitor> _monitor;
 };
 
 }  // namespace
 
 std::shared_ptr<NetworkReachabilitySource> makeRouteReachabilitySource() {
-  return std::make_shared<RouteReachabilitySource>();
+  return std::make_shared<RouteReachabilitySource>(false);
 }
 
-RouteMonitor::RouteMonitor() {
+std::shared_ptr<NetworkReachabilitySource> makeAssumedReachabilitySource() {
+  return std::make_shared<RouteReachabilitySource>(true);
+}
+
+RouteMonitor::RouteMonitor(bool isAssumed)
+    : _sockets(isAssumed ? Sockets::kGivenUp : Sockets::kClosed) {
   armForkGuard();
-  _table = RouteTable::open(_failure);
 }
 
 RouteMonitor::~RouteMonitor() {
-  if (_isWatched) MainLoop::mainLoop().unwatch(_table->watchDescriptor());
+  setWatching(false);
+  setTimer(Time::max());
+}
+
+bool RouteMonitor::isOpen() {
+  if (_sockets != Sockets::kClosed) return _sockets == Sockets::kOpen;
+  _error = _lookup.open();
+  if (_error == 0) _error = _reports.open();
+  if (_error != 0) {
+    if (!maySoonBeOpened(_error)) _sockets = Sockets::kGivenUp;
+    return false;
+  }
+  _sockets = Sockets::kOpen;
+  requestSettling();  // somebody may have registered before
+  return true;
+}
+
+std::string RouteMonitor::failure() {
+  if (inForkedChild()) return {};
+  const Lock lock(_mutex);
+  if (isOpen() || _error == 0) return {};
+  return "the netlink sockets cannot be opened: " + std::generic_category().message(_error);
 }
 
 std::shared_ptr<NetworkReachability> RouteMonitor::addTarget(const std::string& name,
-                                                             std::vector<IpAddress> addresses) {
+                                                             std::vector<IpAddress> addresses) try {
   if (inForkedChild()) return nullptr;
   std::shared_ptr<RouteTarget> handle;
-  Work work;
-  {
-    const Lock lock(_mutex);
-    const TargetId id = ++_lastId;
-    handle = std::make_shared<RouteTarget>(shared_from_this(), id);
-    Target& target = _targets[id];
-    target.handle = handle;
-    target.name = name;
-    target.addresses = std::move(addresses);
-    if (_table && !name.empty()) resolve(id, target, work);
-  }
-  perform(work);
+  const Lock lock(_mutex);
+  if (isOpen() && !name.empty()) noticeNetwork();
+  const TargetId id = ++_lastId;
+  handle = std::make_shared<RouteTarget>(shared_from_this(), id);
+  Target& target = _targets[id];
+  target.handle = handle;
+  target.name = name;
+  target.addresses = std::move(addresses);
+  resolveIfDue(id, target);
   return handle;
+} catch (const std::exception&) {  // out of memory
+  return nullptr;
 }
 
 void RouteMonitor::removeTarget(TargetId id) {
@@ -134,40 +169,29 @@ void RouteMonitor::removeTarget(TargetId id) {
 bool RouteMonitor::setCallback(TargetId id, NetworkReachabilityCallback callback,
                                const NetworkReachabilityContext& context) {
   if (inForkedChild()) return false;
-  Work work;
-  {
-    const Lock lock(_mutex);
-    if (!_table) return true;
-    refresh(work);
-    Target& target = _targets[id];
-    const bool isReplaced = target.callback != nullptr;
-    beginRegistration(target);
-    target.callback = callback;
-    target.info = context.info;
-    if (callback && !isReplaced) {
-      target.lastDelivered = flagsOf(target);
-      // A reader may have seen another state before there was anybody to tell of its end.
-      target.owesDelivery = target.wasRead && target.lastRead != target.lastDelivered;
-    }
-    work.settle |= callback && target.owesDelivery;
-    work.watch = callback && !std::exchange(_isWatched, _isWatched || callback);
+  const Lock lock(_mutex);
+  Target& target = _targets.at(id);
+  const bool isReplaced = target.callback != nullptr;
+  beginRegistration(target);
+  target.callback = callback;
+  target.info = context.info;
+  if (!callback) return true;
+  if (!isReplaced) {
+    target.lastDelivered = flagsOf(target);
+    // A reader may have seen another state before there was anybody to tell of its end.
+    target.owesDelivery = target.lastRead && *target.lastRead != target.lastDelivered;
   }
-  perform(work);
+  requestSettling();
   return true;
 }
 
 bool RouteMonitor::setDispatchQueue(TargetId id, std::shared_ptr<SerialQueue> queue) {
   if (inForkedChild()) return false;
-  Work work;
-  {
-    const Lock lock(_mutex);
-    if (!_table) return true;
-    Target& target = _targets[id];
-    beginRegistration(target);
-    target.queue.swap(queue);
-    work.settle = target.callback && target.queue;
-  }
-  perform(work);
+  const Lock lock(_mutex);
+  Target& target = _targets.at(id);
+  beginRegistration(target);
+  target.queue.swap(queue);
+  if (target.callback && target.queue) requestSettling();
   return true;
 }
 
@@ -176,87 +200,97 @@ void RouteMonitor::beginRegistration(Target& target) {
   target.owesDelivery |= std::exchange(target.undelivered, 0) > 0;
 }
 
-bool RouteMonitor::getFlags(TargetId id, std::uint32_t& flags) {
+bool RouteMonitor::getFlags(TargetId id, std::uint32_t& flags) try {
   if (inForkedChild()) return false;
-  Work work;
-  std::uint32_t now = kSCNetworkReachabilityFlagsReachable;
-  {
-    const Lock lock(_mutex);
-    if (_table) {
-      refresh(work);
-      Target& target = _targets[id];
-      now = flagsOf(target);
-      target.wasRead = true;
-      target.lastRead = now;
-      if (target.callback && now != target.lastDelivered && !target.owesDelivery) {
-        target.owesDelivery = true;
-        work.settle = true;
-      }
-      if (now == kUnknownFlags && !target.name.empty() && !target.isResolving &&
-          std::chrono::steady_clock::now() >= target.nextAttempt) {
-        resolve(id, target, work);
-      }
-    }
+  const Lock lock(_mutex);
+  Target& target = _targets.at(id);
+  if (isOpen() && !target.name.empty()) {
+    noticeNetwork();
+    if (target.addresses.empty()) target.resolveAt = Time::min();
+    resolveIfDue(id, target);
   }
-  perform(work);
+  const std::uint32_t now = flagsOf(target);
+  target.lastRead = now;
+  target.owesDelivery |= target.callback && now != target.lastDelivered;
+  if (target.owesDelivery || _settling == Settling::kWanted) requestSettling();
   if (now == kUnknownFlags) return false;
   flags = now;
   return true;
+} catch (const std::exception&) {  // out of memory
+  return false;
 }
 
-void RouteMonitor::refresh(Work& work) {
-  const RouteTable::Refresh came = _table->refresh();
-  if (!came.somethingCame) return;
-  for (auto& [id, target] : _targets) {
-    // The reports taken in here will not wake the loop any more.
-    work.settle |= target.callback != nullptr;
-    if (came.isChanged && !target.name.empty()) resolve(id, target, work);
-  }
-}
-
-std::uint32_t RouteMonitor::flagsOf(const Target& target) {
+std::uint32_t RouteMonitor::flagsOf(const Target& target, const IpAddress** way) {
+  if (!isOpen()) return kSCNetworkReachabilityFlagsReachable;
   if (target.addresses.empty()) return kUnknownFlags;
   for (const IpAddress& address : target.addresses) {
+    if (way) *way = &address;
     if (const std::uint32_t flags = flagsOf(address)) return flags;
   }
   return 0;
 }
 
 std::uint32_t RouteMonitor::flagsOf(const IpAddress& address) {
-  if (address.isUnspecified()) return flagsOfRoute(_table->defaultRoute());
   std::optional<Route> route;
-  if (!_table->lookUp(address, route)) return kUnknownFlags;
+  if (!_lookup.lookUp(address, route)) return kUnknownFlags;
   const bool mustBeOnLink = isLocalNetwork(address);
   if (mustBeOnLink && route && route->kind != Route::Kind::kOnLink) return 0;
   return flagsOfRoute(route);
 }
 
-void RouteMonitor::resolve(TargetId id, Target& target, Work& work) {
-  if (std::exchange(target.isResolving, true)) {
-    target.mustResolveAgain = true;
-  } else {
-    work.resolve.emplace_back(id, target.name);
+void RouteMonitor::noticeNetwork() {
+  std::optional<Route> internet;
+  if (!_lookup.lookUp(IpAddress(), internet) || internet == _internet) return;
+  _internet = internet;
+  for (auto& [id, target] : _targets) {
+    target.resolveAt = Time::min();
+    target.pause = kResolveInterval;
   }
 }
 
-void RouteMonitor::perform(const Work& work) {
-  for (const auto& [id, name] : work.resolve) {
-    const auto run = [self = shared_from_this(), id = id, name = name] {
-      self->resolveOnThisThread(id, name);
-    };
-    if (startThread("orbiqResolver", run) == 0) continue;
-    while (takeAddresses(id, {})) continue;
+void RouteMonitor::resolveIfDue(TargetId id, Target& target) {
+  const Time now = Clock::now();
+  if (target.name.empty() || target.isResolving || !isOpen()) return;
+  if (now < target.resolveAt || now < target.mayResolveAt) return;
+  target.mayResolveAt = now + kResolveInterval;
+  target.isResolving =
+      startThread("orbiqResolver", [self = shared_from_this(), id, name = target.name] {
+        self->resolveOnThisThread(id, name);
+      }) == 0;
+  target.resolveAt = Time::max();
+  if (!target.isResolving) takeAddresses(target, {});
+}
+
+void RouteMonitor::resolveOnThisThread(TargetId id, const std::string& name) {
+  std::vector<IpAddress> addresses;
+  runTask([&] { addresses = addressesOf(name); });
+  const Lock lock(_mutex);
+  const auto found = _targets.find(id);
+  if (found == _targets.end()) return;
+  found->second.isResolving = false;
+  takeAddresses(found->second, std::move(addresses));
+}
+
+void RouteMonitor::takeAddresses(Target& target, std::vector<IpAddress> addresses) {
+  if (addresses.empty()) {
+    // The old addresses stand: without a network no name is found.
+    target.resolveAt = std::min(target.resolveAt, Clock::now() + target.pause);
+    target.pause = std::min(2 * target.pause, kLongestPause);
+  } else {
+    target.addresses = std::move(addresses);
+    target.pause = kResolveInterval;
   }
-  if (!work.watch && !work.settle) return;
-  int descriptor = -1;
-  bool mustPost = false;
-  {
-    const Lock lock(_mutex);
-    descriptor = _table->watchDescriptor();
-    mustPost = work.settle && !std::exchange(_settleIsPosted, true);
+  if (target.callback) requestSettling();
+}
+
+void RouteMonitor::requestSettling() noexcept {
+  if (_sockets != Sockets::kOpen || _settling == Settling::kPosted) return;
+  _settling = Settling::kWanted;
+  try {
+    MainLoop::mainLoop().post(settleIfAlive());
+    _settling = Settling::kPosted;
+  } catch (const std::exception&) {  // out of memory: the next use tries again
   }
-  if (work.watch) MainLoop::mainLoop().watch(descriptor, settleIfAlive());
-  if (mustPost) MainLoop::mainLoop().post(settleIfAlive());
 }
 
 std::function<void()> RouteMonitor::settleIfAlive() {
@@ -265,37 +299,81 @@ std::function<void()> RouteMonitor::settleIfAlive() {
   };
 }
 
-void RouteMonitor::settle() {
-  Work work;
-  std::vector<std::pair<std::shared_ptr<SerialQueue>, std::function<void()>>> deliveries;
-  bool mustTryAgain = false;
+void RouteMonitor::settle() try {
   {
     const Lock lock(_mutex);
-    _settleIsPosted = false;
-    refresh(work);
-    work.settle = false;
-    mustTryAgain = _table->mustReadAgain();
-    for (auto& [id, target] : _targets) {
-      if (!target.callback || !target.queue) continue;
-      const std::uint32_t now = flagsOf(target);
-      if (now == kUnknownFlags) continue;
-      if (now == target.lastDelivered && !target.owesDelivery) continue;
-      target.lastDelivered = now;
-      target.lastRead = now;
-      target.owesDelivery = false;
-      ++target.undelivered;
-      deliveries.emplace_back(target.queue, [self = shared_from_this(), id = id, now,
-                                             registration = target.registration] {
-        self->deliver(id, registration, now);
-      });
-    }
+    _settling = Settling::kNone;
   }
-  for (auto& [queue, task] : deliveries) queue->async(std::move(task));
-  perform(work);
-  if (mustTryAgain) {
-    // The reports are taken in already: nothing else would bring the loop back here.
-    MainLoop::mainLoop().addTimer(kReadAgainInterval, false, settleIfAlive());
+  const Time now = Clock::now();
+  if (now < _mayLookAt) {
+    setTimer(_mayLookAt);
+    setWatching(false);  // reports that wait would bring the loop back here at once
+    return;
   }
+  _mayLookAt = now + kLookInterval;
+  setTimer(look(now));
+} catch (const std::exception&) {  // out of memory
+  const Lock lock(_mutex);
+  _settling = Settling::kWanted;
+  setTimer(Clock::now() + kLookAgainInterval);
+}
+
+RouteMonitor::Time RouteMonitor::look(Time now) {
+  {
+    const Lock lock(_mutex);
+    const bool isWanted = std::any_of(_targets.begin(), _targets.end(),
+                                      [](const auto& entry) { return entry.second.callback; });
+    setWatching(isWanted);
+    if (!isWanted) return Time::max();
+  }
+  _reports.takeIn();
+  const Lock lock(_mutex);
+  Time next = Time::max();
+  noticeNetwork();
+  for (auto& [id, target] : _targets) {
+    if (target.callback) next = std::min(next, settle(id, target, now));
+  }
+  return next;
+}
+
+RouteMonitor::Time RouteMonitor::settle(TargetId id, Target& target, Time now) {
+  resolveIfDue(id, target);
+  Time next = Time::max();
+  if (!target.name.empty() && !target.isResolving) {
+    next = std::max(target.resolveAt, target.mayResolveAt);
+  }
+  if (!target.queue) return next;
+  const IpAddress* way = nullptr;
+  const std::uint32_t flags = flagsOf(target, &way);
+  if (flags == kUnknownFlags) return way ? std::min(next, now + kLookAgainInterval) : next;
+  if (flags != 0) {
+    if (const auto expiry = _lookup.expiry(*way)) next = std::min(next, now + *expiry);
+  }
+  if (flags == target.lastDelivered && !target.owesDelivery) return next;
+  target.queue->async([self = shared_from_this(), id, flags, registration = target.registration] {
+    self->deliver(id, registration, flags);
+  });
+  target.lastDelivered = flags;
+  target.lastRead = flags;
+  target.owesDelivery = false;
+  ++target.undelivered;
+  return next;
+}
+
+void RouteMonitor::setWatching(bool isWatching) {
+  if (isWatching == _isWatching) return;
+  if (isWatching) {
+    MainLoop::mainLoop().watch(_reports.descriptor().number(), settleIfAlive());
+  } else {
+    MainLoop::mainLoop().unwatch(_reports.descriptor().number());
+  }
+  _isWatching = isWatching;
+}
+
+void RouteMonitor::setTimer(Time time) {
+  if (_timer != 0) MainLoop::mainLoop().removeTimer(std::exchange(_timer, 0));
+  if (time == Time::max()) return;
+  _timer = MainLoop::mainLoop().addTimer(time - Clock::now(), false, settleIfAlive());
 }
 
 void RouteMonitor::deliver(TargetId id, std::uint64_t registration, std::uint32_t flags) {
@@ -312,28 +390,6 @@ void RouteMonitor::deliver(TargetId id, std::uint64_t registration, std::uint32_
     callback = found->second.callback;
   }
   if (handle && info) callback(*handle, flags, info.get());
-}
-
-void RouteMonitor::resolveOnThisThread(TargetId id, const std::string& name) {
-  while (takeAddresses(id, addressesOf(name))) continue;
-}
-
-bool RouteMonitor::takeAddresses(TargetId id, std::vector<IpAddress> addresses) {
-  Work work;
-  {
-    const Lock lock(_mutex);
-    const auto found = _targets.find(id);
-    if (found == _targets.end()) return false;
-    Target& target = found->second;
-    target.nextAttempt = std::chrono::steady_clock::now() + kResolveInterval;
-    // The old addresses stand where there are no new ones: without a network no name is found.
-    if (!addresses.empty()) target.addresses = std::move(addresses);
-    target.isResolving = std::exchange(target.mustResolveAgain, false);
-    if (target.isResolving) return true;
-    work.settle = target.callback != nullptr;
-  }
-  perform(work);
-  return false;
 }
 
 }  // namespace orbiq
