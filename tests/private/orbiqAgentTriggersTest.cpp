@@ -140,6 +140,11 @@ TEST_F(Triggers, AChangeToUnreachableChangesNothing) {
   ASSERT_TRUE(application->log().waitFor("We have now 3 request(s) to handle"));
   EXPECT_EQ(agent.statistics().discardedAtNetworkReturn, 0U);
   EXPECT_TRUE(server->server().requests().empty());
+  EXPECT_EQ(agent.statistics().lastFailure, "there is no network");
+  EXPECT_EQ(application->log().count("(WARNING) : The requests wait, as there is no network"), 1U);
+  EXPECT_EQ(application->log().count("There is a network again"), 0U);
+  connect();
+  ASSERT_TRUE(application->log().waitFor("(WARNING) : There is a network again"));
 }
 
 TEST(AssumedNetwork, HitsReachAServerBesideLoopbackAlone) {

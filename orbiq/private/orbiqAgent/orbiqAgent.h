@@ -149,7 +149,8 @@ class ORBIQ_EXPORT orbiqAgent {
   // The sending loop.
   [[noreturn]] void handleRequests();
   void waitForHead() ORBIQ_REQUIRES(requestsProtector);
-  bool headIsDue() const ORBIQ_REQUIRES(requestsProtector);
+  bool headIsDue() ORBIQ_REQUIRES(requestsProtector);
+  void noteNetwork(bool isThere) ORBIQ_REQUIRES(requestsProtector);
   void handleHead() ORBIQ_REQUIRES(requestsProtector);
   void sendStopCopyOf(const std::shared_ptr<orbiqRequest>& request)
       ORBIQ_REQUIRES(requestsProtector);
@@ -175,6 +176,7 @@ class ORBIQ_EXPORT orbiqAgent {
   // In the queue. Counted, so that an addition need not look through it.
   std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
   std::size_t pendingStreaming ORBIQ_GUARDED_BY(requestsProtector) = 0;
+  bool waitsForNetwork ORBIQ_GUARDED_BY(requestsProtector) = false;
   // These by pointer: applications include this header, and not theirs.
   std::unique_ptr<orbiq::RequestsFile> requestsFile ORBIQ_GUARDED_BY(requestsProtector);
   orbiq::HitLedger* const ledger;

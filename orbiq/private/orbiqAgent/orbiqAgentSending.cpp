@@ -94,9 +94,20 @@ void orbiqAgent::waitForHead() {
   }
 }
 
-bool orbiqAgent::headIsDue() const {
-  if (requestQueue->empty() || !isReachable()) return false;
+bool orbiqAgent::headIsDue() {
+  if (requestQueue->empty() && !waitsForNetwork) return false;
+  noteNetwork(isReachable());
+  if (requestQueue->empty() || waitsForNetwork) return false;
   return SendingRules::isDue(requestQueue->front()->lastFail(), orbiq::Platform::now());
+}
+
+void orbiqAgent::noteNetwork(bool isThere) {
+  if (isThere != waitsForNetwork) return;
+  waitsForNetwork = !isThere;
+  if (!isThere) ledger->noteFailure("there is no network");
+  orbiqLogger::log_withMode(
+      isThere ? "There is a network again" : "The requests wait, as there is no network",
+      orbiq::LoggingModeWarning);
 }
 
 void orbiqAgent::handleHead() {
