@@ -17,6 +17,7 @@
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/platform/Paths.h"
 #include "tests/support/Application.h"
+#include "tests/support/DiskCalls.h"
 #include "tests/support/Role.h"
 
 namespace orbiq::test {
@@ -116,9 +117,10 @@ TEST(AgentQueue, UnusableFilesYieldAnEmptyQueueSilently) {
   std::ifstream stream(fileOf(), std::ios::binary);
   const std::string whole{std::istreambuf_iterator<char>(stream), {}};
   const fs::path path = fileOf().string() + ".broken";
-  const auto loaded = [&path](const std::string& bytes) {
+  RequestsFile reader;
+  const auto loaded = [&](const std::string& bytes) {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-    return RequestsFile().load(path).size();
+    return reader.load(path).size();
   };
   ASSERT_EQ(loaded(whole), 2U);
   for (std::size_t length = 0; length < whole.size(); ++length) {
@@ -126,27 +128,38 @@ TEST(AgentQueue, UnusableFilesYieldAnEmptyQueueSilently) {
   }
   EXPECT_EQ(loaded("bplist00 of somebody else"), 0U);
   fs::remove(path);
-  EXPECT_TRUE(RequestsFile().load(path).empty());
+  EXPECT_TRUE(reader.load(path).empty());
   fs::create_directory(path);
-  EXPECT_TRUE(RequestsFile().load(path).empty());
+  EXPECT_TRUE(reader.load(path).empty());
   EXPECT_TRUE(application.log().lines().empty());
 }
 
-TEST(AgentQueue, ASaveThatFailsIsToldOncePerChange) {
+std::size_t residentMemory() {
+  std::size_t ignored = 0;
+  std::size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> ignored >> pages;
+  return pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE));
+}
+
+TEST(AgentQueue, AtRestTheFileIsSyncedOnceAndMemoryGivenBack) {
   Application application(kNoServer);
   orbiqAgent& agent = orbiqAgent::sharedAgent();
-  auto add = [&, saves = 0U]() mutable {
-    agent.addRequestToQueue(streamingRequest());
-    ASSERT_TRUE(application.log().waitFor("We have now", ++saves));
+  const std::size_t before = DiskCalls::soFar().files;
+  auto add = [&, saves = 0U](std::size_t count, std::size_t size) mutable {
+    for (std::size_t i = 0; i < count; ++i) {
+      agent.addRequestToQueue(streamingRequest(SendingModeHost, std::string(size, 'x')));
+      ASSERT_TRUE(application.log().waitFor("We have now", ++saves));
+    }
   };
-  fs::create_directories(fileOf());  // a directory in the file's place
-  add();
-  add();
-  EXPECT_EQ(application.log().count("(WARNING) : The requests can't be saved to"), 1U);
-  fs::remove(fileOf());
-  add();
-  EXPECT_EQ(application.log().count("(WARNING) : The requests are saved again to"), 1U);
-  EXPECT_EQ(classesInFile(fileOf()).size(), 3U);
+  add(60, 1);
+  EXPECT_EQ(DiskCalls::soFar().files, before);
+  add(16, 500'000);
+  const std::size_t atWork = residentMemory();
+  ASSERT_TRUE(DiskCalls::waitForFiles(before + 1));
+  EXPECT_LT(residentMemory() + 4'000'000, atWork);
+  add(1, 1);
+  ASSERT_TRUE(DiskCalls::waitForFiles(before + 2));
+  EXPECT_EQ(DiskCalls::soFar().files, before + 2);
 }
 
 int holdTheFile(const std::vector<std::string>&) {

@@ -33,7 +33,6 @@ int read(const std::string& path, Snapshot& snapshot, bool& stoodStill) {
   if (S_ISDIR(status.st_mode)) return EISDIR;
   if (!S_ISREG(status.st_mode)) return EINVAL;
   if (status.st_size > static_cast<off_t>(kLargestFile)) return EFBIG;
-  errno = EFBIG;  // it grew meanwhile
   std::optional<std::string> bytes = readAll(file, kLargestFile);
   if (!bytes) return errno;
   struct stat after{};
@@ -47,12 +46,20 @@ Use useOf(const std::string& path) {
   const std::string lock = path + std::string(kLockSuffix);
   const Descriptor file(open(lock.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
   if (!file.isOpen()) return {errno == ENOENT ? Use::State::kFree : Use::State::kUnknown, 0};
+  const auto ask = [&file](struct flock& asked) {
+    asked.l_type = F_WRLCK;
+    asked.l_whence = SEEK_SET;
+    return fcntl(file.number(), F_GETLK, &asked) == 0;
+  };
   struct flock whole{};
-  whole.l_type = F_WRLCK;
-  whole.l_whence = SEEK_SET;
-  if (fcntl(file.number(), F_GETLK, &whole) != 0) return {Use::State::kUnknown, 0};
+  if (!ask(whole)) return {Use::State::kUnknown, 0};
   if (whole.l_type == F_UNLCK) return {};
-  return {Use::State::kInUse, whole.l_pid > 0 ? whole.l_pid : 0};
+  // The lock on the first byte belongs to no process, and the one on the rest says whose it is.
+  struct flock rest{};
+  rest.l_start = 1;
+  const bool isToldBy = whole.l_pid <= 0 && ask(rest) && rest.l_type != F_UNLCK;
+  const pid_t process = isToldBy ? rest.l_pid : whole.l_pid;
+  return {Use::State::kInUse, process > 0 ? process : 0};
 }
 
 }  // namespace

@@ -3,6 +3,7 @@
 #include <array>
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -21,6 +22,17 @@ namespace {
 
 // Far above what a full queue takes, for reading and writing.
 constexpr std::size_t kLargestFile = 64U << 20U;
+
+constexpr const char* kAsideSuffix = ".unread";
+
+/// Without the line, where there is no memory for it.
+template <class Text>
+void warn(const Text& text) {
+  try {
+    orbiqLogger::log_withMode(text, LoggingModeWarning);
+  } catch (const std::bad_alloc&) {
+  }
+}
 
 constexpr std::array kRequestClasses{&orbiqRequest::kArchivedClass,
                                      &orbiqClearCache::kArchivedClass};
@@ -54,22 +66,38 @@ KeyedArchiver requestArchiver() {
 }
 
 RequestQueue RequestsFile::load(const std::string& path) {
-  RequestQueue queue;
-  if (isAnothers(path)) return queue;
-  const std::optional<std::string> bytes = readFile(path, kLargestFile);
-  if (!bytes) return queue;
+  int failure = 0;
+  if (auto queue = read(path, failure)) return *std::move(queue);
+  if (failure == 0) return {};
+  _mustMoveAside = true;
+  warn([&] {
+    return "The saved requests can't be read: " + std::generic_category().message(failure) +
+           "; before the next save " + path + " becomes " + path + kAsideSuffix;
+  });
+  return {};
+}
+
+std::optional<RequestQueue> RequestsFile::read(const std::string& path, int& failure) try {
+  if (isAnothers(path)) return {};
+  const std::optional<std::string> bytes = readFile(path, kLargestFile, &failure);
+  if (!bytes) return {};
   const auto requests = KeyedUnarchiver::unarchiveArray(*bytes, kRequestClasses);
-  if (!requests) return queue;
+  if (!requests) return {};
+  RequestQueue queue;
   for (const std::shared_ptr<Archivable>& request : *requests) {
     queue.push_back(std::static_pointer_cast<orbiqRequest>(request));
   }
   return queue;
+} catch (const std::bad_alloc&) {
+  failure = ENOMEM;
+  return {};
 }
 
 void RequestsFile::save(const std::string& path, const RequestQueue& queue) {
   if (isAnothers(path)) return;
   int failure = write(path, queue);
   if (failure == ENOENT && Paths::makeDirectories(path.substr(0, path.rfind('/'))) == 0) {
+    if (isAnothers(path)) return;
     failure = write(path, queue);
   }
   report(path, failure);
@@ -78,6 +106,10 @@ void RequestsFile::save(const std::string& path, const RequestQueue& queue) {
 int RequestsFile::write(const std::string& path, const RequestQueue& queue) try {
   // Without the lock, another process may be writing.
   if (_lock.state() != FileLock::State::Held) return _lock.failure();
+  if (_mustMoveAside) {
+    if (rename(path.c_str(), (path + kAsideSuffix).c_str()) != 0 && errno != ENOENT) return errno;
+    _mustMoveAside = false;
+  }
   _archiver.beginRootArray();
   for (const std::shared_ptr<orbiqRequest>& request : queue) _archiver.addElement(*request);
   const KeyedArchiver::Bytes bytes = _archiver.finish();
@@ -103,12 +135,13 @@ void RequestsFile::sync(const std::string& path) {
 }
 
 bool RequestsFile::isAnothers(const std::string& path) {
-  if (_lock.tryLock(path + ".lock") != FileLock::State::HeldByAnother) return false;
-  if (!_saidThatAnotherHasIt) {
-    _saidThatAnotherHasIt = true;
-    orbiqLogger::log_withMode("Another process of this application has the requests file " + path +
-                                  "; this one starts without it and saves nothing",
-                              LoggingModeWarning);
+  const bool wasHeld = _lock.state() == FileLock::State::Held;
+  if (_lock.hold(path + ".lock") != FileLock::State::HeldByAnother) return false;
+  if (!std::exchange(_saidThatAnotherHasIt, true)) {
+    warn([&] {
+      return "Another process of this application has the requests file " + path + "; this one " +
+             (wasHeld ? "has lost it" : "starts without it") + " and saves nothing";
+    });
   }
   return true;
 }
@@ -116,10 +149,11 @@ bool RequestsFile::isAnothers(const std::string& path) {
 void RequestsFile::report(const std::string& path, int failure) {
   if (failure == _lastFailure) return;
   _lastFailure = failure;
-  orbiqLogger::log_withMode(failure == 0 ? "The requests are saved again to " + path
-                                         : "The requests can't be saved to " + path + ": " +
-                                               std::generic_category().message(failure),
-                            LoggingModeWarning);
+  warn([&] {
+    if (failure == 0) return "The requests are saved again to " + path;
+    return "The requests can't be saved to " + path + ": " +
+           std::generic_category().message(failure);
+  });
 }
 
 }  // namespace orbiq

@@ -2,6 +2,7 @@
 
 #include <deque>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
@@ -19,10 +20,13 @@ KeyedArchiver requestArchiver();
 
 /// The queue on disk. Of several processes of one application the first one has the file; the
 /// others start empty and write nothing. Where the lock cannot be had for another reason, what the
-/// file holds is loaded, and saving begins when the lock can be had. One thread at a time.
+/// file holds is loaded, and saving begins when the lock can be had. A process whose lock file was
+/// replaced locks the new one, or writes nothing any more. One thread at a time.
 class RequestsFile {
  public:
-  /// The queue that the file holds; empty, without a word, if there is none that can be read.
+  /// The queue that the file holds; empty, without a word, if there is none or it is no archive. A
+  /// file that cannot be read for another reason is an empty queue, too, which is said; the first
+  /// save moves it aside.
   RequestQueue load(const std::string& path);
   /// Replaces the file by the queue; makes its directory if that has gone. What fails is logged
   /// when the cause changes, and changes nothing else: the next save tries again.
@@ -33,6 +37,7 @@ class RequestsFile {
   void sync(const std::string& path);
 
  private:
+  std::optional<RequestQueue> read(const std::string& path, int& failure);
   bool isAnothers(const std::string& path);
   int write(const std::string& path, const RequestQueue& queue);
   void report(const std::string& path, int failure);
@@ -43,6 +48,7 @@ class RequestsFile {
   bool _lastReachedFile = false;  ///< the last archive, whatever came of it there
   int _lastFailure = 0;
   bool _saidThatAnotherHasIt = false;
+  bool _mustMoveAside = false;  ///< what has the file's name was not read
   bool _isUnsynced = false;
 };
 

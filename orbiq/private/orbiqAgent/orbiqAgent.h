@@ -135,7 +135,9 @@ class ORBIQ_EXPORT orbiqAgent {
   // The queue.
   void loadRequests() ORBIQ_REQUIRES(requestsProtector);
   void saveRequests() ORBIQ_REQUIRES(requestsProtector);
+  /// Called when nothing has been added for two seconds.
   void rest();
+  void syncAtRest() ORBIQ_REQUIRES(requestsProtector);
   bool append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void enqueue(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void dequeue() ORBIQ_REQUIRES(requestsProtector);
@@ -176,6 +178,8 @@ class ORBIQ_EXPORT orbiqAgent {
   // In the queue. Counted, so that an addition need not look through it.
   std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
   std::size_t pendingStreaming ORBIQ_GUARDED_BY(requestsProtector) = 0;
+  // False from an addition until `rest`: meanwhile, the loop's going to sleep is no rest.
+  bool isQuiet ORBIQ_GUARDED_BY(requestsProtector) = true;
   bool waitsForNetwork ORBIQ_GUARDED_BY(requestsProtector) = false;
   // These by pointer: applications include this header, and not theirs.
   std::unique_ptr<orbiq::RequestsFile> requestsFile ORBIQ_GUARDED_BY(requestsProtector);

@@ -92,7 +92,14 @@ void orbiqAgent::saveRequests() try {
 
 void orbiqAgent::rest() {
   const orbiq::Lock lock(requestsProtector);
+  isQuiet = true;
   requestsFile->rest();
+  syncAtRest();
+}
+
+void orbiqAgent::syncAtRest() {
+  // Only streaming requests outlast a restart.
+  if (pendingStreaming != 0) requestsFile->sync(requestsPath());
 }
 
 void orbiqAgent::countRefusedHit() {
@@ -160,6 +167,7 @@ void orbiqAgent::add(const std::shared_ptr<orbiqRequest>& request) {
 }
 
 bool orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) try {
+  isQuiet = false;
   if (pendingMarkers == 0) {
     request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
     if (request->shouldRenewSessionAfter()) renewSession(*request);

@@ -88,7 +88,7 @@ void orbiqAgent::handleRequests() {
 
 void orbiqAgent::waitForHead() {
   while (!headIsDue()) {
-    if (pendingStreaming != 0) requestsFile->sync(requestsFilePath().toStdString());
+    if (isQuiet) syncAtRest();
     if (requestQueue->empty()) requestsFile->rest();
     requestsProtector.wait();
   }

@@ -114,11 +114,24 @@ int syncFile(const std::string& path) {
   return syncDirectory(directoryOf(path));
 }
 
-std::optional<std::string> readFile(const std::string& path, std::size_t limit) {
+std::optional<std::string> readFile(const std::string& path, std::size_t limit, int* failure) {
+  const auto fail = [failure](int cause) -> std::optional<std::string> {
+    if (failure != nullptr) *failure = cause;
+    return std::nullopt;
+  };
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
+  if (!file.isOpen()) {
+    // There is none, or what has the name is no file.
+    const bool isNone = errno == ENOENT || errno == ENOTDIR || errno == ELOOP || errno == ENXIO;
+    return fail(isNone ? 0 : errno);
+  }
   struct stat status{};
-  if (!file.isOpen() || fstat(file.number(), &status) != 0) return std::nullopt;
-  return S_ISREG(status.st_mode) ? readAll(file, limit) : std::nullopt;
+  if (fstat(file.number(), &status) != 0) return fail(errno);
+  if (!S_ISREG(status.st_mode)) return fail(0);
+  std::optional<std::string> bytes = readAll(file, limit);
+  if (!bytes) return fail(errno == EFBIG ? 0 : errno);
+  fail(0);
+  return bytes;
 }
 
 }  // namespace orbiq

@@ -61,7 +61,9 @@ class AtomicFile {
 /// Brings a file that was replaced without `synced` to the disk. Returns 0 or the error number.
 int syncFile(const std::string& path);
 
-/// The bytes of a regular file of at most `limit` bytes; no value for anything else.
-std::optional<std::string> readFile(const std::string& path, std::size_t limit);
+/// The bytes of a regular file of at most `limit` bytes; no value for anything else. `failure`, if
+/// given, becomes 0, or the error number where such a file may be there but cannot be read.
+std::optional<std::string> readFile(const std::string& path, std::size_t limit,
+                                    int* failure = nullptr);
 
 }  // namespace orbiq

@@ -1,7 +1,10 @@
 #include "orbiq/services/platform/Descriptor.h"
 
 #include <errno.h>
+#include <sys/stat.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 namespace orbiq {
 
@@ -23,9 +26,17 @@ int writeAll(const Descriptor& file, std::string_view bytes, std::size_t from) {
 std::optional<std::string> readAll(const Descriptor& file, std::size_t limit) {
   constexpr std::size_t kChunk = 65'536;
   std::string bytes;
+  // At once where the size is known, or a large file would stand twice in memory while it grows.
+  struct stat status{};
+  if (fstat(file.number(), &status) == 0 && status.st_size > 0) {
+    bytes.reserve(std::min(static_cast<std::size_t>(status.st_size), limit) + kChunk);
+  }
   for (;;) {
     const std::size_t filled = bytes.size();
-    if (filled > limit) return std::nullopt;
+    if (filled > limit) {
+      errno = EFBIG;
+      return std::nullopt;
+    }
     bytes.resize(filled + kChunk);
     const ssize_t count = ::read(file.number(), bytes.data() + filled, kChunk);
     if (count < 0 && errno != EINTR) return std::nullopt;

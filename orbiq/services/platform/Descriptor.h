@@ -32,7 +32,8 @@ class Descriptor {
 /// number.
 int writeAll(const Descriptor& file, std::string_view bytes, std::size_t from = 0);
 
-/// Reads what is left of the file; no value if that fails or is more than `limit` bytes.
+/// Reads what is left of the file; no value if that fails or is more than `limit` bytes (EFBIG);
+/// `errno` then says why.
 std::optional<std::string> readAll(const Descriptor& file, std::size_t limit);
 
 }  // namespace orbiq

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "orbiq/services/platform/AtomicFile.h"
+#include "tests/support/DiskCalls.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace orbiq::test {
@@ -86,6 +87,13 @@ TEST_F(AtomicFileTest, FailsAndRecovers) {
     fs::remove_all(name);
     EXPECT_EQ(replace("one four", 4), "one four");
   }
+  // What a file system tells only when a file is closed is known before another file goes.
+  fs::remove(path), write(path, "another");
+  DiskCalls::failFlushes(true);
+  EXPECT_EQ(replace("one five", 4), "error " + std::to_string(EBADF));
+  EXPECT_EQ(readFile(path, 100), "another");
+  DiskCalls::failFlushes(false);
+  EXPECT_EQ(replace("one six", 4), "one six");
   const std::string away = directory.path() / "away";
   EXPECT_EQ(AtomicFile().replace(away + "/file", "bytes", 0, false), ENOENT);
 }
