@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <cstring>
 #include <string>
 #include <utility>
 #include <vector>
@@ -162,14 +163,17 @@ class Visit {
   Visit& operator=(const Visit&) = delete;
 
   KeychainStatus status() const { return _status; }
-  /// Finds the item; more than one only if somebody else made copies. Success means at least one,
-  /// and all of them unlocked.
+  /// Finds the item in all keyrings; more than one only if somebody else made copies, or another
+  /// keyring was the default one. Success means at least one, and all of them unlocked.
   KeychainStatus find(const KeychainQuery& query, std::vector<Held<SecretItem>>& items);
   KeychainStatus create(const KeychainQuery& query);
 
  private:
   KeychainStatus connect();
   KeychainStatus openDefaultKeyring();
+  KeychainStatus search(SecretCollection* keyring, GHashTable* attributes,
+                        std::vector<Held<SecretItem>>& items);
+  std::vector<Held<SecretCollection>> keyrings() const;
 
   const SharedBus _bus;
   const OwnMainContext _context;
@@ -192,8 +196,10 @@ KeychainStatus Visit::connect() {
   Error error;
   if (!_bus.get()) return errSecNotAvailable;
   // Not libsecret's shared service: that one holds on to a daemon that is gone.
-  _service.reset(secret_service_open_sync(quietServiceType(), nullptr, SECRET_SERVICE_OPEN_SESSION,
-                                          nullptr, error.out()));
+  constexpr auto kFlags = static_cast<SecretServiceFlags>(SECRET_SERVICE_OPEN_SESSION |
+                                                          SECRET_SERVICE_LOAD_COLLECTIONS);
+  _service.reset(
+      secret_service_open_sync(quietServiceType(), nullptr, kFlags, nullptr, error.out()));
   return _service ? errSecSuccess : errSecNotAvailable;
 }
 
@@ -209,23 +215,48 @@ KeychainStatus Visit::find(const KeychainQuery& query, std::vector<Held<SecretIt
   if (_status != errSecSuccess) return _status;
   const Attributes attributes = attributesOf(query);
   if (!attributes) return errSecNotAvailable;
+  KeychainStatus status = search(_keyring.get(), attributes.get(), items);
+  const char* const ownPath = g_dbus_proxy_get_object_path(G_DBUS_PROXY(_keyring.get()));
+  for (const auto& keyring : keyrings()) {
+    const char* const path = g_dbus_proxy_get_object_path(G_DBUS_PROXY(keyring.get()));
+    if (status != errSecSuccess) return status;
+    if (std::strcmp(path, ownPath) != 0) status = search(keyring.get(), attributes.get(), items);
+  }
+  if (status != errSecSuccess) return status;
+  const auto isLocked = [](const auto& item) { return secret_item_get_locked(item.get()) != 0; };
+  if (!items.empty()) {
+    return std::ranges::any_of(items, isLocked) ? errSecInteractionNotAllowed : errSecSuccess;
+  }
+  // A locked keyring has nothing to show either, and one may have been locked meanwhile.
+  _status = connect();
+  if (_status == errSecSuccess) _status = openDefaultKeyring();
+  if (_status != errSecSuccess) return _status;
+  const bool anyIsLocked = std::ranges::any_of(keyrings(), [](const auto& keyring) {
+    return secret_collection_get_locked(keyring.get()) != 0;
+  });
+  return anyIsLocked ? errSecInteractionNotAllowed : errSecItemNotFound;
+}
+
+KeychainStatus Visit::search(SecretCollection* keyring, GHashTable* attributes,
+                             std::vector<Held<SecretItem>>& items) {
   Error error;
-  GList* const found = secret_collection_search_sync(_keyring.get(), schema(), attributes.get(),
+  GList* const found = secret_collection_search_sync(keyring, schema(), attributes,
                                                      SECRET_SEARCH_ALL, nullptr, error.out());
   for (const GList* entry = found; entry; entry = entry->next) {
     items.emplace_back(static_cast<SecretItem*>(entry->data));
   }
   g_list_free(found);
-  if (error.status() != errSecSuccess) return error.status();
-  if (items.empty()) {
-    // A locked keyring has nothing to show either, and it may have been locked meanwhile.
-    _status = openDefaultKeyring();
-    return _status == errSecSuccess ? errSecItemNotFound : _status;
+  return error.status();
+}
+
+std::vector<Held<SecretCollection>> Visit::keyrings() const {
+  std::vector<Held<SecretCollection>> all;
+  GList* const found = secret_service_get_collections(_service.get());
+  for (const GList* entry = found; entry; entry = entry->next) {
+    all.emplace_back(static_cast<SecretCollection*>(entry->data));
   }
-  const bool anyIsLocked = std::any_of(items.begin(), items.end(), [](const auto& item) {
-    return secret_item_get_locked(item.get()) != 0;
-  });
-  return anyIsLocked ? errSecInteractionNotAllowed : errSecSuccess;
+  g_list_free(found);
+  return all;
 }
 
 KeychainStatus Visit::create(const KeychainQuery& query) {

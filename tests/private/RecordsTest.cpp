@@ -131,9 +131,10 @@ TEST(Authorization, AccessHost) {
     coder.encodeBoolean(true, "orbiqAccess_firstHitSuccessfullySent");
     coder.encodeInteger(1, "orbiqAccess_accessMode");
   });
-  EXPECT_EQ(stored->host(), "elsewhere");
-  EXPECT_EQ(stored->copy()->host(), "B/S1");
-  EXPECT_FALSE(stored->copy()->canSendRequestFor(RequestTypeAudience));
+  const auto back = throughArchive(*stored);
+  EXPECT_EQ(back->host(), "elsewhere");
+  EXPECT_EQ(back->copy()->host(), "B/S1") << "of the base URL";
+  EXPECT_FALSE(back->copy()->canSendRequestFor(RequestTypeAudience));
 }
 
 TEST(Authorization, CopiesShareTheAccessAndDropTheDefaultFlag) {
@@ -198,6 +199,14 @@ TEST(Request, EqualityAndMarkers) {
   const auto copyOfMarker = marker->copy();
   EXPECT_FALSE(marker->isEqual(copyOfMarker.get()));
   EXPECT_NE(throughArchive(*marker), nullptr);
+  // Whatever an archive has for it.
+  const auto full = decoded<orbiqClearCache>([](KeyedArchiver& coder) {
+    coder.encodeInteger(1, "orbiqRequest_requestType");
+    coder.encodeString("ABC", "orbiqRequest_serial");
+    coder.encodeBoolean(true, "orbiqRequest_shouldRenewSession");
+  });
+  EXPECT_EQ(full->description(), orbiqClearCache().description());
+  EXPECT_FALSE(full->shouldRenewSessionAfter());
 }
 
 TEST(Request, Copy) {
@@ -207,6 +216,11 @@ TEST(Request, Copy) {
   MutableString serial("ABC");
   request->setSerial(serial);
   serial.setString("changed");
+  const orbiqRequest shares({}, RequestTypeStreaming, SendingModeHost, serial, nullptr);
+  const auto ofMutable = shares.copy();
+  serial.setString("changed again");
+  EXPECT_EQ(shares.serial(), "changed again");
+  EXPECT_EQ(ofMutable->serial(), "changed");
   request->setLastFail(Date{2});
   request->setNumberOfFails(3);
   request->setStatus(RequestStatusFailed);
@@ -286,6 +300,25 @@ TEST(Request, ArchivesAnewWhatHasChanged) {
     if (change == 13) keptAtRemoval = kept;
   }
   EXPECT_GT(keptAtRemoval, 0U);
+}
+
+TEST(Request, HashTakesEveryField) {
+  const auto power = [](int exponent) {
+    std::uintptr_t result = 1;
+    while (exponent-- > 0) result *= 31;
+    return result;
+  };
+  orbiqRequest request(std::make_shared<Parameters>(Parameters{{"k", "v"}, {"l", nullptr}}),
+                       RequestTypeStreaming, static_cast<SendingMode>(7), "ABC", nullptr);
+  request.setLastFail(Date{2.5});
+  request.setCreationDate(Date{-1});
+  request.setNumberOfFails(3);
+  request.setStatus(RequestStatusFailed);
+  const std::uintptr_t parameters = power(4) + power(3) * String("k").hash() +
+                                    power(2) * String("v").hash() + power(1) * String("l").hash();
+  EXPECT_EQ(request.hash(), power(6) + power(5) * parameters + power(4) * std::hash<double>()(2.5) +
+                                power(3) * std::hash<double>()(-1) + power(2) * 3 + power(1) * 7 +
+                                3);
 }
 
 TEST(Request, Hash) {

@@ -28,9 +28,9 @@ std::vector<Parameters> queuedParameters(Application& application, std::size_t h
 }
 
 TEST(AudienceTagger, ComposesAHit) {
-  String identifier = "AD-1";
+  MutableString shared("AD-1");
   Application application(kNoServer, [&](HostDescription& host, Platform&) {
-    host.advertisingIdentifier = [&] { return String(identifier.toStdString()); };
+    host.advertisingIdentifier = [&]() -> String { return shared; };
   });
   const auto tagger = Application::tagger("ABC");
   EXPECT_TRUE(tagger->useIDFA());
@@ -39,9 +39,9 @@ TEST(AudienceTagger, ComposesAHit) {
   tagger->setNewLevel1("ignored");
   tagger->setMediaChannel("ignored");
   tagger->sendHit();
-  identifier = nullptr;
+  shared.setString("");
   tagger->sendHit();
-  identifier = "AD-2";
+  shared.setString("AD-2");
   tagger->setUseIDFA(false);
   tagger->sendHit();
   Application::tagger("")->sendHit();

@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <iostream>
@@ -55,6 +56,70 @@ const RoleRegistration applies("apply", [](const std::vector<std::string>& argum
   std::cout << (log.empty() ? result.description() : log) << std::endl;
   return 0;
 });
+
+GDBusConnection* connectToBus() {
+  return g_dbus_connection_new_for_address_sync(
+      getenv("DBUS_SESSION_BUS_ADDRESS"),
+      static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
+                                        G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
+      nullptr, nullptr, nullptr);
+}
+
+/// What a user does with keyrings, without being asked for passwords.
+class KeyringService {
+ public:
+  KeyringService() : _bus(connectToBus()) {}
+  ~KeyringService() { g_object_unref(_bus); }
+  KeyringService(const KeyringService&) = delete;
+  KeyringService& operator=(const KeyringService&) = delete;
+
+  std::string defaultKeyring() const {
+    return text(call(kService, "ReadAlias", g_variant_new("(s)", "default")), 0);
+  }
+  /// Makes another keyring, unlocked, the default one.
+  void makeDefaultKeyring() const {
+    const std::string session = text(
+        call(kService, "OpenSession", g_variant_new("(sv)", "plain", g_variant_new_string(""))), 1);
+    GVariant* const label =
+        g_variant_new_parsed("{'org.freedesktop.Secret.Collection.Label': <'b'>}");
+    const auto bytes = [](const char* text) {
+      return g_variant_new_fixed_array(G_VARIANT_TYPE_BYTE, text, strlen(text), 1);
+    };
+    const std::string path = text(call("org.gnome.keyring.InternalUnsupportedGuiltRiddenInterface",
+                                       "CreateWithMasterPassword",
+                                       g_variant_new("(@a{sv}(o@ay@ays))", label, session.c_str(),
+                                                     bytes(""), bytes("b"), "text/plain")),
+                                  0);
+    call(kService, "SetAlias", g_variant_new("(so)", "default", path.c_str()));
+  }
+  void lock(const std::string& keyring) const {
+    const char* const paths[] = {keyring.c_str()};
+    call(kService, "Lock", g_variant_new("(@ao)", g_variant_new_objv(paths, 1)));
+  }
+
+ private:
+  static constexpr char kService[] = "org.freedesktop.Secret.Service";
+
+  std::shared_ptr<GVariant> call(const char* interface, const char* method,
+                                 GVariant* arguments) const {
+    GError* error = nullptr;
+    GVariant* const answer = g_dbus_connection_call_sync(
+        _bus, "org.freedesktop.secrets", "/org/freedesktop/secrets", interface, method, arguments,
+        nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
+    EXPECT_NE(answer, nullptr) << method << ": " << (error ? error->message : "");
+    g_clear_error(&error);
+    return {answer, [](GVariant* held) {
+              if (held) g_variant_unref(held);
+            }};
+  }
+  static std::string text(const std::shared_ptr<GVariant>& answer, gsize index) {
+    const std::shared_ptr<GVariant> child(g_variant_get_child_value(answer.get(), index),
+                                          g_variant_unref);
+    return g_variant_get_string(child.get(), nullptr);
+  }
+
+  GDBusConnection* const _bus;
+};
 
 class SecretServiceKeychainTest : public testing::Test {
  protected:
@@ -119,11 +184,7 @@ class SecretServiceKeychainTest : public testing::Test {
     struct Seen {
       bool isPresent;
     } seen{!present};
-    GDBusConnection* const connection = g_dbus_connection_new_for_address_sync(
-        getenv("DBUS_SESSION_BUS_ADDRESS"),
-        static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                          G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-        nullptr, nullptr, nullptr);
+    GDBusConnection* const connection = connectToBus();
     ASSERT_NE(connection, nullptr);
     const guint watch = g_bus_watch_name_on_connection(
         connection, "org.freedesktop.secrets", G_BUS_NAME_WATCHER_FLAGS_NONE,
@@ -180,6 +241,22 @@ TEST_F(SecretServiceKeychainTest, SharesAnIdentifierOnlyByAccessGroup) {
   EXPECT_EQ(identifier(), own);
   EXPECT_NE(own, others);
   EXPECT_NE(own, shared);
+}
+
+TEST_F(SecretServiceKeychainTest, FindsTheIdentifierInEveryKeyring) {
+  startKeyring("password");
+  const std::string kept = identifier();
+  const KeyringService service;
+  const std::string first = service.defaultKeyring();
+  service.makeDefaultKeyring();
+  EXPECT_EQ(identifier(), kept);
+  EXPECT_EQ(apply({"add", "tv.example.player"}), "KWDXUUIDHandler Keychain Save Error: -25299");
+  const std::string added = apply({"UUID", "tv.example.player", "group"});
+  EXPECT_EQ(added.size(), 36U) << added;
+  service.lock(first);
+  EXPECT_EQ(apply({"UUID", "tv.example.player", "group"}), added);
+  // What no open keyring has may be in the one that is locked.
+  EXPECT_EQ(answers(), failures("-25308"));
 }
 
 TEST_F(SecretServiceKeychainTest, MakesNoNewIdentifierWhereTheKeyringIsOutOfReach) {

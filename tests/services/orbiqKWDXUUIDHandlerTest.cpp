@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <deque>
+#include <filesystem>
 #include <iostream>
 #include <memory>
 #include <set>
@@ -112,6 +113,36 @@ TEST(DeviceIdentifier, IsKeptInTheFileKeychainUntilReset) {
                                       "KWDXUUIDHandler Keychain Save Error: -25300"}));
   EXPECT_NE(Handler::UUID(), first);
   EXPECT_FALSE(HostApplication::describe({}).isNull()) << "the directory is decided";
+}
+
+TEST(DeviceIdentifier, IsMadeNowhereIfOnlyRefusedDescriptionsSayWhereItIs) {
+  std::vector<std::string> lines;
+  HostDescription host{.bundleIdentifier = "..",
+                       .logSink = [&](const LogLine& line) { lines.emplace_back(line.text); }};
+  SystemLog::setSink(host.logSink);
+  for (int i = 0; i < 2; ++i) EXPECT_FALSE(HostApplication::describe(host).isNull());
+  EXPECT_TRUE(Handler::UUID().isNull());
+  EXPECT_TRUE(Handler::storeUUID(false).isNull());
+  EXPECT_TRUE(Handler::storeUUID(true).isNull());
+  Handler::reset();
+  EXPECT_EQ(std::vector(lines.begin() + 2, lines.end()),
+            std::vector<std::string>({"KWDXUUIDHandler Unhandled Keychain Error -25291",
+                                      "KWDXUUIDHandler Keychain Save Error: -25291",
+                                      "KWDXUUIDHandler Keychain Save Error: -25291",
+                                      "KWDXUUIDHandler Keychain Delete Error: -25291"}));
+  EXPECT_TRUE(std::filesystem::is_empty(getenv("XDG_STATE_HOME")));
+}
+
+TEST(DeviceIdentifier, IsKeptWhereAnAcceptedDescriptionSays) {
+  SystemLog::setSink([](const LogLine&) {});
+  HostDescription host{.bundleIdentifier = ".."};
+  EXPECT_FALSE(HostApplication::describe(host).isNull());
+  host.bundleIdentifier = "accepted";
+  EXPECT_TRUE(HostApplication::describe(host).isNull());
+  host.bundleIdentifier = "..";
+  EXPECT_FALSE(HostApplication::describe(host).isNull());
+  EXPECT_EQ(Handler::UUID().length(), 36U);
+  EXPECT_TRUE(std::filesystem::exists(std::string(getenv("XDG_STATE_HOME")) + "/accepted"));
 }
 
 TEST(DeviceIdentifier, ProcessesThatAskAtOnceAgree) {

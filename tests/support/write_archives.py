@@ -1,6 +1,7 @@
 """Writes archives as other writers make them, or would like to: one for each line of standard
 input, a Python expression over the functions below, and before each its length in 20 characters.
 """
+import datetime
 import plistlib
 import struct
 import sys
@@ -22,6 +23,11 @@ def item(*more, root="NSArray", elements=(UID(2),), **fields):
                cls("NSDate"), cls("NSMutableString"), *more]
     return {"$version": 100000, "$archiver": "NSKeyedArchiver", "$top": {"root": UID(1)},
             "$objects": objects}
+
+
+def own_date(seconds):
+    """One of the property list's own, not an archived one."""
+    return datetime.datetime(2001, 1, 1) + datetime.timedelta(seconds=seconds)
 
 
 def mapping(keys, values):

@@ -278,11 +278,11 @@ bool RequestsArchive::booleanOf(const PlistObject& object, std::string_view key)
 }
 
 std::optional<double> RequestsArchive::dateOf(const PlistObject& object, std::string_view key) {
-  const PlistObject date = objectOf(object, key, "NSDate");
-  const std::optional<PlistNumber> seconds =
-      _reader->plist().number(_reader->valueOf(date, "NS.time"));
-  if (!seconds) return {};
-  return Date::sinceReferenceDate(seconds->toReal()).secondsSince1970();
+  const PlistObject value = _reader->valueOf(object, key);
+  const std::optional<double> seconds = _reader->secondsOf(value);
+  if (seconds) return Date::sinceReferenceDate(*seconds).secondsSince1970();
+  addNote(key, value);
+  return {};
 }
 
 std::string RequestsArchive::text(const PlistObject& characters) {

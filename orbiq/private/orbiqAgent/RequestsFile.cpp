@@ -67,7 +67,10 @@ KeyedArchiver requestArchiver() {
 
 RequestQueue RequestsFile::load(const std::string& path) {
   int failure = 0;
-  if (auto queue = read(path, failure)) return *std::move(queue);
+  if (auto queue = read(path, failure)) {
+    _mustMoveAside = false;
+    return *std::move(queue);
+  }
   if (failure == 0) return {};
   _mustMoveAside = true;
   warn([&] {

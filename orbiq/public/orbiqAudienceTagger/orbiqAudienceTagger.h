@@ -36,6 +36,7 @@ class ORBIQ_EXPORT orbiqAudienceTagger : public orbiqTagger {
   static void addParam_withKey_inDictionary(const orbiq::String& value, const orbiq::String& key,
                                             orbiq::Parameters* dictionary);
   /// The same, and cuts a value of more than `limit` UTF-16 code units to that many; 0 is no limit.
+  /// No character is cut in two, so an empty text is stored where not even the first one fits.
   static void addParam_withKey_andLengthLimit_inDictionary(const orbiq::String& value,
                                                            const orbiq::String& key,
                                                            std::uintptr_t limit,

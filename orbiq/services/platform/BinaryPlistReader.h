@@ -96,7 +96,7 @@ class BinaryPlistReader {
   std::optional<std::uint64_t> uid(const PlistObject& object) const;
   /// The text as UTF-8, malformed parts as U+FFFD; empty if the object is no text.
   std::string text(const PlistObject& object) const;
-  /// Seconds since the reference date, if the object is a date (an archived one is not).
+  /// Seconds since the reference date, if the object is one of the list's own dates.
   std::optional<double> date(const PlistObject& object) const;
   /// What a data object holds; empty if the object is none.
   std::string_view data(const PlistObject& object) const;

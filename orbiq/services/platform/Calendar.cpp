@@ -3,13 +3,18 @@
 #include <algorithm>
 #include <cmath>
 #include <ctime>
+#include <limits>
 
 namespace orbiq {
 namespace {
 
 // An archive may hold any number; beyond these, and for none at all, there is no calendar.
-constexpr double kLastSecond = 253402300799.0;   // of the year 9999
-constexpr double kFirstSecond = -62135596800.0;  // of the year 1
+constexpr double kYear1 = -62135596800.0;
+constexpr double kEndOf9999 = 253402300799.0;
+// Nor is there one beyond what the C library's time can hold, which may have 32 bits.
+using Seconds = std::numeric_limits<std::time_t>;
+constexpr double kFirstSecond = std::max(kYear1, static_cast<double>(Seconds::min()));
+constexpr double kLastSecond = std::min(kEndOf9999, static_cast<double>(Seconds::max()));
 
 std::tm localTime(const Date& date) {
   const double since1970 = std::floor(date.secondsSince1970());

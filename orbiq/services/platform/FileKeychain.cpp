@@ -78,9 +78,12 @@ KeychainStatus openDirectory(const std::string& path, Descriptor& directory) {
   directory = Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
   if (!directory.isOpen()) return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
   struct stat found{};
-  const bool isOurs = fstat(directory.number(), &found) == 0 && found.st_uid == geteuid() &&
-                      ((found.st_mode & 0777) == 0700 || fchmod(directory.number(), 0700) == 0);
-  return isOurs ? errSecSuccess : errSecNotAvailable;
+  if (fstat(directory.number(), &found) != 0 || found.st_uid != geteuid()) {
+    return errSecNotAvailable;
+  }
+  // What cannot be written holds what it held, whoever may look into it.
+  const bool isClosed = (found.st_mode & 0777) == 0700 || fchmod(directory.number(), 0700) == 0;
+  return isClosed || errno == EROFS ? errSecSuccess : errSecNotAvailable;
 }
 
 /// Reads an item's file. `errSecItemNotFound`: nothing at all has that name.

@@ -20,11 +20,23 @@
 namespace orbiq {
 namespace {
 
+/// Stands in for the one that a description that was refused may have named, or named the place of.
+class NoKeychain final : public Keychain {
+ public:
+  KeychainMatch copyMatching(const KeychainQuery&) override { return {}; }
+  KeychainStatus add(const KeychainQuery&) override { return errSecNotAvailable; }
+  KeychainStatus update(const KeychainQuery&, const KeychainAttributes&) override {
+    return errSecNotAvailable;
+  }
+  KeychainStatus deleteMatching(const KeychainQuery&) override { return errSecNotAvailable; }
+};
+
 struct State {
   Mutex lock;
   // Every description that ever counted stays alive, as callers hold references to it.
   std::vector<std::unique_ptr<const HostDescription>> descriptions ORBIQ_GUARDED_BY(lock);
   bool settled ORBIQ_GUARDED_BY(lock) = false;
+  bool accepted ORBIQ_GUARDED_BY(lock) = false;
   // The last of them, for readers: they are on every hit's way and take no lock.
   std::atomic<const HostDescription*> current{nullptr};
 
@@ -120,6 +132,7 @@ String accept(const HostDescription& description) {
   if (state().settled) return "the library is in use already";
   SystemLog::setSink(description.logSink);
   state().add(withDefaults(description));
+  state().accepted = true;
   return nullptr;
 }
 
@@ -130,11 +143,20 @@ const HostDescription& known() {
   return *state().descriptions.back();
 }
 
+void withholdKeychain() {
+  HostDescription withheld = known();
+  const Lock lock(state().lock);
+  if (state().accepted || withheld.keychain) return;
+  withheld.keychain = std::make_shared<NoKeychain>();
+  state().add(std::move(withheld));
+}
+
 }  // namespace
 
 String HostApplication::describe(const HostDescription& description) try {
   String reason = accept(description);
   if (!reason.isNull()) {
+    withholdKeychain();
     // The logger and its threshold stand on a higher floor: this line is always printed.
     SystemLog::write(
         LoggingModeError,

@@ -10,6 +10,8 @@ using Kind = PlistObject::Kind;
 
 constexpr std::array<std::string_view, 2> kStringNames{"NSString", "NSMutableString"};
 
+constexpr std::array<std::string_view, 1> kDateNames{"NSDate"};
+
 constexpr std::size_t kCostOfComparison = 4;
 
 }  // namespace
@@ -59,6 +61,15 @@ PlistObject KeyedArchiveReader::charactersOf(const PlistObject& entry) {
   const bool boxed = entry.kind == Kind::kDictionary && isOfClass(entry, kStringNames);
   const PlistObject characters = boxed ? valueOf(entry, "NS.string") : entry;
   return characters.isText() ? characters : PlistObject();
+}
+
+std::optional<double> KeyedArchiveReader::secondsOf(const PlistObject& value) {
+  const PlistObject date = value.kind == Kind::kDate ? value : entryOf(value);
+  if (date.kind == Kind::kDate) return _plist.date(date);
+  if (!isOfClass(date, kDateNames)) return {};
+  const std::optional<PlistNumber> seconds = _plist.number(valueOf(date, "NS.time"));
+  if (!seconds) return {};
+  return seconds->toReal();
 }
 
 }  // namespace orbiq

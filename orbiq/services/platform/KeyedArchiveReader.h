@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <span>
 #include <string_view>
 
@@ -33,6 +34,10 @@ class KeyedArchiveReader {
   bool isOfClass(const PlistObject& entry, std::span<const std::string_view> names);
   /// The text that an entry is, plain or in a string object.
   PlistObject charactersOf(const PlistObject& entry);
+
+  /// What a date holds that stands, or is referred to, under a key: seconds since the reference
+  /// date. It may be archived, or one of the property list's own. No value if it is no date.
+  std::optional<double> secondsOf(const PlistObject& value);
 
   /// Takes what an operation costs from the budget; false once that is used up, and for ever.
   bool spend(std::size_t cost);

@@ -12,7 +12,6 @@ using Kind = PlistObject::Kind;
 
 constexpr std::array<std::string_view, 2> kArrayNames{"NSArray", "NSMutableArray"};
 constexpr std::array<std::string_view, 2> kDictionaryNames{"NSDictionary", "NSMutableDictionary"};
-constexpr std::array<std::string_view, 1> kDateNames{"NSDate"};
 
 // What operations cost, roughly in bytes of memory, and what each byte of the archive may cost. An
 // honest archive stays far below: its objects, each met once, are not much smaller than what they
@@ -108,11 +107,9 @@ String KeyedUnarchiver::textOf(const PlistObject& object) {
 }
 
 std::optional<Date> KeyedUnarchiver::decodeDate(std::string_view key) {
-  const PlistObject date = _archive.entryOf(_archive.valueOf(_current, key));
-  if (!_archive.isOfClass(date, kDateNames)) return {};
-  const std::optional<PlistNumber> seconds = plist().number(_archive.valueOf(date, "NS.time"));
+  const std::optional<double> seconds = _archive.secondsOf(_archive.valueOf(_current, key));
   if (!seconds) return {};
-  return Date::sinceReferenceDate(seconds->toReal());
+  return Date::sinceReferenceDate(*seconds);
 }
 
 SharedParameters KeyedUnarchiver::decodeParameters(std::string_view key) {

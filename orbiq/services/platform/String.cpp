@@ -63,13 +63,17 @@ std::string String::description() const { return isNull() ? "(null)" : _text->va
 MutableString::MutableString(std::string_view text) : String(std::string(text), true) {}
 
 void MutableString::setString(std::string_view text) {
-  if (!_text) *this = MutableString();  // what was moved away leaves null behind
+  makeOwn({});
   _text->value = text;
 }
 
 void MutableString::appendString(std::string_view text) {
-  if (!_text) *this = MutableString();
+  makeOwn(view());
   _text->value += text;
+}
+
+void MutableString::makeOwn(std::string_view text) {
+  if (!isMutable()) *this = MutableString(text);
 }
 
 }  // namespace orbiq

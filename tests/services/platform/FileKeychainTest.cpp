@@ -1,11 +1,15 @@
 // The keychain in files, shared by threads and processes, and tampered with.
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
 #include <sys/file.h>
+#include <sys/mount.h>
 #include <sys/stat.h>
 
 #include <atomic>
+#include <cerrno>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -18,6 +22,7 @@
 
 #include "orbiq/services/platform/AtomicFile.h"
 #include "orbiq/services/platform/FileKeychain.h"
+#include "tests/support/NetworkNamespace.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -132,6 +137,23 @@ TEST_F(FileKeychainTest, WhatIsDamagedIsNeverMissing) {
     EXPECT_EQ(keychain.deleteMatching(item()), errSecNotAvailable);
     fs::remove(place);
   }
+}
+
+TEST_F(FileKeychainTest, IsReadWhereNothingCanBeWritten) {
+  ASSERT_EQ(keychain.add(item()), errSecSuccess);
+  fs::permissions(place, fs::perms::owner_all | fs::perms::group_read);
+  const char* const target = place.c_str();
+  if (!enterNamespaces(CLONE_NEWNS) ||
+      mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+      mount(target, target, nullptr, MS_BIND, nullptr) != 0 ||
+      mount("none", target, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
+    GTEST_SKIP() << "no mount of its own: " << std::strerror(errno);
+  }
+  EXPECT_EQ(keychain.copyMatching(item()).data, "data");
+  EXPECT_EQ(keychain.copyMatching(item("", "group")).status, errSecItemNotFound);
+  EXPECT_EQ(keychain.add(item("", "group")), errSecNotAvailable);
+  EXPECT_EQ(keychain.update(item(), {.valueData = "new"}), errSecNotAvailable);
+  EXPECT_EQ(keychain.deleteMatching(item()), errSecNotAvailable);
 }
 
 TEST_F(FileKeychainTest, AChangeGivesUpOnAHolderOfTheLockThatDoesNotMove) {

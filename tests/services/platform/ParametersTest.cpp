@@ -42,5 +42,21 @@ TEST(Parameters, DoNotFollowAKeyThatChanges) {
   EXPECT_EQ(text(parameters), "b=1;c=2;d=3;");
 }
 
+TEST(MutableString, ChangesOnlyWhatItMadeItself) {
+  MutableString changing("own");
+  const String sharer = changing;
+  const String immutable("immutable");
+  static_cast<String&>(changing) = immutable;
+  changing.appendString(" no more");
+  EXPECT_EQ(changing.toStdString() + "," + immutable.toStdString() + "," + sharer.toStdString(),
+            "immutable no more,immutable,own");
+  const String late = changing;
+  changing.setString("seen");
+  EXPECT_EQ(late.toStdString(), "seen");
+  static_cast<String&>(changing) = nullptr;
+  changing.setString("anew");
+  EXPECT_EQ(changing.toStdString() + late.toStdString(), "anewseen");
+}
+
 }  // namespace
 }  // namespace orbiq
