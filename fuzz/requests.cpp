@@ -64,8 +64,9 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
       compare(archive.requests()[i], static_cast<const orbiqRequest&>(*loaded->at(i)));
     }
   }
-  const std::string json =
-      orbiq::requests::dumped(orbiq::requests::toJson("file", {}, archive), true);
+  std::ostringstream out;
+  orbiq::requests::printJson(out, "file", {}, archive, true);
+  const std::string json = out.str();
   require(nlohmann::json::accept(json));
   require(json.size() < 4096 * (size + 4096));
   return 0;

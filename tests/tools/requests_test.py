@@ -4,6 +4,7 @@ Its arguments are the paths of orbiq-requests and of the example orbiq-first-hit
 """
 
 import ctypes
+import datetime
 import json
 import os
 import pathlib
@@ -19,6 +20,7 @@ from plistlib import UID
 
 FIRST_HIT = sys.argv.pop(2)
 INSPECTOR = sys.argv.pop(1)
+SANITIZED = re.search(rb"__[a-z]+san_init", pathlib.Path(INSPECTOR).read_bytes())
 EXCHANGE = 2
 
 
@@ -50,7 +52,8 @@ def foreign(elements=(UID(2), UID(3)), **fields):
          "orbiqRequest_serial": UID(10), "orbiqRequest_parameters": UID(12),
          "orbiqRequest_creationDate": UID(14), "orbiqRequest_auth": UID(16),
          "orbiqRequest__taggerID": UID(20), "orbiqRequest_numberOfFails": 3,
-         "$class": UID(5), **fields},
+         "orbiqRequest_lastFail": UID(0), "orbiqRequest_status": 0,
+         "orbiqRequest__shouldRenewSession": False, "$class": UID(5), **fields},
         {"$class": UID(6)},
         cls("NSArray"), cls("orbiqRequest"), cls("orbiqClearCache"), cls("NSMutableString"),
         cls("NSDictionary"), cls("NSDate"),                                      # 7 to 9
@@ -58,8 +61,8 @@ def foreign(elements=(UID(2), UID(3)), **fields):
         {"NS.keys": [UID(13), UID(11)], "NS.objects": [UID(10), UID(20)], "$class": UID(8)},
         "kéy", {"NS.time": 700000000.5, "$class": UID(9)}, cls("Elsewhere"),     # 13 to 15
         {"orbiqAuth_currentAccess": UID(17), "orbiqAuth_currentSession": UID(0),
-         "$class": UID(18)},
-        {"orbiqAccess_accessMode": 1, "orbiqAccess_host": UID(11),
+         "orbiqAuth_defaultValues": False, "$class": UID(18)},
+        {"orbiqAccess_accessMode": 1, "orbiqAccess_serial": UID(0), "orbiqAccess_host": UID(11),
          "orbiqAccess_baseURL": UID(13), "orbiqAccess_firstHitSuccessfullySent": True,
          "$class": UID(19)},
         cls("orbiqAuth"), cls("orbiqAccess"), {"NS.data": b"\x00\xff", "$class": UID(15)})
@@ -222,16 +225,46 @@ class RequestsTest(unittest.TestCase):
         self.assertEqual([request["kind"] for request in report["requests"]], ["streaming"])
         self.assertTrue(any("one by one" in note for note in report["notes"]))
 
+    def test_notes_what_does_no_harm(self):
+        tree = foreign(elements=[UID(2), UID(3), UID(2)], orbiqRequest_shouldRenewSession=True,
+                       orbiqRequest__taggerID=UID(0), orbiqRequest_creationDate=UID(20),
+                       **{f"more{i}": 1 for i in range(6)})
+        objects = tree["$objects"]
+        del objects[2]["orbiqRequest_status"], objects[17]["orbiqAccess_host"]
+        objects[3]["x"] = 1
+        objects[20] = datetime.datetime(2023, 3, 8)
+        code, report = read(binary(tree).replace(b"https://h/", b"https://\xe9/"))
+        self.assertEqual((code, report["requests"][0]["createdAt"]),
+                         (0, "2023-03-08T00:00:00.000Z"))
+        self.assertEqual([re.sub(r"object \d+", "object", note) for note in report["notes"]], [
+            "object is marked as ASCII and is not; it reads as UTF-8",
+            "request 1: object has no orbiqRequest_status",
+            "request 1: object has what nobody reads: more0, more1, more2, more3, more4 and 1 more",
+            "request 1: object has no orbiqAccess_host",
+            "request 2: object has what nobody reads: x"])
+
     def test_few_bytes_do_not_make_much_of_themselves(self):
         array = {"NS.objects": [UID(2)] * 20_000, "$class": UID(4)}
         many = archive(array, {"orbiqRequest_parameters": UID(5), "$class": UID(3)},
                        cls("orbiqRequest"), cls("NSArray"),
                        {"NS.keys": [UID(7)] * 20_000, "NS.objects": [UID(7)] * 20_000,
                         "$class": UID(6)}, cls("NSDictionary"), "key")
-        code, text, _ = shown(binary(many), "--json")
-        self.assertEqual(code, 1)
-        self.assertLess(len(text), 60_000_000)
-        self.assertIn("in proportion to its size", text)
+        empty = archive({"NS.objects": [UID(2)] * 200_000, "$class": UID(4)}, {"$class": UID(3)},
+                        cls("orbiqRequest"), cls("NSArray"))
+        for tree in many, empty:
+            with Directory() as directory:
+                file = directory / "requests.ser"
+                file.write_bytes(binary(tree))
+                with subprocess.Popen([INSPECTOR, "--json", file], stdout=subprocess.PIPE,
+                                      env=environment()) as process:
+                    text = process.stdout.read()
+                    _, status, usage = os.wait4(process.pid, 0)
+                    process.returncode = os.waitstatus_to_exitcode(status)
+            self.assertEqual(process.returncode, 1)
+            self.assertLess(len(text), 60_000_000)
+            self.assertIn(b"in proportion to its size", text)
+            if not SANITIZED:
+                self.assertLess(usage.ru_maxrss, 150_000)
 
     def test_follows_an_application(self):
         with Directory() as directory:

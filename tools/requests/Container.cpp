@@ -98,6 +98,25 @@ PlistObject Container::archive() const {
   return top;
 }
 
+std::vector<std::uint64_t> Container::textsBeyondAscii(std::size_t most) const {
+  constexpr unsigned kAsciiMarker = 0x5;
+  std::vector<std::uint64_t> found;
+  // Texts that do not overlap have no more than the bytes of the file.
+  std::size_t bytesLeft = _bytes.size();
+  for (std::uint64_t number = 0; number < _reader->objectCount(); ++number) {
+    const PlistObject object = _reader->object(number);
+    if (object.kind != PlistObject::Kind::kText) continue;
+    if (object.count > bytesLeft || found.size() == most) break;
+    bytesLeft -= object.count;
+    const auto marker =
+        static_cast<unsigned char>(_bytes[static_cast<std::size_t>(_reader->offsetOf(number))]);
+    const std::string_view text = std::string_view(_bytes).substr(object.start, object.count);
+    const auto isBeyond = [](char byte) { return static_cast<unsigned char>(byte) > 0x7F; };
+    if (marker >> 4 == kAsciiMarker && std::ranges::any_of(text, isBeyond)) found.push_back(number);
+  }
+  return found;
+}
+
 void Container::check(std::uint64_t uidCount, Faults& faults) const {
   if (_isRebuilt) return;
   // Objects that do not overlap cannot refer to more than the file has bytes.

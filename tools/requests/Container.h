@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "orbiq/services/platform/BinaryPlistReader.h"
 #include "tools/requests/Fault.h"
@@ -31,6 +32,8 @@ class Container {
   /// property list nothing, since all that follows from the first fault. `uidCount` is the number
   /// of entries in the archive's object table, 0 if there is none.
   void check(std::uint64_t uidCount, Faults& faults) const;
+  /// The first objects, at most so many, that call themselves ASCII and are not.
+  std::vector<std::uint64_t> textsBeyondAscii(std::size_t most) const;
 
  private:
   std::string _bytes;

@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdint>
+#include <vector>
 
 #include "orbiq/services/platform/Date.h"
 #include "tools/requests/Text.h"
@@ -44,8 +45,8 @@ class ObjectWriter {
   explicit ObjectWriter(RequestsArchive& archive)
       : _archive(archive), _reader(*archive.reader()), _plist(_reader.plist()) {}
 
-  Json objects() {
-    Json list = Json::array();
+  template <class Take>
+  void forEachObject(const Take& take) {
     for (std::size_t uid = 0; uid < _reader.entries().count; ++uid) {
       if (!_reader.spend(kCostOfValue)) break;
       const PlistObject object = _plist.element(_reader.entries(), uid);
@@ -62,9 +63,8 @@ class ObjectWriter {
       } else {
         json["value"] = valueOf(object);
       }
-      list.push_back(std::move(json));
+      take(json);
     }
-    return list;
   }
 
   /// A container within a container is only named: archives have none, but hostile files do.
@@ -207,40 +207,89 @@ Json faultsOf(const Faults& faults) {
   return list;
 }
 
-Json archiveOf(RequestsArchive& archive) {
+/// Writes containers piece by piece, as they look when they are dumped as a whole.
+class Printer {
+ public:
+  Printer(std::ostream& out, bool isOnOneLine) : _out(out), _isOnOneLine(isOnOneLine) {}
+
+  void begin(char bracket, const char* key = nullptr) {
+    place(key);
+    _out << bracket;
+    _counts.push_back(0);
+  }
+  void end(char bracket) {
+    const bool isEmpty = _counts.back() == 0;
+    _counts.pop_back();
+    if (!isEmpty) breakLine();
+    _out << bracket;
+  }
+  void value(const Json& json, const char* key = nullptr) {
+    place(key);
+    for (const char character : dumped(json, _isOnOneLine)) {
+      if (character == '\n') {
+        breakLine();
+      } else {
+        _out << character;
+      }
+    }
+  }
+
+ private:
+  void place(const char* key) {
+    if (_counts.empty()) return;
+    if (_counts.back()++ > 0) _out << ',';
+    breakLine();
+    if (key != nullptr) _out << '"' << key << (_isOnOneLine ? "\":" : "\": ");
+  }
+  void breakLine() {
+    if (!_isOnOneLine) _out << '\n' << std::string(2 * _counts.size(), ' ');
+  }
+
+  std::ostream& _out;
+  const bool _isOnOneLine;
+  std::vector<std::size_t> _counts;  ///< of what stands in each open container
+};
+
+void printArchive(Printer& printer, RequestsArchive& archive) {
   KeyedArchiveReader* const reader = archive.reader();
-  if (reader == nullptr) return nullptr;
+  if (reader == nullptr) return printer.value(nullptr, "archive");
   ObjectWriter writer(archive);
   const auto valueOf = [&](const char* key) {
     return writer.valueOf(reader->valueOf(reader->archive(), key));
   };
-  Json json = {{"version", valueOf("$version")}, {"archiver", valueOf("$archiver")}};
-  json["objects"] = writer.objects();
-  json["isWhole"] = reader->spend(0);
-  return json;
+  printer.begin('{', "archive");
+  printer.value(valueOf("$version"), "version");
+  printer.value(valueOf("$archiver"), "archiver");
+  printer.begin('[', "objects");
+  writer.forEachObject([&](const Json& object) { printer.value(object); });
+  printer.end(']');
+  printer.value(reader->spend(0), "isWhole");
+  printer.end('}');
 }
 
 }  // namespace
 
-Json toJson(const std::string& path, const Snapshot& snapshot, RequestsArchive& archive) {
-  Json json = {{"file", path}, {"size", archive.size()}, {"savedAt", utcTime(snapshot.changedAt)}};
-  json["isInUse"] = nullptr;
-  if (snapshot.use.state != Use::State::kUnknown) {
-    json["isInUse"] = snapshot.use.state == Use::State::kInUse;
-  }
-  json["process"] = snapshot.use.process == 0 ? Json() : Json(snapshot.use.process);
-  json["isSettled"] = snapshot.isSettled;
-  json["isLoadable"] = archive.isLoadable();
-  Json requests = Json::array();
-  for (const Request& request : archive.requests()) {
-    requests.push_back(requestOf(request, requests.size() + 1));
-  }
-  json["requests"] = std::move(requests);
-  json["faults"] = faultsOf(archive.faults());
-  json["otherFaults"] = archive.faults().others();
-  json["notes"] = archive.notes();
-  json["archive"] = archiveOf(archive);
-  return json;
+void printJson(std::ostream& out, const std::string& path, const Snapshot& snapshot,
+               RequestsArchive& archive, bool isOnOneLine) {
+  Printer printer(out, isOnOneLine);
+  printer.begin('{');
+  printer.value(path, "file");
+  printer.value(archive.size(), "size");
+  printer.value(utcTime(snapshot.changedAt), "savedAt");
+  const bool isKnown = snapshot.use.state != Use::State::kUnknown;
+  printer.value(isKnown ? Json(snapshot.use.state == Use::State::kInUse) : Json(), "isInUse");
+  printer.value(snapshot.use.process == 0 ? Json() : Json(snapshot.use.process), "process");
+  printer.value(snapshot.isSettled, "isSettled");
+  printer.value(archive.isLoadable(), "isLoadable");
+  printer.begin('[', "requests");
+  std::size_t position = 0;
+  for (const Request& request : archive.requests()) printer.value(requestOf(request, ++position));
+  printer.end(']');
+  printer.value(faultsOf(archive.faults()), "faults");
+  printer.value(archive.faults().others(), "otherFaults");
+  printer.value(archive.notes(), "notes");
+  printArchive(printer, archive);
+  printer.end('}');
 }
 
 std::string dumped(const Json& json, bool isOnOneLine) {

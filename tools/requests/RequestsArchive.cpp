@@ -25,7 +25,42 @@ constexpr std::size_t kLeastBudget = 1U << 20U;
 constexpr std::size_t kLargestBudget = 1U << 27U;
 constexpr std::size_t kCostOfRequest = 1024;
 constexpr std::size_t kCostOfParameter = 128;
+constexpr std::size_t kCostOfKey = 16;
 constexpr std::size_t kMostNotes = 50;
+
+// What the records have. The renewal's flag is written under one key and read under another.
+constexpr std::string_view kRenewKeyRead = "orbiqRequest_shouldRenewSession";
+constexpr std::array<std::string_view, 11> kRequestKeys{
+    "orbiqRequest_parameters",    "orbiqRequest_requestType",  "orbiqRequest_sendingMode",
+    "orbiqRequest_lastFail",      "orbiqRequest_creationDate", "orbiqRequest_serial",
+    "orbiqRequest_numberOfFails", "orbiqRequest_status",       "orbiqRequest__shouldRenewSession",
+    "orbiqRequest__taggerID",     "orbiqRequest_auth"};
+constexpr std::array<std::string_view, 3> kTaggerKeys{
+    "orbiqTaggerID_serial", "orbiqTaggerID_partialID", "orbiqTaggerID_isStreamTagger"};
+constexpr std::array<std::string_view, 3> kAuthKeys{
+    "orbiqAuth_currentAccess", "orbiqAuth_currentSession", "orbiqAuth_defaultValues"};
+constexpr std::array<std::string_view, 5> kAccessKeys{
+    "orbiqAccess_serial", "orbiqAccess_accessMode", "orbiqAccess_baseURL",
+    "orbiqAccess_firstHitSuccessfullySent", "orbiqAccess_host"};
+constexpr std::array<std::string_view, 2> kSessionKeys{"orbiqSesion_serial", "orbiqSesion_cmsVI"};
+
+/// Names after a comma each; of many only the first.
+class NameList {
+ public:
+  bool isFull() const { return _count >= kMost; }
+  void add(const std::string& name) {
+    if (_count++ < kMost) _text += (_text.empty() ? "" : ", ") + name;
+  }
+  bool isEmpty() const { return _count == 0; }
+  std::string text() const {
+    return _count <= kMost ? _text : _text + " and " + std::to_string(_count - kMost) + " more";
+  }
+
+ private:
+  static constexpr std::size_t kMost = 5;
+  std::string _text;
+  std::size_t _count = 0;
+};
 
 std::size_t budgetFor(std::size_t size) {
   return std::clamp(std::min(size, kLargestBudget) * kBudgetPerByte, kLeastBudget, kLargestBudget);
@@ -80,6 +115,7 @@ RequestsArchive::RequestsArchive(std::string bytes)
           " objects were found one behind the other, up to offset " +
           std::to_string(_container.end()));
     }
+    noteTexts();
     readList();
     if (!_reader->spend(0)) _faults.add({0, {}, "an archive that reads in proportion to its size"});
   }
@@ -109,6 +145,7 @@ void RequestsArchive::readList() {
              "an NSArray of requests under the key root; it is " + described(root));
     return findRequests();
   }
+  _requests.reserve(std::min(list.count, budgetFor(_size) / kCostOfRequest));
   for (std::size_t i = 0; i < list.count && _reader->spend(kCostOfRequest); ++i) {
     const PlistObject element = plist.element(list, i);
     if (element.kind != Kind::kUid) {
@@ -167,12 +204,14 @@ Request RequestsArchive::readRequest(const PlistObject& object) {
   request.className = text(_reader->classNameOf(object));
   if (request.className == orbiqClearCache::kArchivedClass.name()) {
     request.kind = Request::Kind::kMarker;
+    checkKeys(object, {});
     return request;
   }
   const std::optional<std::int64_t> type = integerOf(object, "orbiqRequest_requestType");
   const bool isNamed = request.className == orbiqRequest::kArchivedClass.name();
   if (!isNamed && (!type || !request.className.empty())) return request;
   request.kind = type.value_or(0) == 0 ? Request::Kind::kAudience : Request::Kind::kStreaming;
+  if (isNamed) checkKeys(object, kRequestKeys);
   request.serial = textOf(object, "orbiqRequest_serial");
   if (const auto mode = numberOf(object, "orbiqRequest_sendingMode")) {
     request.sendingMode = mode->toUnsigned();
@@ -187,6 +226,7 @@ Request RequestsArchive::readRequest(const PlistObject& object) {
   request.parameters = readParameters(object);
   const PlistObject tagger = objectOf(object, "orbiqRequest__taggerID", "orbiqTaggerID");
   if (tagger.kind == Kind::kDictionary) {
+    checkKeys(tagger, kTaggerKeys);
     request.tagger = {textOf(tagger, "orbiqTaggerID_serial"),
                       integerOf(tagger, "orbiqTaggerID_partialID"),
                       integerOf(tagger, "orbiqTaggerID_isStreamTagger").value_or(0) != 0};
@@ -198,8 +238,10 @@ Request RequestsArchive::readRequest(const PlistObject& object) {
 void RequestsArchive::readAuthorization(const PlistObject& object, Request& request) {
   const PlistObject auth = objectOf(object, "orbiqRequest_auth", "orbiqAuth");
   request.hasAuthorization = auth.kind == Kind::kDictionary;
+  if (request.hasAuthorization) checkKeys(auth, kAuthKeys);
   const PlistObject access = objectOf(auth, "orbiqAuth_currentAccess", "orbiqAccess");
   if (access.kind == Kind::kDictionary) {
+    checkKeys(access, kAccessKeys);
     request.access = {integerOf(access, "orbiqAccess_accessMode"),
                       textOf(access, "orbiqAccess_serial"), textOf(access, "orbiqAccess_host"),
                       textOf(access, "orbiqAccess_baseURL"),
@@ -207,6 +249,7 @@ void RequestsArchive::readAuthorization(const PlistObject& object, Request& requ
   }
   const PlistObject session = objectOf(auth, "orbiqAuth_currentSession", "orbiqSession");
   if (session.kind == Kind::kDictionary) {
+    checkKeys(session, kSessionKeys);
     // One "s": the misspelling is part of the format.
     request.session = {textOf(session, "orbiqSesion_serial"), textOf(session, "orbiqSesion_cmsVI")};
   }
@@ -305,7 +348,37 @@ void RequestsArchive::addFault(const PlistObject& object, std::string expected) 
   }
 }
 
-/// What is absent, or null, is as it should be.
+void RequestsArchive::checkKeys(const PlistObject& record, std::span<const std::string_view> keys) {
+  if (_notes.size() >= kMostNotes || !_checkedRecords.insert(record.number).second) return;
+  const BinaryPlistReader& plist = _reader->plist();
+  std::vector<std::string_view> missing(keys.begin(), keys.end());
+  NameList unknown;
+  for (std::size_t i = 0; i < record.count && _reader->spend(kCostOfKey); ++i) {
+    const PlistObject key = plist.key(record, i);
+    const auto isKey = [&](std::string_view name) { return plist.isText(key, name); };
+    const auto place = std::ranges::find_if(missing, isKey);
+    if (place != missing.end()) {
+      missing.erase(place);
+    } else if (!isKey("$class") && !isKey(kRenewKeyRead)) {
+      unknown.add(unknown.isFull() ? "" : text(key));
+    }
+  }
+  const std::string who = "request " + std::to_string(_requests.size() + 1) + ": object " +
+                          std::to_string(record.number) + " has ";
+  NameList absent;
+  for (const std::string_view name : missing) absent.add(std::string(name));
+  if (!absent.isEmpty()) _notes.push_back(who + "no " + absent.text());
+  if (!unknown.isEmpty()) _notes.push_back(who + "what nobody reads: " + unknown.text());
+}
+
+void RequestsArchive::noteTexts() {
+  for (const std::uint64_t number : _container.textsBeyondAscii(kMostNotes)) {
+    _notes.push_back("object " + std::to_string(number) +
+                     " is marked as ASCII and is not; it reads as UTF-8");
+  }
+}
+
+/// What is null is as it should be, and `checkKeys` tells what is absent.
 void RequestsArchive::addNote(std::string_view key, const PlistObject& value) {
   const bool isUid = value.kind == Kind::kUid;
   if (value.kind == Kind::kNone && value.damage.expected == nullptr) return;

@@ -2,8 +2,10 @@
 
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
+#include <unordered_set>
 #include <vector>
 
 #include "orbiq/services/platform/KeyedArchiveReader.h"
@@ -42,6 +44,10 @@ class RequestsArchive {
   void readAuthorization(const PlistObject& object, Request& request);
   std::optional<std::vector<Parameter>> readParameters(const PlistObject& object);
 
+  /// Notes the keys that a record should have and has not, and those that nobody reads.
+  void checkKeys(const PlistObject& record, std::span<const std::string_view> keys);
+  void noteTexts();
+
   PlistObject objectOf(const PlistObject& object, std::string_view key, std::string_view className);
   std::optional<std::string> textOf(const PlistObject& object, std::string_view key);
   std::optional<PlistNumber> numberOf(const PlistObject& object, std::string_view key);
@@ -59,6 +65,7 @@ class RequestsArchive {
   std::optional<KeyedArchiveReader> _reader;
   std::vector<Request> _requests;
   std::vector<std::string> _notes;
+  std::unordered_set<std::uint64_t> _checkedRecords;  ///< their numbers
 };
 
 }  // namespace orbiq::requests

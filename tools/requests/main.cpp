@@ -92,8 +92,8 @@ std::string causeOf(int failure) { return std::generic_category().message(failur
 int show(const Options& options, const std::string& path, const Snapshot& snapshot) {
   RequestsArchive archive(snapshot.bytes);
   if (options.isJson) {
-    const auto json = orbiq::requests::toJson(path, snapshot, archive);
-    std::cout << orbiq::requests::dumped(json, options.isFollowing) << '\n';
+    printJson(std::cout, path, snapshot, archive, options.isFollowing);
+    std::cout << '\n';
   } else {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
     const TableStyle style{isColoured(), options.isWide,
