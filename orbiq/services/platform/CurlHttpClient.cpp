@@ -24,6 +24,8 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 constexpr int kMostRedirects = 16;
 constexpr std::size_t kMostBodyBytes = std::size_t{1} << 20;
 constexpr std::size_t kMostHeaderBytes = std::size_t{256} << 10;
+/// What libcurl keeps of one line at most.
+constexpr std::uint64_t kLongestHeaderLine = 100'000;
 constexpr Milliseconds kLongestTimeout{INT_MAX};  // libcurl takes no more
 /// Only an upper bound: libcurl shortens it to its own next timer.
 constexpr int kPollMilliseconds = 60'000;
@@ -43,6 +45,8 @@ struct Hop {
   /// What went wrong, where libcurl cannot know.
   const char* problem = nullptr;
   bool lacksDescriptors = false;
+  /// The connection that was made for it, if one was.
+  KeptConnection opened;
 
   std::optional<HttpResponse> response;
   Redirect redirect;
@@ -50,10 +54,10 @@ struct Hop {
 
 curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
   const int number = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
-  if (number < 0) {
-    static_cast<Hop*>(user)->lacksDescriptors =
-        errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM;
-  }
+  Hop& hop = *static_cast<Hop*>(user);
+  hop.lacksDescriptors =
+      number < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM);
+  hop.opened.watch(number);
   return number;
 }
 
@@ -351,9 +355,10 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
     result.error = errorOf(CURLE_FILESIZE_EXCEEDED, hop.problem);
   } else if (code != CURLE_OK && hop.lacksDescriptors) {
     result.error = errorOf(CURLE_FAILED_INIT, "no descriptor is left for a connection");
-  } else if (code == CURLE_OUT_OF_MEMORY) {
+  } else if (code == CURLE_OUT_OF_MEMORY &&
+             std::max(hop.opened.received(), hop.kept->received()) > kLongestHeaderLine) {
     // libcurl 7 calls it so, too.
-    result.error = errorOf(code, "out of memory, or a header line of more than 100 KiB");
+    result.error = errorOf(CURLE_FILESIZE_EXCEEDED, "a header line of more than 100 KiB");
   } else if (code != CURLE_OK) {
     result.error = errorOf(code, _errorText[0] != '\0' ? _errorText : curl_easy_strerror(code));
   } else if (!result.response) {

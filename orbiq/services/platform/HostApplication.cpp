@@ -20,23 +20,13 @@
 namespace orbiq {
 namespace {
 
-/// Stands in for the one that a description that was refused may have named, or named the place of.
-class NoKeychain final : public Keychain {
- public:
-  KeychainMatch copyMatching(const KeychainQuery&) override { return {}; }
-  KeychainStatus add(const KeychainQuery&) override { return errSecNotAvailable; }
-  KeychainStatus update(const KeychainQuery&, const KeychainAttributes&) override {
-    return errSecNotAvailable;
-  }
-  KeychainStatus deleteMatching(const KeychainQuery&) override { return errSecNotAvailable; }
-};
-
 struct State {
   Mutex lock;
   // Every description that ever counted stays alive, as callers hold references to it.
   std::vector<std::unique_ptr<const HostDescription>> descriptions ORBIQ_GUARDED_BY(lock);
   bool settled ORBIQ_GUARDED_BY(lock) = false;
-  bool accepted ORBIQ_GUARDED_BY(lock) = false;
+  std::atomic<bool> accepted = false;
+  std::atomic<bool> refused = false;
   // The last of them, for readers: they are on every hit's way and take no lock.
   std::atomic<const HostDescription*> current{nullptr};
 
@@ -143,20 +133,12 @@ const HostDescription& known() {
   return *state().descriptions.back();
 }
 
-void withholdKeychain() {
-  HostDescription withheld = known();
-  const Lock lock(state().lock);
-  if (state().accepted || withheld.keychain) return;
-  withheld.keychain = std::make_shared<NoKeychain>();
-  state().add(std::move(withheld));
-}
-
 }  // namespace
 
 String HostApplication::describe(const HostDescription& description) try {
+  state().refused = true;  // unless it is accepted
   String reason = accept(description);
   if (!reason.isNull()) {
-    withholdKeychain();
     // The logger and its threshold stand on a higher floor: this line is always printed.
     SystemLog::write(
         LoggingModeError,
@@ -179,6 +161,8 @@ void HostApplication::settle() {
   const Lock lock(state().lock);
   state().settled = true;
 }
+
+bool HostApplication::wasOnlyRefused() { return state().refused && !state().accepted; }
 
 String HostApplication::authorizationServerProblem() {
   return whatIsWrongWithServer(current().authorizationServer);

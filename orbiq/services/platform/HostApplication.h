@@ -93,6 +93,9 @@ class ORBIQ_EXPORT HostApplication {
 
   /// Ends the time for descriptions, as the first use of the agent does. Any thread.
   static void settle();
+  /// True if descriptions were given and all of them refused: then nobody knows where the
+  /// application wanted its identifier to be. Any thread.
+  static bool wasOnlyRefused();
   /// Null, or why the authorization server in force must not be asked. Any thread.
   static String authorizationServerProblem();
 };

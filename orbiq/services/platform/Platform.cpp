@@ -4,10 +4,22 @@
 
 #include "orbiq/services/platform/FileKeychain.h"
 #include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Paths.h"
 
 namespace orbiq {
 namespace {
+
+/// Stands in for the one that a description that was refused may have named, or named the place of.
+class NoKeychain final : public Keychain {
+ public:
+  KeychainMatch copyMatching(const KeychainQuery&) override { return {}; }
+  KeychainStatus add(const KeychainQuery&) override { return errSecNotAvailable; }
+  KeychainStatus update(const KeychainQuery&, const KeychainAttributes&) override {
+    return errSecNotAvailable;
+  }
+  KeychainStatus deleteMatching(const KeychainQuery&) override { return errSecNotAvailable; }
+};
 
 Platform withRealParts(Platform platform) {
   if (!platform.clock) platform.clock = std::make_shared<SystemClock>();
@@ -53,6 +65,8 @@ Keychain& Platform::currentKeychain() {
   // A keychain that changed between two calls would make a new identifier.
   HostApplication::settle();
   if (Keychain* const hosts = HostApplication::current().keychain.get()) return *hosts;
+  static NeverDestroyed<NoKeychain> none;
+  if (HostApplication::wasOnlyRefused()) return *none;
   static auto* const store = new FileKeychain(Paths::libraryDirectory() + "/orbiqKeychain");
   return *store;
 }
