@@ -91,11 +91,6 @@ class ORBIQ_EXPORT MutableString : public String {
   void setString(std::string_view text);
   /// Adds to the characters, for every holder.
   void appendString(std::string_view text);
-
- private:
-  /// A text of its own, where it holds none (it was moved away) or one that nobody may change (it
-  /// was assigned through a `String`).
-  void makeOwn(std::string_view text);
 };
 
 }  // namespace orbiq
