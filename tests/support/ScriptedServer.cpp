@@ -129,7 +129,9 @@ class ScriptedServer::Connection final : public ServedConnection {
   void close() {
     _tls.reset();
     Lock lock(_state.changed);
-    if (_state.openSockets.erase(_socket) == 0) return;
+    // Once closed, the number may be another connection's.
+    if (std::exchange(_isClosed, true)) return;
+    _state.openSockets.erase(_socket);
     ::close(_socket);
     ++_state.ends;
     _state.changed.broadcast();
@@ -153,6 +155,7 @@ class ScriptedServer::Connection final : public ServedConnection {
   }
 
   const int _socket;
+  bool _isClosed = false;
   State& _state;
   std::unique_ptr<SSL, decltype(&SSL_free)> _tls{nullptr, SSL_free};
   std::string _unread;

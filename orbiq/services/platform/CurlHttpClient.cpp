@@ -44,7 +44,8 @@ struct Hop {
   std::string body;
   /// What went wrong, where libcurl cannot know.
   const char* problem = nullptr;
-  bool lacksDescriptors = false;
+  /// What this machine had too little of.
+  const char* shortage = nullptr;
   /// The connection that was made for it, if one was.
   KeptConnection opened;
 
@@ -55,8 +56,9 @@ struct Hop {
 curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
   const int number = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
   Hop& hop = *static_cast<Hop*>(user);
-  hop.lacksDescriptors =
-      number < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM);
+  if (number < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
+    hop.shortage = "no descriptor is left for a connection";
+  }
   hop.opened.watch(number);
   return number;
 }
@@ -101,6 +103,7 @@ std::size_t onBody(char* bytes, std::size_t, std::size_t count, void* user) {
   try {
     hop.body.append(bytes, count);
   } catch (const std::bad_alloc&) {
+    hop.shortage = "out of memory";
     return 0;
   }
   return count;
@@ -352,9 +355,9 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   HttpResult result;
   result.response = std::move(hop.response);
   if (hop.problem != nullptr) {
-    result.error = errorOf(CURLE_FILESIZE_EXCEEDED, hop.problem);
-  } else if (code != CURLE_OK && hop.lacksDescriptors) {
-    result.error = errorOf(CURLE_FAILED_INIT, "no descriptor is left for a connection");
+    result.error = errorOf(code, hop.problem);
+  } else if (code != CURLE_OK && hop.shortage != nullptr) {
+    result.error = errorOf(CURLE_OUT_OF_MEMORY, hop.shortage);
   } else if (code == CURLE_OUT_OF_MEMORY &&
              std::max(hop.opened.received(), hop.kept->received()) > kLongestHeaderLine) {
     // libcurl 7 calls it so, too.
