@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <filesystem>
 #include <fstream>
-#include <iostream>
 #include <iterator>
 #include <set>
 #include <string>
@@ -18,7 +17,6 @@
 #include "orbiq/services/platform/Paths.h"
 #include "tests/support/Application.h"
 #include "tests/support/DiskCalls.h"
-#include "tests/support/Role.h"
 
 namespace orbiq::test {
 namespace {
@@ -160,30 +158,6 @@ TEST(AgentQueue, AtRestTheFileIsSyncedOnceAndMemoryGivenBack) {
   add(1, 1);
   ASSERT_TRUE(DiskCalls::waitForFiles(before + 2));
   EXPECT_EQ(DiskCalls::soFar().files, before + 2);
-}
-
-int holdTheFile(const std::vector<std::string>&) {
-  Application application(kNoServer);
-  orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
-  if (!application.log().waitFor("We have now 1")) return 1;
-  std::cout << "saved" << std::endl;
-  return pause();
-}
-const RoleRegistration kHolder("hold-the-file", holdTheFile);
-
-TEST(AgentQueue, ASecondProcessNeitherReadsNorWritesTheFile) {
-  RoleProcess first("hold-the-file", {});
-  ASSERT_EQ(first.readLine(), "saved");
-  Application application(kNoServer);
-  orbiqAgent& agent = orbiqAgent::sharedAgent();
-  EXPECT_EQ(agent.statistics().accepted, 0U);
-  const auto before = fs::last_write_time(fileOf());
-  agent.addRequestToQueue(streamingRequest());
-  agent.addRequestToQueue(streamingRequest());
-  ASSERT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
-  EXPECT_EQ(application.log().count("(WARNING) : Another process of this application"), 1U);
-  EXPECT_EQ(classesInFile(fileOf()).size(), 1U);
-  EXPECT_EQ(fs::last_write_time(fileOf()), before);
 }
 
 TEST(AgentQueue, AnIndependentReaderOpensTheFile) {

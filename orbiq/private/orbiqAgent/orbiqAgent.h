@@ -137,7 +137,6 @@ class ORBIQ_EXPORT orbiqAgent {
   void saveRequests() ORBIQ_REQUIRES(requestsProtector);
   /// Called when nothing has been added for two seconds.
   void rest();
-  void syncAtRest() ORBIQ_REQUIRES(requestsProtector);
   bool append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void enqueue(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void dequeue() ORBIQ_REQUIRES(requestsProtector);

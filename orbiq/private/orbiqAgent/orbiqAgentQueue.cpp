@@ -94,11 +94,6 @@ void orbiqAgent::rest() {
   const orbiq::Lock lock(requestsProtector);
   isQuiet = true;
   requestsFile->rest();
-  syncAtRest();
-}
-
-void orbiqAgent::syncAtRest() {
-  // Only streaming requests outlast a restart.
   if (pendingStreaming != 0) requestsFile->sync(requestsPath());
 }
 

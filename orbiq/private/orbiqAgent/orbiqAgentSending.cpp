@@ -88,7 +88,7 @@ void orbiqAgent::handleRequests() {
 
 void orbiqAgent::waitForHead() {
   while (!headIsDue()) {
-    if (isQuiet) syncAtRest();
+    if (isQuiet && pendingStreaming != 0) requestsFile->sync(requestsFilePath().toStdString());
     if (requestQueue->empty()) requestsFile->rest();
     requestsProtector.wait();
   }
