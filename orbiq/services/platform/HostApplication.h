@@ -72,8 +72,8 @@ struct HostDescription {
   /// True: the kernel is not asked whether there is a network. Everything counts as reachable, hits
   /// are sent at once, and no change is ever reported. For an application whose servers are on the
   /// same machine or on a closed network without a default route. On a device that may lose its
-  /// network, hits are then tried and fail instead of waiting. Counts for the monitors that are made
-  /// after the description.
+  /// network, hits are then tried and fail instead of waiting. Counts for the monitors that are
+  /// made after the description.
   bool assumeReachable = false;
 };
 
