@@ -193,7 +193,7 @@ double clientLoop(const std::string& url, std::size_t hits) {
   const HttpRequest request{*Url::fromText(url), orbiqAgent::userAgent(),
                             Platform::current().hitTimeout};
   const auto get = [&] {
-    if (!Platform::httpClient().send(request).response) {
+    if (!Platform::send(request).response) {
       throw std::runtime_error("the client got no answer");
     }
   };

@@ -39,7 +39,8 @@ set(ORBIQ_PUBLIC_HEADERS
   orbiq/services/platform/SerialQueue.h
   orbiq/services/platform/String.h
   orbiq/services/platform/SystemLog.h
-  orbiq/services/platform/Url.h)
+  orbiq/services/platform/Url.h
+  orbiq/services/platform/WorkKind.h)
 set(ORBIQ_SECRETSERVICE_HEADERS
   orbiq/secretservice/SecretServiceKeychain.h)
 

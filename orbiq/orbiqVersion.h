@@ -5,8 +5,8 @@
 
 #include "orbiq/services/platform/Export.h"
 
-/// The first two parts of the library's version, for programs that ask for a number.
+/// Always 1.0, whatever the library's version; for programs that ask for a number.
 extern ORBIQ_EXPORT const double orbiq_iOSVersionNumber;
 
-/// "orbiq" and the library's whole version: "orbiq 1.0.0".
+/// The library's build identification: "orbiq", a blank and its whole version.
 extern ORBIQ_EXPORT const char* const orbiq_iOSVersionString;

@@ -59,7 +59,7 @@ enum {
 /// The status in English, for messages; never null, not to be freed.
 ORBIQ_EXPORT const char* orbiq_status_text(orbiq_status status);
 
-/// The library's build identification, "orbiq 1.0.0"; not to be freed.
+/// The library's build identification: "orbiq", a blank and its version. Not to be freed.
 ORBIQ_EXPORT const char* orbiq_version(void);
 
 // ---- The host -----------------------------------------------------------------------------------
@@ -170,7 +170,8 @@ ORBIQ_EXPORT orbiq_status orbiq_tagger_get_text(const orbiq_tagger* tagger, orbi
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_use_idfa(orbiq_tagger* tagger, bool use);
 /// The setting, in `*use`.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_get_use_idfa(const orbiq_tagger* tagger, bool* use);
-/// The threshold of the log, for the whole library: the last call on any tagger counts.
+/// The threshold of the log, for the whole library: the last call on any tagger counts. Any number
+/// from 0 on; one above `ORBIQ_LOG_ERROR` silences the three named modes.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_logging_mode(orbiq_tagger* tagger,
                                                         orbiq_logging_mode mode);
 
@@ -207,8 +208,13 @@ ORBIQ_EXPORT orbiq_status orbiq_last_failure(char* buffer, size_t capacity, size
 ORBIQ_EXPORT orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length);
 
 /// The device's identifier: 36 characters, made and kept at the first call. May wait for the disk.
-/// Ends the time for `orbiq_host_describe`. These three: one thread at a time.
+/// Ends the time for `orbiq_host_describe`. These four: one thread at a time.
 ORBIQ_EXPORT orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* length);
+/// Stores a new identifier in the place of the one that is kept, and writes it into the buffer. An
+/// error of the keychain where none is kept. What this process remembers of an earlier call of
+/// `orbiq_device_identifier` stays as it is.
+ORBIQ_EXPORT orbiq_status orbiq_device_identifier_replace(char* buffer, size_t capacity,
+                                                          size_t* length);
 /// Forgets the identifier and deletes it from the keychain; the next one is another.
 ORBIQ_EXPORT orbiq_status orbiq_device_identifier_reset(void);
 /// The keychain's access group to use; null, the default, for none.

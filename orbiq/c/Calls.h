@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <iterator>
@@ -12,10 +14,13 @@
 /// What the functions of the C interface have in common.
 namespace orbiq::c {
 
-/// What every function that can fail runs in.
+/// What every function that can fail runs in. Only the end of the caller's thread passes, which was
+/// cancelled in a log sink.
 template <class Call>
-orbiq_status guarded(const Call& call) noexcept try {
+orbiq_status guarded(const Call& call) try {
   return call();
+} catch (const abi::__forced_unwind&) {
+  throw;
 } catch (const std::bad_alloc&) {
   return ORBIQ_ERROR_MEMORY;
 } catch (...) {
@@ -24,7 +29,7 @@ orbiq_status guarded(const Call& call) noexcept try {
 
 /// The same for what needs the agent.
 template <class Call>
-orbiq_status withAgent(const Call& call) noexcept {
+orbiq_status withAgent(const Call& call) {
   return guarded([&]() -> orbiq_status {
     if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
     return call(orbiqAgent::sharedAgent());

@@ -1,5 +1,7 @@
 // The description of the host, and its log sink.
+#include <atomic>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 #include <new>
 #include <string>
@@ -7,12 +9,10 @@
 
 #include "orbiq/c/Calls.h"
 #include "orbiq/orbiq_c.h"
+#include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/SystemLog.h"
 
-using orbiq::Condition;
-using orbiq::Lock;
 using orbiq::c::canHold;
 using orbiq::c::giveOut;
 using orbiq::c::guarded;
@@ -25,51 +25,39 @@ struct orbiq_host {
 namespace {
 
 /// Through which every line goes to a sink of C's. What the sink needs may go away before the
-/// process ends, so it can be closed.
+/// process ends, so it can be closed. Without a lock, which a forked child might find taken.
 class SinkGate {
  public:
   static SinkGate& shared() {
-    static auto* const only = new SinkGate();  // never destroyed
-    return *only;
+    static constinit SinkGate only;  // has nothing to destroy
+    return only;
   }
 
   void closeAndWait() {
-    const Lock lock(_lock);
     _isClosed = true;
-    while (_inside > 0) _lock.wait();
+    if (orbiq::inForkedChild()) return;  // who was inside at the fork is not here
+    for (std::uint32_t inside = _inside; inside > 0; inside = _inside) _inside.wait(inside);
   }
 
   /// A call's time in the sink, however the sink ends it.
   class Stay {
    public:
-    explicit Stay(SinkGate& gate) : _gate(gate), _entered(gate.enter()) {}
+    explicit Stay(SinkGate& gate) : _gate(gate) { ++_gate._inside; }
     ~Stay() {
-      if (_entered) _gate.leave();
+      if (--_gate._inside == 0) _gate._inside.notify_all();
     }
     Stay(const Stay&) = delete;
     Stay& operator=(const Stay&) = delete;
     /// False if the gate is closed.
-    bool entered() const { return _entered; }
+    bool entered() const { return !_gate._isClosed; }
 
    private:
     SinkGate& _gate;
-    const bool _entered;
   };
 
  private:
-  bool enter() {
-    const Lock lock(_lock);
-    if (!_isClosed) ++_inside;
-    return !_isClosed;
-  }
-  void leave() {
-    const Lock lock(_lock);
-    if (--_inside == 0) _lock.broadcast();
-  }
-
-  Condition _lock;
-  bool _isClosed ORBIQ_GUARDED_BY(_lock) = false;
-  std::size_t _inside ORBIQ_GUARDED_BY(_lock) = 0;
+  std::atomic<bool> _isClosed{false};
+  std::atomic<std::uint32_t> _inside{0};
 };
 
 constexpr orbiq::String orbiq::HostDescription::* kHostTexts[] = {

@@ -98,6 +98,15 @@ orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* leng
   });
 }
 
+orbiq_status orbiq_device_identifier_replace(char* buffer, size_t capacity, size_t* length) {
+  return guarded([&]() -> orbiq_status {
+    if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+    const orbiq::String identifier = orbiqKWDXUUIDHandler::storeUUID(true);
+    const orbiq_status status = giveOut(identifier, buffer, capacity, length);
+    return status == ORBIQ_NONE ? ORBIQ_ERROR_KEYCHAIN : status;
+  });
+}
+
 orbiq_status orbiq_device_identifier_reset() {
   return guarded([]() -> orbiq_status {
     orbiqKWDXUUIDHandler::reset();

@@ -98,9 +98,7 @@ orbiq_status orbiq_tagger_get_use_idfa(const orbiq_tagger* tagger, bool* use) {
 
 orbiq_status orbiq_tagger_set_logging_mode(orbiq_tagger* tagger, orbiq_logging_mode mode) {
   return guarded([&]() -> orbiq_status {
-    if (tagger == nullptr || mode < ORBIQ_LOG_INFO || mode > ORBIQ_LOG_ERROR) {
-      return ORBIQ_ERROR_ARGUMENT;
-    }
+    if (tagger == nullptr || mode < 0) return ORBIQ_ERROR_ARGUMENT;
     taggerOf(tagger)->setLoggingMode(static_cast<orbiq::LoggingMode>(mode));
     return ORBIQ_OK;
   });

@@ -65,7 +65,7 @@ FAULTS = [
 
 
 class Checker(unittest.TestCase):
-    def check(self, page):
+    def check(self, page, *libraries):
         with tempfile.TemporaryDirectory() as directory:
             project = pathlib.Path(directory)
             (project / "README.md").write_text("# A page\n")
@@ -74,7 +74,8 @@ class Checker(unittest.TestCase):
             (project / "orbiq").mkdir()  # the samples of this test need nothing of the headers
             for header in ("orbiq.h", "orbiq_c.h"):
                 (project / "orbiq" / header).touch()
-            return subprocess.run([sys.executable, PROJECT / "tools/docs/check.py", directory],
+            return subprocess.run([sys.executable, PROJECT / "tools/docs/check.py", directory,
+                                   *libraries],
                                   capture_output=True, text=True, timeout=100)
 
     def test_good_page(self):
@@ -88,6 +89,21 @@ class Checker(unittest.TestCase):
                 ended = self.check(f"{GOOD}\n{text}\n")
                 self.assertEqual(ended.returncode, 1, ended.stderr)
                 self.assertIn(said, ended.stdout)
+
+    def test_samples_that_do_not_link_or_run(self):
+        def body(code, how=""):
+            given = "void there(void);\nvoid hidden(void);"
+            return f"<!-- sample: body{how}; given\n{given}\n-->\n{FENCE}c\n{code}\n{FENCE}\n"
+
+        with tempfile.TemporaryDirectory() as directory:
+            library = f"{directory}/liborbiq.so"
+            subprocess.run(["gcc", "-shared", "-fPIC", "-x", "c", "-", "-o", library], check=True,
+                           input=b"void there(void) { __builtin_trap(); }")
+            for code, said in ((body("hidden();", "; linked"), "undefined reference"),
+                               (body("there();"), "run, it ends with -4"),
+                               (body("there();", "; linked"), ", 5 samples, 0 faults")):
+                with self.subTest(code):
+                    self.assertIn(said, self.check(f"{GOOD}\n{code}", library).stdout)
 
 
 if __name__ == "__main__":

@@ -1,20 +1,31 @@
 // Leaving the process, whatever the agent is doing, and forking it.
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <ctime>
 #include <future>
+#include <memory>
+#include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "orbiq/orbiq_c.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/services/platform/ForkGuard.h"
 #include "tests/support/Application.h"
 #include "tests/support/Role.h"
+#include "tests/support/TemporaryDirectory.h"
 
 namespace orbiq::test {
 namespace {
@@ -82,6 +93,128 @@ const RoleRegistration kTimer("end-beside-a-timer", [](const std::vector<std::st
 TEST(Leaving, NoTimerFiresBesideStaticDestructors) {
   EXPECT_EQ(RoleProcess("end-beside-a-timer", {}).wait(), 7);
 }
+
+/// Uses the library when whatever it may keep for this thread is gone, and looks whether memory
+/// that is somebody else's by then stays as it is.
+struct UsesTheLibraryLast {
+  ~UsesTheLibraryLast() {
+    std::vector<std::vector<std::uint64_t>> others;
+    for (std::size_t i = 0; i < 2'000; ++i) others.emplace_back(1 + i % 20, 0x55);
+    Application::tagger("late")->sendHit();
+    orbiqAuthManager::manager().authForTagger(std::make_shared<orbiqTaggerID>("last", 0, false));
+    for (const auto& other : others) {
+      if (std::count(other.begin(), other.end(), 0x55U) != std::ssize(other)) _exit(1);
+    }
+  }
+};
+int useLast(const std::vector<std::string>& arguments) {
+  const auto use = [] {
+    Application::tagger("ABC")->sendHit();
+    orbiqAuthManager::manager().authForTagger(std::make_shared<orbiqTaggerID>("DEF", 0, false));
+  };
+  static Application application(arguments.at(0), [](HostDescription& host, Platform&) {
+    host.advertisingIdentifier = [count = std::make_shared<std::atomic<int>>()] {
+      return String("AD-" + std::to_string(++*count));
+    };
+  });
+  if (arguments.at(1) == "thread") {
+    std::thread([&] {
+      thread_local UsesTheLibraryLast last;
+      static_cast<void>(&last);
+      use();
+    }).join();
+    return 7;
+  }
+  if (arguments.at(1) == "exit, last made") use();
+  static UsesTheLibraryLast last;
+  use();
+  return 7;
+}
+const RoleRegistration kLast("use-last", useLast);
+
+TEST(Leaving, DestructorsThatComeLateMayUseTheLibrary) {
+  for (const std::string when : {"thread", "exit, first made", "exit, last made"}) {
+    AccountServer server;
+    EXPECT_EQ(RoleProcess("use-last", {server.authorizationServer(), when}).wait(), 7) << when;
+    // The client of the exit's own thread is gone, but libcurl is not, before our exit handler.
+    const std::size_t sent = when == "exit, first made" ? 0 : 1;
+    EXPECT_EQ(server.requestLines("/auth/last").size(), sent) << when;
+  }
+}
+
+TEST(Leaving, AForkedChildSaysSoThoughTheTimeZoneIsLocked) {
+  armForkGuard();
+  const TemporaryDirectory place;
+  const std::string zone = place.path() / "zone";
+  ASSERT_EQ(mkfifo(zone.c_str(), 0600), 0);
+  setenv("TZ", (":" + zone).c_str(), 1);
+  // Reads the time zone, with the C library's lock, until the pipe is closed.
+  std::jthread holder([] {
+    const std::time_t now = 0;
+    std::tm local{};
+    localtime_r(&now, &local);
+  });
+  const int zoneWriter = open(zone.c_str(), O_WRONLY | O_CLOEXEC);
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  const pid_t child = fork();
+  if (child == 0) {
+    alarm(60);  // it is given up
+    dup2(ends[1], STDERR_FILENO);
+    orbiqAudienceTagger("ABC").sendHit();
+    _exit(0);
+  }
+  close(ends[1]);
+  std::string said(1'000, '\0');
+  said.resize(static_cast<std::size_t>(std::max<ssize_t>(read(ends[0], said.data(), 1'000), 0)));
+  EXPECT_TRUE(std::regex_match(said, std::regex("20[0-9-]+ [0-9:]+\\.[0-9]{3}Z orbiq_tests\\[.*"
+                                                "\\(ERROR\\) : This process was forked.*\n")))
+      << said;
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  close(zoneWriter);
+  close(ends[0]);
+}
+
+/// Cancels the thread that logs such a line, once, inside of the sink.
+void cancelAt(const LogLine& line, const std::string& step, std::atomic<int>& cancelled) {
+  if (line.text.find(step) == line.text.npos || cancelled++ > 0) return;
+  pthread_cancel(pthread_self());
+  pthread_testcancel();
+}
+
+TEST(Leaving, AThreadMayBeCancelledInTheSinkAndLeavesNothingLocked) {
+  for (const std::string step :
+       {"A new orbiqAudienceTagger", "Can't get did", "Adding a request", "entered foreground"}) {
+    AccountServer server;
+    RoleProcess process("cancel-in-the-sink", {server.authorizationServer(), step});
+    EXPECT_EQ(process.wait(), 7) << step;
+  }
+}
+const RoleRegistration kCancel("cancel-in-the-sink", [](const auto& arguments) {
+  // Never destroyed: the library's threads log to the very end.
+  static const auto& step = *new std::string(arguments.at(1));
+  static std::atomic<int> cancelled{0};
+  static Application application(arguments.at(0), [](HostDescription& host, Platform&) {
+    host.logSink = [sink = host.logSink](const LogLine& line) {
+      sink(line);
+      cancelAt(line, step, cancelled);
+    };
+  });
+  const auto use = [] {
+    orbiq_tagger* tagger = nullptr;
+    orbiq_tagger_with_serial("ABC", &tagger);
+    orbiq_tagger_send_hit(tagger);
+    orbiq_post_will_enter_foreground();
+  };
+  std::thread(use).join();
+  const std::uint64_t before = orbiqAgent::sharedAgent().statistics().accepted;
+  std::thread(use).join();
+  if (orbiqAgent::sharedAgent().statistics().accepted != before + 1) return 1;
+  if (!application.log().waitFor("Saving requests to cache", before + 1)) return 2;
+  return cancelled > 0 ? 7 : 3;
+});
 
 TEST(Leaving, AForkedChildDoesNothingAndDoesNotDisturbTheParent) {
   AccountServer server;

@@ -183,17 +183,24 @@ class CInterfaceTest(unittest.TestCase):
                 orbiq.orbiq_tagger_set_text(self.tagger, SERIAL, b"other"),
                 orbiq.orbiq_tagger_set_text(self.tagger, NET_MEASUREMENT + 1, b""),
                 orbiq.orbiq_tagger_get_text(self.tagger, SERIAL, None, some, None),
-                orbiq.orbiq_tagger_set_logging_mode(self.tagger, 3),
+                orbiq.orbiq_tagger_set_logging_mode(self.tagger, -1),
                 orbiq.orbiq_get_statistics(None, some), orbiq.orbiq_main_loop_adopt(None)):
             self.assertEqual(status, ARGUMENT)
         self.assertIsNone(other.value)
+        self.assertEqual(orbiq.orbiq_tagger_set_logging_mode(self.tagger, 7), OK)
+        self.assertEqual(orbiq.orbiq_tagger_set_logging_mode(self.tagger, 2), OK)
         orbiq.orbiq_host_free(host)
         texts = {orbiq.orbiq_status_text(status) for status in range(-7, 2)}
         self.assertEqual(len(texts | {orbiq.orbiq_status_text(99)}), 10)
         self.assertRegex(orbiq.orbiq_version(), rb"^orbiq \d+\.\d+\.\d+$")
 
     def test_the_device_identifier_is_kept_reset_and_missed(self):
+        self.assertEqual(text_of(orbiq.orbiq_device_identifier_replace), (KEYCHAIN, b"", 0))
+        made = text_of(orbiq.orbiq_device_identifier)
+        replaced = text_of(orbiq.orbiq_device_identifier_replace)
         first = text_of(orbiq.orbiq_device_identifier)
+        self.assertEqual(first, replaced)
+        self.assertNotEqual(first[1], made[1])
         self.assertEqual((first[0], first[2]), (OK, 36))
         self.assertEqual(text_of(orbiq.orbiq_device_identifier), first)
         self.assertEqual(orbiq.orbiq_device_identifier_reset(), OK)

@@ -3,7 +3,9 @@
 
 #include <filesystem>
 #include <regex>
+#include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
@@ -15,16 +17,13 @@ namespace {
 
 constexpr char kNoServer[] = "http://127.0.0.1:9/";
 
-/// The parameters of the hits in the queue, out of the requests file.
-std::vector<Parameters> queuedParameters(Application& application, std::size_t hits) {
+/// The hits in the queue, out of the requests file.
+RequestQueue queuedHits(Application& application, std::size_t hits) {
   EXPECT_TRUE(application.log().waitFor("We have now " + std::to_string(hits) + " request"));
   const std::string path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
   std::filesystem::copy_file(path, path + ".copy",
                              std::filesystem::copy_options::overwrite_existing);
-  std::vector<Parameters> all;
-  RequestsFile reader;
-  for (const auto& request : reader.load(path + ".copy")) all.push_back(*request->parameters());
-  return all;
+  return RequestsFile().load(path + ".copy");
 }
 
 TEST(AudienceTagger, ComposesAHit) {
@@ -36,8 +35,6 @@ TEST(AudienceTagger, ComposesAHit) {
   EXPECT_TRUE(tagger->useIDFA());
   EXPECT_EQ(tagger->loggingMode(), LoggingModeError);
   EXPECT_EQ(orbiqLogger::sharedLogger().loggingMode(), LoggingModeInfo);
-  tagger->setNewLevel1("ignored");
-  tagger->setMediaChannel("ignored");
   tagger->sendHit();
   shared.setString("");
   tagger->sendHit();
@@ -47,8 +44,12 @@ TEST(AudienceTagger, ComposesAHit) {
   Application::tagger("")->sendHit();
   Application::tagger("DEF")->sendHit();
 
-  const auto hits = queuedParameters(application, 5);
-  ASSERT_EQ(hits.size(), 5U);
+  const RequestQueue requests = queuedHits(application, 5);
+  ASSERT_EQ(requests.size(), 5U);
+  EXPECT_EQ(requests[0]->serial(), "ABC");
+  EXPECT_EQ(requests[4]->serial(), "DEF");
+  std::vector<Parameters> hits;
+  for (const auto& request : requests) hits.push_back(*request->parameters());
   const auto with = [&](std::size_t hit, Parameters rest) {
     rest.emplace("n", hits[hit].at("n"));
     rest.emplace("tn", "on-ios");
@@ -127,18 +128,37 @@ TEST(AudienceTagger, GuardedInsertion) {
 
 TEST(Tagger, SettingsAreSharedTextsAndTheThresholdIsTheLibrarys) {
   const Application application(kNoServer);
+  using T = orbiqTagger;
+  constexpr std::tuple<String (T::*)() const, void (T::*)(String)> kTexts[] = {
+      {&T::theNewLevel1, &T::setNewLevel1},       {&T::theNewLevel2, &T::setNewLevel2},
+      {&T::theNewLevel3, &T::setNewLevel3},       {&T::theNewLevel4, &T::setNewLevel4},
+      {&T::theNewLevel5, &T::setNewLevel5},       {&T::theNewLevel6, &T::setNewLevel6},
+      {&T::theNewLevel7, &T::setNewLevel7},       {&T::theNewLevel8, &T::setNewLevel8},
+      {&T::theNewLevel9, &T::setNewLevel9},       {&T::theNewLevel10, &T::setNewLevel10},
+      {&T::theNewLevel11, &T::setNewLevel11},     {&T::mediaContentId, &T::setMediaContentId},
+      {&T::mediaDiffMode, &T::setMediaDiffMode},  {&T::mediaChannel, &T::setMediaChannel},
+      {&T::netMeasurement, &T::setNetMeasurement}};
   MutableString text("before");
   orbiqAudienceTagger tagger(text);
-  tagger.setNewLevel3(text);
-  tagger.setNetMeasurement("x");
-  tagger.setNetMeasurement(nullptr);
+  std::vector<MutableString> texts(std::size(kTexts));
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const auto& [get, set] = kTexts[i];
+    EXPECT_EQ((tagger.*get)(), nullptr);
+    (tagger.*set)(texts[i]);
+    texts[i].setString(std::to_string(i));
+  }
   text.setString("after");
-  EXPECT_EQ(tagger.theNewLevel3(), "after");
+  for (std::size_t i = 0; i < texts.size(); ++i) {
+    const auto& [get, set] = kTexts[i];
+    EXPECT_EQ((tagger.*get)(), std::to_string(i));
+    (tagger.*set)(nullptr);
+    EXPECT_EQ((tagger.*get)(), nullptr);
+  }
   EXPECT_EQ(tagger.serial(), "before");
-  EXPECT_EQ(tagger.netMeasurement(), nullptr);
   EXPECT_EQ(tagger.customerData(), nullptr);
   EXPECT_FALSE(tagger.canSend());
   tagger.setLoggingMode(LoggingModeWarning);
+  EXPECT_EQ(tagger.loggingMode(), LoggingModeWarning);
   EXPECT_EQ(orbiqLogger::sharedLogger().loggingMode(), LoggingModeWarning);
   EXPECT_EQ(Application::tagger("late")->loggingMode(), LoggingModeError);
   EXPECT_EQ(orbiqLogger::sharedLogger().loggingMode(), LoggingModeWarning);

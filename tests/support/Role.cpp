@@ -47,11 +47,13 @@ std::vector<char*> pointersTo(std::vector<std::string>& words) {
   return pointers;
 }
 
-RoleProcess::RoleProcess(const std::string& role, const std::vector<std::string>& arguments) {
+RoleProcess::RoleProcess(const std::string& role, const std::vector<std::string>& arguments,
+                         const std::string& program) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
   // Resolved here: for an emulated program the kernel's link leads to the emulator.
-  std::vector<std::string> words = commandOf(std::filesystem::read_symlink("/proc/self/exe"));
+  std::vector<std::string> words = commandOf(
+      program.empty() ? std::filesystem::read_symlink("/proc/self/exe").string() : program);
   words.insert(words.end(), {"--role", role});
   words.insert(words.end(), arguments.begin(), arguments.end());
   const std::vector<char*> argv = pointersTo(words);

@@ -21,10 +21,12 @@ std::vector<std::string> commandOf(const std::string& program);
 /// The words as `exec` takes them; valid as long as they are.
 std::vector<char*> pointersTo(std::vector<std::string>& words);
 
-/// This program, run again in a role. Its standard output can be read line by line.
+/// This program, or a copy of it, run again in a role. Its standard output can be read line by
+/// line.
 class RoleProcess {
  public:
-  RoleProcess(const std::string& role, const std::vector<std::string>& arguments);
+  RoleProcess(const std::string& role, const std::vector<std::string>& arguments,
+              const std::string& program = {});
   /// Kills what still runs.
   ~RoleProcess();
   RoleProcess(const RoleProcess&) = delete;

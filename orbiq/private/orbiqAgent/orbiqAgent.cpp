@@ -72,11 +72,12 @@ void orbiqAgent::makeParts() {
   orbiqSerialAccess.reserve(3);
   orbiqAudienceTaggers.reserve(3);
   if (!requestSender) {
-    requestSender = std::make_unique<orbiq::SerialQueue>("orbiqRequestSender");
+    requestSender = std::make_unique<orbiq::SerialQueue>(
+        "orbiqRequestSender", std::function<void()>(), orbiq::WorkKind::Background);
   }
   if (!requestHandler) {
-    requestHandler =
-        std::make_unique<orbiq::SerialQueue>("orbiqRequestHandler", [this] { rest(); });
+    requestHandler = std::make_unique<orbiq::SerialQueue>(
+        "orbiqRequestHandler", [this] { rest(); }, orbiq::WorkKind::Background);
   }
   {
     const orbiq::Lock lock(requestsProtector);

@@ -194,7 +194,7 @@ bool orbiqAgent::authorize(orbiqRequest& request) try {
 }
 
 orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& url) {
-  const orbiq::HttpResult result = orbiq::Platform::httpClient().send(
+  const orbiq::HttpResult result = orbiq::Platform::send(
       {url, orbiq::DeviceContext::userAgent(), orbiq::Platform::current().hitTimeout});
   const std::optional<HitFate> fate = SendingRules::fateAfter(
       result.response ? std::optional(result.response->status) : std::nullopt);

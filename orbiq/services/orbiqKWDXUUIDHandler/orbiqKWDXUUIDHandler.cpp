@@ -1,5 +1,7 @@
 #include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
 
+#include <cxxabi.h>
+
 #include <exception>
 #include <string>
 
@@ -38,6 +40,8 @@ template <class Call>
 auto ask(const Call& call) -> decltype(call(Platform::currentKeychain())) {
   try {
     return call(Platform::currentKeychain());
+  } catch (const abi::__forced_unwind&) {
+    throw;  // the caller's thread was cancelled
   } catch (...) {
     return {errSecNotAvailable};
   }

@@ -22,6 +22,7 @@ std::string_view nameOf(orbiq::LoggingMode mode) {
 }  // namespace
 
 orbiqLogger& orbiqLogger::sharedLogger() {
+  // It needs no making, which a forked child might find half done, and no destructor.
   static constinit orbiqLogger logger;
   return logger;
 }

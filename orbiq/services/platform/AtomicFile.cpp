@@ -51,7 +51,7 @@ int AtomicFile::Version::write(std::string_view bytes, bool synced) {
 }
 
 int AtomicFile::Version::flush() const {
-  const int another = dup(_descriptor.number());
+  const int another = fcntl(_descriptor.number(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   return another < 0 || ::close(another) == 0 ? 0 : errno;
 }
 

@@ -10,6 +10,8 @@
 #include <string>
 #include <thread>
 
+#include "orbiq/services/platform/Descriptor.h"
+
 namespace orbiq {
 
 /// A lock between threads and processes for the length of a scope, on a file of its own. All of it
@@ -18,8 +20,8 @@ class BriefLock {
  public:
   /// Takes the name as `openat` does. Waits for at most `limit`: the holder may have been stopped.
   BriefLock(int directory, const std::string& name, std::chrono::milliseconds limit)
-      : _file(openat(directory, name.c_str(),
-                     O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)) {
+      : _file(aboveStandard(openat(directory, name.c_str(),
+                                   O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600))) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     std::chrono::milliseconds pause{1};
     while (_file >= 0 && !_isHeld) {

@@ -1,5 +1,6 @@
 #include <curl/curl.h>
 #include <strings.h>
+#include <sys/auxv.h>
 #include <sys/socket.h>
 
 #include <algorithm>
@@ -9,6 +10,7 @@
 #include <new>
 #include <utility>
 
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/HttpClient.h"
 #include "orbiq/services/platform/KeptConnection.h"
 #include "orbiq/services/platform/Mutex.h"
@@ -54,7 +56,8 @@ struct Hop {
 };
 
 curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
-  const int number = socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol);
+  const int number =
+      aboveStandard(socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
   Hop& hop = *static_cast<Hop*>(user);
   if (number < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
     hop.shortage = "no descriptor is left for a connection";
@@ -217,7 +220,10 @@ CurlHttpClient::~CurlHttpClient() {
 /// What cannot be made now is made at the next send.
 bool CurlHttpClient::make() {
   if (!prepareHttpForProcess()) return false;
-  if (_multi == nullptr) _multi = curl_multi_init();
+  if (_multi == nullptr) {
+    const StandardNumbersHeld held;  // libcurl opens what wakes it
+    _multi = curl_multi_init();
+  }
   if (_easy == nullptr) _easy = curl_easy_init();
   if (_headers == nullptr) _headers = unwantedHeaders();
   return _easy != nullptr && _headers != nullptr &&
@@ -318,6 +324,8 @@ void CurlHttpClient::setConstantOptions() {
   set(CURLOPT_SSLVERSION, long{CURL_SSLVERSION_TLSv1_2});  // or later
   set(CURLOPT_SSL_VERIFYPEER, 1L);
   set(CURLOPT_SSL_VERIFYHOST, 2L);
+  // A set-user-id program's environment is its caller's.
+  if (getauxval(AT_SECURE) != 0) set(CURLOPT_PROXY, "");
   if (!_caBundle.empty()) {
     set(CURLOPT_CAINFO, _caBundle.c_str());
     set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
@@ -392,7 +400,6 @@ bool prepareHttpForProcess() try {
 }
 
 std::unique_ptr<HttpClient> makeHttpClient(const std::string& caBundle) {
-  prepareHttpForProcess();
   return std::make_unique<CurlHttpClient>(caBundle);
 }
 

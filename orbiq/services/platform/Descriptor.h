@@ -1,5 +1,9 @@
 #pragma once
 
+#include <errno.h>
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <cstddef>
 #include <optional>
 #include <string>
@@ -8,11 +12,49 @@
 
 namespace orbiq {
 
+/// The descriptor, or in its place one above those of standard input, output and error: where the
+/// host has closed these, what anybody writes there must not land in a file of the library's. Takes
+/// over the one it is given; -1, with the cause in `errno`, if it is none or cannot be moved. Here,
+/// as more than one library is built with it.
+inline int aboveStandard(int number) {
+  if (number < 0 || number > STDERR_FILENO) return number;
+  const int moved = fcntl(number, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int failure = errno;
+  ::close(number);
+  errno = failure;
+  return moved;
+}
+
+/// Takes the numbers of standard input, output and error for the length of a scope, as far as they
+/// are free, for what opens descriptors out of our sight.
+class StandardNumbersHeld {
+ public:
+  StandardNumbersHeld() {
+    int number = 0;
+    do {
+      number = open("/dev/null", O_RDWR | O_CLOEXEC);
+      if (number >= 0 && number <= STDERR_FILENO) _isHeld[number] = true;
+    } while (number >= 0 && number <= STDERR_FILENO);
+    if (number >= 0) ::close(number);
+  }
+  ~StandardNumbersHeld() {
+    for (int number = 0; number <= STDERR_FILENO; ++number) {
+      if (_isHeld[number]) ::close(number);
+    }
+  }
+  StandardNumbersHeld(const StandardNumbersHeld&) = delete;
+  StandardNumbersHeld& operator=(const StandardNumbersHeld&) = delete;
+
+ private:
+  bool _isHeld[STDERR_FILENO + 1] = {};
+};
+
 /// An open file, closed with its owner.
 class Descriptor {
  public:
   Descriptor() = default;
-  explicit Descriptor(int number) : _number(number) {}
+  /// Moves it above those of standard input, output and error.
+  explicit Descriptor(int number) : _number(aboveStandard(number)) {}
   ~Descriptor();
   Descriptor(Descriptor&& other) noexcept { swap(other); }
   Descriptor& operator=(Descriptor other) noexcept {

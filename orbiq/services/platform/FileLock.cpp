@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/Mutex.h"
 
 namespace orbiq {

@@ -54,7 +54,7 @@ std::string executableName() {
 }
 
 void setFromEnvironment(String& field, const char* variable) {
-  const char* const value = std::getenv(variable);
+  const char* const value = secure_getenv(variable);
   if (field.isNull() && value != nullptr && *value != '\0') field = value;
 }
 

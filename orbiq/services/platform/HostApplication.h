@@ -17,7 +17,7 @@ namespace orbiq {
 using GraphicsFloat = std::conditional_t<sizeof(void*) == 8, double, float>;
 
 /// The main screen. Width and height are in points; `nativeScale`, where the device tells it,
-/// counts instead of `scale`.
+/// counts instead of `scale`. A scale that is 0 or less, or no number, is taken as 1.
 struct Screen {
   GraphicsFloat width = 0;   ///< in points
   GraphicsFloat height = 0;  ///< in points

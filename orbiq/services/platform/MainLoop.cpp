@@ -15,6 +15,7 @@
 #include <new>
 #include <utility>
 
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/NeverDestroyed.h"
@@ -111,9 +112,9 @@ struct MainLoop::State {
 
 bool MainLoop::State::openDescriptors() {
   if (epoll >= 0) return true;
-  const int newEpoll = epoll_create1(EPOLL_CLOEXEC);
-  const int newEvent = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-  const int newAlarm = timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
+  const int newEpoll = aboveStandard(epoll_create1(EPOLL_CLOEXEC));
+  const int newEvent = aboveStandard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  const int newAlarm = aboveStandard(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
   const bool complete = newEpoll >= 0 && newEvent >= 0 && newAlarm >= 0 &&
                         addToEpoll(newEpoll, newEvent, static_cast<std::uint64_t>(newEvent)) &&
                         addToEpoll(newEpoll, newAlarm, static_cast<std::uint64_t>(newAlarm));

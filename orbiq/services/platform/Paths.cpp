@@ -18,7 +18,7 @@ namespace {
 
 std::string absoluteFromEnvironment(const char* variable) {
   // A relative path would lead into whatever the working directory happens to be.
-  const char* const value = std::getenv(variable);
+  const char* const value = secure_getenv(variable);
   return value != nullptr && *value == '/' ? value : std::string();
 }
 

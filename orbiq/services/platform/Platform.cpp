@@ -1,10 +1,12 @@
 #include "orbiq/services/platform/Platform.h"
 
+#include <exception>
 #include <utility>
 
 #include "orbiq/services/platform/FileKeychain.h"
 #include "orbiq/services/platform/HostApplication.h"
 #include "orbiq/services/platform/NeverDestroyed.h"
+#include "orbiq/services/platform/OfThisThread.h"
 #include "orbiq/services/platform/Paths.h"
 
 namespace orbiq {
@@ -20,6 +22,8 @@ class NoKeychain final : public Keychain {
   }
   KeychainStatus deleteMatching(const KeychainQuery&) override { return errSecNotAvailable; }
 };
+/// None of libcurl's.
+constexpr int kNoClient = -1;
 
 Platform withRealParts(Platform platform) {
   if (!platform.clock) platform.clock = std::make_shared<SystemClock>();
@@ -55,9 +59,20 @@ const Platform& Platform::current() {
   return only({}, ignored);
 }
 
-HttpClient& Platform::httpClient() {
-  thread_local const std::unique_ptr<HttpClient> client = current().makeHttpClient();
-  return *client;
+HttpResult Platform::send(const HttpRequest& request) {
+  struct Client {
+    std::unique_ptr<HttpClient> kept;
+  };
+  Client forThisOne;
+  Client* client = ofThisThread<Client>();
+  if (client == nullptr) client = &forThisOne;
+  try {
+    if (!client->kept) client->kept = current().makeHttpClient();
+  } catch (const std::exception&) {
+    // Out of memory, most likely.
+  }
+  if (!client->kept) return {{}, {}, HttpError{kNoClient, "out of memory", true}};
+  return client->kept->send(request);
 }
 
 Keychain& Platform::currentKeychain() {

@@ -29,8 +29,10 @@ struct Platform {
   static const Platform& current();
 
   static Date now() { return current().clock->now(); }
-  /// The calling thread's own client, which keeps its connection.
-  static HttpClient& httpClient();
+  /// Sends by the calling thread's own client, which keeps its connection; by one for this request
+  /// alone where a thread that is ending has destroyed its own. A client that cannot be made is an
+  /// error of this request, and the next one tries again.
+  static HttpResult send(const HttpRequest& request);
   /// The keychain to use. Where it comes from or gets its place from the description of the
   /// application, that is settled by the call.
   static Keychain& currentKeychain();

@@ -19,10 +19,12 @@ constexpr std::chrono::seconds kIdleTime{2};
 }  // namespace
 
 struct SerialQueue::State {
-  State(std::string text, Task idleTask) : label(std::move(text)), onIdle(std::move(idleTask)) {}
+  State(std::string text, Task idleTask, WorkKind workKind)
+      : label(std::move(text)), onIdle(std::move(idleTask)), kind(workKind) {}
 
   const std::string label;
   const Task onIdle;
+  const WorkKind kind;
   Condition condition;
   std::deque<Task> tasks ORBIQ_GUARDED_BY(condition);
   /// Somebody, normally the queue's thread, runs the tasks until there is none.
@@ -36,7 +38,8 @@ struct SerialQueue::State {
   /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
   static bool attend(const std::shared_ptr<State>& state) ORBIQ_REQUIRES(state->condition) try {
     if (!state->attended) {
-      state->attended = startThread(state->label, [state] { state->runTasks(kIdleTime); }) == 0;
+      const auto run = [state] { state->runTasks(kIdleTime); };
+      state->attended = startThread(state->label, run, state->kind) == 0;
     }
     return state->attended;
   } catch (const std::bad_alloc&) {
@@ -69,8 +72,8 @@ struct SerialQueue::State {
   }
 };
 
-SerialQueue::SerialQueue(std::string label, std::function<void()> onIdle)
-    : _state(std::make_shared<State>(std::move(label), std::move(onIdle))) {}
+SerialQueue::SerialQueue(std::string label, std::function<void()> onIdle, WorkKind kind)
+    : _state(std::make_shared<State>(std::move(label), std::move(onIdle), kind)) {}
 
 SerialQueue::~SerialQueue() {
   if (inForkedChild()) return;

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/WorkKind.h"
 
 namespace orbiq {
 
@@ -15,9 +16,11 @@ namespace orbiq {
 /// Thread-safe. In a forked child nothing runs.
 class ORBIQ_EXPORT SerialQueue {
  public:
-  /// The label becomes the thread's name. `onIdle` runs like a task, as the last one before the
-  /// thread ends for want of others; not any more when the queue is being destroyed.
-  explicit SerialQueue(std::string label, std::function<void()> onIdle = {});
+  /// The label becomes the thread's name, the kind says how it is scheduled. `onIdle` runs like a
+  /// task, as the last one before the thread ends for want of others; not any more when the queue
+  /// is being destroyed.
+  explicit SerialQueue(std::string label, std::function<void()> onIdle = {},
+                       WorkKind kind = WorkKind::Prompt);
   /// Returns at once; never waits for tasks, so a task may destroy its own queue.
   ~SerialQueue();
   SerialQueue(const SerialQueue&) = delete;

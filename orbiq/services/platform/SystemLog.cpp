@@ -1,20 +1,25 @@
 #include "orbiq/services/platform/SystemLog.h"
 
+#include <cxxabi.h>
 #include <errno.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <memory>
+#include <new>
 #include <utility>
 #include <vector>
 
 #include "orbiq/services/platform/Clock.h"
+#include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/ProcessExit.h"
+#include "orbiq/services/platform/StandardError.h"
 
 namespace orbiq {
 namespace {
@@ -25,25 +30,48 @@ Mutex sinkLock;
 // still be on its way to them.
 std::atomic<const LogSink*> currentSink{nullptr};
 
+/// In UTC, without the C library, whose functions for that all take its lock.
+std::tm universalTime(std::time_t time) {
+  using namespace std::chrono;
+  const sys_seconds moment{seconds(time)};
+  const auto midnight = floor<days>(moment);
+  const year_month_day date(midnight);
+  const hh_mm_ss clock(moment - midnight);
+  std::tm parts{};
+  parts.tm_year = static_cast<int>(date.year()) - 1900;
+  parts.tm_mon = static_cast<int>(static_cast<unsigned>(date.month())) - 1;
+  parts.tm_mday = static_cast<int>(static_cast<unsigned>(date.day()));
+  parts.tm_hour = static_cast<int>(clock.hours().count());
+  parts.tm_min = static_cast<int>(clock.minutes().count());
+  parts.tm_sec = static_cast<int>(clock.seconds().count());
+  return parts;
+}
+
 std::string prefix(const Date& time) {
   const double seconds = std::floor(time.secondsSince1970());
   const auto milliseconds = static_cast<int>((time.secondsSince1970() - seconds) * 1000);
   const auto whole = static_cast<std::time_t>(seconds);
-  std::tm local{};
-  localtime_r(&whole, &local);
-  char stamp[32];
-  std::strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
-  char text[128];
-  std::snprintf(text, sizeof text, "%s.%03d %.40s[%ld:%ld] ", stamp, milliseconds,
-                program_invocation_short_name, static_cast<long>(getpid()), syscall(SYS_gettid));
+  // In a forked child the lock of the time zone may be held by a thread that is not there.
+  const bool isLocal = !inForkedChild();
+  std::tm parts{};
+  if (isLocal) {
+    localtime_r(&whole, &parts);
+  } else {
+    parts = universalTime(whole);
+  }
+  char text[160];
+  std::snprintf(text, sizeof text, "%d-%02d-%02d %02d:%02d:%02d.%03d%s %.40s[%ld:%ld] ",
+                parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
+                parts.tm_sec, milliseconds, isLocal ? "" : "Z", program_invocation_short_name,
+                static_cast<long>(getpid()), syscall(SYS_gettid));
   return text;
 }
 
-void writeToStandardError(std::string_view text, const Date& time) {
-  std::string line = prefix(time);
-  line.append(text).append("\n");
+void print(std::string_view text, const Date& time) try {
   // A log that cannot be written has nowhere to say so.
-  [[maybe_unused]] const ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+  writeToStandardError(prefix(time).append(printable(text)).append("\n"));
+} catch (const std::bad_alloc&) {
+  writeToStandardError("(ERROR) : There is not enough memory for a line of the log\n");
 }
 
 }  // namespace
@@ -56,11 +84,13 @@ void SystemLog::write(LoggingMode mode, std::string_view text) {
   if (const LogSink* const sink = currentSink.load(std::memory_order_acquire)) {
     try {
       (*sink)(LogLine{mode, text, now});
+    } catch (const abi::__forced_unwind&) {
+      throw;  // the sink's thread was cancelled
     } catch (...) {
-      writeToStandardError("(ERROR) : The log sink threw an exception", now);
+      print("(ERROR) : The log sink threw an exception", now);
     }
   } else {
-    writeToStandardError(text, now);
+    print(text, now);
   }
   errno = savedError;
 }

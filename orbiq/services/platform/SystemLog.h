@@ -24,14 +24,16 @@ struct LogLine {
 /// Takes the library's log lines instead of standard error, from any thread, several at once. The
 /// thread that logs may hold the lock of the request queue (additions, sends) or of the tagger
 /// factory and be in the middle of making the agent: a sink must return soon, must not call the
-/// library, and must not wait for a thread that does.
+/// library, and must not wait for a thread that does. What it throws is dropped. A thread of the
+/// host's may be cancelled in it; one of the library's never is, and a sink must not end it.
 using LogSink = std::function<void(const LogLine&)>;
 
 /// The system log.
-class SystemLog {
+class ORBIQ_EXPORT SystemLog {
  public:
-  /// Writes a line to the sink or else to standard error, there with a time stamp and a process
-  /// tag, in one write. Any thread.
+  /// Writes a line to the sink or else to standard error, there behind a time stamp and a process
+  /// tag, with control characters escaped, and never waiting for a reader for more than a quarter
+  /// of a second. In a forked child the time is UTC, marked by "Z". Any thread.
   static void write(LoggingMode mode, std::string_view text);
   /// Installs a sink; an empty one restores standard error. Any thread.
   static void setSink(LogSink sink);

@@ -1,5 +1,6 @@
 #include "orbiq/services/platform/Thread.h"
 
+#include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -34,20 +35,23 @@ thread_local bool libraryThread = false;
 struct Start {
   std::string name;
   std::function<void()> body;
+  WorkKind kind;
 };
 
-/// In the background: neither with the priority of whoever started the thread, which would be
-/// inherited, nor, when it is woken, in the place of whoever wakes it. Where that is not allowed,
-/// it stays so.
-void stepBack() {
+/// The policy and priority of whoever started the thread would be inherited. Where another one is
+/// not allowed, it stays so.
+void setPolicy(WorkKind kind) {
   const sched_param none{};
-  pthread_setschedparam(pthread_self(), SCHED_BATCH, &none);
+  pthread_setschedparam(pthread_self(), kind == WorkKind::Background ? SCHED_BATCH : SCHED_OTHER,
+                        &none);
 }
 
 void* runThread(void* argument) {
   std::unique_ptr<Start> start(static_cast<Start*>(argument));
   libraryThread = true;
-  stepBack();
+  setPolicy(start->kind);
+  // Nobody would do its work.
+  pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, nullptr);
   pthread_setname_np(pthread_self(), start->name.c_str());
   start->body();
   return nullptr;
@@ -55,10 +59,10 @@ void* runThread(void* argument) {
 
 }  // namespace
 
-int startThread(const std::string& label, std::function<void()> body) try {
+int startThread(const std::string& label, std::function<void()> body, WorkKind kind) try {
   // Threads do not come along into a forked child, so from here on such a child must keep still.
   armForkGuard();
-  auto start = std::make_unique<Start>(Start{label.substr(0, kLongestName), std::move(body)});
+  auto start = std::make_unique<Start>(Start{label.substr(0, kLongestName), std::move(body), kind});
 
   pthread_attr_t attributes;
   int error = pthread_attr_init(&attributes);
@@ -83,9 +87,11 @@ int startThread(const std::string& label, std::function<void()> body) try {
 
 bool isLibraryThread() noexcept { return libraryThread; }
 
-void runTask(const std::function<void()>& task) noexcept {
+void runTask(const std::function<void()>& task) {
   try {
     if (task) task();
+  } catch (const abi::__forced_unwind&) {
+    throw;
   } catch (...) {
   }
 }

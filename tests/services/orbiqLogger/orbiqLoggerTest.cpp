@@ -50,11 +50,18 @@ TEST(Logger, PrintsWhatReachesTheThreshold) {
 TEST(Logger, WritesToStandardErrorWithoutASink) {
   testing::internal::CaptureStderr();
   orbiqLogger::log_withMode("one", LoggingModeError);
+  const std::string hostile("\x1b[2J\a\0\r\x7f\n\t\u00e9\u0085\xff", 15);
+  SystemLog::write(LoggingModeError, hostile);
+  std::string handedOn;
+  SystemLog::setSink([&](const LogLine& line) { handedOn = line.text; });
+  SystemLog::write(LoggingModeError, hostile);
+  EXPECT_EQ(handedOn, hostile);
   SystemLog::setSink([](const LogLine&) { throw std::runtime_error("host"); });
   orbiqLogger::log_withMode("two", LoggingModeError);
   const std::string written = testing::internal::GetCapturedStderr();
   const std::regex expected(
       "[0-9-]+ [0-9:]+\\.[0-9]+ orbiq_tests\\[[0-9]+:[0-9]+\\] \\(ERROR\\) : one\n"
+      ".* \\\\x1B\\[2J\\\\x07\\\\x00\\\\x0D\\\\x7F\n\t\u00e9\\\\u0085\\\\xFF\n"
       ".*\\(ERROR\\) : The log sink threw an exception\n");
   EXPECT_TRUE(std::regex_match(written, expected)) << written;
 }

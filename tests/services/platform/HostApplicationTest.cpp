@@ -134,6 +134,11 @@ TEST(DeviceContext, ScreenDiagonal) {
   EXPECT_NEAR(diagonal({}), 3.54, 0.005);
   EXPECT_NEAR(diagonal(1), 4.37, 0.005);
   EXPECT_NEAR(diagonal(2), 4.37, 0.005);
+  for (const double scale : {0.0, -1.0, std::nan(""), HUGE_VAL}) {
+    host.mainScreen =
+        Screen{.width = 320, .height = 480, .scale = static_cast<GraphicsFloat>(scale)};
+    EXPECT_NEAR(diagonal(0), 3.54, 0.005) << scale;
+  }
 }
 
 TEST(DeviceContext, AdvertisingIdentifier) {

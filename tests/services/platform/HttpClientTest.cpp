@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/Platform.h"
 #include "tests/support/HttpExpectations.h"
 #include "tests/support/NameLookups.h"
 #include "tests/support/ScriptedServer.h"
@@ -388,6 +389,21 @@ TEST_F(HttpClientTest, neverLeavesTls) {
   expectNotFollowed(secure->send(requestFor(up.url())), "stay",
                     "the redirect leads from https to http");
   EXPECT_EQ(open.requests().size(), 0u);
+}
+
+TEST(PlatformTest, AClientThatCouldNotBeMadeIsMadeAtTheNextSend) {
+  const ScriptedServer server([](const std::string&) { return answer(200); });
+  int made = 0;
+  ASSERT_EQ(Platform::install({.makeHttpClient = [&]() -> std::unique_ptr<HttpClient> {
+              if (++made == 1) return nullptr;
+              if (made == 2) throw std::bad_alloc();
+              return makeHttpClient("");
+            }}),
+            nullptr);
+  for (int i = 0; i < 2; ++i) expectNothing(Platform::send(requestFor(server.url())));
+  for (int i = 0; i < 2; ++i) expectData(Platform::send(requestFor(server.url())), 200, "");
+  EXPECT_EQ(made, 3);
+  EXPECT_EQ(server.connectionCount(), 1U);
 }
 
 }  // namespace

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <sched.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <unistd.h>
@@ -66,7 +65,6 @@ TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
       char name[16];
       pthread_getname_np(pthread_self(), name, sizeof name);
       EXPECT_STREQ(name, "com.vorlune.rea");
-      EXPECT_EQ(sched_getscheduler(0), SCHED_BATCH);
       sigset_t blocked;
       pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
       for (const int signal : {SIGTERM, SIGINT, SIGALRM, SIGPIPE, SIGCHLD, SIGUSR1}) {

@@ -1,10 +1,13 @@
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
 
+#include <cxxabi.h>
+
 #include <cmath>
 #include <cstdint>
 #include <string>
 
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/OfThisThread.h"
 #include "orbiq/services/platform/Random.h"
 
 namespace orbiq {
@@ -53,17 +56,20 @@ String DeviceContext::appleDID() {
   try {
     // No tracking preference is consulted and nothing stands in for a missing identifier: meant.
     identifier = advertisingIdentifier().copy();
+  } catch (const abi::__forced_unwind&) {
+    throw;  // its thread was cancelled
   } catch (...) {
     orbiqLogger::log_withMode("The advertising identifier's provider threw an exception",
                               LoggingModeError);
     return nullptr;
   }
   // Mostly the text that was there before: then the requests that wait share one.
-  thread_local String last;
-  if (identifier == last) {
-    identifier = last;
-  } else {
-    last = identifier;
+  if (String* const last = ofThisThread<String>()) {
+    if (identifier == *last) {
+      identifier = *last;
+    } else {
+      *last = identifier;
+    }
   }
   orbiqLogger::log_withMode([&] { return "Using did : " + identifier.description(); },
                             LoggingModeInfo);
@@ -81,9 +87,10 @@ Parameters DeviceContext::defaultParametersForRequest() {
 
 GraphicsFloat DeviceContext::screenDiagonal() {
   const HostDescription& host = HostApplication::current();
-  // No screen has no size; its scale of 1 keeps the quotient a number.
+  // No screen has no size. A scale of 1 keeps the quotient a number, also where none was told.
   const Screen screen = host.mainScreen.value_or(Screen{});
-  const GraphicsFloat scale = screen.nativeScale.value_or(screen.scale);
+  const GraphicsFloat told = screen.nativeScale.value_or(screen.scale);
+  const GraphicsFloat scale = told > 0 && std::isfinite(told) ? told : 1;
   const bool isPhone = host.userInterfaceIdiom.value_or(kPhone) == kPhone;
   const GraphicsFloat pixelsPerInch = isPhone ? 163 : 132;
   // The scale cancels; that it is carried through is meant.

@@ -1,0 +1,178 @@
+// The process that the library is a guest in: its descriptors, signals, environment, scheduling.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <future>
+#include <iostream>
+#include <map>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orbiq/services/platform/Paths.h"
+#include "tests/support/Application.h"
+#include "tests/support/HttpExpectations.h"
+#include "tests/support/Role.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace orbiq::test {
+namespace {
+
+/// Standard error is a pipe of one page meanwhile.
+struct ErrorPipe {
+  explicit ErrorPipe(int flags) {
+    if (pipe2(ends, O_CLOEXEC) != 0 || dup2(ends[1], STDERR_FILENO) != STDERR_FILENO) std::abort();
+    fcntl(ends[1], F_SETPIPE_SZ, 4096);
+    fcntl(ends[1], F_SETFL, O_WRONLY | flags);
+    close(ends[1]);
+  }
+  ~ErrorPipe() {
+    dup2(before, STDERR_FILENO);
+    close(before);
+    close(ends[0]);
+  }
+  std::string read() const {
+    std::string text(65'536, '\0');
+    const ssize_t count = ::read(ends[0], text.data(), text.size());
+    text.resize(count > 0 ? static_cast<std::size_t>(count) : 0);
+    return text;
+  }
+  const int before = dup(STDERR_FILENO);
+  int ends[2];
+};
+
+TEST(HostProcess, ALineToAPipeWithoutAReaderRaisesNoSignal) {
+  const ErrorPipe pipe(0);
+  close(pipe.ends[0]);
+  sigset_t signals;
+  SystemLog::write(LoggingModeError, "ends the process, if the signal is raised");
+  pthread_sigmask(SIG_BLOCK, nullptr, &signals);
+  EXPECT_EQ(sigismember(&signals, SIGPIPE), 0);
+  // One that the host has pending stays, and none is added where there is none.
+  sigaddset(&signals, SIGPIPE);
+  pthread_sigmask(SIG_SETMASK, &signals, nullptr);
+  for (const int pending : {0, 1}) {
+    if (pending == 1) raise(SIGPIPE);
+    SystemLog::write(LoggingModeError, "line");
+    sigpending(&signals);
+    EXPECT_EQ(sigismember(&signals, SIGPIPE), pending);
+  }
+}
+
+TEST(HostProcess, AFullPipeHoldsUpNoLineForEverAndCutsNoneInSilence) {
+  const std::string longLine(10'000, 'x');
+  for (const int flags : {0, O_NONBLOCK}) {
+    ErrorPipe pipe(flags);
+    std::promise<std::string> arrived;
+    std::jthread reader([&] {
+      std::string text;
+      while (!text.ends_with('\n')) text += pipe.read();
+      arrived.set_value(text);
+    });
+    SystemLog::write(LoggingModeError, longLine);
+    EXPECT_NE(arrived.get_future().get().find(" " + longLine + "\n"), std::string::npos);
+    reader.join();
+    for (int i = 0; i < 3; ++i) SystemLog::write(LoggingModeError, longLine);  // to nobody
+    const std::string cut = pipe.read();
+    SystemLog::write(LoggingModeError, "next");
+    EXPECT_TRUE(cut.ends_with("xxx"));
+    const std::string next = pipe.read();
+    EXPECT_TRUE(next.starts_with(" [cut short]\n2")) << next;
+    EXPECT_TRUE(next.ends_with("] next\n")) << next;
+  }
+}
+
+/// Without descriptors 0 to 2, as a daemon may be started; none of the library's may take them.
+const RoleRegistration kClosed("without-standard-descriptors", [](const auto& arguments) {
+  const auto source = makeRouteReachabilitySource();
+  for (const int number : {0, 1, 2}) close(number);
+  Application application(arguments.at(0), [&](HostDescription&, Platform& platform) {
+    platform.reachabilitySource = source;
+  });
+  Application::tagger("ABC")->sendHit();
+  if (!application.log().waitFor("We have now 0 request(s) to handle")) return 1;
+  const bool isKept = !orbiqKWDXUUIDHandler::UUID().isNull();
+  int taken = 0;
+  for (const int number : {0, 1, 2}) {
+    if (fcntl(number, F_GETFD) >= 0) taken |= 1 << number;
+  }
+  return isKept ? 64 + taken : 2;
+});
+
+TEST(HostProcess, TheStandardDescriptorsStayTheHosts) {
+  AccountServer server;
+  EXPECT_EQ(RoleProcess("without-standard-descriptors", {server.authorizationServer()}).wait(), 64);
+}
+
+const RoleRegistration kPrivileged("with-foreign-rights", [](const auto& arguments) {
+  setenv("http_proxy", "http://127.0.0.1:9/", 1);
+  const HttpResult result = makeHttpClient("")->send(requestFor(arguments.at(0)));
+  std::cout << Paths::libraryDirectory() << " "
+            << HostApplication::current().authorizationServer.description() << " "
+            << (result.response ? result.response->status : 0) << std::endl;
+  return 0;
+});
+
+TEST(HostProcess, ASetUserIdProgramDoesNotObeyItsCallersEnvironment) {
+  if (geteuid() != 0) GTEST_SKIP() << "only root can make such a program";
+  const ScriptedServer server([](const std::string&) { return answer(200); });
+  const TemporaryDirectory place;
+  const std::string program = place.path() / "program";
+  std::filesystem::copy_file(std::filesystem::read_symlink("/proc/self/exe"), program);
+  for (const char* name : {"ORBIQ_LIBRARY_DIRECTORY", "XDG_STATE_HOME", "HOME"}) {
+    setenv(name, "/callers", 1);
+  }
+  setenv("ORBIQ_AUTHORIZATION_SERVER", "https://callers.example/", 1);
+  ASSERT_EQ(chown(program.c_str(), 65534, 65534), 0);
+  std::map<mode_t, std::string> printed;
+  for (const mode_t mode : {0755, 04755}) {
+    ASSERT_EQ(chmod(program.c_str(), mode), 0);
+    RoleProcess process("with-foreign-rights", {server.url()}, program);
+    printed[mode] = process.readLine();
+    EXPECT_EQ(process.wait(), 0);
+  }
+  EXPECT_EQ(printed[0755], "/callers https://callers.example/ 0");
+  EXPECT_EQ(printed[04755].find("callers"), std::string::npos) << printed[04755];
+  EXPECT_TRUE(printed[04755].ends_with("/program/Library (null) 200")) << printed[04755];
+}
+
+TEST(HostProcess, OnlySenderAndHandlerWorkInTheBackground) {
+  const sched_param none{};
+  ASSERT_EQ(sched_setscheduler(0, SCHED_BATCH, &none), 0);  // is not handed on to the loop
+  static std::map<std::string, int> policies;
+  static Mutex lock;
+  const auto note = [] {
+    char name[16];
+    pthread_getname_np(pthread_self(), name, sizeof name);
+    const Lock held(lock);
+    policies[name] = sched_getscheduler(0);
+  };
+  AccountServer server;
+  std::promise<void> done;
+  Application application(server.authorizationServer(), [&](HostDescription& host, Platform&) {
+    host.logSink = [&, sink = host.logSink](const LogLine& line) {
+      note();
+      sink(line);
+    };
+  });
+  Application::tagger("ABC")->sendHit();
+  ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+  MainLoop::mainLoop().post(note);
+  SerialQueue("others").sync(note);
+  MainLoop::mainLoop().post([&] { done.set_value(); });
+  done.get_future().wait();
+  const Lock held(lock);
+  EXPECT_EQ(policies["orbiqRequestSen"], SCHED_BATCH);
+  EXPECT_EQ(policies["orbiqRequestHan"], SCHED_BATCH);
+  EXPECT_EQ(policies["orbiqMainLoop"], SCHED_OTHER);
+  EXPECT_EQ(policies["others"], SCHED_OTHER);
+}
+
+}  // namespace
+}  // namespace orbiq::test
