@@ -110,6 +110,7 @@ struct UsesTheLibraryLast {
 int useLast(const std::vector<std::string>& arguments) {
   const auto use = [] {
     Application::tagger("ABC")->sendHit();
+    orbiqAgent::appleDID();  // a text that no request holds, too
     orbiqAuthManager::manager().authForTagger(std::make_shared<orbiqTaggerID>("DEF", 0, false));
   };
   static Application application(arguments.at(0), [](HostDescription& host, Platform&) {
