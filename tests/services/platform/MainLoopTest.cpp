@@ -133,6 +133,7 @@ TEST(MainLoopTest, TimersOfAnyLengthMayBeRemovedByEachOther) {
   loop().addTimer(nanoseconds::min(), false, [&] {
     fired += '1';
     loop().removeTimer(second);
+    throw std::runtime_error("ends with its firing");
   });
   second = loop().addTimer(milliseconds{1}, true, [&] { fired += '2'; });
   const auto endless = loop().addTimer(nanoseconds::max(), true, [&] { fired += '3'; });
@@ -164,6 +165,7 @@ TEST(MainLoopTest, WatchesEndWithinTheTurnAndSurviveBadDescriptors) {
       ASSERT_EQ(dup2(empty.ends[0], number), number);
       loop().watch(number, call('?'));
     }
+    throw std::runtime_error("ends with its call");
   };
   for (const Pipe* pipe : {&first, &second}) {
     pipe->fill();
