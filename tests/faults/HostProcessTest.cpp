@@ -90,11 +90,8 @@ TEST(HostProcess, AFullPipeHoldsUpNoLineForEverAndCutsNoneInSilence) {
 
 /// Without descriptors 0 to 2, as a daemon may be started; none of the library's may take them.
 const RoleRegistration kClosed("without-standard-descriptors", [](const auto& arguments) {
-  const auto source = makeRouteReachabilitySource();
   for (const int number : {0, 1, 2}) close(number);
-  Application application(arguments.at(0), [&](HostDescription&, Platform& platform) {
-    platform.reachabilitySource = source;
-  });
+  Application application(arguments.at(0));
   Application::tagger("ABC")->sendHit();
   if (!application.log().waitFor("We have now 0 request(s) to handle")) return 1;
   const bool isKept = !orbiqKWDXUUIDHandler::UUID().isNull();

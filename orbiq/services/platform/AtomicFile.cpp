@@ -51,7 +51,7 @@ int AtomicFile::Version::write(std::string_view bytes, bool synced) {
 }
 
 int AtomicFile::Version::flush() const {
-  const int another = fcntl(_descriptor.number(), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  const int another = aboveStandard(dup(_descriptor.number()));
   return another < 0 || ::close(another) == 0 ? 0 : errno;
 }
 

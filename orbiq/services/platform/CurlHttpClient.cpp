@@ -400,6 +400,7 @@ bool prepareHttpForProcess() try {
 }
 
 std::unique_ptr<HttpClient> makeHttpClient(const std::string& caBundle) {
+  prepareHttpForProcess();  // or a send tries it again
   return std::make_unique<CurlHttpClient>(caBundle);
 }
 
