@@ -119,5 +119,26 @@ TEST(Load, SixteenThreadsAddTenThousandHits) {
   EXPECT_EQ(statistics.sent + statistics.pushedOut, kThreads * each);
 }
 
+TEST(Load, MoreThanTenThousandHitsDoNotWaitForOneSend) {
+  AccountServer server;
+  Gate gate;
+  server.answerHits([&](const std::string&) { return gate.pass(), answer(200); });
+  Application application(server.authorizationServer());
+  const auto tagger = Application::tagger("ABC");
+  tagger->sendHit();
+  ASSERT_TRUE(server.server().waitForRequests(2));
+  constexpr std::uint64_t kMore = 10'100;
+  for (std::uint64_t i = 0; i < kMore; ++i) tagger->sendHit();
+  // The handler may hold one more, which waits for the send to end.
+  const Statistics stalled = orbiqAgent::sharedAgent().statistics();
+  EXPECT_EQ(stalled.accepted, kMore + 1);
+  EXPECT_GE(stalled.pushedOut, kMore - 10'001);
+  EXPECT_LE(stalled.pushedOut, kMore - 10'000);
+  gate.open();
+  while (orbiqAgent::sharedAgent().statistics().pending > 0) std::this_thread::yield();
+  const Statistics settled = orbiqAgent::sharedAgent().statistics();
+  EXPECT_EQ(settled.sent + settled.pushedOut, kMore + 1);
+}
+
 }  // namespace
 }  // namespace orbiq::test

@@ -1,4 +1,4 @@
-"""Lets memory, mappings, descriptors or threads run out at every moment of a small application.
+"""Lets memory, descriptors or threads run out at every moment of a small application.
 
 Usage: exhaustion_test.py COLLECTOR APPLICATION
 
@@ -38,8 +38,7 @@ def main():
     with Collector(COLLECTOR) as collector, concurrent.futures.ThreadPoolExecutor(4) as pool:
         server = f"http://127.0.0.1:{collector.port}/auth/"
         trials = []
-        for kind, few in (("memory", False), ("mapping", True), ("descriptors", True),
-                          ("threads", True)):
+        for kind, few in (("memory", False), ("descriptors", True), ("threads", True)):
             failure, asked = attempt(server, kind, 0, 0)
             assert failure is None, failure
             moments = range(1, asked + 1, 1 if few else STEP)

@@ -6,7 +6,6 @@
 #include <pthread.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
@@ -92,13 +91,6 @@ int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
   if (fails(Kind::Memory)) return ENOMEM;
   *result = __libc_memalign(alignment, size);
   return *result ? 0 : ENOMEM;
-}
-
-void* mmap(void* address, std::size_t size, int protection, int flags, int file, off_t offset) {
-  static auto* const real = faults::next(&::mmap, "mmap");
-  if (!fails(Kind::Mapping)) return real(address, size, protection, flags, file, offset);
-  errno = ENOMEM;
-  return MAP_FAILED;
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),

@@ -6,7 +6,7 @@
 /// definitions stand in the place of the C library's, also for the libraries that it loads.
 namespace faults {
 
-enum class Kind { Memory, Mapping, Descriptors, Threads };
+enum class Kind { Memory, Descriptors, Threads };
 
 /// From now on, the calls of that kind number `first` to `first + count - 1` fail. Counted from 1
 /// over all threads.

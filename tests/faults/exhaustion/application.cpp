@@ -55,7 +55,6 @@ void enterForeground() {
 
 faults::Kind kindOf(const std::string& name) {
   if (name == "memory") return faults::Kind::Memory;
-  if (name == "mapping") return faults::Kind::Mapping;
   return name == "descriptors" ? faults::Kind::Descriptors : faults::Kind::Threads;
 }
 
