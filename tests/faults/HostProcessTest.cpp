@@ -128,7 +128,7 @@ TEST(HostProcess, ASetUserIdProgramDoesNotObeyItsCallersEnvironment) {
   setenv("ORBIQ_AUTHORIZATION_SERVER", "https://callers.example/", 1);
   ASSERT_EQ(chown(program.c_str(), 65534, 65534), 0);
   std::map<mode_t, std::string> printed;
-  for (const mode_t mode : {0755, 04755}) {
+  for (const mode_t mode : {0755U, 04755U}) {
     ASSERT_EQ(chmod(program.c_str(), mode), 0);
     RoleProcess process("with-foreign-rights", {server.url()}, program);
     printed[mode] = process.readLine();

@@ -4,7 +4,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <climits>
 #include <new>
@@ -13,7 +12,7 @@
 #include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/HttpClient.h"
 #include "orbiq/services/platform/KeptConnection.h"
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/LibcurlProcess.h"
 #include "orbiq/services/platform/ProcessExit.h"
 #include "orbiq/services/platform/Redirect.h"
 
@@ -26,8 +25,6 @@ using SteadyTime = std::chrono::steady_clock::time_point;
 constexpr int kMostRedirects = 16;
 constexpr std::size_t kMostBodyBytes = std::size_t{1} << 20;
 constexpr std::size_t kMostHeaderBytes = std::size_t{256} << 10;
-/// What libcurl keeps of one line at most.
-constexpr std::uint64_t kLongestHeaderLine = 100'000;
 constexpr Milliseconds kLongestTimeout{INT_MAX};  // libcurl takes no more
 /// Only an upper bound: libcurl shortens it to its own next timer.
 constexpr int kPollMilliseconds = 60'000;
@@ -48,8 +45,6 @@ struct Hop {
   const char* problem = nullptr;
   /// What this machine had too little of.
   const char* shortage = nullptr;
-  /// The connection that was made for it, if one was.
-  KeptConnection opened;
 
   std::optional<HttpResponse> response;
   Redirect redirect;
@@ -62,7 +57,6 @@ curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
   if (number < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
     hop.shortage = "no descriptor is left for a connection";
   }
-  hop.opened.watch(number);
   return number;
 }
 
@@ -264,6 +258,7 @@ HttpResult CurlHttpClient::follow(const HttpRequest& request, TransferStay& stay
 }
 
 CURLcode CurlHttpClient::runHop(const Order& order, Hop& hop, TransferStay& stay) try {
+  libcurlRanOutOfMemory() = false;
   const bool isQuiet = _kept.isQuiet();
   if (!isQuiet) _kept.forget();
   hop.easy = _easy;
@@ -366,9 +361,10 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
     result.error = errorOf(code, hop.problem);
   } else if (code != CURLE_OK && hop.shortage != nullptr) {
     result.error = errorOf(CURLE_OUT_OF_MEMORY, hop.shortage);
-  } else if (code == CURLE_OUT_OF_MEMORY &&
-             std::max(hop.opened.received(), hop.kept->received()) > kLongestHeaderLine) {
-    // libcurl 7 calls it so, too.
+  } else if (code != CURLE_OK && libcurlRanOutOfMemory()) {
+    result.error = errorOf(CURLE_OUT_OF_MEMORY, "out of memory");
+  } else if (code == CURLE_OUT_OF_MEMORY) {
+    // So libcurl 7 calls it.
     result.error = errorOf(CURLE_FILESIZE_EXCEEDED, "a header line of more than 100 KiB");
   } else if (code != CURLE_OK) {
     result.error = errorOf(code, _errorText[0] != '\0' ? _errorText : curl_easy_strerror(code));
@@ -385,19 +381,6 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
 }
 
 }  // namespace
-
-bool prepareHttpForProcess() try {
-  static std::atomic<bool> isPrepared{false};
-  static Mutex protector;
-  if (isPrepared) return true;
-  const Lock lock(protector);
-  if (!isPrepared && curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK) {
-    isPrepared = installExitHandler();
-  }
-  return isPrepared;
-} catch (const std::bad_alloc&) {
-  return false;
-}
 
 std::unique_ptr<HttpClient> makeHttpClient(const std::string& caBundle) {
   prepareHttpForProcess();  // or a send tries it again

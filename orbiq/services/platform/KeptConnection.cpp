@@ -38,11 +38,6 @@ bool KeptConnection::hasBroughtNothing(bool isTls) const {
   return isTls && now.bytes - _before.bytes <= kLongestLeave;
 }
 
-std::uint64_t KeptConnection::received() const {
-  Received now;
-  return read(now) ? now.bytes - _before.bytes : 0;
-}
-
 bool KeptConnection::read(Received& received) const {
   tcp_info info{};
   socklen_t size = sizeof info;

@@ -21,9 +21,6 @@ class KeptConnection {
   /// connection may have ended, and a TLS peer may have taken its leave.
   bool hasBroughtNothing(bool isTls) const;
 
-  /// How many bytes have come since it was asked or, if it never was, at all.
-  std::uint64_t received() const;
-
  private:
   /// What the kernel has received. It counts the peer's end as one byte, but not as a segment.
   struct Received {

@@ -1,22 +1,29 @@
 #pragma once
 
+#include <pthread.h>
+
+#include <memory>
+
 namespace orbiq {
 
-/// The calling thread's own object of that type, made at the thread's first call. Null once it is
-/// destroyed: the destructors of the host's thread-local objects, and of its static ones on the
-/// thread that ends the process, come after that and may call the library. What the making throws
-/// goes to the caller, and the next call makes it anew.
+/// The calling thread's own object of that type, made at the thread's first call. It outlives the
+/// host's thread-local objects, whose destructors may call the library, and on the thread that ends
+/// the process it is not destroyed. (The language's own thread-local objects do not, and end the
+/// process where there is no memory to register them.) Null where the process has no key for it
+/// left. What the making throws goes to the caller, and the next call makes it anew.
 template <class Object>
 Object* ofThisThread() {
-  // Without a destructor of its own, so that it can be read to the thread's end.
-  static thread_local constinit bool isGone = false;
-  struct Owner {
-    Object object{};
-    ~Owner() { isGone = true; }
+  struct Key {
+    pthread_key_t number{};
+    const bool isThere =
+        pthread_key_create(&number, [](void* own) { delete static_cast<Object*>(own); }) == 0;
   };
-  if (isGone) return nullptr;
-  static thread_local Owner owner;
-  return &owner.object;
+  static const Key key;
+  if (!key.isThere) return nullptr;
+  if (void* const own = pthread_getspecific(key.number)) return static_cast<Object*>(own);
+  auto made = std::make_unique<Object>();
+  if (pthread_setspecific(key.number, made.get()) != 0) return nullptr;
+  return made.release();
 }
 
 }  // namespace orbiq

@@ -172,7 +172,7 @@ TEST_F(HttpClientTest, boundsBodyAndHeaders) {
 
 TEST(HttpClientAnew, makesAtTheNextSendWhatCouldNotBeMade) {
   const ScriptedServer server([](const std::string&) { return answer(200, "x"); });
-  for (const char* function : {"curl_global_init", "curl_multi_init", "curl_easy_init"}) {
+  for (const char* function : {"curl_global_init_mem", "curl_multi_init", "curl_easy_init"}) {
     failing = function;
     const auto late = makeHttpClient("");
     for (int i = 0; i < 2; ++i) expectNothing(late->send(requestFor(server.url())));
@@ -412,9 +412,14 @@ TEST(PlatformTest, AClientThatCouldNotBeMadeIsMadeAtTheNextSend) {
 // They take libcurl's place for the whole program.
 #define ORBIQ_TEST_VISIBLE extern "C" __attribute__((visibility("default")))
 
-ORBIQ_TEST_VISIBLE CURLcode curl_global_init(long flags) {
+ORBIQ_TEST_VISIBLE CURLcode curl_global_init_mem(long flags, curl_malloc_callback allocate,
+                                                 curl_free_callback release,
+                                                 curl_realloc_callback reallocate,
+                                                 curl_strdup_callback duplicate,
+                                                 curl_calloc_callback allocateZeroed) {
   if (orbiq::test::failing == __func__) return CURLE_FAILED_INIT;
-  return orbiq::test::original<decltype(&curl_global_init)>(__func__)(flags);
+  return orbiq::test::original<decltype(&curl_global_init_mem)>(__func__)(
+      flags, allocate, release, reallocate, duplicate, allocateZeroed);
 }
 
 ORBIQ_TEST_VISIBLE CURLM* curl_multi_init() {
