@@ -363,7 +363,7 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
     result.error = errorOf(CURLE_OUT_OF_MEMORY, hop.shortage);
   } else if (code != CURLE_OK && libcurlRanOutOfMemory()) {
     result.error = errorOf(CURLE_OUT_OF_MEMORY, "out of memory");
-  } else if (code == CURLE_OUT_OF_MEMORY) {
+  } else if (code == CURLE_OUT_OF_MEMORY && hop.sends > 0) {
     // So libcurl 7 calls it.
     result.error = errorOf(CURLE_FILESIZE_EXCEEDED, "a header line of more than 100 KiB");
   } else if (code != CURLE_OK) {
