@@ -69,8 +69,7 @@ void orbiqAgent::makeParts() {
   orbiq::armForkGuard();
 
   if (!reachability) reachability = orbiqReachability::reachabilityForInternetConnection();
-  orbiqSerialAccess.reserve(3);
-  orbiqAudienceTaggers.reserve(3);
+  if (!reachability) throw std::bad_alloc();
   if (!requestSender) {
     requestSender = std::make_unique<orbiq::SerialQueue>(
         "orbiqRequestSender", std::function<void()>(), orbiq::WorkKind::Background);

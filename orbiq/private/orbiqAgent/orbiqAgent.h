@@ -105,7 +105,7 @@ class ORBIQ_EXPORT orbiqAgent {
  private:
   /// An error of the agent's own domain, or of another one.
   struct Error {
-    std::string domain;
+    const char* domain = nullptr;
     std::int64_t code = 0;
     bool keepsRequest() const;
   };
@@ -137,6 +137,7 @@ class ORBIQ_EXPORT orbiqAgent {
   void saveRequests() ORBIQ_REQUIRES(requestsProtector);
   /// Called when nothing has been added for two seconds.
   void rest();
+  void syncAtRest() ORBIQ_REQUIRES(requestsProtector);
   bool append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void enqueue(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void dequeue() ORBIQ_REQUIRES(requestsProtector);

@@ -63,7 +63,8 @@ void orbiqAgent::loadRequests() {
   auto kept = std::make_unique<orbiq::RequestQueue>();
   std::uint64_t accepted = 0;
   std::uint64_t discarded = 0;
-  for (const auto& request : requestsFile->load(requestsFilePath().toStdString())) {
+  requestsFilePath();  // makes the directory
+  for (const auto& request : requestsFile->load(requestsPath())) {
     const bool isHit = !isMarker(*request);
     if (isHit) ++accepted;
     // Audience requests of an earlier process are not sent late. That is meant.
@@ -94,6 +95,10 @@ void orbiqAgent::rest() {
   const orbiq::Lock lock(requestsProtector);
   isQuiet = true;
   requestsFile->rest();
+  syncAtRest();
+}
+
+void orbiqAgent::syncAtRest() {
   if (pendingStreaming != 0) requestsFile->sync(requestsPath());
 }
 

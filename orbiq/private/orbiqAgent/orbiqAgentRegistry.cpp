@@ -8,6 +8,7 @@
 void orbiqAgent::addorbiqAudienceTagger(std::shared_ptr<orbiqAudienceTagger> tagger) {
   orbiqLogger::log_withMode("A new orbiqAudienceTagger was created", orbiq::LoggingModeInfo);
   if (!tagger || orbiqAudienceTaggerWithSerial(tagger->serial())) return;
+  if (orbiqAudienceTaggers.empty()) orbiqAudienceTaggers.reserve(3);
   auto key = orbiqTaggerIdentifier::orbiqTaggerIdentifierWithSerial(tagger->serial());
   orbiqAudienceTaggers.emplace(std::move(key), std::move(tagger));
 }

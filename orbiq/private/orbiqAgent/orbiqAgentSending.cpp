@@ -3,6 +3,7 @@
 #include <new>
 #include <optional>
 #include <string>
+#include <string_view>
 
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
 #include "orbiq/private/orbiqAgent/HitLedger.h"
@@ -62,10 +63,18 @@ std::string causeOf(const orbiqRequest& request, const orbiq::Url& url,
   return result.error ? result.error->text : "no response";
 }
 
+/// What is known already stays known where there is no memory for its text.
+template <class MakeText>
+orbiq::String textOf(const MakeText& makeText) try {
+  return makeText();
+} catch (const std::bad_alloc&) {
+  return orbiq::String::outOfMemory();
+}
+
 }  // namespace
 
 bool orbiqAgent::Error::keepsRequest() const {
-  return domain == kErrorDomain && (code == kNotReachable || code == kNoResponse);
+  return domain == std::string_view(kErrorDomain) && (code == kNotReachable || code == kNoResponse);
 }
 
 bool orbiqAgent::isReachable() const { return ask(reachability, &orbiqReachability::isReachable); }
@@ -88,7 +97,7 @@ void orbiqAgent::handleRequests() {
 
 void orbiqAgent::waitForHead() {
   while (!headIsDue()) {
-    if (isQuiet && pendingStreaming != 0) requestsFile->sync(requestsFilePath().toStdString());
+    if (isQuiet) syncAtRest();
     if (requestQueue->empty()) requestsFile->rest();
     requestsProtector.wait();
   }
@@ -124,10 +133,7 @@ void orbiqAgent::handleHead() {
   }
   orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },
                             orbiq::LoggingModeInfo);
-  const Attempt result = [&]() ORBIQ_REQUIRES(requestsProtector) {
-    const HitLedger::Sending sending(*ledger);
-    return attempt(head);
-  }();
+  const Attempt result = attempt(head);
   if (!result.failure.isNull()) ledger->noteFailure(result.failure);
   if (result.fate == HitFate::Sent) ledger->noteSuccess(orbiq::Platform::now());
   if (result.error && result.error->keepsRequest()) {
@@ -160,6 +166,7 @@ std::optional<orbiqAgent::Error> orbiqAgent::handleRequest(
 
 orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& request) {
   if (!request) return {};
+  const HitLedger::Sending sending(*ledger);
   request->setStatus(orbiq::RequestStatusSending);
   if (!isReachable()) return {Error{kErrorDomain, kNotReachable}, std::nullopt, {}};
 
@@ -179,7 +186,8 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
   const std::optional<orbiq::Url> url = request->url();
   if (!url) {
     logAbout(*request, " was not sent because of invalid parameters", orbiq::LoggingModeError);
-    return {std::nullopt, HitFate::GivenUp, "the host or the serial makes no URL"};
+    return {std::nullopt, HitFate::GivenUp,
+            textOf([] { return "the host or the serial makes no URL"; })};
   }
   return send(*request, *url);
 }
@@ -208,15 +216,14 @@ orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& ur
   if (!fate) {
     recordFailure(request);
     return {Error{kErrorDomain, kNoResponse}, std::nullopt,
-            url.textWithoutUser() + ": " + causeOf(request, url, result)};
+            textOf([&] { return url.textWithoutUser() + ": " + causeOf(request, url, result); })};
   }
-  Attempt answered{
-      std::nullopt, fate,
-      url.textWithoutUser() + ": answered with status " + std::to_string(result.response->status)};
-  if (result.error) {
-    answered.error = Error{kHttpErrorDomain, result.error->code};
-    answered.failure = answered.failure.toStdString() + ": " + result.error->text;
-  }
+  Attempt answered{std::nullopt, fate, textOf([&] {
+                     return url.textWithoutUser() + ": answered with status " +
+                            std::to_string(result.response->status) +
+                            (result.error ? ": " + result.error->text : "");
+                   })};
+  if (result.error) answered.error = Error{kHttpErrorDomain, result.error->code};
   return answered;
 }
 

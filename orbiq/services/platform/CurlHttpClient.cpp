@@ -1,4 +1,5 @@
 #include <curl/curl.h>
+#include <fcntl.h>
 #include <strings.h>
 #include <sys/auxv.h>
 #include <sys/socket.h>
@@ -29,6 +30,8 @@ constexpr Milliseconds kLongestTimeout{INT_MAX};  // libcurl takes no more
 /// Only an upper bound: libcurl shortens it to its own next timer.
 constexpr int kPollMilliseconds = 60'000;
 
+constexpr char kNoDescriptor[] = "no descriptor is left for a connection";
+
 /// One request and what has arrived of its answer. libcurl's callbacks fill it in.
 struct Hop {
   CURL* easy = nullptr;
@@ -55,7 +58,7 @@ curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
       aboveStandard(socket(address->family, address->socktype | SOCK_CLOEXEC, address->protocol));
   Hop& hop = *static_cast<Hop*>(user);
   if (number < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
-    hop.shortage = "no descriptor is left for a connection";
+    hop.shortage = kNoDescriptor;
   }
   return number;
 }
@@ -147,6 +150,17 @@ std::string withoutControlCharacters(std::string text) {
     return static_cast<unsigned char>(character) < 0x20 || character == 0x7f;
   });
   return text;
+}
+
+/// A look-up and the reading of certificates do not say that they found no descriptor or thread.
+bool lacksForLookUp(CURLcode code) {
+  if (code != CURLE_COULDNT_RESOLVE_HOST && code != CURLE_COULDNT_RESOLVE_PROXY &&
+      code != CURLE_SSL_CACERT_BADFILE) {
+    return false;
+  }
+  Descriptor needed[3];
+  for (Descriptor& each : needed) each = Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
+  return !needed[2].isOpen();
 }
 
 bool isExhaustion(int code) { return code == CURLE_OUT_OF_MEMORY || code == CURLE_FAILED_INIT; }
@@ -272,6 +286,7 @@ CURLcode CurlHttpClient::runHop(const Order& order, Hop& hop, TransferStay& stay
   return code;
 } catch (const std::bad_alloc&) {
   _kept.forget();
+  hop.shortage = "out of memory";
   // Where a redirect leads is not known; a status alone tells all else.
   if (hop.response && isRedirect(hop.response->status)) hop.response.reset();
   return CURLE_OUT_OF_MEMORY;
@@ -359,8 +374,9 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   result.response = std::move(hop.response);
   if (hop.problem != nullptr) {
     result.error = errorOf(code, hop.problem);
-  } else if (code != CURLE_OK && hop.shortage != nullptr) {
-    result.error = errorOf(CURLE_OUT_OF_MEMORY, hop.shortage);
+  } else if (code != CURLE_OK && (hop.shortage != nullptr || lacksForLookUp(code))) {
+    result.error =
+        errorOf(CURLE_OUT_OF_MEMORY, hop.shortage != nullptr ? hop.shortage : kNoDescriptor);
   } else if (code != CURLE_OK && libcurlRanOutOfMemory()) {
     result.error = errorOf(CURLE_OUT_OF_MEMORY, "out of memory");
   } else if (code == CURLE_OUT_OF_MEMORY && hop.sends > 0) {

@@ -30,8 +30,8 @@ struct State {
   // The last of them, for readers: they are on every hit's way and take no lock.
   std::atomic<const HostDescription*> current{nullptr};
 
-  void add(HostDescription description) ORBIQ_REQUIRES(lock) {
-    descriptions.push_back(std::make_unique<const HostDescription>(std::move(description)));
+  void add(std::unique_ptr<const HostDescription> description) ORBIQ_REQUIRES(lock) {
+    descriptions.push_back(std::move(description));
     current.store(descriptions.back().get(), std::memory_order_release);
   }
 };
@@ -120,8 +120,10 @@ String accept(const HostDescription& description) {
   if (String reason = whatIsWrongWith(description); !reason.isNull()) return reason;
   const Lock lock(state().lock);
   if (state().settled) return "the library is in use already";
+  auto made = std::make_unique<const HostDescription>(withDefaults(description));
+  state().descriptions.reserve(state().descriptions.size() + 1);
   SystemLog::setSink(description.logSink);
-  state().add(withDefaults(description));
+  state().add(std::move(made));
   state().accepted = true;
   return nullptr;
 }
@@ -129,7 +131,9 @@ String accept(const HostDescription& description) {
 const HostDescription& known() {
   if (const auto* const current = state().current.load(std::memory_order_acquire)) return *current;
   const Lock lock(state().lock);
-  if (state().descriptions.empty()) state().add(withDefaults({}));
+  if (state().descriptions.empty()) {
+    state().add(std::make_unique<const HostDescription>(withDefaults({})));
+  }
   return *state().descriptions.back();
 }
 

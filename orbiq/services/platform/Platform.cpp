@@ -64,14 +64,16 @@ HttpResult Platform::send(const HttpRequest& request) {
     std::unique_ptr<HttpClient> kept;
   };
   Client forThisOne;
-  Client* client = ofThisThread<Client>();
-  if (client == nullptr) client = &forThisOne;
+  Client* client = nullptr;
   try {
+    client = ofThisThread<Client>();
+    if (client == nullptr) client = &forThisOne;
     if (!client->kept) client->kept = current().makeHttpClient();
   } catch (const std::exception&) {
     // Out of memory, most likely.
   }
-  if (!client->kept) return {{}, {}, HttpError{kNoClient, "out of memory", true}};
+  if (client == nullptr || !client->kept)
+    return {{}, {}, HttpError{kNoClient, "out of memory", true}};
   return client->kept->send(request);
 }
 

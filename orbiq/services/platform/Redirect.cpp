@@ -46,13 +46,15 @@ Redirect redirectOf(const std::string& url, const HttpResponse& response) {
 
   const std::unique_ptr<CURLU, CurlFree> parts(curl_url());
   if (!parts) throw std::bad_alloc();
-  if (curl_url_set(parts.get(), CURLUPART_URL, url.c_str(), 0) != CURLUE_OK) return {{}, kNoTarget};
+  const CURLUcode own = curl_url_set(parts.get(), CURLUPART_URL, url.c_str(), 0);
+  if (own == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (own != CURLUE_OK) return {{}, kNoTarget};
   const std::string before = part(parts.get(), CURLUPART_SCHEME);
   // Servers send blanks and UTF-8 unescaped here. A scheme of another kind is told below.
   constexpr unsigned kLenient = CURLU_URLENCODE | CURLU_ALLOW_SPACE | CURLU_NON_SUPPORT_SCHEME;
-  if (curl_url_set(parts.get(), CURLUPART_URL, location->c_str(), kLenient) != CURLUE_OK) {
-    return {{}, kNoTarget};
-  }
+  const CURLUcode refusal = curl_url_set(parts.get(), CURLUPART_URL, location->c_str(), kLenient);
+  if (refusal == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
+  if (refusal != CURLUE_OK) return {{}, kNoTarget};
   const std::string after = part(parts.get(), CURLUPART_SCHEME);
   if (after != "http" && after != "https") {
     return {{}, "the redirect leads to neither http nor https"};

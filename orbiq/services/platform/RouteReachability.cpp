@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <exception>
+#include <new>
 #include <system_error>
 #include <utility>
 
@@ -287,8 +288,7 @@ void RouteMonitor::requestSettling() noexcept {
   if (_sockets != Sockets::kOpen || _settling == Settling::kPosted) return;
   _settling = Settling::kWanted;
   try {
-    MainLoop::mainLoop().post(settleIfAlive());
-    _settling = Settling::kPosted;
+    if (MainLoop::mainLoop().post(settleIfAlive())) _settling = Settling::kPosted;
   } catch (const std::exception&) {  // out of memory: the next use tries again
   }
 }
@@ -307,7 +307,8 @@ void RouteMonitor::settle() try {
   const Time now = Clock::now();
   if (now < _mayLookAt) {
     setTimer(_mayLookAt);
-    setWatching(false);  // reports that wait would bring the loop back here at once
+    if (_timer != 0)
+      setWatching(false);  // reports that wait would bring the loop back here at once
     return;
   }
   _mayLookAt = now + kLookInterval;
@@ -363,7 +364,9 @@ RouteMonitor::Time RouteMonitor::settle(TargetId id, Target& target, Time now) {
 void RouteMonitor::setWatching(bool isWatching) {
   if (isWatching == _isWatching) return;
   if (isWatching) {
-    MainLoop::mainLoop().watch(_reports.descriptor().number(), settleIfAlive());
+    if (!MainLoop::mainLoop().watch(_reports.descriptor().number(), settleIfAlive())) {
+      throw std::bad_alloc();
+    }
   } else {
     MainLoop::mainLoop().unwatch(_reports.descriptor().number());
   }

@@ -2,6 +2,8 @@
 
 #include <uriparser/Uri.h>
 
+#include <memory>
+#include <new>
 #include <string_view>
 
 namespace orbiq {
@@ -22,6 +24,10 @@ bool passesUnescaped(char character) {
          std::string_view("-._~").find(character) != std::string_view::npos;
 }
 
+struct FreeParts {
+  void operator()(UriUriA* parts) const { uriFreeUriMembersA(parts); }
+};
+
 }  // namespace
 
 std::optional<Url> Url::fromText(const String& text) {
@@ -31,16 +37,17 @@ std::optional<Url> Url::fromText(const String& text) {
   const char* const begin = url._text.data();
   UriUriA parts;
   const char* refusedAt = nullptr;
-  if (uriParseSingleUriExA(&parts, begin, begin + url._text.size(), &refusedAt) != URI_SUCCESS) {
-    return std::nullopt;  // a failed parse has freed its parts itself
-  }
+  const int result = uriParseSingleUriExA(&parts, begin, begin + url._text.size(), &refusedAt);
+  // A failed parse has freed its parts itself.
+  if (result == URI_ERROR_MALLOC) throw std::bad_alloc();
+  if (result != URI_SUCCESS) return std::nullopt;
+  const std::unique_ptr<UriUriA, FreeParts> owner(&parts);
   url._scheme = textOf(parts.scheme);
   url._host = textOf(parts.hostText);
   if (parts.userInfo.first != nullptr) {
     url._userBegin = static_cast<std::size_t>(parts.userInfo.first - begin);
     url._userLength = static_cast<std::size_t>(parts.userInfo.afterLast + 1 - parts.userInfo.first);
   }
-  uriFreeUriMembersA(&parts);
   for (char& character : url._scheme) character = lowerCase(character);
   return url;
 }
