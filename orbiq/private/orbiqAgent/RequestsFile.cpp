@@ -4,10 +4,10 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstdio>
+#include <cstring>
 #include <new>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -24,6 +24,12 @@ namespace {
 constexpr std::size_t kLargestFile = 64U << 20U;
 
 constexpr const char* kAsideSuffix = ".unread";
+
+/// In the log's language, whatever locale the host has set.
+std::string causeOf(int failure) {
+  const char* const text = strerrordesc_np(failure);
+  return text != nullptr ? text : "error " + std::to_string(failure);
+}
 
 /// Without the line, where there is no memory for it.
 template <class Text>
@@ -74,8 +80,8 @@ RequestQueue RequestsFile::load(const std::string& path) {
   if (failure == 0) return {};
   _mustMoveAside = true;
   warn([&] {
-    return "The saved requests can't be read: " + std::generic_category().message(failure) +
-           "; before the next save " + path + " becomes " + path + kAsideSuffix;
+    return "The saved requests can't be read: " + causeOf(failure) + "; before the next save " +
+           path + " becomes " + path + kAsideSuffix;
   });
   return {};
 }
@@ -154,8 +160,7 @@ void RequestsFile::report(const std::string& path, int failure) {
   _lastFailure = failure;
   warn([&] {
     if (failure == 0) return "The requests are saved again to " + path;
-    return "The requests can't be saved to " + path + ": " +
-           std::generic_category().message(failure);
+    return "The requests can't be saved to " + path + ": " + causeOf(failure);
   });
 }
 
