@@ -88,6 +88,25 @@ TEST(HostProcess, AFullPipeHoldsUpNoLineForEverAndCutsNoneInSilence) {
   }
 }
 
+/// Its reader stays away. It says that there is room where there is too little for a line.
+TEST(HostProcess, AFullTerminalHoldsUpNoLineForEver) {
+  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
+  ASSERT_EQ(grantpt(terminal) + unlockpt(terminal), 0);
+  const int before = dup(STDERR_FILENO);
+  const int own = open(ptsname(terminal), O_WRONLY | O_NOCTTY | O_CLOEXEC);
+  ASSERT_EQ(dup2(own, STDERR_FILENO), STDERR_FILENO);
+  close(own);
+  for (int i = 0; i < 400; ++i) SystemLog::write(LoggingModeError, std::string(100, 'x'));
+  // Full is full: nothing more fits, and the test has come this far.
+  const int full = fcntl(STDERR_FILENO, F_GETFL);
+  fcntl(STDERR_FILENO, F_SETFL, full | O_NONBLOCK);
+  const ssize_t count = write(STDERR_FILENO, "x", 1);
+  dup2(before, STDERR_FILENO);
+  close(before);
+  close(terminal);
+  EXPECT_LE(count, 0);
+}
+
 /// Without descriptors 0 to 2, as a daemon may be started; none of the library's may take them.
 const RoleRegistration kClosed("without-standard-descriptors", [](const auto& arguments) {
   for (const int number : {0, 1, 2}) close(number);
@@ -125,6 +144,7 @@ TEST(HostProcess, ASetUserIdProgramDoesNotObeyItsCallersEnvironment) {
   for (const char* name : {"ORBIQ_LIBRARY_DIRECTORY", "XDG_STATE_HOME", "HOME"}) {
     setenv(name, "/callers", 1);
   }
+  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which such a program cannot look for
   setenv("ORBIQ_AUTHORIZATION_SERVER", "https://callers.example/", 1);
   ASSERT_EQ(chown(program.c_str(), 65534, 65534), 0);
   std::map<mode_t, std::string> printed;

@@ -15,6 +15,7 @@
 
 #include "orbiq/services/orbiqLogger/WithoutThrowing.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
+#include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/HostApplication.h"
 #include "orbiq/services/platform/MainLoop.h"
 #include "orbiq/services/platform/NotificationCenter.h"
@@ -190,15 +191,17 @@ void orbiqReachability::stopNotifier() {
 
 void orbiqReachability::reachabilityChanged(std::uint32_t flags) {
   const auto self = shared_from_this();  // the block may let go of the last other owner
-  // Copied, so that a block may replace itself.
-  const Block block = isReachableWithFlags(flags) ? _reachableBlock : _unreachableBlock;
-  if (block) orbiq::runTask([&] { block(*this); });
+  orbiq::runTask([&] {
+    // Copied, so that a block may replace itself.
+    const Block block = isReachableWithFlags(flags) ? _reachableBlock : _unreachableBlock;
+    if (block) block(*this);
+  });
   withoutThrowing([&] {
-    const bool isPosted = orbiq::MainLoop::mainLoop().post([self] {
-      orbiq::NotificationCenter::defaultCenter().postNotificationName(
-          korbiqReachabilityChangedNotification, self);
+    const std::string name = korbiqReachabilityChangedNotification;
+    const bool isPosted = orbiq::MainLoop::mainLoop().post([self, name] {
+      orbiq::NotificationCenter::defaultCenter().postNotificationName(name, self);
     });
-    if (!isPosted) throw std::bad_alloc();
+    if (!isPosted && !orbiq::inForkedChild()) throw std::bad_alloc();
   });
 }
 

@@ -86,13 +86,13 @@ FileLock::State FileLock::hold(const std::string& path) {
 }
 
 FileLock::State FileLock::lock(const std::string& path) {
+  const Lock guard(All::protector);  // a child that is forked meanwhile must find what to let go of
   Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
   // What is locked already stays so, until it is clear who has the new file.
   if (!file.isOpen()) return fail(errno);
   const int failure = tryToLock(file);
   const bool isAnothers = failure == EAGAIN || failure == EACCES;
   if (failure != 0 && !isAnothers) return fail(failure);
-  const Lock guard(All::protector);
   _file = isAnothers ? Descriptor() : std::move(file);
   return _state = isAnothers ? State::HeldByAnother : State::Held;
 }

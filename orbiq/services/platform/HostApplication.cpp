@@ -117,9 +117,13 @@ String whatIsWrongWith(const HostDescription& description) {
 }
 
 String accept(const HostDescription& description) {
-  if (String reason = whatIsWrongWith(description); !reason.isNull()) return reason;
+  String reason = whatIsWrongWith(description);
   const Lock lock(state().lock);
-  if (state().settled) return "the library is in use already";
+  if (state().settled) return reason.isNull() ? "the library is in use already" : reason;
+  if (!reason.isNull()) {
+    state().refused = true;
+    return reason;
+  }
   auto made = std::make_unique<const HostDescription>(withDefaults(description));
   state().descriptions.reserve(state().descriptions.size() + 1);
   SystemLog::setSink(description.logSink);
@@ -140,7 +144,6 @@ const HostDescription& known() {
 }  // namespace
 
 String HostApplication::describe(const HostDescription& description) try {
-  state().refused = true;  // unless it is accepted
   String reason = accept(description);
   if (!reason.isNull()) {
     // The logger and its threshold stand on a higher floor: this line is always printed.

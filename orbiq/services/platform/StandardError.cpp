@@ -1,9 +1,11 @@
 #include "orbiq/services/platform/StandardError.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <limits.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -12,6 +14,7 @@
 #include <cstdio>
 #include <new>
 
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/Utf8.h"
 
 namespace orbiq {
@@ -54,6 +57,15 @@ class PipeSignalHeld {
   bool _wasPending = false;
 };
 
+/// Standard error opened anew, without blocking, where it is a pipe or a terminal: these may
+/// promise room that another writer takes, or that is less than a line. None for anything else.
+Descriptor openAnew() {
+  struct stat status{};
+  if (fstat(STDERR_FILENO, &status) != 0) return {};
+  if (!S_ISFIFO(status.st_mode) && !S_ISCHR(status.st_mode)) return {};
+  return Descriptor(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+}
+
 bool awaitRoom(SteadyClock::time_point deadline) {
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
@@ -63,13 +75,14 @@ bool awaitRoom(SteadyClock::time_point deadline) {
   }
 }
 
-/// Returns how much was written. A descriptor that blocks does not once it has been found to have
-/// room, if no more is written at once than a pipe takes whole.
+/// Returns how much was written.
 std::size_t write(std::string_view text, SteadyClock::time_point deadline) {
+  const Descriptor anew = openAnew();
+  const int file = anew.isOpen() ? anew.number() : STDERR_FILENO;
   std::size_t written = 0;
   while (written < text.size() && awaitRoom(deadline)) {
     const std::string_view rest = text.substr(written, PIPE_BUF);
-    const ssize_t count = ::write(STDERR_FILENO, rest.data(), rest.size());
+    const ssize_t count = ::write(file, rest.data(), rest.size());
     if (count >= 0) {
       written += static_cast<std::size_t>(count);
     } else if (errno == EAGAIN) {
