@@ -62,7 +62,8 @@ std::string String::description() const { return isNull() ? "(null)" : _text->va
 
 MutableString::MutableString(std::string_view text) : String(std::string(text), true) {}
 
-// It may hold no text, having been moved away, or one that others made, assigned through a `String`.
+// It may hold no text, having been moved away, or one that others made, assigned through a
+// `String`.
 void MutableString::setString(std::string_view text) {
   if (!isMutable()) *this = MutableString();
   _text->value = text;
