@@ -32,11 +32,10 @@ std::atomic<const LogSink*> currentSink{nullptr};
 
 /// In UTC, without the C library, whose functions for that all take its lock.
 std::tm universalTime(std::time_t time) {
-  using namespace std::chrono;
-  const sys_seconds moment{seconds(time)};
-  const auto midnight = floor<days>(moment);
-  const year_month_day date(midnight);
-  const hh_mm_ss clock(moment - midnight);
+  const std::chrono::sys_seconds moment{std::chrono::seconds(time)};
+  const auto midnight = std::chrono::floor<std::chrono::days>(moment);
+  const std::chrono::year_month_day date(midnight);
+  const std::chrono::hh_mm_ss clock(moment - midnight);
   std::tm parts{};
   parts.tm_year = static_cast<int>(date.year()) - 1900;
   parts.tm_mon = static_cast<int>(static_cast<unsigned>(date.month())) - 1;

@@ -42,6 +42,7 @@ class ORBIQ_EXPORT orbiqAccess : public orbiq::Archivable,
   /// Why this is a fallback; null if it is none, or was read out of an archive. Set before the
   /// record is shared.
   orbiq::String fallbackCause() const { return _fallbackCause; }
+  /// Says why this is a fallback.
   void setFallbackCause(orbiq::String cause) { _fallbackCause = std::move(cause); }
 
   /// An independent record: its host is composed anew, the mark is carried over.
