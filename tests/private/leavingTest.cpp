@@ -210,7 +210,7 @@ const RoleRegistration kCancel("cancel-in-the-sink", [](const auto& arguments) {
     orbiq_post_will_enter_foreground();
   };
   std::thread(use).join();
-  const std::uint64_t before = orbiqAgent::sharedAgent().statistics().accepted;
+  const auto before = static_cast<std::size_t>(orbiqAgent::sharedAgent().statistics().accepted);
   std::thread(use).join();
   if (orbiqAgent::sharedAgent().statistics().accepted != before + 1) return 1;
   if (!application.log().waitFor("Saving requests to cache", before + 1)) return 2;
