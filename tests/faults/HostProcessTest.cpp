@@ -126,13 +126,13 @@ TEST(HostProcess, TheStandardDescriptorsStayTheHosts) {
   EXPECT_EQ(RoleProcess("without-standard-descriptors", {server.authorizationServer()}).wait(), 64);
 }
 
-const RoleRegistration kPrivileged("with-foreign-rights", [](const auto& arguments) {
+const RoleRegistration kPrivileged("with-foreign-rights", [](const auto& arguments) -> int {
   setenv("http_proxy", "http://127.0.0.1:9/", 1);
   const HttpResult result = makeHttpClient("")->send(requestFor(arguments.at(0)));
   std::cout << Paths::libraryDirectory() << " "
             << HostApplication::current().authorizationServer.description() << " "
             << (result.response ? result.response->status : 0) << std::endl;
-  return 0;
+  _exit(0);  // nobody may look into such a program for leaks
 });
 
 TEST(HostProcess, ASetUserIdProgramDoesNotObeyItsCallersEnvironment) {
@@ -144,7 +144,6 @@ TEST(HostProcess, ASetUserIdProgramDoesNotObeyItsCallersEnvironment) {
   for (const char* name : {"ORBIQ_LIBRARY_DIRECTORY", "XDG_STATE_HOME", "HOME"}) {
     setenv(name, "/callers", 1);
   }
-  setenv("ASAN_OPTIONS", "detect_leaks=0", 1);  // which such a program cannot look for
   setenv("ORBIQ_AUTHORIZATION_SERVER", "https://callers.example/", 1);
   ASSERT_EQ(chown(program.c_str(), 65534, 65534), 0);
   std::map<mode_t, std::string> printed;
