@@ -21,7 +21,7 @@ packages_page=(chromium nodejs)
 command -v npm >/dev/null || packages_page+=(npm)  # some packages of nodejs bring their own
 declare -A without=(
   [qt]='the example of a Qt main loop and its test'
-  [keyring]='orbiq::secretservice and its tests'
+  [keyring]="orbiq::secretservice, its tests and that of the pages' samples"
   [page]="the test of the collector's page in a browser"
 )
 
