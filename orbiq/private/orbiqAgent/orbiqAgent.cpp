@@ -84,7 +84,7 @@ void orbiqAgent::makeParts() {
     if (!requestQueue) loadRequests();
   }
   observeAndHandleRequests();
-  if (reachability) isNotified = reachability->startNotifier();
+  isNotified = reachability->startNotifier();
 }
 
 void orbiqAgent::observeAndHandleRequests() {
@@ -110,7 +110,7 @@ void orbiqAgent::observeAndHandleRequests() {
 // successor that could start it, and the news of the network.
 void orbiqAgent::resume() {
   requestSender->resume();
-  if (isNotified || !reachability) return;
+  if (isNotified) return;
   const orbiq::Lock lock(startLock);
   if (!isNotified) isNotified = reachability->startNotifier();
 }
