@@ -188,7 +188,7 @@ TEST_F(RouteReachabilityTest, TheInternetIsWhereTheKernelSendsThisProcess) {
       {kReachable, "route add default via 10.0.0.2 table 77\nrule add lookup 77"},
       {kReachable, "route add default via 10.0.0.2 table 77\nrule add uidrange 0-0 lookup 77"},
       {kReachable,
-       "route add default via 10.0.0.2 table 77\nrule add ipproto tcp dport 443 lookup 77"},
+       "route add default via 10.0.0.2 table 77\nrule add ipproto 6 dport 443 lookup 77"},
       {kNone, "route add default via 10.0.0.2\nrule add prohibit"},
       {kNone, "route add default via 10.0.0.2\nrule add uidrange 0-0 blackhole"},
       // The better metric counts, whatever comes of it.
