@@ -363,6 +363,10 @@ TEST(Request, Url) {
   request->setAuth(
       std::make_shared<orbiqAuth>(nullptr, access(AccessModeFull, "http://b /"), false));
   EXPECT_FALSE(request->url());
+  const auto toSerial = streamingRequest(SendingModeSerial);
+  toSerial->setAuth(std::make_shared<orbiqAuth>(
+      nullptr, std::make_shared<orbiqAccess>(nullptr, AccessModeFull, nullptr), false));
+  EXPECT_EQ(toSerial->url()->text(), "(null)");
 }
 
 TEST(Request, StopAndRank) {
@@ -374,7 +378,11 @@ TEST(Request, StopAndRank) {
   EXPECT_EQ(*before, (Parameters{{"cmsRK", "7"}}));
   request->setTheRank(-1);
   EXPECT_EQ(request->parameters()->at("cmsRK"), "-1");
-  for (const auto& [rank, next] : {std::pair{" +41x", "42"}, {"x", "1"}, {"-9", "-8"}}) {
+  for (const auto& [rank, next] : {std::pair{" +41x", "42"},
+                                   {"x", "1"},
+                                   {"-9", "-8"},
+                                   {"99999999999999999999", "-9223372036854775808"},
+                                   {"-99999999999999999999", "-9223372036854775807"}}) {
     const orbiqRequest other(std::make_shared<const Parameters>(Parameters{{"cmsRK", rank}}),
                              RequestTypeStreaming, SendingModeHost, "ABC", nullptr);
     const auto stop = other.copy();

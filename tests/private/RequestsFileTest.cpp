@@ -10,6 +10,7 @@
 #include <fstream>
 #include <functional>
 #include <iostream>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -97,6 +98,12 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
     return 0;
   });
   EXPECT_TRUE(fs::is_symlink(aside));
+  fs::remove(lock);
+  check("Is a directory", [&] {
+    fs::create_directory(lock);
+    return std::shared_ptr<void>(nullptr, [&](void*) { fs::remove(lock); });
+  });
+  EXPECT_EQ(savedIn(aside), 2U);
 
   const auto large = streamingRequest();
   large->setSerial(std::string(40U << 20U, 'x'));

@@ -100,6 +100,18 @@ TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
   EXPECT_EQ(reader.load(fileOf().string() + ".copy").back()->auth(), nullptr);
 }
 
+TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
+  const Application application(kNoServer);
+  RequestQueue saved;
+  while (saved.size() < 502) saved.push_back(streamingRequest());
+  writeQueue(saved);
+  const orbiqAgent& agent = orbiqAgent::sharedAgent();
+  ASSERT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection", 4));
+  EXPECT_EQ(application.log().count("We have now 500 request(s) to handle"), 1U);
+  EXPECT_EQ(counts(agent.statistics()),
+            (std::vector<std::uint64_t>{502, 0, 0, 0, 0, 3, 0, 0, 499}));
+}
+
 TEST(AgentQueue, AnAudienceOnlyFileYieldsAnEmptyQueue) {
   Application application(kNoServer);
   writeQueue({audienceRequest(), audienceRequest()});

@@ -1,6 +1,7 @@
 // The road of a hit, from sendHit to the wire.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <chrono>
 #include <cmath>
 #include <cstdlib>
@@ -195,6 +196,43 @@ TEST_F(Road, TheFallbackNeverBecomesAHostName) {
   EXPECT_EQ(agent().statistics().lastFailure,
             "localhost: the authorization server's answer with status 200 lacks access, host or "
             "cmsVI");
+}
+
+/// A network that goes between the loop's look at it and the attempt's.
+class FlickeringNetwork final : public NetworkReachabilitySource, public NetworkReachability {
+ public:
+  std::shared_ptr<NetworkReachability> createWithName(const std::string&) override { return self; }
+  std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr*) override { return self; }
+  std::string failure() const override { return {}; }
+  bool setCallback(NetworkReachabilityCallback, const NetworkReachabilityContext&) override {
+    return true;
+  }
+  bool setDispatchQueue(std::shared_ptr<SerialQueue>) override { return true; }
+  bool getFlags(std::uint32_t& flags) override {
+    flags = kSCNetworkReachabilityFlagsReachable;
+    if (++looks == 2) flags = 0;
+    return true;
+  }
+
+  std::shared_ptr<NetworkReachability> self;
+  std::atomic<int> looks = 0;
+};
+
+TEST(RoadOfANetworkThatFlickers, AnAttemptWithoutANetworkIsNoFailureOfTheRequest) {
+  AccountServer server;
+  const auto network = std::make_shared<FlickeringNetwork>();
+  network->self = {std::shared_ptr<void>(), network.get()};
+  Application application(server.authorizationServer(), [&](HostDescription&, Platform& platform) {
+    platform.reachabilitySource = network;
+  });
+  const auto request = streamingRequest();
+  orbiqAgent::sharedAgent().addRequestToQueue(request);
+  ASSERT_TRUE(application.log().waitFor(kKept));
+  EXPECT_TRUE(server.server().requests().empty());
+  Application::enterForeground();  // not a minute later
+  ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+  EXPECT_EQ(request->numberOfFails(), 0U);
+  EXPECT_EQ(orbiqAgent::sharedAgent().statistics().sent, 1U);
 }
 
 TEST_F(Road, AMarkerClearsTheCacheWithoutTraffic) {

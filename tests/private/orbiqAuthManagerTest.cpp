@@ -66,6 +66,7 @@ TEST(AuthCache, HandsOutCopiesByIdentity) {
   manager.hitSuccessfullySentForTagger(tagger("S1", 1));
   for (const auto& auth : {first, second, manager.authFromCacheForTagger(tagger("S1", 1))}) {
     EXPECT_FALSE(auth->currentAccess()->canSendRequestFor(RequestTypeAudience));
+    EXPECT_EQ(auth->currentSession(), stored->currentSession());
   }
   manager.setAuthToCache_forKey(stored, tagger("S1", 2));
   manager.forgetAuthForTagger(tagger("S1", 1));

@@ -1,16 +1,22 @@
 #include "orbiq/private/orbiqAgent/HandlerWork.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace orbiq {
 
-HandlerWork::Given HandlerWork::give(Item item) {
+HandlerWork::Given HandlerWork::give(const Item& item) {
   std::list<Item> given;
-  given.push_back(std::move(item));
+  try {
+    given.push_back(item);
+  } catch (const std::bad_alloc&) {
+    if (item.added) throw;
+  }
   std::list<Item> left;  // ends after the lock
   const Lock lock(_lock);
-  if (given.front().added) ++_additions;
+  if (given.empty()) _owed = std::max(_owed, item.trigger);
+  if (item.added) ++_additions;
   _items.splice(_items.end(), given);
   Given result{.needsTaker = !std::exchange(_hasTaker, true)};
   if (_additions > kMostAdditions) {
@@ -26,8 +32,12 @@ HandlerWork::Given HandlerWork::give(Item item) {
 bool HandlerWork::take(Item& item) {
   std::list<Item> taken;
   const Lock lock(_lock);
-  _hasTaker = !_items.empty();
+  _hasTaker = !_items.empty() || _owed != Trigger::None;
   if (!_hasTaker) return false;
+  if (_owed != Trigger::None) {
+    item = {.trigger = std::exchange(_owed, Trigger::None)};
+    return true;
+  }
   taken.splice(taken.end(), _items, _items.begin());
   if (taken.front().added) --_additions;
   item = std::move(taken.front());

@@ -1,7 +1,6 @@
 #pragma once
 
 #include <cstddef>
-#include <functional>
 #include <list>
 #include <memory>
 
@@ -10,16 +9,20 @@
 
 namespace orbiq {
 
+/// What wakes the sending loop from outside. The return of the network does what the foreground
+/// does, and more.
+enum class Trigger { None, Foreground, NetworkReturn };
+
 /// What waits for "orbiqRequestHandler": additions and triggers, in order. While a send stalls, an
 /// application may go on adding: of more additions than the bound the oldest gives way. Any thread.
 class HandlerWork {
  public:
   static constexpr std::size_t kMostAdditions = 10'000;
 
-  /// Either an addition, or something to do.
+  /// Either an addition or a trigger.
   struct Item {
     std::shared_ptr<orbiqRequest> added = {};
-    std::function<void()> trigger = {};
+    Trigger trigger = Trigger::None;
   };
 
   /// What came of giving an item.
@@ -29,8 +32,9 @@ class HandlerWork {
     /// The addition that gave way; null if none did.
     std::shared_ptr<orbiqRequest> pushedOut = {};
   };
-  /// Throws `std::bad_alloc`; then the item was not given.
-  Given give(Item item);
+  /// Throws `std::bad_alloc`; then the addition was not given. A trigger is never lost: without
+  /// memory for its place in the order it comes first.
+  Given give(const Item& item);
   /// False if nothing is left: then the taker goes, and the next item needs another.
   bool take(Item& item);
   /// The taker that was to be sent cannot be.
@@ -40,6 +44,7 @@ class HandlerWork {
   Mutex _lock;
   std::list<Item> _items ORBIQ_GUARDED_BY(_lock);
   std::size_t _additions ORBIQ_GUARDED_BY(_lock) = 0;
+  Trigger _owed ORBIQ_GUARDED_BY(_lock) = Trigger::None;
   bool _hasTaker ORBIQ_GUARDED_BY(_lock) = false;
 };
 

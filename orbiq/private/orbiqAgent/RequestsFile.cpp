@@ -1,5 +1,7 @@
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 
+#include <sys/stat.h>
+
 #include <array>
 #include <cerrno>
 #include <cstddef>
@@ -79,6 +81,8 @@ RequestQueue RequestsFile::load(const std::string& path) {
   }
   if (failure == 0) return {};
   _mustMoveAside = true;
+  struct stat status{};
+  if (lstat(path.c_str(), &status) != 0 && errno == ENOENT) return {};
   warn([&] {
     return "The saved requests can't be read: " + causeOf(failure) + "; before the next save " +
            path + " becomes " + path + kAsideSuffix;
@@ -88,6 +92,10 @@ RequestQueue RequestsFile::load(const std::string& path) {
 
 std::optional<RequestQueue> RequestsFile::read(const std::string& path, int& failure) try {
   if (isAnothers(path)) return {};
+  if (_lock.state() != FileLock::State::Held) {
+    failure = _lock.failure();
+    return {};
+  }
   const std::optional<std::string> bytes = readFile(path, kLargestFile, &failure);
   if (!bytes) return {};
   const auto requests = KeyedUnarchiver::unarchiveArray(*bytes, kRequestClasses);

@@ -19,14 +19,14 @@ using RequestQueue = std::deque<std::shared_ptr<orbiqRequest>>;
 KeyedArchiver requestArchiver();
 
 /// The queue on disk. Of several processes of one application the first one has the file; the
-/// others start empty and write nothing. Where the lock cannot be had for another reason, what the
-/// file holds is loaded, and saving begins when the lock can be had. A process whose lock file was
-/// replaced locks the new one, or writes nothing any more. One thread at a time.
+/// others start empty and write nothing. A process that could not even ask for the lock starts
+/// empty, too, and saves once it has it. A process whose lock file was replaced locks the new one,
+/// or writes nothing any more. One thread at a time.
 class RequestsFile {
  public:
   /// The queue that the file holds; empty, without a word, if there is none or it is no archive. A
-  /// file that cannot be read for another reason is an empty queue, too, which is said; the first
-  /// save moves it aside.
+  /// file that cannot be locked or read for another reason is an empty queue, too, which is said;
+  /// the first save moves it aside.
   RequestQueue load(const std::string& path);
   /// Replaces the file by the queue; makes its directory if that has gone. What fails is logged
   /// when the cause changes, and changes nothing else: the next save tries again.

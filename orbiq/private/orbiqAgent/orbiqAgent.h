@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <deque>
-#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -31,6 +30,7 @@ class NeverDestroyed;
 class RequestsFile;
 class SerialQueue;
 enum class HitFate : std::size_t;
+enum class Trigger;
 }  // namespace orbiq
 
 /// The owner of the request queue: it saves it, authorizes and sends its requests in order, and
@@ -128,9 +128,10 @@ class ORBIQ_EXPORT orbiqAgent {
   void resume();
 
   // What "orbiqRequestHandler" does.
-  bool giveWork(std::shared_ptr<orbiqRequest> added, std::function<void()> trigger);
+  bool giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger trigger);
   void work();
   void add(const std::shared_ptr<orbiqRequest>& request);
+  void lookAgain(orbiq::Trigger trigger);
 
   // The queue.
   void loadRequests() ORBIQ_REQUIRES(requestsProtector);

@@ -116,13 +116,16 @@ void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
   if (!request || isForkedAway()) return;
   const bool isHit = !isMarker(*request);
   ledger->additionBegins(isHit);
-  if (isStarted.load(std::memory_order_acquire) && giveWork(std::move(request), {})) return;
+  if (isStarted.load(std::memory_order_acquire) &&
+      giveWork(std::move(request), orbiq::Trigger::None)) {
+    return;
+  }
   ledger->additionEnds();
   if (isHit) ledger->countFate(orbiq::HitFate::GivenUp);
 }
 
-bool orbiqAgent::giveWork(std::shared_ptr<orbiqRequest> added, std::function<void()> trigger) try {
-  const orbiq::HandlerWork::Given given = handlerWork->give({std::move(added), std::move(trigger)});
+bool orbiqAgent::giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger trigger) try {
+  const orbiq::HandlerWork::Given given = handlerWork->give({std::move(added), trigger});
   if (given.pushedOut) {
     ledger->additionEnds();
     if (!isMarker(*given.pushedOut)) ledger->countFate(orbiq::HitFate::PushedOut);
@@ -148,7 +151,7 @@ void orbiqAgent::work() {
     if (item.added) {
       add(item.added);
     } else {
-      item.trigger();
+      lookAgain(item.trigger);
     }
   }
 }

@@ -57,9 +57,11 @@ void recordFailure(orbiqRequest& request) {
 /// Why there is no response. A fallback, whose URL cannot be asked, has its own cause.
 std::string causeOf(const orbiqRequest& request, const orbiq::Url& url,
                     const orbiq::HttpResult& result) {
-  const orbiq::String fallbackCause =
-      ask(ask(request.auth(), &orbiqAuth::currentAccess), &orbiqAccess::fallbackCause);
-  if (!url.isHttp() && !fallbackCause.isNull()) return fallbackCause.toStdString();
+  const auto access = ask(request.auth(), &orbiqAuth::currentAccess);
+  if (!url.isHttp() && access && access->baseURL().isEmpty()) {
+    const orbiq::String cause = access->fallbackCause();
+    return cause.isNull() ? "an earlier run got no authorization for it" : cause.toStdString();
+  }
   return result.error ? result.error->text : "no response";
 }
 

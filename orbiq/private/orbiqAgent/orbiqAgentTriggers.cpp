@@ -1,4 +1,5 @@
 // What wakes the agent's sending loop from outside.
+#include "orbiq/private/orbiqAgent/HandlerWork.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 
@@ -7,13 +8,7 @@ void orbiqAgent::reachabilityStatusChanged(const orbiq::Notification& /*notifica
   orbiqLogger::log_withMode("Connection status changed - we check if we can send any request",
                             orbiq::LoggingModeInfo);
   if (!isReachable()) return;
-  giveWork(nullptr, [this] {
-    const orbiq::Lock lock(requestsProtector);
-    // Audience requests are not sent late; a pending marker, of that type too, goes with them. The
-    // file catches up at the next save. All of it is meant.
-    discardAudienceRequests();
-    requestsProtector.signal();
-  });
+  giveWork(nullptr, orbiq::Trigger::NetworkReturn);
 }
 
 void orbiqAgent::applicationWillEnterForeground(const orbiq::Notification& /*notification*/) {
@@ -21,8 +16,13 @@ void orbiqAgent::applicationWillEnterForeground(const orbiq::Notification& /*not
   orbiqLogger::log_withMode(
       "Application entered foreground - we check if any requests should be sent",
       orbiq::LoggingModeInfo);
-  giveWork(nullptr, [this] {
-    const orbiq::Lock lock(requestsProtector);
-    requestsProtector.signal();
-  });
+  giveWork(nullptr, orbiq::Trigger::Foreground);
+}
+
+void orbiqAgent::lookAgain(orbiq::Trigger trigger) {
+  const orbiq::Lock lock(requestsProtector);
+  // Audience requests are not sent late; a pending marker, of that type too, goes with them. The
+  // file catches up at the next save. All of it is meant.
+  if (trigger == orbiq::Trigger::NetworkReturn) discardAudienceRequests();
+  requestsProtector.signal();
 }

@@ -13,6 +13,7 @@
 #include <thread>
 
 #include "orbiq/orbiq.h"
+#include "orbiq/private/orbiqAgent/HandlerWork.h"
 #include "orbiq/services/platform/Clock.h"
 #include "orbiq/services/platform/Platform.h"
 #include "tests/faults/exhaustion/Faults.h"
@@ -56,6 +57,17 @@ void enterForeground() {
 faults::Kind kindOf(const std::string& name) {
   if (name == "memory") return faults::Kind::Memory;
   return name == "descriptors" ? faults::Kind::Descriptors : faults::Kind::Threads;
+}
+
+/// Without memory, what wakes the sending loop has to wait only for the next who takes.
+bool keepsTriggers() {
+  orbiq::HandlerWork work;
+  faults::arm(faults::Kind::Memory, 1, 1000);
+  work.give({.trigger = orbiq::Trigger::NetworkReturn});
+  work.give({.trigger = orbiq::Trigger::Foreground});
+  faults::disarm();
+  orbiq::HandlerWork::Item item;
+  return work.take(item) && item.trigger == orbiq::Trigger::NetworkReturn && !work.take(item);
 }
 
 int fail(const char* what) {
@@ -102,6 +114,7 @@ int main(int argc, char** argv) try {
   }
   const std::uint64_t asked = faults::disarm();
 
+  if (!keepsTriggers()) return fail("a trigger is lost");
   if (!isDescribed) isDescribed = orbiq::HostApplication::describe(host).isNull();
   if (!isDescribed) return fail("cannot be described any more");
   clock->advance(61);
