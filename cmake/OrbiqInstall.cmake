@@ -11,7 +11,6 @@ set(ORBIQ_PUBLIC_HEADERS
   orbiq/private/orbiqAgent/Statistics.h
   orbiq/private/orbiqAgent/orbiqAgent.h
   orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h
-  orbiq/private/orbiqAgent/orbiqTaggerIdentifier/orbiqTaggerIdentifier.h
   orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h
   orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h
   orbiq/private/orbiqAuthManager/orbiqAuthManager.h
@@ -31,7 +30,6 @@ set(ORBIQ_PUBLIC_HEADERS
   orbiq/services/platform/HostApplication.h
   orbiq/services/platform/Keychain.h
   orbiq/services/platform/MainLoop.h
-  orbiq/services/platform/Mutex.h
   orbiq/services/platform/NetworkReachability.h
   orbiq/services/platform/NotificationCenter.h
   orbiq/services/platform/Object.h

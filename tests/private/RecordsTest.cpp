@@ -7,6 +7,7 @@
 #include <stdexcept>
 #include <vector>
 
+#include "orbiq/private/orbiqAgent/orbiqTaggerIdentifier/orbiqTaggerIdentifier.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/platform/KeyedArchiver.h"
 #include "orbiq/services/platform/KeyedUnarchiver.h"

@@ -5,19 +5,29 @@
 
 namespace orbiq {
 
-void HitLedger::countAccepted(std::uint64_t hits) {
+void HitLedger::countLoaded(std::uint64_t hits, std::uint64_t discarded) {
   const Lock lock(_lock);
   _accepted += hits;
+  countOf(HitFate::DiscardedAtStart) += discarded;
+}
+
+void HitLedger::countHit(HitFate fate) {
+  const Lock lock(_lock);
+  ++_accepted;
+  ++countOf(fate);
 }
 
 void HitLedger::countFate(HitFate fate, std::uint64_t hits) {
   const Lock lock(_lock);
-  _fates[static_cast<std::size_t>(fate)] += hits;
+  countOf(fate) += hits;
 }
 
-void HitLedger::noteSuccess(const Date& time) {
+void HitLedger::attemptEnds(std::optional<HitFate> fate, std::uint64_t hits, const String& failure,
+                            const Date& now) {
   const Lock lock(_lock);
-  _lastSuccess = time;
+  if (fate) countOf(*fate) += hits;
+  if (fate == HitFate::Sent) _lastSuccess = now;
+  if (!failure.isNull()) _lastFailure = failure;
 }
 
 void HitLedger::noteFailure(const String& text) {

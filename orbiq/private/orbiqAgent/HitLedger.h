@@ -27,13 +27,18 @@ enum class HitFate : std::size_t {
 /// thread.
 class HitLedger {
  public:
-  void countAccepted(std::uint64_t hits = 1);
+  /// Hits that the file held, some of which are discarded.
+  void countLoaded(std::uint64_t hits, std::uint64_t discarded);
+  /// A hit that never comes to the queue.
+  void countHit(HitFate fate);
   /// A request is on its way to the queue; a marker is not counted as accepted.
   void additionBegins(bool isCounted);
-  void countFate(HitFate fate, std::uint64_t hits = 1);
-  void noteSuccess(const Date& time);
-  void noteFailure(const String& text);
   void additionEnds();
+  void countFate(HitFate fate, std::uint64_t hits = 1);
+  /// An attempt has ended, and so many hits with it. A null failure leaves the last one known.
+  void attemptEnds(std::optional<HitFate> fate, std::uint64_t hits, const String& failure,
+                   const Date& now);
+  void noteFailure(const String& text);
   /// A send is under way as long as it lives.
   class Sending {
    public:
@@ -48,7 +53,10 @@ class HitLedger {
   Statistics statistics() const;
 
  private:
-  std::uint64_t countOf(HitFate fate) const ORBIQ_REQUIRES(_lock) {
+  const std::uint64_t& countOf(HitFate fate) const ORBIQ_REQUIRES(_lock) {
+    return _fates[static_cast<std::size_t>(fate)];
+  }
+  std::uint64_t& countOf(HitFate fate) ORBIQ_REQUIRES(_lock) {
     return _fates[static_cast<std::size_t>(fate)];
   }
 

@@ -1,53 +1,39 @@
-// The agent's life.
+// The agent's life, and what others call.
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 
 #include <exception>
 #include <new>
 #include <string>
+#include <utility>
 
-#include "orbiq/private/orbiqAgent/HandlerWork.h"
-#include "orbiq/private/orbiqAgent/HitLedger.h"
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqAgent/AgentState.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/HttpClient.h"
 #include "orbiq/services/platform/NeverDestroyed.h"
-#include "orbiq/services/platform/SerialQueue.h"
-
-namespace {
-
-orbiq::HitLedger* onlyLedger() {
-  static orbiq::NeverDestroyed<orbiq::HitLedger> ledger;
-  return &*ledger;
-}
-
-orbiq::HandlerWork* onlyHandlerWork() {
-  static orbiq::NeverDestroyed<orbiq::HandlerWork> work;
-  return &*work;
-}
-
-}  // namespace
 
 orbiqAgent& orbiqAgent::sharedAgent() {
-  static orbiq::NeverDestroyed<orbiqAgent> agent;
-  (*agent).start();
+  static orbiq::NeverDestroyed<State> ofProcess;
+  static orbiq::NeverDestroyed<orbiqAgent> agent(*ofProcess);
+  // The agent of a forked child does nothing, and leaves the parent's file alone.
+  if (!isForkedAway()) (*ofProcess).start();
   return *agent;
 }
 
-// Takes no memory, so that there is an agent in any case.
-orbiqAgent::orbiqAgent() noexcept : ledger(onlyLedger()), handlerWork(onlyHandlerWork()) {}
+orbiqAgent::orbiqAgent(State& ofProcess) noexcept : state(ofProcess) {}
+
+orbiqAgent::~orbiqAgent() = default;
 
 // For completeness: the loop on "orbiqRequestSender" keeps the agent as long as the process lives.
-orbiqAgent::~orbiqAgent() {
+orbiqAgent::State::~State() {
   if (reachability) reachability->stopNotifier();
   auto& center = orbiq::NotificationCenter::defaultCenter();
   center.removeObserver(this, korbiqReachabilityChangedNotification);
   center.removeObserver(this, orbiq::UIApplicationWillEnterForegroundNotification);
 }
 
-void orbiqAgent::start() try {
-  // The agent of a forked child does nothing, and leaves the parent's file alone.
-  if (isStarted.load(std::memory_order_acquire) || isForkedAway()) return;
+void orbiqAgent::State::start() try {
+  if (isStarted.load(std::memory_order_acquire)) return;
   const orbiq::Lock lock(startLock);
   if (isStarted.load(std::memory_order_relaxed)) return;
   makeParts();
@@ -57,7 +43,7 @@ void orbiqAgent::start() try {
 }
 
 // Whatever can fail comes before others can find the agent: before observers and threads.
-void orbiqAgent::makeParts() {
+void orbiqAgent::State::makeParts() {
   orbiq::HostApplication::settle();
   const orbiq::String serverProblem = orbiq::HostApplication::authorizationServerProblem();
   if (!requestSender && !serverProblem.isNull()) {
@@ -71,32 +57,30 @@ void orbiqAgent::makeParts() {
   if (!reachability) reachability = orbiqReachability::reachabilityForInternetConnection();
   if (!reachability) throw std::bad_alloc();
   if (!requestSender) {
-    requestSender = std::make_unique<orbiq::SerialQueue>(
-        "orbiqRequestSender", std::function<void()>(), orbiq::WorkKind::Background);
+    requestSender.emplace("orbiqRequestSender", std::function<void()>(),
+                          orbiq::WorkKind::Background);
   }
   if (!requestHandler) {
-    requestHandler = std::make_unique<orbiq::SerialQueue>(
-        "orbiqRequestHandler", [this] { rest(); }, orbiq::WorkKind::Background);
+    requestHandler.emplace("orbiqRequestHandler", [this] { rest(); }, orbiq::WorkKind::Background);
   }
   {
     const orbiq::Lock lock(requestsProtector);
-    if (!requestsFile) requestsFile = std::make_unique<orbiq::RequestsFile>();
+    if (!requestsFile) requestsFile.emplace();
     if (!requestQueue) loadRequests();
   }
   observeAndHandleRequests();
   isNotified = reachability->startNotifier();
 }
 
-void orbiqAgent::observeAndHandleRequests() {
+void orbiqAgent::State::observeAndHandleRequests() {
   const std::string changed = korbiqReachabilityChangedNotification;
   const std::string foreground = orbiq::UIApplicationWillEnterForegroundNotification;
   auto& center = orbiq::NotificationCenter::defaultCenter();
   try {
-    const bool observes = center.addObserver(this, changed, [this](const auto& posted) {
-      reachabilityStatusChanged(posted);
-    }) && center.addObserver(this, foreground, [this](const auto& posted) {
-      applicationWillEnterForeground(posted);
-    });
+    const bool observes =
+        center.addObserver(this, changed, [this](const auto&) { reachabilityStatusChanged(); }) &&
+        center.addObserver(this, foreground,
+                           [this](const auto&) { applicationWillEnterForeground(); });
     if (!observes) throw std::bad_alloc();
     requestSender->async([this] { handleRequests(); });
   } catch (const std::bad_alloc&) {
@@ -108,22 +92,30 @@ void orbiqAgent::observeAndHandleRequests() {
 
 // What could not be had when it was first asked for: the sending thread, whose one task gets no
 // successor that could start it, and the news of the network.
-void orbiqAgent::resume() {
+void orbiqAgent::State::resume() {
   requestSender->resume();
   if (isNotified) return;
   const orbiq::Lock lock(startLock);
   if (!isNotified) isNotified = reachability->startNotifier();
 }
 
+void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
+  if (!isForkedAway()) state.addRequestToQueue(std::move(request));
+}
+
 std::int64_t orbiqAgent::getPartialID() {
   if (isForkedAway()) return 0;
-  const orbiq::Lock lock(partialIDLocker);
-  return _partialID++;
+  const orbiq::Lock lock(state.partialIDLocker);
+  return state._partialID++;
 }
 
 orbiq::Statistics orbiqAgent::statistics() const {
-  return isForkedAway() ? orbiq::Statistics() : ledger->statistics();
+  return isForkedAway() ? orbiq::Statistics() : state.ledger.statistics();
 }
+
+void orbiqAgent::countRefusedHit() { state.ledger.countHit(orbiq::HitFate::Refused); }
+
+void orbiqAgent::countLostHit() { state.ledger.countHit(orbiq::HitFate::GivenUp); }
 
 bool orbiqAgent::isForkedAway() {
   if (!orbiq::inForkedChild()) return false;

@@ -8,16 +8,13 @@
 #include <string>
 #include <utility>
 
-#include "orbiq/private/orbiqAgent/HandlerWork.h"
-#include "orbiq/private/orbiqAgent/HitLedger.h"
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqAgent/AgentState.h"
 #include "orbiq/private/orbiqAgent/SendingRules.h"
-#include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/Paths.h"
-#include "orbiq/services/platform/SerialQueue.h"
+#include "orbiq/services/platform/Platform.h"
 
 namespace {
 
@@ -40,6 +37,12 @@ const std::string& requestsPath() {
   return *path;
 }
 
+void makeRequestsDirectory() {
+  struct stat status{};
+  if (lstat(requestsDirectory().c_str(), &status) == 0) return;
+  orbiq::Paths::makeDirectories(requestsDirectory());  // what fails here shows at the save
+}
+
 void logQueueLength(std::size_t length) {
   orbiqLogger::log_withMode(
       [&] { return "We have now " + std::to_string(length) + " request(s) to handle"; },
@@ -49,86 +52,72 @@ void logQueueLength(std::size_t length) {
 }  // namespace
 
 orbiq::String orbiqAgent::requestsFilePath() const try {
-  struct stat status{};
-  if (::lstat(requestsDirectory().c_str(), &status) != 0) {
-    orbiq::Paths::makeDirectories(requestsDirectory());  // what fails here shows at the save
-  }
+  makeRequestsDirectory();
   return requestsPath();
 } catch (const std::bad_alloc& error) {
   return orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError), nullptr;
 }
 
-void orbiqAgent::loadRequests() {
+void orbiqAgent::State::loadRequests() {
   orbiqLogger::log_withMode("Loading requests from cache", orbiq::LoggingModeInfo);
-  auto kept = std::make_unique<orbiq::RequestQueue>();
+  orbiq::RequestQueue kept;
   std::uint64_t accepted = 0;
   std::uint64_t discarded = 0;
-  requestsFilePath();  // makes the directory
+  makeRequestsDirectory();
   for (const auto& request : requestsFile->load(requestsPath())) {
     const bool isHit = !isMarker(*request);
     if (isHit) ++accepted;
     // Audience requests of an earlier process are not sent late. That is meant.
     if (!orbiq::SendingRules::isDroppedLate(request->requestType())) {
-      kept->push_back(request);
+      kept.push_back(request);
     } else if (isHit) {
       ++discarded;
     }
   }
-  const bool isMarked = !kept->empty();
-  if (isMarked) kept->push_back(std::make_shared<orbiqClearCache>());
+  const bool isMarked = !kept.empty();
+  if (isMarked) kept.push_back(std::make_shared<orbiqClearCache>());
 
   pendingMarkers = isMarked ? 1 : 0;
-  pendingStreaming = kept->size() - pendingMarkers;
+  pendingStreaming = kept.size() - pendingMarkers;
   requestQueue = std::move(kept);
-  ledger->countAccepted(accepted);
-  ledger->countFate(orbiq::HitFate::DiscardedAtStart, discarded);
+  ledger.countLoaded(accepted, discarded);
 }
 
-void orbiqAgent::saveRequests() try {
+void orbiqAgent::State::saveRequests() try {
   orbiqLogger::log_withMode("Saving requests to cache", orbiq::LoggingModeInfo);
   requestsFile->save(requestsPath(), *requestQueue);
 } catch (const std::bad_alloc& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
 }
 
-void orbiqAgent::rest() {
+void orbiqAgent::State::rest() {
   const orbiq::Lock lock(requestsProtector);
   isQuiet = true;
   requestsFile->rest();
   syncAtRest();
 }
 
-void orbiqAgent::syncAtRest() {
+void orbiqAgent::State::syncAtRest() {
   if (pendingStreaming != 0) requestsFile->sync(requestsPath());
 }
 
-void orbiqAgent::countRefusedHit() {
-  ledger->countAccepted();
-  ledger->countFate(orbiq::HitFate::Refused);
-}
-
-void orbiqAgent::countLostHit() {
-  ledger->countAccepted();
-  ledger->countFate(orbiq::HitFate::GivenUp);
-}
-
-void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
-  if (!request || isForkedAway()) return;
+void orbiqAgent::State::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
+  if (!request) return;
   const bool isHit = !isMarker(*request);
-  ledger->additionBegins(isHit);
+  ledger.additionBegins(isHit);
   if (isStarted.load(std::memory_order_acquire) &&
       giveWork(std::move(request), orbiq::Trigger::None)) {
     return;
   }
-  ledger->additionEnds();
-  if (isHit) ledger->countFate(orbiq::HitFate::GivenUp);
+  ledger.additionEnds();
+  if (isHit) ledger.countFate(orbiq::HitFate::GivenUp);
 }
 
-bool orbiqAgent::giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger trigger) try {
-  const orbiq::HandlerWork::Given given = handlerWork->give({std::move(added), trigger});
+bool orbiqAgent::State::giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger trigger) try {
+  const orbiq::HandlerWork::Given given = handlerWork.give({std::move(added), trigger});
   if (given.pushedOut) {
-    ledger->additionEnds();
-    if (!isMarker(*given.pushedOut)) ledger->countFate(orbiq::HitFate::PushedOut);
+    ledger.additionEnds();
+    if (!isMarker(*given.pushedOut)) ledger.countFate(orbiq::HitFate::PushedOut);
   }
   if (!given.needsTaker) {
     requestHandler->resume();  // the one who was sent for may have got no thread
@@ -137,7 +126,7 @@ bool orbiqAgent::giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger tr
   try {
     requestHandler->async([this] { work(); });
   } catch (const std::bad_alloc&) {
-    handlerWork->takerFailed();  // the next item sends for another
+    handlerWork.takerFailed();  // the next item sends for another
   }
   return true;
 } catch (const std::bad_alloc& error) {
@@ -145,9 +134,9 @@ bool orbiqAgent::giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger tr
   return false;
 }
 
-void orbiqAgent::work() {
+void orbiqAgent::State::work() {
   resume();
-  for (orbiq::HandlerWork::Item item; handlerWork->take(item); item = {}) {
+  for (orbiq::HandlerWork::Item item; handlerWork.take(item); item = {}) {
     if (item.added) {
       add(item.added);
     } else {
@@ -156,12 +145,12 @@ void orbiqAgent::work() {
   }
 }
 
-void orbiqAgent::add(const std::shared_ptr<orbiqRequest>& request) {
+void orbiqAgent::State::add(const std::shared_ptr<orbiqRequest>& request) {
   orbiqLogger::log_withMode("Adding a request in queue", orbiq::LoggingModeInfo);
   const orbiq::Lock lock(requestsProtector);
-  ledger->additionEnds();
+  ledger.additionEnds();
   if (!append(request)) {
-    if (!isMarker(*request)) ledger->countFate(orbiq::HitFate::GivenUp);
+    if (!isMarker(*request)) ledger.countFate(orbiq::HitFate::GivenUp);
     return;
   }
   saveRequests();
@@ -169,7 +158,7 @@ void orbiqAgent::add(const std::shared_ptr<orbiqRequest>& request) {
   requestsProtector.signal();
 }
 
-bool orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) try {
+bool orbiqAgent::State::append(const std::shared_ptr<orbiqRequest>& request) try {
   isQuiet = false;
   if (pendingMarkers == 0) {
     request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
@@ -177,7 +166,7 @@ bool orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) try {
   }
   enqueue(request);
   if (requestQueue->size() >= orbiq::SendingRules::kQueueBound) {
-    if (!isMarker(*requestQueue->front())) ledger->countFate(orbiq::HitFate::PushedOut);
+    if (!isMarker(*requestQueue->front())) ledger.countFate(orbiq::HitFate::PushedOut);
     dequeue();
   }
   return true;
@@ -186,20 +175,20 @@ bool orbiqAgent::append(const std::shared_ptr<orbiqRequest>& request) try {
   return false;
 }
 
-void orbiqAgent::enqueue(const std::shared_ptr<orbiqRequest>& request) {
+void orbiqAgent::State::enqueue(const std::shared_ptr<orbiqRequest>& request) {
   requestQueue->push_back(request);
   if (isMarker(*request)) ++pendingMarkers;
   if (isStreaming(*request)) ++pendingStreaming;
 }
 
-void orbiqAgent::dequeue() {
+void orbiqAgent::State::dequeue() {
   if (isMarker(*requestQueue->front())) --pendingMarkers;
   if (isStreaming(*requestQueue->front())) --pendingStreaming;
   requestQueue->pop_front();
 }
 
 template <class IsUnwanted>
-std::size_t orbiqAgent::removeIf(const IsUnwanted& isUnwanted) {
+std::size_t orbiqAgent::State::removeIf(const IsUnwanted& isUnwanted) {
   orbiq::RequestQueue& queue = *requestQueue;
   const std::size_t before = queue.size();
   // Nearly always it is the head alone, for which the others need not be moved up.
@@ -219,28 +208,29 @@ std::size_t orbiqAgent::removeIf(const IsUnwanted& isUnwanted) {
   return before - queue.size();
 }
 
-void orbiqAgent::renewSession(const orbiqRequest& request) {
+void orbiqAgent::State::renewSession(const orbiqRequest& request) {
   orbiqAuthManager::manager().forgetAuthForTagger(request.taggerID());
   orbiqLogger::log_withMode("ShouldRenewSession", orbiq::LoggingModeInfo);
 }
 
-void orbiqAgent::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
-                                        std::optional<orbiq::HitFate> fate) {
+void orbiqAgent::State::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
+                                               std::optional<orbiq::HitFate> fate,
+                                               const orbiq::String& failure) {
   if (!request) return;
   orbiqLogger::log_withMode("Removing request from queue", orbiq::LoggingModeInfo);
   const std::size_t removed =
       removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); });
-  if (fate) ledger->countFate(*fate, removed);
+  if (fate) ledger.attemptEnds(fate, removed, failure, orbiq::Platform::now());
   saveRequests();
   logQueueLength(requestQueue->size());
 }
 
-void orbiqAgent::discardAudienceRequests() {
+void orbiqAgent::State::discardAudienceRequests() {
   std::uint64_t hits = 0;
   removeIf([&](const orbiqRequest& request) {
     if (!orbiq::SendingRules::isDroppedLate(request.requestType())) return false;
     if (!isMarker(request)) ++hits;
     return true;
   });
-  ledger->countFate(orbiq::HitFate::DiscardedAtNetworkReturn, hits);
+  ledger.countFate(orbiq::HitFate::DiscardedAtNetworkReturn, hits);
 }

@@ -5,11 +5,9 @@
 #include <string>
 #include <string_view>
 
+#include "orbiq/private/orbiqAgent/AgentState.h"
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
-#include "orbiq/private/orbiqAgent/HitLedger.h"
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAgent/SendingRules.h"
-#include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
@@ -54,6 +52,11 @@ void recordFailure(orbiqRequest& request) {
   request.setStatus(orbiq::RequestStatusFailed);
 }
 
+bool isValid(const orbiqRequest& request) {
+  return SendingRules::isValid(request.creationDate(), orbiq::Platform::now(),
+                               orbiqAuthManager::manager().timeIntervalBetweenServerAndDevice());
+}
+
 /// Why there is no response. A fallback, whose URL cannot be asked, has its own cause.
 std::string causeOf(const orbiqRequest& request, const orbiq::Url& url,
                     const orbiq::HttpResult& result) {
@@ -75,13 +78,11 @@ orbiq::String textOf(const MakeText& makeText) try {
 
 }  // namespace
 
-bool orbiqAgent::Error::keepsRequest() const {
-  return domain == std::string_view(kErrorDomain) && (code == kNotReachable || code == kNoResponse);
+bool orbiqAgent::State::isReachable() const {
+  return ask(reachability, &orbiqReachability::isReachable);
 }
 
-bool orbiqAgent::isReachable() const { return ask(reachability, &orbiqReachability::isReachable); }
-
-void orbiqAgent::handleRequests() {
+void orbiqAgent::State::handleRequests() {
   for (;;) {
     const orbiq::Lock lock(requestsProtector);
     try {
@@ -97,7 +98,7 @@ void orbiqAgent::handleRequests() {
   }
 }
 
-void orbiqAgent::waitForHead() {
+void orbiqAgent::State::waitForHead() {
   while (!headIsDue()) {
     if (isQuiet) syncAtRest();
     if (requestQueue->empty()) requestsFile->rest();
@@ -105,23 +106,23 @@ void orbiqAgent::waitForHead() {
   }
 }
 
-bool orbiqAgent::headIsDue() {
+bool orbiqAgent::State::headIsDue() {
   if (requestQueue->empty() && !waitsForNetwork) return false;
   noteNetwork(isReachable());
   if (requestQueue->empty() || waitsForNetwork) return false;
   return SendingRules::isDue(requestQueue->front()->lastFail(), orbiq::Platform::now());
 }
 
-void orbiqAgent::noteNetwork(bool isThere) {
+void orbiqAgent::State::noteNetwork(bool isThere) {
   if (isThere != waitsForNetwork) return;
   waitsForNetwork = !isThere;
-  if (!isThere) ledger->noteFailure("there is no network");
+  if (!isThere) ledger.noteFailure("there is no network");
   orbiqLogger::log_withMode(
       isThere ? "There is a network again" : "The requests wait, as there is no network",
       orbiq::LoggingModeWarning);
 }
 
-void orbiqAgent::handleHead() {
+void orbiqAgent::State::handleHead() {
   orbiqLogger::log_withMode("Request to handle !", orbiq::LoggingModeInfo);
   const std::shared_ptr<orbiqRequest> head = requestQueue->front();
   if (dynamic_cast<const orbiqClearCache*>(head.get()) != nullptr) {
@@ -129,16 +130,15 @@ void orbiqAgent::handleHead() {
     removeRequestFromQueue(head, std::nullopt);
     return;
   }
-  if (!isTheRequestValid(*head)) {
+  if (!isValid(*head)) {
     removeRequestFromQueue(head, HitFate::GivenUp);
     return;
   }
   orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },
                             orbiq::LoggingModeInfo);
   const Attempt result = attempt(head);
-  if (!result.failure.isNull()) ledger->noteFailure(result.failure);
-  if (result.fate == HitFate::Sent) ledger->noteSuccess(orbiq::Platform::now());
-  if (result.error && result.error->keepsRequest()) {
+  if (!result.fate) {
+    if (!result.failure.isNull()) ledger.noteFailure(result.failure);
     logAbout(*head, " handling resulted in a timeout or lack of connection",
              orbiq::LoggingModeWarning);
     if (requestQueue->size() >= SendingRules::kQueueBound)
@@ -146,14 +146,14 @@ void orbiqAgent::handleHead() {
     return;
   }
   logAbout(*head, " handling done", orbiq::LoggingModeInfo);
-  removeRequestFromQueue(head, result.fate);
+  removeRequestFromQueue(head, result.fate, result.failure);
   if (head->shouldRenewSessionAfter() && head->sendingMode() == orbiq::SendingModeSerialWithStop) {
     sendStopCopyOf(head);
   }
 }
 
 // Once, whatever comes of it.
-void orbiqAgent::sendStopCopyOf(const std::shared_ptr<orbiqRequest>& request) try {
+void orbiqAgent::State::sendStopCopyOf(const std::shared_ptr<orbiqRequest>& request) try {
   request->setCreationDate(orbiq::Platform::now());
   request->transformToStop();
   handleRequest(request);
@@ -161,14 +161,15 @@ void orbiqAgent::sendStopCopyOf(const std::shared_ptr<orbiqRequest>& request) tr
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
 }
 
-std::optional<orbiqAgent::Error> orbiqAgent::handleRequest(
+std::optional<orbiqAgent::State::Error> orbiqAgent::State::handleRequest(
     const std::shared_ptr<orbiqRequest>& request) {
   return attempt(request).error;
 }
 
-orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& request) {
+orbiqAgent::State::Attempt orbiqAgent::State::attempt(
+    const std::shared_ptr<orbiqRequest>& request) {
   if (!request) return {};
-  const HitLedger::Sending sending(*ledger);
+  const HitLedger::Sending sending(ledger);
   request->setStatus(orbiq::RequestStatusSending);
   if (!isReachable()) return {Error{kErrorDomain, kNotReachable}, std::nullopt, {}};
 
@@ -195,7 +196,7 @@ orbiqAgent::Attempt orbiqAgent::attempt(const std::shared_ptr<orbiqRequest>& req
 }
 
 /// False if this machine could not even ask: then the request waits like one without a response.
-bool orbiqAgent::authorize(orbiqRequest& request) try {
+bool orbiqAgent::State::authorize(orbiqRequest& request) try {
   request.setAuth(orbiqAuthManager::manager().obtainAuth(request.taggerID()));
   return true;
 } catch (const std::bad_alloc& error) {
@@ -203,7 +204,7 @@ bool orbiqAgent::authorize(orbiqRequest& request) try {
   return false;
 }
 
-orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& url) {
+orbiqAgent::State::Attempt orbiqAgent::State::send(orbiqRequest& request, const orbiq::Url& url) {
   const orbiq::HttpResult result = orbiq::Platform::send(
       {url, orbiq::DeviceContext::userAgent(), orbiq::Platform::current().hitTimeout});
   const std::optional<HitFate> fate = SendingRules::fateAfter(
@@ -229,7 +230,4 @@ orbiqAgent::Attempt orbiqAgent::send(orbiqRequest& request, const orbiq::Url& ur
   return answered;
 }
 
-bool orbiqAgent::isTheRequestValid(const orbiqRequest& request) const {
-  return SendingRules::isValid(request.creationDate(), orbiq::Platform::now(),
-                               timeIntervalBetweenServerAndDevice());
-}
+bool orbiqAgent::isTheRequestValid(const orbiqRequest& request) const { return isValid(request); }

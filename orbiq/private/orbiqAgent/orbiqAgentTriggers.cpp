@@ -1,9 +1,16 @@
 // What wakes the agent's sending loop from outside.
-#include "orbiq/private/orbiqAgent/HandlerWork.h"
-#include "orbiq/private/orbiqAgent/orbiqAgent.h"
+#include "orbiq/private/orbiqAgent/AgentState.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 
 void orbiqAgent::reachabilityStatusChanged(const orbiq::Notification& /*notification*/) {
+  if (state.isStarted) state.reachabilityStatusChanged();
+}
+
+void orbiqAgent::applicationWillEnterForeground(const orbiq::Notification& /*notification*/) {
+  if (state.isStarted) state.applicationWillEnterForeground();
+}
+
+void orbiqAgent::State::reachabilityStatusChanged() {
   if (isForkedAway()) return;
   orbiqLogger::log_withMode("Connection status changed - we check if we can send any request",
                             orbiq::LoggingModeInfo);
@@ -11,7 +18,7 @@ void orbiqAgent::reachabilityStatusChanged(const orbiq::Notification& /*notifica
   giveWork(nullptr, orbiq::Trigger::NetworkReturn);
 }
 
-void orbiqAgent::applicationWillEnterForeground(const orbiq::Notification& /*notification*/) {
+void orbiqAgent::State::applicationWillEnterForeground() {
   if (isForkedAway()) return;
   orbiqLogger::log_withMode(
       "Application entered foreground - we check if any requests should be sent",
@@ -19,7 +26,7 @@ void orbiqAgent::applicationWillEnterForeground(const orbiq::Notification& /*not
   giveWork(nullptr, orbiq::Trigger::Foreground);
 }
 
-void orbiqAgent::lookAgain(orbiq::Trigger trigger) {
+void orbiqAgent::State::lookAgain(orbiq::Trigger trigger) {
   const orbiq::Lock lock(requestsProtector);
   // Audience requests are not sent late; a pending marker, of that type too, goes with them. The
   // file catches up at the next save. All of it is meant.

@@ -1,14 +1,30 @@
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 
+#include <unordered_map>
 #include <utility>
 
 #include "orbiq/services/orbiqLogger/WithoutThrowing.h"
 #include "orbiq/services/platform/Ask.h"
 #include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/NeverDestroyed.h"
 
 using orbiq::ask;
 using orbiq::withoutThrowing;
+
+struct orbiqAuthManager::Cache {
+  // In the place of the queue "com.bramwell.cacheAccessQueue". It is held for a few instructions,
+  // so one that readers share would cost more than it saves.
+  orbiq::Mutex cacheAccessQueue;
+  std::unordered_map<TaggerID, std::shared_ptr<orbiqAuth>, orbiq::ObjectHash, orbiq::ObjectIsEqual>
+      orbiqAuths ORBIQ_GUARDED_BY(cacheAccessQueue);
+};
+
+orbiqAuthManager::orbiqAuthManager() noexcept
+    : cache([]() -> Cache& {
+        static orbiq::NeverDestroyed<Cache> only;
+        return *only;
+      }()) {}
 
 orbiqAuthManager& orbiqAuthManager::manager() {
   static orbiq::NeverDestroyed<orbiqAuthManager> only;
@@ -37,9 +53,9 @@ std::shared_ptr<orbiqAuth> orbiqAuthManager::authFromCacheForKey(const TaggerID&
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::stored(const TaggerID& tagger) const {
   if (!tagger || orbiq::inForkedChild()) return nullptr;
-  const orbiq::Lock lock(cacheAccessQueue);
-  const auto found = orbiqAuths.find(tagger);
-  return found == orbiqAuths.end() ? nullptr : found->second;
+  const orbiq::Lock lock(cache.cacheAccessQueue);
+  const auto found = cache.orbiqAuths.find(tagger);
+  return found == cache.orbiqAuths.end() ? nullptr : found->second;
 }
 
 void orbiqAuthManager::setAuthToCache_forKey(std::shared_ptr<orbiqAuth> auth,
@@ -50,25 +66,25 @@ void orbiqAuthManager::setAuthToCache_forKey(std::shared_ptr<orbiqAuth> auth,
 void orbiqAuthManager::store(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger) {
   // Nobody could find what an identity without a serial, which is equal to nothing, is the key of.
   if (!tagger || tagger->serial().isNull() || orbiq::inForkedChild()) return;
-  const orbiq::Lock lock(cacheAccessQueue);
-  const auto found = orbiqAuths.find(tagger);
-  if (found != orbiqAuths.end()) {
+  const orbiq::Lock lock(cache.cacheAccessQueue);
+  const auto found = cache.orbiqAuths.find(tagger);
+  if (found != cache.orbiqAuths.end()) {
     found->second = std::move(auth);
   } else {
-    orbiqAuths.emplace(tagger->copy(), std::move(auth));
+    cache.orbiqAuths.emplace(tagger->copy(), std::move(auth));
   }
 }
 
 void orbiqAuthManager::forgetAuthForTagger(const TaggerID& tagger) {
   if (!tagger || orbiq::inForkedChild()) return;
-  const orbiq::Lock lock(cacheAccessQueue);
-  orbiqAuths.erase(tagger);
+  const orbiq::Lock lock(cache.cacheAccessQueue);
+  cache.orbiqAuths.erase(tagger);
 }
 
 void orbiqAuthManager::clearCache() {
   if (orbiq::inForkedChild()) return;
-  const orbiq::Lock lock(cacheAccessQueue);
-  orbiqAuths.clear();
+  const orbiq::Lock lock(cache.cacheAccessQueue);
+  cache.orbiqAuths.clear();
 }
 
 void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagger) {

@@ -2,13 +2,11 @@
 
 #include <atomic>
 #include <memory>
-#include <unordered_map>
 
 #include "orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h"
 #include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/String.h"
 
 namespace orbiq {
@@ -62,19 +60,16 @@ class ORBIQ_EXPORT orbiqAuthManager {
  private:
   friend class orbiq::NeverDestroyed<orbiqAuthManager>;
   friend class orbiqAgent;
-  orbiqAuthManager() = default;
+  orbiqAuthManager() noexcept;
 
   /// `authForTagger`, but throws `std::bad_alloc`: a hit is not refused because memory ran out.
-  std::shared_ptr<orbiqAuth> obtainAuth(const TaggerID& tagger);
+  ORBIQ_HIDDEN std::shared_ptr<orbiqAuth> obtainAuth(const TaggerID& tagger);
   /// The record itself, or null.
-  std::shared_ptr<orbiqAuth> stored(const TaggerID& tagger) const;
-  void store(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger);
-  void exchange(const TaggerID& tagger);
+  ORBIQ_HIDDEN std::shared_ptr<orbiqAuth> stored(const TaggerID& tagger) const;
+  ORBIQ_HIDDEN void store(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger);
+  ORBIQ_HIDDEN void exchange(const TaggerID& tagger);
 
   std::atomic<double> deltaBetweenServerAndDevice{0};
-  // In the place of the queue "com.bramwell.cacheAccessQueue". It is held for a few instructions,
-  // so one that readers share would cost more than it saves.
-  mutable orbiq::Mutex cacheAccessQueue;
-  std::unordered_map<TaggerID, std::shared_ptr<orbiqAuth>, orbiq::ObjectHash, orbiq::ObjectIsEqual>
-      orbiqAuths ORBIQ_GUARDED_BY(cacheAccessQueue);
+  struct ORBIQ_HIDDEN Cache;
+  Cache& cache;
 };

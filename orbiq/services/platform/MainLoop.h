@@ -72,7 +72,7 @@ class ORBIQ_EXPORT MainLoop {
   void unwatch(int descriptor);
 
  private:
-  struct State;
+  struct ORBIQ_HIDDEN State;
   explicit MainLoop(State& state);
   ~MainLoop() = default;
 

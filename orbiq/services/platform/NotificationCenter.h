@@ -45,7 +45,7 @@ class ORBIQ_EXPORT NotificationCenter {
   void postNotificationName(const std::string& name, std::shared_ptr<Object> object = nullptr);
 
  private:
-  struct State;
+  struct ORBIQ_HIDDEN State;
   explicit NotificationCenter(State& state);
   ~NotificationCenter() = default;
 

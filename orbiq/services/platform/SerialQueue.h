@@ -39,7 +39,7 @@ class ORBIQ_EXPORT SerialQueue {
   void sync(std::function<void()> task);
 
  private:
-  struct State;
+  struct ORBIQ_HIDDEN State;
   /// Shared with the thread, which may outlive the queue.
   std::shared_ptr<State> _state;
 };

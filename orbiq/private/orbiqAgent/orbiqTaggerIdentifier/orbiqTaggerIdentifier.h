@@ -6,7 +6,7 @@
 #include "orbiq/services/platform/String.h"
 
 /// A tagger's identity by its serial alone; the key of the agent's registry. Never persisted.
-class ORBIQ_EXPORT orbiqTaggerIdentifier final : public orbiq::Object {
+class orbiqTaggerIdentifier final : public orbiq::Object {
  public:
   /// An identifier with a copy of the serial, which may be null.
   static std::shared_ptr<orbiqTaggerIdentifier> orbiqTaggerIdentifierWithSerial(
