@@ -34,7 +34,7 @@ namespace orbiq::bench {
 namespace {
 
 constexpr std::size_t kRuns = 5;
-constexpr std::size_t kFullQueue = SendingRules::kQueueBound - 1;
+constexpr std::size_t kFullQueue = SendingRules::kMostRequests;
 constexpr std::size_t kManyTaggers = 1'000;
 constexpr std::chrono::seconds kWatched{10};
 constexpr std::chrono::milliseconds kPause{5};

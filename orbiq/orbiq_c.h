@@ -154,7 +154,7 @@ enum {
 
 /// Sets `*tagger` to the process's one tagger of that serial, or to null if the call fails. A null
 /// or empty serial is an argument error. The first call of all reads the requests file, starts the
-/// library's threads and ends the time for `orbiq_host_describe`.
+/// library's threads; from then on `orbiq_host_describe` is refused.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_with_serial(const char* serial, orbiq_tagger** tagger);
 
 /// Counts one event. Returns at once: what becomes of the hit, the statistics tell.

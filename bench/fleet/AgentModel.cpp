@@ -162,7 +162,7 @@ bool AgentModel::send(Client& client, Moment now) {
 /// It has failed.
 void AgentModel::keepHead(Client& client, Moment now) {
   client.lastFail = now;
-  if (client.queued >= SendingRules::kQueueBound) removeHead(client, HitFate::PushedOut);
+  if (client.queued > SendingRules::kMostRequests) removeHead(client, HitFate::PushedOut);
 }
 
 /// The request, which is linked already, becomes the last one of the queue.
@@ -172,7 +172,7 @@ void AgentModel::append(Client& client, Request& request) {
     if (request.renewsSession) client.authorization = Authorization::None;
   }
   ++client.queued;
-  if (client.queued < SendingRules::kQueueBound) return;
+  if (client.queued <= SendingRules::kMostRequests) return;
   const bool isMarker = _requests.at(client.head).kind == Kind::Marker;
   if (isMarker) client.hasMarker = false;
   removeHead(client, isMarker ? std::nullopt : std::optional(HitFate::PushedOut));

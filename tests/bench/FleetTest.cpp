@@ -303,7 +303,7 @@ TEST_F(SideBySide, AFullQueueIsTriedAtEachAddition) {
   behave(true, 0);
   start();
   compare();
-  while (client.queued < SendingRules::kQueueBound - 1) add(Kind::Audience, false);
+  while (client.queued < SendingRules::kMostRequests) add(Kind::Audience, false);
   compare();
   const std::size_t before = failures.size();
   for (int i = 0; i < 6 && !HasFailure(); ++i) {

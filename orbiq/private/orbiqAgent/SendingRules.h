@@ -11,8 +11,8 @@
 /// decides by the same.
 namespace orbiq::SendingRules {
 
-/// The queue may not reach this length.
-inline constexpr std::size_t kQueueBound = 501;
+/// Of more requests the oldest is dropped.
+inline constexpr std::size_t kMostRequests = 500;
 
 /// Whether a head that failed then, or never, may be tried now.
 bool isDue(const std::optional<Date>& lastFail, const Date& now);

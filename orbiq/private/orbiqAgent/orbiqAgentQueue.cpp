@@ -67,7 +67,7 @@ void orbiqAgent::State::loadRequests() {
   for (const auto& request : requestsFile->load(requestsPath())) {
     const bool isHit = !isMarker(*request);
     if (isHit) ++accepted;
-    // Audience requests of an earlier process are not sent late. That is meant.
+    // Audience requests of an earlier process would be counted too late.
     if (!orbiq::SendingRules::isDroppedLate(request->requestType())) {
       kept.push_back(request);
     } else if (isHit) {
@@ -165,7 +165,7 @@ bool orbiqAgent::State::append(const std::shared_ptr<orbiqRequest>& request) try
     if (request->shouldRenewSessionAfter()) renewSession(*request);
   }
   enqueue(request);
-  if (requestQueue->size() >= orbiq::SendingRules::kQueueBound) {
+  if (requestQueue->size() > orbiq::SendingRules::kMostRequests) {
     if (!isMarker(*requestQueue->front())) ledger.countFate(orbiq::HitFate::PushedOut);
     dequeue();
   }

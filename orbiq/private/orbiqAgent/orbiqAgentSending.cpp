@@ -141,7 +141,7 @@ void orbiqAgent::State::handleHead() {
     if (!result.failure.isNull()) ledger.noteFailure(result.failure);
     logAbout(*head, " handling resulted in a timeout or lack of connection",
              orbiq::LoggingModeWarning);
-    if (requestQueue->size() >= SendingRules::kQueueBound)
+    if (requestQueue->size() > SendingRules::kMostRequests)
       removeRequestFromQueue(head, HitFate::PushedOut);
     return;
   }

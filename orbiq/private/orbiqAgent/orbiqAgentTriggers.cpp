@@ -28,8 +28,8 @@ void orbiqAgent::State::applicationWillEnterForeground() {
 
 void orbiqAgent::State::lookAgain(orbiq::Trigger trigger) {
   const orbiq::Lock lock(requestsProtector);
-  // Audience requests are not sent late; a pending marker, of that type too, goes with them. The
-  // file catches up at the next save. All of it is meant.
+  // Audience requests would be counted too late. A pending marker, which has their type, goes with
+  // them. The file catches up at the next save.
   if (trigger == orbiq::Trigger::NetworkReturn) discardAudienceRequests();
   requestsProtector.signal();
 }

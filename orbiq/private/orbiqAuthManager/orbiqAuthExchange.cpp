@@ -80,8 +80,8 @@ std::optional<Grant> readGrant(const orbiq::AuthFields& fields, const orbiq::Str
       orbiq::LoggingModeInfo);
   auto chosen = orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
       serial, orbiq::accessModeFromString(access->second), host->second);
-  // An access of the same mode stays as it is, its host and first-hit mark too, also when the host
-  // just received differs. That is meant.
+  // An access of the same mode stays, with its host and first-hit mark: a restricted account gets
+  // no second hit by asking again.
   if (cached && cached->accessMode() == chosen->accessMode()) chosen = cached;
   return Grant{orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, cmsVI->second), chosen,
                false};
@@ -99,7 +99,7 @@ void orbiqAuthManager::exchange(const TaggerID& tagger) try {
   const Answer answer = fetch(serial);
   // The fallback is for what a server or a network does. This machine tries again later.
   if (answer.http.error && answer.http.error->isExhaustion) throw std::bad_alloc();
-  if (answer.http.data) {  // whatever its status, which is not looked at: that is meant
+  if (answer.http.data) {  // whatever its status: the fields alone decide
     if (answer.http.response) {
       deltaBetweenServerAndDevice.store(clockOffset(*answer.http.response),
                                         std::memory_order_relaxed);

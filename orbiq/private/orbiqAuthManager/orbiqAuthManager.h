@@ -42,7 +42,7 @@ class ORBIQ_EXPORT orbiqAuthManager {
   /// Removes all records.
   void clearCache();
   /// Marks the tagger's access, which all copies share. With nothing cached, a record without
-  /// session and access is stored, which refuses everything until it is forgotten: that is meant.
+  /// session and access is stored, which refuses everything until it is forgotten.
   void hitSuccessfullySentForTagger(const TaggerID& tagger);
 
   /// The server's clock minus the device's, in seconds, as last measured; 0 before.

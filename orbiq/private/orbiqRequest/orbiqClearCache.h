@@ -13,13 +13,13 @@ class ORBIQ_EXPORT orbiqClearCache final : public orbiqRequest {
   /// An empty marker, whatever the archive holds.
   explicit orbiqClearCache(orbiq::KeyedUnarchiver& coder);
 
-  /// Every marker equals every other one, but no request does. A plain request asked about a marker
-  /// denies it: one-sided, and that is meant.
+  /// Every marker equals every other one, so that the queue is found to hold one. No request equals
+  /// a marker.
   bool isEqual(const orbiq::Object* other) const override;
 
   /// How archives name the class.
   static const orbiq::ArchivedClass kArchivedClass;
   const orbiq::ArchivedClass& archivedClass() const override { return kArchivedClass; }
-  /// Writes nothing, not even what every request has: a marker carries nothing. That is meant.
+  /// Writes nothing, not even what every request has: a marker carries nothing.
   void encodeWithCoder(orbiq::KeyedArchiver& coder) const override;
 };

@@ -24,8 +24,8 @@ constexpr std::string_view kCreationDateKey = "orbiqRequest_creationDate";
 constexpr std::string_view kSerialKey = "orbiqRequest_serial";
 constexpr std::string_view kNumberOfFailsKey = "orbiqRequest_numberOfFails";
 constexpr std::string_view kStatusKey = "orbiqRequest_status";
-// The flag is written under one key and read under another, so that no request comes back from the
-// file with it. That is meant.
+// Written under one key and read under another: no request comes back from the file with the flag,
+// since a restart clears the cache anyway.
 constexpr std::string_view kRenewKeyWritten = "orbiqRequest__shouldRenewSession";
 constexpr std::string_view kRenewKeyRead = "orbiqRequest_shouldRenewSession";
 constexpr std::string_view kTaggerIDKey = "orbiqRequest__taggerID";

@@ -103,7 +103,7 @@ class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
   orbiq::String urlEncode(const orbiq::String& text) const;
 
   /// A request of the same values, sharing parameters and identity, with a copy of the
-  /// authorization; always an `orbiqRequest`, also of an `orbiqClearCache`, and that is meant.
+  /// authorization. The copy of an `orbiqClearCache` is a plain request, which clears nothing.
   std::shared_ptr<orbiqRequest> copy() const;
 
   /// Of parameters, dates, number of failures, mode and status; `isEqual` is identity.

@@ -27,7 +27,7 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
   /// infinity and NaN, like all beyond thirty years, as thirty years, so that a miscalculated
   /// interval makes a timer that rests rather than one that storms. Repeated firings come at
   /// multiples of the interval since the creation, so they do not drift; those that the loop
-  /// missed, because it was busy, are not made up for.
+  /// missed, because it was busy, are skipped.
   ///
   /// `selector` is a member function that takes the timer: `&Player::tick`, with
   /// `void tick(orbiqTimer& timer)`. What it returns or throws is of no matter. If it belongs to

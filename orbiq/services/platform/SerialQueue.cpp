@@ -36,7 +36,8 @@ struct SerialQueue::State {
   bool rested ORBIQ_GUARDED_BY(condition) = false;
 
   /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
-  static bool attend(const std::shared_ptr<State>& state) ORBIQ_REQUIRES(state->condition) try {
+  static bool ensureThread(const std::shared_ptr<State>& state)
+      ORBIQ_REQUIRES(state->condition) try {
     if (!state->attended) {
       const auto run = [state] { state->runTasks(kIdleTime); };
       state->attended = startThread(state->label, run, state->kind) == 0;
@@ -79,7 +80,7 @@ SerialQueue::~SerialQueue() {
   if (inForkedChild()) return;
   const Lock lock(_state->condition);
   _state->closed = true;
-  if (!_state->tasks.empty()) State::attend(_state);
+  if (!_state->tasks.empty()) State::ensureThread(_state);
   _state->condition.signal();
 }
 
@@ -92,7 +93,7 @@ void SerialQueue::async(std::function<void()> task) {
     const Lock lock(_state->condition);
     _state->tasks.push_back(std::move(task));
     // A thread that is at work looks for further tasks by itself.
-    if (State::attend(_state) && _state->idle) {
+    if (State::ensureThread(_state) && _state->idle) {
       _state->idle = false;
       sleeper = _state;  // the task may destroy the queue before the signal
     }
@@ -104,7 +105,7 @@ void SerialQueue::async(std::function<void()> task) {
 void SerialQueue::resume() {
   if (inForkedChild()) return;
   const Lock lock(_state->condition);
-  if (!_state->tasks.empty()) State::attend(_state);
+  if (!_state->tasks.empty()) State::ensureThread(_state);
 }
 
 void SerialQueue::sync(std::function<void()> task) {
@@ -124,7 +125,7 @@ void SerialQueue::sync(std::function<void()> task) {
       completion->done = true;
       completion->condition.signal();
     });
-    if (State::attend(_state)) {
+    if (State::ensureThread(_state)) {
       _state->condition.signal();
     } else {
       _state->attended = mustAttend = true;

@@ -6,16 +6,13 @@
 #include <new>
 #include <string_view>
 
+#include "orbiq/services/platform/Utf8.h"
+
 namespace orbiq {
 namespace {
 
 std::string textOf(const UriTextRangeA& range) {
   return range.first == nullptr ? std::string() : std::string(range.first, range.afterLast);
-}
-
-char lowerCase(char character) {
-  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
-                                              : character;
 }
 
 bool passesUnescaped(char character) {
@@ -48,7 +45,7 @@ std::optional<Url> Url::fromText(const String& text) {
     url._userBegin = static_cast<std::size_t>(parts.userInfo.first - begin);
     url._userLength = static_cast<std::size_t>(parts.userInfo.afterLast + 1 - parts.userInfo.first);
   }
-  for (char& character : url._scheme) character = lowerCase(character);
+  for (char& character : url._scheme) character = asciiLowerCase(character);
   return url;
 }
 

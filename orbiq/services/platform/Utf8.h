@@ -10,6 +10,12 @@ namespace orbiq {
 /// U+10FFFF).
 bool isValidUtf8(std::string_view bytes) noexcept;
 
+/// ASCII only, so that the host's locale has no say in it.
+constexpr char asciiLowerCase(char character) noexcept {
+  return character >= 'A' && character <= 'Z' ? static_cast<char>(character - 'A' + 'a')
+                                              : character;
+}
+
 /// Length in UTF-16 code units. Malformed bytes count one each.
 std::size_t utf16Length(std::string_view text) noexcept;
 

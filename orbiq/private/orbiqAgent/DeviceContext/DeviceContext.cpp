@@ -40,7 +40,7 @@ String DeviceContext::orbiqVersion() { return HostApplication::current().shortVe
 
 String DeviceContext::userAgent() {
   const HostDescription& host = HostApplication::current();
-  // The application's version stands in the header twice, and that is meant.
+  // The library's version is the application's, so it stands here twice.
   return withoutControlCharacters(host.bundleName.description() + "/" +
                                   host.shortVersion.description() + " orbiq SDK v" +
                                   orbiqVersion().description() + " apple " + deviceKind());
@@ -93,7 +93,7 @@ GraphicsFloat DeviceContext::screenDiagonal() {
   const GraphicsFloat scale = told > 0 && std::isfinite(told) ? told : 1;
   const bool isPhone = host.userInterfaceIdiom.value_or(kPhone) == kPhone;
   const GraphicsFloat pixelsPerInch = isPhone ? 163 : 132;
-  // The scale cancels; that it is carried through is meant.
+  // The scale cancels, but for rounding.
   const GraphicsFloat height = screen.height * scale;
   const GraphicsFloat width = screen.width * scale;
   return std::sqrt(height * height + width * width) / (pixelsPerInch * scale);

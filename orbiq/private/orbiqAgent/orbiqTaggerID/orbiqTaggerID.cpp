@@ -27,7 +27,7 @@ orbiqTaggerID::orbiqTaggerID(orbiq::KeyedUnarchiver& coder)
 void orbiqTaggerID::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
   coder.encodeString(_serial, "orbiqTaggerID_serial");
   coder.encodeInteger(_partialID, "orbiqTaggerID_partialID");
-  // The flag is an integer in the archive, and that is meant.
+  // An integer, as in the archives of earlier versions.
   coder.encodeInteger(_isStreamTagger ? 1 : 0, "orbiqTaggerID_isStreamTagger");
 }
 

@@ -33,7 +33,7 @@ class ORBIQ_EXPORT orbiqAccess : public orbiq::Archivable,
   orbiq::String baseURL() const { return _baseURL; }
 
   /// Denied: never. Restricted: until the first hit was sent with success. Else: always. The type
-  /// is ignored, and that is meant.
+  /// makes no difference.
   bool canSendRequestFor(orbiq::RequestType requestType) const;
 
   /// Marks the first hit as sent and returns this record (null if no `shared_ptr` holds it).

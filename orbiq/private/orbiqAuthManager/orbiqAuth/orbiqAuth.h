@@ -14,8 +14,8 @@ class ORBIQ_EXPORT orbiqAuth : public orbiq::Archivable {
   static std::shared_ptr<orbiqAuth> orbiqAuthWithSession_withAccess_andIsDefault(
       std::shared_ptr<orbiqSession> session, std::shared_ptr<orbiqAccess> access, bool isDefault);
 
-  /// Keeps the very objects it is given. The third argument is dropped, and that is meant: a
-  /// fallback counts as an answer until it is forgotten, so it is never fetched again on its own.
+  /// Keeps the very objects it is given. The third argument is dropped: a fallback counts
+  /// as an answer until it is forgotten, so it is never fetched again on its own.
   orbiqAuth(std::shared_ptr<orbiqSession> session, std::shared_ptr<orbiqAccess> access,
             bool isDefault);
   /// Reads a record out of an archive; what is missing there is null or false.
