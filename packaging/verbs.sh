@@ -1,12 +1,18 @@
 # Packages, and what they export; part of ./dev.
 
+# As Debian builds: with its optimisation and hardening, and without the place of the build.
+package_flags() {
+  CXXFLAGS="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)"
+  LDFLAGS=$(dpkg-buildflags --get LDFLAGS)
+  export CXXFLAGS LDFLAGS
+  packaged=(-DORBIQ_LTO=ON -DCMAKE_BUILD_TYPE=None)
+}
+
 dev_package() {
   need package
   say "packages: building"
-  # As Debian builds: for /usr, with its optimisation and hardening, without the place of the build.
-  CXXFLAGS="$(dpkg-buildflags --get CXXFLAGS) $(dpkg-buildflags --get CPPFLAGS)" \
-    LDFLAGS="$(dpkg-buildflags --get LDFLAGS)" configure build-package g++ -DORBIQ_BUILD_TESTS=OFF \
-    -DORBIQ_LTO=ON -DCMAKE_BUILD_TYPE=None -DCMAKE_INSTALL_PREFIX=/usr
+  package_flags
+  configure build-package g++ -DORBIQ_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr "${packaged[@]}"
   compile build-package --target orbiq_installed
   rm -rf build-package/packages
   say "packages: packing"
