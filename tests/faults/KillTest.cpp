@@ -102,7 +102,7 @@ TEST(Kill, LeavesAQueueThatWasThere) {
   std::mt19937 random(std::random_device{}());
   std::vector<std::uint64_t> queued;  // as the file had it
   std::uint64_t next = 1;
-  for (std::size_t round = 0; round < tortured(200, 1000); ++round) {
+  for (std::size_t round = 0; round < tortured(60, 1000); ++round) {
     const std::string shared = directory.path() / ("progress" + std::to_string(round));
     Progress& progress = progressIn(shared);
     const std::size_t hitsBefore = server.requestLines("/hit/").size();
