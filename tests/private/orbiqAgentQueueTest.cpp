@@ -103,13 +103,19 @@ TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
 TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
   const Application application(kNoServer);
   RequestQueue saved;
-  while (saved.size() < 502) saved.push_back(streamingRequest());
+  const auto fallback =
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("ABC", AccessModeFull, "");
+  while (saved.size() < 502) {
+    saved.push_back(streamingRequest());
+    saved.back()->setAuth(std::make_shared<orbiqAuth>(nullptr, fallback, false));
+  }
   writeQueue(saved);
   const orbiqAgent& agent = orbiqAgent::sharedAgent();
   ASSERT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection", 4));
   EXPECT_EQ(application.log().count("We have now 500 request(s) to handle"), 1U);
   EXPECT_EQ(counts(agent.statistics()),
             (std::vector<std::uint64_t>{502, 0, 0, 0, 0, 3, 0, 0, 499}));
+  EXPECT_EQ(agent.statistics().lastFailure, "ABC: an earlier run got no authorization for it");
 }
 
 TEST(AgentQueue, AnAudienceOnlyFileYieldsAnEmptyQueue) {

@@ -22,10 +22,10 @@ void HitLedger::countFate(HitFate fate, std::uint64_t hits) {
   countOf(fate) += hits;
 }
 
-void HitLedger::attemptEnds(std::optional<HitFate> fate, std::uint64_t hits, const String& failure,
+void HitLedger::attemptEnds(HitFate fate, std::uint64_t hits, const String& failure,
                             const Date& now) {
   const Lock lock(_lock);
-  if (fate) countOf(*fate) += hits;
+  countOf(fate) += hits;
   if (fate == HitFate::Sent) _lastSuccess = now;
   if (!failure.isNull()) _lastFailure = failure;
 }

@@ -35,9 +35,8 @@ class HitLedger {
   void additionBegins(bool isCounted);
   void additionEnds();
   void countFate(HitFate fate, std::uint64_t hits = 1);
-  /// An attempt has ended, and so many hits with it. A null failure leaves the last one known.
-  void attemptEnds(std::optional<HitFate> fate, std::uint64_t hits, const String& failure,
-                   const Date& now);
+  /// The same at the end of an attempt. A null failure leaves the last one known.
+  void attemptEnds(HitFate fate, std::uint64_t hits, const String& failure, const Date& now);
   void noteFailure(const String& text);
   /// A send is under way as long as it lives.
   class Sending {

@@ -220,7 +220,7 @@ void orbiqAgent::State::removeRequestFromQueue(const std::shared_ptr<orbiqReques
   orbiqLogger::log_withMode("Removing request from queue", orbiq::LoggingModeInfo);
   const std::size_t removed =
       removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); });
-  if (fate) ledger.attemptEnds(fate, removed, failure, orbiq::Platform::now());
+  if (fate) ledger.attemptEnds(*fate, removed, failure, orbiq::Platform::now());
   saveRequests();
   logQueueLength(requestQueue->size());
 }
