@@ -38,6 +38,12 @@ class Road : public testing::Test {
            // The line that ends a removal, and those that end the additions.
            application.log().waitFor("We have now", 2 * count);
   }
+  /// In seconds; sets the time zone in which that is so.
+  double untilMidnight() {
+    setenv("TZ", "UTC", 1);
+    tzset();
+    return 86400 - std::fmod(application.clock().now().secondsSince1970(), 86400);
+  }
   Counts accounts() { return counts(agent().statistics()); }
   static orbiqAgent& agent() { return orbiqAgent::sharedAgent(); }
 
@@ -125,6 +131,7 @@ TEST_F(Road, AMissingAnswerIsTriedAgainWithASignalAMinuteLater) {
                        {steps::readRequest(), steps::send(answer(200, "")), steps::readRequest(),
                         steps::send(answer(200, ""))}});
   grantHost(hits.url("/"));
+  application.clock().advance(untilMidnight() + 43200);  // all of it on one day
   Application::tagger("ABC")->sendHit();
   ASSERT_TRUE(application.log().waitFor(kKept, 1));
   // Signals that come too early; a request behind the head does not pass it.
@@ -343,11 +350,7 @@ TEST_F(Stop, FollowsARefusal) {
 }
 
 TEST_F(Road, ValidityLooksAtTheCalendar) {
-  setenv("TZ", "UTC", 1);
-  tzset();
-  const double now = application.clock().now().secondsSince1970();
-  const double untilMidnight = 86400 - std::fmod(now, 86400);
-  application.clock().advance(untilMidnight - 30);  // 23:59:30
+  application.clock().advance(untilMidnight() - 30);  // 23:59:30
   const auto valid = [&](double secondsAhead) {
     const auto request = streamingRequest();
     request->setCreationDate(application.clock().now().adding(secondsAhead));
