@@ -47,6 +47,7 @@ def main():
         for kind, few in (("memory", False), ("descriptors", True), ("threads", True)):
             failure, asked = attempt(server, kind, 0, 0)
             assert failure is None, failure
+            assert asked > 0, f"{kind}: nothing was made to fail"
             moments = range(1, asked + 1, 1 if few else STEP)
             print(f"{kind}: {asked} moments, {len(moments)} tried, alone and eight in a row")
             trials += [(kind, first, count) for first in moments for count in (1, 8)]

@@ -55,6 +55,8 @@ std::uint64_t disarm() {
 using faults::fails;
 using faults::Kind;
 
+// The libraries that the program loads must find these, too.
+#pragma GCC visibility push(default)
 extern "C" {
 
 // The C library's own names for what it would have used. dlsym itself takes memory.
@@ -146,3 +148,4 @@ int fcntl(int file, int command, ...) {
 }
 
 }  // extern "C"
+#pragma GCC visibility pop

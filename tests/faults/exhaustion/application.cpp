@@ -79,6 +79,7 @@ int fail(const char* what) {
 
 int main(int argc, char** argv) try {
   if (argc != 7) return 2;
+  if (!keepsTriggers()) return fail("a trigger is lost");  // while nobody else takes memory
   const auto clock = std::make_shared<MovedClock>();
   orbiq::Platform::install({.clock = clock});
   // Plain values are the application's own; what it does with them may fail.
@@ -114,7 +115,6 @@ int main(int argc, char** argv) try {
   }
   const std::uint64_t asked = faults::disarm();
 
-  if (!keepsTriggers()) return fail("a trigger is lost");
   if (!isDescribed) isDescribed = orbiq::HostApplication::describe(host).isNull();
   if (!isDescribed) return fail("cannot be described any more");
   clock->advance(61);
