@@ -15,6 +15,7 @@ set(ORBIQ_PUBLIC_HEADERS
   orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h
   orbiq/private/orbiqAuthManager/orbiqAuthManager.h
   orbiq/private/orbiqAuthManager/orbiqSession/orbiqSession.h
+  orbiq/private/orbiqRequest/RequestEnumerations.h
   orbiq/private/orbiqRequest/orbiqClearCache.h
   orbiq/private/orbiqRequest/orbiqRequest.h
   orbiq/private/orbiqTimer/orbiqTimer.h
@@ -25,7 +26,6 @@ set(ORBIQ_PUBLIC_HEADERS
   orbiq/services/orbiqReachability/orbiqReachability.h
   orbiq/services/platform/Archivable.h
   orbiq/services/platform/Date.h
-  orbiq/services/platform/Enumerations.h
   orbiq/services/platform/Export.h
   orbiq/services/platform/HostApplication.h
   orbiq/services/platform/Keychain.h

@@ -24,7 +24,6 @@
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/orbiqReachability/orbiqReachability.h"
 #include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/HostApplication.h"
 #include "orbiq/services/platform/Keychain.h"
 #include "orbiq/services/platform/MainLoop.h"

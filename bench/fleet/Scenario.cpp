@@ -4,7 +4,8 @@
 #include <chrono>
 #include <numeric>
 
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/private/orbiqAgent/SendingRules.h"
+#include "orbiq/services/platform/HttpClient.h"
 
 namespace orbiq::bench {
 namespace {
@@ -32,12 +33,12 @@ ScenarioServers::ScenarioServers(const Scenario& scenario, const ServerSettings&
 }
 
 Servers::Answer ScenarioServers::authorize(Moment now, Random& random) {
-  static const Moment limit = momentOf(Platform().exchangeTimeout);
+  static const Moment limit = momentOf(HttpRequest::kUsualTimeout);
   return answer(_authorizations, _settings.authorizationCapacity, limit, now, random);
 }
 
 Servers::Answer ScenarioServers::takeHit(Moment now, Random& random) {
-  static const Moment limit = momentOf(Platform().hitTimeout);
+  static const Moment limit = momentOf(SendingRules::kHitTimeout);
   return answer(_hits, _settings.hitCapacity, limit, now, random);
 }
 

@@ -56,8 +56,7 @@ class ServerFaults : public testing::TestWithParam<std::size_t> {
     return static_cast<std::size_t>(usage.ru_maxrss);
   }
   static void limit(Platform& platform) {
-    platform.hitTimeout = std::chrono::milliseconds(500);
-    platform.exchangeTimeout = std::chrono::milliseconds(500);
+    platform.makeHttpClient = clientsThatGiveUpAfter(std::chrono::milliseconds(500));
   }
   const Fault& fault() const { return faults()[GetParam()]; }
   std::vector<Script> misbehaving() const {

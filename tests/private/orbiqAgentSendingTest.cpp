@@ -49,7 +49,8 @@ class Road : public testing::Test {
 
   AccountServer server;
   Application application{server.authorizationServer(), [](HostDescription&, Platform& platform) {
-                            platform.hitTimeout = std::chrono::seconds(1);
+                            platform.makeHttpClient =
+                                clientsThatGiveUpAfter(std::chrono::seconds(1));
                           }};
 };
 

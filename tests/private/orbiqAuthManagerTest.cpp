@@ -245,7 +245,7 @@ TEST(AuthExchangeFaults, WithoutACompleteAnswerTheOffsetStays) {
        {steps::readRequest(), steps::reset()},
        {steps::readRequest(), steps::untilPeerCloses()}});
   const Application application(server.url("/"), [](HostDescription&, Platform& platform) {
-    platform.exchangeTimeout = std::chrono::seconds(2);
+    platform.makeHttpClient = clientsThatGiveUpAfter(std::chrono::seconds(2));
   });
   auto& manager = orbiqAuthManager::manager();
   manager.authentificationInformationForTagger(tagger());

@@ -127,6 +127,19 @@ std::shared_ptr<orbiqAudienceTagger> Application::tagger(const String& serial) {
   return orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(serial);
 }
 
+std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
+    std::chrono::milliseconds time) {
+  struct Impatient final : HttpClient {
+    explicit Impatient(std::chrono::milliseconds limit) : time(limit) {}
+    HttpResult send(const HttpRequest& request) override {
+      return real->send({request.url, request.userAgent, time});
+    }
+    const std::chrono::milliseconds time;
+    const std::unique_ptr<HttpClient> real = makeHttpClient("");
+  };
+  return [time] { return std::make_unique<Impatient>(time); };
+}
+
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode, const String& serial) {
   return std::make_shared<orbiqRequest>(
       std::make_shared<const Parameters>(Parameters{{"cmsRK", "7"}}), RequestTypeStreaming, mode,

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -101,6 +102,9 @@ class Application {
   std::shared_ptr<ManualClock> _clock = std::make_shared<ManualClock>();
   std::shared_ptr<LogRecorder> _log = std::make_shared<LogRecorder>();
 };
+
+/// Makes clients that give up earlier than they are asked to.
+std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(std::chrono::milliseconds time);
 
 /// A streaming request of the serial "ABC" for the hit that its authorization names.
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode = SendingModeHost,

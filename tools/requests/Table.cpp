@@ -5,7 +5,7 @@
 #include <ostream>
 #include <string_view>
 
-#include "orbiq/services/platform/Enumerations.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
 #include "orbiq/services/platform/Url.h"
 #include "orbiq/services/platform/Utf8.h"
 #include "tools/requests/Text.h"

@@ -5,23 +5,13 @@
 #include <cstdint>
 #include <optional>
 
+#include "orbiq/private/orbiqAgent/HitFate.h"
 #include "orbiq/private/orbiqAgent/Statistics.h"
 #include "orbiq/services/platform/Date.h"
 #include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/String.h"
 
 namespace orbiq {
-
-/// What can become of a hit.
-enum class HitFate : std::size_t {
-  Sent,
-  Refused,
-  AnsweredWithAnotherStatus,
-  GivenUp,
-  PushedOut,
-  DiscardedAtStart,
-  DiscardedAtNetworkReturn,
-};
 
 /// The accounts of the hits, under a lock of its own that is held for a few instructions. Any
 /// thread.

@@ -1,15 +1,19 @@
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <optional>
 
-#include "orbiq/private/orbiqAgent/HitLedger.h"
+#include "orbiq/private/orbiqAgent/HitFate.h"
+#include "orbiq/private/orbiqRequest/RequestEnumerations.h"
 #include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/Enumerations.h"
 
 /// What the agent decides by, without its queue and its locks. Whoever has a model of the agent
 /// decides by the same.
 namespace orbiq::SendingRules {
+
+/// Of a hit's whole exchange, redirects included.
+inline constexpr std::chrono::milliseconds kHitTimeout{10'000};
 
 /// Of more requests the oldest is dropped.
 inline constexpr std::size_t kMostRequests = 500;

@@ -205,8 +205,8 @@ bool orbiqAgent::State::authorize(orbiqRequest& request) try {
 }
 
 orbiqAgent::State::Attempt orbiqAgent::State::send(orbiqRequest& request, const orbiq::Url& url) {
-  const orbiq::HttpResult result = orbiq::Platform::send(
-      {url, orbiq::DeviceContext::userAgent(), orbiq::Platform::current().hitTimeout});
+  const orbiq::HttpResult result =
+      orbiq::Platform::send({url, orbiq::DeviceContext::userAgent(), SendingRules::kHitTimeout});
   const std::optional<HitFate> fate = SendingRules::fateAfter(
       result.response ? std::optional(result.response->status) : std::nullopt);
   if (fate == HitFate::Sent) {

@@ -4,7 +4,7 @@
 #include <string>
 #include <string_view>
 
-#include "orbiq/services/platform/Enumerations.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
 #include "orbiq/services/platform/String.h"
 
 namespace orbiq {

@@ -46,8 +46,7 @@ Answer fetch(const orbiq::String& serial) {
   const std::string server = orbiq::HostApplication::current().authorizationServer.toStdString();
   const std::optional<orbiq::Url> url = orbiq::Url::fromText(server + serial.toStdString());
   if (!url) return {{}, "the serial makes no URL of the authorization server"};
-  Answer answer{orbiq::Platform::send({*url, orbiq::DeviceContext::userAgent(),
-                                       orbiq::Platform::current().exchangeTimeout}),
+  Answer answer{orbiq::Platform::send({*url, orbiq::DeviceContext::userAgent()}),
                 "no answer of the authorization server"};
   const orbiq::HttpResult& http = answer.http;
   if (http.data && http.response) {

@@ -4,8 +4,8 @@
 #include <memory>
 
 #include "orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h"
-#include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Export.h"
 #include "orbiq/services/platform/String.h"
 

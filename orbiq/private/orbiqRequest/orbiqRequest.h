@@ -6,9 +6,9 @@
 
 #include "orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h"
+#include "orbiq/private/orbiqRequest/RequestEnumerations.h"
 #include "orbiq/services/platform/Archivable.h"
 #include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Parameters.h"
 #include "orbiq/services/platform/String.h"
 #include "orbiq/services/platform/Url.h"

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <utility>
 
-#include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Export.h"
 #include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/SystemLog.h"
 
 /// The settings that every tagger has. Abstract: the application uses `orbiqAudienceTagger`.
 ///

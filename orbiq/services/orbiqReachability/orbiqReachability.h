@@ -13,12 +13,22 @@
 #include <utility>
 #include <vector>
 
-#include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Export.h"
 #include "orbiq/services/platform/NetworkReachability.h"
 #include "orbiq/services/platform/Object.h"
 #include "orbiq/services/platform/SerialQueue.h"
 #include "orbiq/services/platform/String.h"
+
+namespace orbiq {
+
+/// The way to a network target.
+enum ReachabilityStatus : std::uintptr_t {
+  ReachabilityStatusNotReachable = 0,
+  ReachabilityStatusViaWWAN = 1,
+  ReachabilityStatusViaWiFi = 2,
+};
+
+}  // namespace orbiq
 
 /// Posted on the main loop, with the monitor as its object, after each change that a started
 /// monitor is told of.

@@ -18,7 +18,9 @@ struct HttpRequest {
   Url url;
   String userAgent;
   /// For the whole exchange, redirects included.
-  std::chrono::milliseconds timeout{60'000};
+  std::chrono::milliseconds timeout = kUsualTimeout;
+
+  static constexpr std::chrono::milliseconds kUsualTimeout{60'000};
 };
 
 struct HttpResponse {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 
@@ -19,10 +18,6 @@ struct Platform {
   std::function<std::unique_ptr<HttpClient>()> makeHttpClient = {};
   /// Null: the host's or else the file store.
   std::shared_ptr<Keychain> keychain = {};
-  /// Limit of a hit's whole exchange.
-  std::chrono::milliseconds hitTimeout{10'000};
-  /// Limit of an authorization exchange.
-  std::chrono::milliseconds exchangeTimeout{60'000};
 
   /// Works once and only before the first use; returns null, or why it was refused.
   static String install(Platform platform);

@@ -1,14 +1,21 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 #include <string_view>
 
 #include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/Export.h"
 
 namespace orbiq {
+
+/// Severity of a log line, and the threshold below which lines are not printed.
+enum LoggingMode : std::uint64_t {
+  LoggingModeInfo = 0,
+  LoggingModeWarning = 1,
+  LoggingModeError = 2,
+};
 
 /// One line of the library's log.
 struct LogLine {

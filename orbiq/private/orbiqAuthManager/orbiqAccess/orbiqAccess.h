@@ -1,12 +1,25 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <memory>
 #include <utility>
 
 #include "orbiq/services/platform/Archivable.h"
-#include "orbiq/services/platform/Enumerations.h"
 #include "orbiq/services/platform/String.h"
+
+namespace orbiq {
+
+enum RequestType : std::int32_t;
+
+/// What an account may send. Other numbers come only out of an archive and act as full access.
+enum AccessMode : std::int32_t {
+  AccessModeFull = 0,
+  AccessModeRestricted = 1,
+  AccessModeDenied = 2,
+};
+
+}  // namespace orbiq
 
 /// What an account may send, and to which host. Only the first-hit mark ever changes, from false to
 /// true, and it may do so on any thread.
