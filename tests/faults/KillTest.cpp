@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <iostream>
 #include <random>
 #include <string>
 #include <thread>
@@ -63,7 +64,7 @@ int addUntilKilled(const std::vector<std::string>& arguments) {
     platform.clock = {};
   });
   const auto tagger = std::make_shared<orbiqTaggerID>("ABC", 1, true);
-  std::mt19937 random(std::random_device{}());
+  std::mt19937 random(static_cast<std::uint32_t>(std::stoul(arguments.at(4))));
   for (std::uint64_t number = std::stoull(arguments.at(3));; ++number) {
     progress.added = number;
     orbiqAgent::sharedAgent().addRequestToQueue(std::make_shared<orbiqRequest>(
@@ -99,7 +100,11 @@ TEST(Kill, LeavesAQueueThatWasThere) {
   AccountServer server;
   const TemporaryDirectory directory;
   const std::string library = directory.path() / "library";
-  std::mt19937 random(std::random_device{}());
+  const char* const given = std::getenv("ORBIQ_SEED");
+  const auto seed =
+      given != nullptr ? static_cast<std::uint32_t>(std::stoul(given)) : std::random_device{}();
+  std::cout << "ORBIQ_SEED=" << seed << std::endl;
+  std::mt19937 random(seed);
   std::vector<std::uint64_t> queued;  // as the file had it
   std::uint64_t next = 1;
   for (std::size_t round = 0; round < tortured(60, 1000); ++round) {
@@ -107,8 +112,8 @@ TEST(Kill, LeavesAQueueThatWasThere) {
     Progress& progress = progressIn(shared);
     const std::size_t hitsBefore = server.requestLines("/hit/").size();
     {
-      RoleProcess process("add-until-killed",
-                          {server.authorizationServer(), library, shared, std::to_string(next)});
+      RoleProcess process("add-until-killed", {server.authorizationServer(), library, shared,
+                                               std::to_string(next), std::to_string(random())});
       const std::uint64_t additions = random() % 40;
       while (progress.additionsSaved < additions) std::this_thread::yield();
       for (auto spins = random() % 300; spins > 0; --spins) std::this_thread::yield();
