@@ -54,9 +54,7 @@ TEST(Ending, InTheMiddleOfAnyStep) {
       // Where the hit is sent, its answer does not come.
       ScriptedServer hits({{steps::readRequest(), steps::untilPeerCloses()}});
       AccountServer server;
-      server.answerAuthorizations([&](const std::string&) {
-        return answer(200, "access=full|host=" + hits.url("/") + "|cmsVI=7");
-      });
+      server.grantHost(hits.url("/"));
       const TemporaryDirectory library;
       RoleProcess process("end-within",
                           {server.authorizationServer(), step, end, library.path().string()});

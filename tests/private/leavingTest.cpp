@@ -30,43 +30,6 @@
 namespace orbiq::test {
 namespace {
 
-/// A hit whose exchange the server holds up; then the end in the way that the test names.
-int endInTheMiddle(const std::vector<std::string>& arguments) {
-  const std::string& server = arguments.at(0);
-  const std::string& end = arguments.at(1);
-  static Application application(server);
-  static struct UsesTheLibraryLate {
-    ~UsesTheLibraryLate() { Application::tagger("late")->sendHit(); }
-  } late;
-  if (end == "idle") {
-    orbiqAgent::sharedAgent();
-    return 7;
-  }
-  Application::tagger("ABC")->sendHit();
-  if (getchar() == EOF) return 1;  // until the server has the request
-  if (end == "quick_exit") std::quick_exit(7);
-  return 7;
-}
-const RoleRegistration kEnd("end-in-the-middle", endInTheMiddle);
-
-TEST(Leaving, AStalledSendDoesNotHoldUpTheEnd) {
-  // The limit of an exchange is a minute: a process that waited for it would outlive this test's.
-  for (const std::string end : {"return", "quick_exit", "idle"}) {
-    ScriptedServer server({{steps::readRequest(), steps::untilPeerCloses()}});
-    int input[2];
-    ASSERT_EQ(pipe(input), 0);
-    dup2(input[0], STDIN_FILENO);
-    RoleProcess process("end-in-the-middle", {server.url("/"), end});
-    if (end != "idle") {
-      ASSERT_TRUE(server.waitForRequests(1));
-    }
-    ASSERT_EQ(write(input[1], "\n", 1), 1);
-    EXPECT_EQ(process.wait(), 7) << end;
-    close(input[0]);
-    close(input[1]);
-  }
-}
-
 /// What a host made before its first use of the loop, used by a timer on the library's thread.
 struct UsedByATimer {
   std::atomic<bool> isUsed{false};
@@ -260,9 +223,7 @@ TEST(Leaving, AStreamingRequestSurvivesAKillAndIsSentAfterTheRestart) {
   AccountServer server;
   ScriptedServer hits({{steps::readRequest(), steps::reset()},
                        {steps::readRequest(), steps::send(answer(200)), steps::untilPeerCloses()}});
-  server.answerAuthorizations([&](const std::string&) {
-    return answer(200, "access=full|host=" + hits.url("/") + "|cmsVI=7");
-  });
+  server.grantHost(hits.url("/"));
   {
     RoleProcess process("stream-until-killed", {server.authorizationServer()});
     ASSERT_EQ(process.readLine(), "saved");

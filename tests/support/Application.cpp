@@ -81,6 +81,16 @@ void AccountServer::answerAuthorizations(Handler handler) {
   _authorizations = std::move(handler);
 }
 
+void AccountServer::grantAccess(const std::string& access) {
+  answerAuthorizations([body = grant(access)](const std::string&) { return answer(200, body); });
+}
+
+void AccountServer::grantHost(const std::string& host) {
+  answerAuthorizations([body = "access=full|host=" + host + "|cmsVI=7"](const std::string&) {
+    return answer(200, body);
+  });
+}
+
 void AccountServer::answerHits(Handler handler) {
   const Lock lock(_lock);
   _hits = std::move(handler);

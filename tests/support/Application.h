@@ -71,6 +71,9 @@ class AccountServer {
   std::string grant(const std::string& access) const;
 
   void answerAuthorizations(Handler handler);
+  void grantAccess(const std::string& access);
+  /// Full access to another hit server.
+  void grantHost(const std::string& host);
   void answerHits(Handler handler);
   /// Lines of requests to paths that begin with the prefix, such as "GET /hit/ABC HTTP/1.1".
   std::vector<std::string> requestLines(const std::string& pathPrefix) const;
