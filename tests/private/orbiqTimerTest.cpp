@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include <chrono>
 #include <cmath>
 #include <functional>
 #include <limits>
@@ -15,9 +14,6 @@
 
 namespace orbiq::test {
 namespace {
-
-using std::chrono::milliseconds;
-using std::chrono::steady_clock;
 
 constexpr double kSoon = 0.001;
 
@@ -92,20 +88,6 @@ TEST_F(OrbiqTimerTest, FiresOnceUnlessItRepeatsAndNotAtAllIfInvalidatedBefore) {
   MainLoop::mainLoop().runPending();
   EXPECT_FALSE(isDue(10));
   EXPECT_EQ(target->ticks.size(), 1U);
-}
-
-TEST_F(OrbiqTimerTest, ALateFiringDoesNotDelayTheNext) {
-  const auto timer = timerOf(0.06, target, &Ticking::tick, true);
-  const auto created = steady_clock::now();
-  const auto runPendingAt = [&](milliseconds time) {
-    while (steady_clock::now() < created + time) continue;
-    MainLoop::mainLoop().runPending();
-  };
-  runPendingAt(milliseconds{70});
-  // Held up for longer than that by the machine, the second firing may be the one missed.
-  const bool isMissed = steady_clock::now() >= created + milliseconds{120};
-  runPendingAt(milliseconds{120});
-  EXPECT_TRUE(isMissed || target->ticks.size() == 2) << target->ticks.size();
 }
 
 TEST_F(OrbiqTimerTest, OnlyTargetsThatAreThereAndHaveTheOperationAreCalled) {

@@ -183,6 +183,9 @@ class CInterfaceTest(unittest.TestCase):
                 orbiq.orbiq_tagger_set_text(self.tagger, SERIAL, b"other"),
                 orbiq.orbiq_tagger_set_text(self.tagger, NET_MEASUREMENT + 1, b""),
                 orbiq.orbiq_tagger_get_text(self.tagger, SERIAL, None, some, None),
+                orbiq.orbiq_statistics_json(None, some, None),
+                orbiq.orbiq_last_failure(None, some, None),
+                orbiq.orbiq_device_identifier(None, some, None),
                 orbiq.orbiq_tagger_set_logging_mode(self.tagger, -1),
                 orbiq.orbiq_get_statistics(None, some), orbiq.orbiq_main_loop_adopt(None)):
             self.assertEqual(status, ARGUMENT)

@@ -7,7 +7,6 @@
 #include <sys/mount.h>
 #include <sys/stat.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -17,7 +16,6 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "orbiq/services/platform/AtomicFile.h"
@@ -168,23 +166,6 @@ TEST_F(FileKeychainTest, AChangeGivesUpOnAHolderOfTheLockThatDoesNotMove) {
     EXPECT_EQ(impatient.copyMatching(item()).data, "data");
   }
   EXPECT_EQ(impatient.deleteMatching(item()), errSecSuccess);
-}
-
-TEST_F(FileKeychainTest, OfManyThreadsOneAdds) {
-  for (int round = 0; round < 20; ++round) {
-    std::atomic<int> added{0};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-      threads.emplace_back([&] {
-        const KeychainStatus status = keychain.add(item());
-        if (status == errSecSuccess) ++added;
-        EXPECT_TRUE(status == errSecSuccess || status == errSecDuplicateItem) << status;
-      });
-    }
-    for (std::thread& thread : threads) thread.join();
-    EXPECT_EQ(added, 1);
-    EXPECT_EQ(keychain.deleteMatching(item()), errSecSuccess);
-  }
 }
 
 TEST_F(FileKeychainTest, AReaderSeesWholeItemsWhoeverWritesAndIsKilled) {

@@ -112,20 +112,6 @@ void busyUntil(steady_clock::time_point time) {
   while (steady_clock::now() < time) continue;
 }
 
-TEST(MainLoopTest, MissedFiringsAreNotMadeUpFor) {
-  const int descriptor = loop().adopt();
-  int fired = 0;
-  const auto start = steady_clock::now();
-  const auto timer = loop().addTimer(milliseconds{2}, true, [&] { ++fired; });
-  busyUntil(start + milliseconds{11});
-  loop().runPending();
-  EXPECT_EQ(fired, 1);
-  while (fired < 2 && isReadable(descriptor, -1)) loop().runPending();
-  EXPECT_GE(steady_clock::now(), start + milliseconds{12});
-  loop().removeTimer(timer);
-  EXPECT_FALSE(isReadable(descriptor));
-}
-
 TEST(MainLoopTest, TimersOfAnyLengthMayBeRemovedByEachOther) {
   const int descriptor = loop().adopt();
   std::string fired;
