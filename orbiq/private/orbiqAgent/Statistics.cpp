@@ -16,7 +16,7 @@ std::string quoted(std::string_view text) {
   while (!text.empty()) {
     const Utf8Character character = decodeUtf8(text);
     const char32_t code = character.codePoint;
-    if (code < 0x20 || code == 0x7F) {
+    if (isControl(code)) {
       char escape[8];
       std::snprintf(escape, sizeof escape, "\\u%04x", static_cast<unsigned>(code));
       json += escape;

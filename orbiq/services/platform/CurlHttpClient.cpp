@@ -1,5 +1,4 @@
 #include <curl/curl.h>
-#include <fcntl.h>
 #include <strings.h>
 #include <sys/auxv.h>
 #include <sys/socket.h>
@@ -10,12 +9,14 @@
 #include <new>
 #include <utility>
 
+#include "orbiq/services/platform/CurlFailure.h"
 #include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/HttpClient.h"
 #include "orbiq/services/platform/KeptConnection.h"
 #include "orbiq/services/platform/LibcurlProcess.h"
 #include "orbiq/services/platform/ProcessExit.h"
 #include "orbiq/services/platform/Redirect.h"
+#include "orbiq/services/platform/Utf8.h"
 
 namespace orbiq {
 namespace {
@@ -143,37 +144,6 @@ curl_slist* unwantedHeaders() {
   if (first == nullptr || curl_slist_append(first, "Proxy-Connection:") != nullptr) return first;
   curl_slist_free_all(first);
   return nullptr;
-}
-
-std::string withoutControlCharacters(std::string text) {
-  std::erase_if(text, [](char character) {
-    return static_cast<unsigned char>(character) < 0x20 || character == 0x7f;
-  });
-  return text;
-}
-
-/// A look-up and the reading of certificates do not say that they found no descriptor or thread.
-bool lacksForLookUp(CURLcode code) {
-  if (code != CURLE_COULDNT_RESOLVE_HOST && code != CURLE_COULDNT_RESOLVE_PROXY &&
-      code != CURLE_SSL_CACERT_BADFILE) {
-    return false;
-  }
-  Descriptor needed[3];
-  for (Descriptor& each : needed) each = Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  return !needed[2].isOpen();
-}
-
-bool isExhaustion(int code) { return code == CURLE_OUT_OF_MEMORY || code == CURLE_FAILED_INIT; }
-
-/// Out of memory, the code must do.
-HttpError errorOf(int code, const char* text) try {
-  return HttpError{code, text, isExhaustion(code)};
-} catch (const std::bad_alloc&) {
-  return HttpError{code, {}, isExhaustion(code)};
-}
-
-HttpResult failure(int code, const char* text) {
-  return HttpResult{std::nullopt, std::nullopt, errorOf(code, text)};
 }
 
 class CurlHttpClient final : public HttpClient {

@@ -110,8 +110,9 @@ std::string printable(std::string_view text) {
     if (character.wellFormed && code >= 0x80 && code < 0xA0) {
       std::snprintf(escape, sizeof escape, "\\u%04X", code);
       result += escape;
-    } else if (!character.wellFormed || code == 0x7F ||
-               (code < 0x20 && code != '\n' && code != '\t')) {
+    } else if (code == '\n') {
+      result += "\n\t";
+    } else if (!character.wellFormed || (isControl(code) && code != '\t')) {
       std::snprintf(escape, sizeof escape, "\\x%02X", byte);
       result += escape;
     } else {

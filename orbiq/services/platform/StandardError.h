@@ -6,7 +6,8 @@
 namespace orbiq {
 
 /// The text as it may be shown on a terminal or kept in a file: control characters, DEL and bytes
-/// that are no UTF-8 as "\x1B", C1 controls as "\u0085". Line breaks and tabs stay.
+/// that are no UTF-8 as "\x1B", C1 controls as "\u0085". Tabs stay, and each line break is followed
+/// by one, so that no text passes for a line of the log.
 std::string printable(std::string_view text);
 
 /// Writes a line, which ends in a line break, to standard error, whatever that is: nothing, a file,

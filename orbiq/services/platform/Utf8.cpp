@@ -52,6 +52,11 @@ bool isValidUtf8(std::string_view bytes) noexcept {
   return true;
 }
 
+std::string withoutControlCharacters(std::string text) {
+  std::erase_if(text, [](unsigned char byte) { return isControl(byte); });
+  return text;
+}
+
 std::size_t utf16Length(std::string_view text) noexcept {
   std::size_t units = 0;
   while (!text.empty()) {

@@ -16,6 +16,12 @@ constexpr char asciiLowerCase(char character) noexcept {
                                               : character;
 }
 
+/// True for ASCII's control characters and DEL, by their code.
+constexpr bool isControl(char32_t code) noexcept { return code < 0x20 || code == 0x7F; }
+
+/// The text without them: a header must not be broken in two by a name.
+std::string withoutControlCharacters(std::string text);
+
 /// Length in UTF-16 code units. Malformed bytes count one each.
 std::size_t utf16Length(std::string_view text) noexcept;
 

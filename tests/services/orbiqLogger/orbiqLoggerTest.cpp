@@ -61,7 +61,7 @@ TEST(Logger, WritesToStandardErrorWithoutASink) {
   const std::string written = testing::internal::GetCapturedStderr();
   const std::regex expected(
       "[0-9-]+ [0-9:]+\\.[0-9]+ orbiq_tests\\[[0-9]+:[0-9]+\\] \\(ERROR\\) : one\n"
-      ".* \\\\x1B\\[2J\\\\x07\\\\x00\\\\x0D\\\\x7F\n\t\u00e9\\\\u0085\\\\xFF\n"
+      ".* \\\\x1B\\[2J\\\\x07\\\\x00\\\\x0D\\\\x7F\n\t\t\u00e9\\\\u0085\\\\xFF\n"
       ".*\\(ERROR\\) : The log sink threw an exception\n");
   EXPECT_TRUE(std::regex_match(written, expected)) << written;
 }

@@ -9,6 +9,7 @@
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/OfThisThread.h"
 #include "orbiq/services/platform/Random.h"
+#include "orbiq/services/platform/Utf8.h"
 
 namespace orbiq {
 namespace {
@@ -16,12 +17,6 @@ namespace {
 constexpr std::intptr_t kPhone = 0;
 constexpr std::intptr_t kPad = 1;
 constexpr std::intptr_t kTelevision = 2;
-
-/// A header must not be broken in two by a name.
-std::string withoutControlCharacters(std::string text) {
-  std::erase_if(text, [](unsigned char byte) { return byte < 0x20 || byte == 0x7F; });
-  return text;
-}
 
 const char* deviceKind() {
   switch (HostApplication::current().userInterfaceIdiom.value_or(kPhone)) {
