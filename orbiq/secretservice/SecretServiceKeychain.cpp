@@ -7,13 +7,16 @@
 #include <algorithm>
 #include <chrono>
 #include <cstring>
+#include <new>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "orbiq/services/platform/BriefLock.h"
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/HostApplication.h"
 #include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/NeverDestroyed.h"
 
 namespace orbiq {
 namespace {
@@ -175,6 +178,7 @@ class Visit {
                         std::vector<Held<SecretItem>>& items);
   std::vector<Held<SecretCollection>> keyrings() const;
 
+  const StandardNumbersHeld _held;  // GLib opens sockets and events
   const SharedBus _bus;
   const OwnMainContext _context;
   Held<SecretService> _service;
@@ -286,7 +290,7 @@ bool SecretServiceKeychain::isForkedAway() {
   return firstUser != getpid();
 }
 
-KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) {
+KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) try {
   if (isForkedAway()) return {};
   Visit visit;
   std::vector<Held<SecretItem>> items;
@@ -303,9 +307,11 @@ KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) {
   const gchar* const bytes = secret_value_get(value.get(), &size);
   if (size > 0) match.data.emplace(bytes, size);
   return match;
+} catch (const std::bad_alloc&) {
+  return {};
 }
 
-KeychainStatus SecretServiceKeychain::add(const KeychainQuery& query) {
+KeychainStatus SecretServiceKeychain::add(const KeychainQuery& query) try {
   if (isForkedAway()) return errSecNotAvailable;
   // The keyring itself would take a second item with the same attributes.
   const std::string directory = g_get_user_runtime_dir();
@@ -316,10 +322,12 @@ KeychainStatus SecretServiceKeychain::add(const KeychainQuery& query) {
   const KeychainStatus status = visit.find(query, items);
   if (status == errSecSuccess) return errSecDuplicateItem;
   return status == errSecItemNotFound ? visit.create(query) : status;
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
 }
 
 KeychainStatus SecretServiceKeychain::update(const KeychainQuery& query,
-                                             const KeychainAttributes& changes) {
+                                             const KeychainAttributes& changes) try {
   if (isForkedAway()) return errSecNotAvailable;
   Visit visit;
   std::vector<Held<SecretItem>> items;
@@ -329,9 +337,11 @@ KeychainStatus SecretServiceKeychain::update(const KeychainQuery& query,
   const Value value = valueOf(*changes.valueData);
   secret_item_set_secret_sync(items.front().get(), value.get(), nullptr, error.out());
   return error.status();
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
 }
 
-KeychainStatus SecretServiceKeychain::deleteMatching(const KeychainQuery& query) {
+KeychainStatus SecretServiceKeychain::deleteMatching(const KeychainQuery& query) try {
   if (isForkedAway()) return errSecNotAvailable;
   Visit visit;
   std::vector<Held<SecretItem>> items;
@@ -342,12 +352,16 @@ KeychainStatus SecretServiceKeychain::deleteMatching(const KeychainQuery& query)
     status = error.status();
   }
   return status;
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
 }
 
 }  // namespace
 
 std::shared_ptr<Keychain> makeSecretServiceKeychain() {
-  return std::make_shared<SecretServiceKeychain>();
+  // It has nothing of its own, so that one serves all, and making it takes no memory.
+  static NeverDestroyed<SecretServiceKeychain> only;
+  return {std::shared_ptr<Keychain>(), &*only};
 }
 
 }  // namespace orbiq

@@ -11,10 +11,12 @@
 #include <future>
 #include <iostream>
 #include <map>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/Paths.h"
 #include "tests/support/Application.h"
 #include "tests/support/HttpExpectations.h"
@@ -110,6 +112,14 @@ TEST(HostProcess, AFullTerminalHoldsUpNoLineForEver) {
 /// Without descriptors 0 to 2, as a daemon may be started; none of the library's may take them.
 const RoleRegistration kClosed("without-standard-descriptors", [](const auto& arguments) {
   for (const int number : {0, 1, 2}) close(number);
+  auto held = std::make_unique<StandardNumbersHeld>();
+  {
+    const StandardNumbersHeld another;
+    held.reset();
+    if (fcntl(0, F_GETFD) < 0 || fcntl(2, F_GETFD) < 0) return 3;  // still held by the other
+    if (dup2(0, 1) != 1) return 4;                                 // as a host may do meanwhile
+  }
+  if (close(1) != 0) return 5;
   Application application(arguments.at(0));
   Application::tagger("ABC")->sendHit();
   if (!application.log().waitFor("We have now 0 request(s) to handle")) return 1;

@@ -2,11 +2,47 @@
 
 #include <errno.h>
 #include <sys/stat.h>
+#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
 
+#include "orbiq/services/platform/Mutex.h"
+
 namespace orbiq {
+namespace {
+
+constinit Mutex holdersLock;
+int holders ORBIQ_GUARDED_BY(holdersLock) = 0;
+bool isHeld[STDERR_FILENO + 1] ORBIQ_GUARDED_BY(holdersLock) = {};
+
+/// The host may have opened a file of its own in a number's place, which is kept across an exec.
+bool isStillOurs(int number) {
+  struct stat found{};
+  return fcntl(number, F_GETFD) == FD_CLOEXEC && fstat(number, &found) == 0 &&
+         found.st_rdev == makedev(1, 3);  // the null device
+}
+
+}  // namespace
+
+StandardNumbersHeld::StandardNumbersHeld() {
+  const Lock lock(holdersLock);
+  ++holders;
+  int number = 0;
+  do {
+    number = open("/dev/null", O_RDWR | O_CLOEXEC);
+    if (number >= 0 && number <= STDERR_FILENO) isHeld[number] = true;
+  } while (number >= 0 && number <= STDERR_FILENO);
+  if (number >= 0) ::close(number);
+}
+
+StandardNumbersHeld::~StandardNumbersHeld() {
+  const Lock lock(holdersLock);
+  if (--holders > 0) return;
+  for (int number = 0; number <= STDERR_FILENO; ++number) {
+    if (std::exchange(isHeld[number], false) && isStillOurs(number)) ::close(number);
+  }
+}
 
 Descriptor::~Descriptor() {
   if (isOpen()) ::close(_number);

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "orbiq/services/platform/Export.h"
+
 namespace orbiq {
 
 /// The descriptor, or in its place one above those of standard input, output and error: where the
@@ -26,27 +28,14 @@ inline int aboveStandard(int number) {
 }
 
 /// Takes the numbers of standard input, output and error for the length of a scope, as far as they
-/// are free, for what opens descriptors out of our sight.
-class StandardNumbersHeld {
+/// are free, for what opens descriptors out of our sight. They are let go with the last scope of
+/// all threads and libraries.
+class ORBIQ_EXPORT StandardNumbersHeld {
  public:
-  StandardNumbersHeld() {
-    int number = 0;
-    do {
-      number = open("/dev/null", O_RDWR | O_CLOEXEC);
-      if (number >= 0 && number <= STDERR_FILENO) _isHeld[number] = true;
-    } while (number >= 0 && number <= STDERR_FILENO);
-    if (number >= 0) ::close(number);
-  }
-  ~StandardNumbersHeld() {
-    for (int number = 0; number <= STDERR_FILENO; ++number) {
-      if (_isHeld[number]) ::close(number);
-    }
-  }
+  StandardNumbersHeld();
+  ~StandardNumbersHeld();
   StandardNumbersHeld(const StandardNumbersHeld&) = delete;
   StandardNumbersHeld& operator=(const StandardNumbersHeld&) = delete;
-
- private:
-  bool _isHeld[STDERR_FILENO + 1] = {};
 };
 
 /// An open file, closed with its owner.
