@@ -22,8 +22,8 @@
 ///   `ORBIQ_ERROR_BUFFER`. A null buffer with capacity 0 asks for the length only, and is
 ///   `ORBIQ_OK`. Where there is no text the result is `ORBIQ_NONE` and the buffer gets an empty
 ///   one.
-/// - In a process forked (without exec) from one that uses the library, what needs the agent
-///   returns `ORBIQ_ERROR_FORKED`.
+/// - In a process forked (without exec) from one that uses the library, what needs the agent or the
+///   device identifier returns `ORBIQ_ERROR_FORKED`.
 
 #include <stdbool.h>
 #include <stddef.h>

@@ -26,15 +26,19 @@ bool canHold(const char* buffer, std::size_t capacity) {
 }
 
 orbiq_status giveOut(const String& text, char* buffer, std::size_t capacity, std::size_t* length) {
+  const orbiq_status status = giveOut(text.view(), buffer, capacity, length);
+  return text.isNull() && status == ORBIQ_OK ? ORBIQ_NONE : status;
+}
+
+orbiq_status giveOut(std::string_view characters, char* buffer, std::size_t capacity,
+                     std::size_t* length) {
   if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
-  const std::string_view characters = text.view();
   if (length != nullptr) *length = characters.size();
   if (capacity > 0) {
     const std::size_t count = wholeCharacters(characters, capacity - 1);
     std::copy_n(characters.data(), count, buffer);
     buffer[count] = '\0';
   }
-  if (text.isNull()) return ORBIQ_NONE;
   const bool onlyMeasured = buffer == nullptr;
   return onlyMeasured || characters.size() < capacity ? ORBIQ_OK : ORBIQ_ERROR_BUFFER;
 }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <iterator>
 #include <new>
+#include <string_view>
 
 #include "orbiq/orbiq_c.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
@@ -46,5 +47,8 @@ bool canHold(const char* buffer, std::size_t capacity);
 /// Copies the text into the caller's buffer, cut between two characters if need be, as the C header
 /// promises.
 orbiq_status giveOut(const String& text, char* buffer, std::size_t capacity, std::size_t* length);
+/// The same for a literal, of which no text is made.
+orbiq_status giveOut(std::string_view text, char* buffer, std::size_t capacity,
+                     std::size_t* length);
 
 }  // namespace orbiq::c

@@ -39,6 +39,8 @@ class SinkGate {
     for (std::uint32_t inside = _inside; inside > 0; inside = _inside) _inside.wait(inside);
   }
 
+  bool isClosed() const { return _isClosed; }
+
   /// A call's time in the sink, however the sink ends it.
   class Stay {
    public:
@@ -153,12 +155,16 @@ orbiq_status orbiq_host_describe(const orbiq_host* host, char* reason, size_t ca
   return guarded([&]() -> orbiq_status {
     if (!canHold(reason, capacity)) return ORBIQ_ERROR_ARGUMENT;
     if (host == nullptr) {
-      giveOut(orbiq_status_text(ORBIQ_ERROR_ARGUMENT), reason, capacity, nullptr);
+      giveOut(std::string_view(orbiq_status_text(ORBIQ_ERROR_ARGUMENT)), reason, capacity, nullptr);
       return ORBIQ_ERROR_ARGUMENT;
     }
-    giveOut(orbiq_status_text(ORBIQ_ERROR_MEMORY), reason, capacity, nullptr);
-    const orbiq::String refusal = orbiq::HostApplication::describe(host->description);
+    giveOut(std::string_view(orbiq_status_text(ORBIQ_ERROR_MEMORY)), reason, capacity, nullptr);
+    orbiq::HostDescription description = host->description;
+    // A sink that was taken away is so for good.
+    if (SinkGate::shared().isClosed()) description.logSink = {};
+    const orbiq::String refusal = orbiq::HostApplication::describe(description);
     giveOut(refusal, reason, capacity, nullptr);
+    if (refusal.isSameObjectAs(orbiq::String::outOfMemory())) return ORBIQ_ERROR_MEMORY;
     return refusal.isNull() ? ORBIQ_OK : ORBIQ_ERROR_REFUSED;
   });
 }

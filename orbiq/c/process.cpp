@@ -92,6 +92,7 @@ orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length
 orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* length) {
   return guarded([&]() -> orbiq_status {
     if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
     const orbiq::String identifier = orbiqKWDXUUIDHandler::UUID();
     const orbiq_status status = giveOut(identifier, buffer, capacity, length);
     return status == ORBIQ_NONE ? ORBIQ_ERROR_KEYCHAIN : status;
@@ -101,6 +102,7 @@ orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* leng
 orbiq_status orbiq_device_identifier_replace(char* buffer, size_t capacity, size_t* length) {
   return guarded([&]() -> orbiq_status {
     if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
     const orbiq::String identifier = orbiqKWDXUUIDHandler::storeUUID(true);
     const orbiq_status status = giveOut(identifier, buffer, capacity, length);
     return status == ORBIQ_NONE ? ORBIQ_ERROR_KEYCHAIN : status;
@@ -109,6 +111,7 @@ orbiq_status orbiq_device_identifier_replace(char* buffer, size_t capacity, size
 
 orbiq_status orbiq_device_identifier_reset() {
   return guarded([]() -> orbiq_status {
+    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
     orbiqKWDXUUIDHandler::reset();
     // The reset itself only logs its failure.
     const orbiq::KeychainMatch left =

@@ -1,6 +1,6 @@
-"""Lets memory, descriptors or threads run out at every moment of a small application.
+"""Lets memory, descriptors or threads run out at every moment of a small application and of single calls.
 
-Usage: exhaustion_test.py COLLECTOR APPLICATION
+Usage: exhaustion_test.py COLLECTOR APPLICATION CALLS
 
 Every 13th moment is tried, with ORBIQ_TORTURE in the environment every one. Since 3.5, OpenSSL ends
 the process itself where a thread's first use of it finds no memory; such trials are told apart.
@@ -14,7 +14,7 @@ import tempfile
 
 from collector import Collector
 
-COLLECTOR, APPLICATION = sys.argv[1:]
+COLLECTOR, APPLICATION, CALLS = sys.argv[1:]
 STEP = 1 if os.environ.get("ORBIQ_TORTURE") else 13
 ENDED_BY_OPENSSL = "OpenSSL internal error: assertion failed: data != NULL"
 TIME_LIMIT = 60  # for the application as a whole; what takes so long hangs
@@ -38,8 +38,18 @@ def attempt(server, kind, first, count):
     return None, int(said)
 
 
+def failing_calls(kind):
+    """What the sweep of single calls says, where one failed."""
+    with tempfile.TemporaryDirectory() as directory:
+        ran = subprocess.run([CALLS, directory, kind, str(STEP if kind == "memory" else 1)],
+                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
+    return [] if ran.returncode == 0 else [f"{kind}: calls, exit {ran.returncode}\n{ran.stdout}"]
+
+
 def main():
     failures = []
+    for kind in ("memory", "descriptors", "threads"):
+        failures += failing_calls(kind)
     ended = 0
     with Collector(COLLECTOR) as collector, concurrent.futures.ThreadPoolExecutor(4) as pool:
         server = f"http://127.0.0.1:{collector.port}/auth/"

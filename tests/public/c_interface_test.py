@@ -224,7 +224,10 @@ class CInterfaceTest(unittest.TestCase):
             statuses = {orbiq.orbiq_tagger_send_hit(self.tagger),
                         orbiq.orbiq_tagger_with_serial(b"ABC", ctypes.byref(other)),
                         orbiq.orbiq_get_statistics(ctypes.byref(Statistics()), ctypes.c_size_t(8)),
-                        orbiq.orbiq_post_will_enter_foreground()}
+                        orbiq.orbiq_post_will_enter_foreground(),
+                        orbiq.orbiq_device_identifier(None, ctypes.c_size_t(0), None),
+                        orbiq.orbiq_device_identifier_replace(None, ctypes.c_size_t(0), None),
+                        orbiq.orbiq_device_identifier_reset()}
             os._exit(0 if statuses == {FORKED} else 1)
         self.assertEqual(os.waitpid(child, 0)[1], 0)
 

@@ -1,5 +1,7 @@
 // The device identifier: in the file keychain as applications use it, and in one that refuses.
 #include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <deque>
 #include <filesystem>
@@ -11,6 +13,7 @@
 #include <vector>
 
 #include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
+#include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Paths.h"
 #include "tests/support/Application.h"
 #include "tests/support/Role.h"
@@ -189,6 +192,19 @@ TEST_F(KeychainDouble, IsLookedUpTwiceAndThenRemembered) {
             Calls({"look up", "look up data", "add " + another.toStdString()}));
   const String updated = Handler::storeUUID(true);
   EXPECT_EQ(keychain->takeCalls(), Calls({"update to " + updated.toStdString()}));
+}
+
+TEST_F(KeychainDouble, IsLeftAloneByAForkedChild) {
+  armForkGuard();
+  const pid_t child = fork();
+  if (child == 0) {
+    const bool isNull = Handler::UUID().isNull() && Handler::storeUUID(true).isNull();
+    Handler::reset();
+    _exit(isNull && keychain->takeCalls().empty() ? 0 : 1);
+  }
+  int status = -1;
+  EXPECT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
 }
 
 TEST_F(KeychainDouble, RefusalsAreLoggedAndAddNothing) {

@@ -91,7 +91,7 @@ RequestQueue RequestsFile::load(const std::string& path) {
 }
 
 std::optional<RequestQueue> RequestsFile::read(const std::string& path, int& failure) try {
-  if (isAnothers(path)) return {};
+  if (isHeldByAnotherProcess(path)) return {};
   if (_lock.state() != FileLock::State::Held) {
     failure = _lock.failure();
     return {};
@@ -111,10 +111,10 @@ std::optional<RequestQueue> RequestsFile::read(const std::string& path, int& fai
 }
 
 void RequestsFile::save(const std::string& path, const RequestQueue& queue) {
-  if (isAnothers(path)) return;
+  if (isHeldByAnotherProcess(path)) return;
   int failure = write(path, queue);
   if (failure == ENOENT && Paths::makeDirectories(path.substr(0, path.rfind('/'))) == 0) {
-    if (isAnothers(path)) return;
+    if (isHeldByAnotherProcess(path)) return;
     failure = write(path, queue);
   }
   report(path, failure);
@@ -151,7 +151,7 @@ void RequestsFile::sync(const std::string& path) {
   if (failure != 0 && _lastFailure == 0) report(path, failure);
 }
 
-bool RequestsFile::isAnothers(const std::string& path) {
+bool RequestsFile::isHeldByAnotherProcess(const std::string& path) {
   const bool wasHeld = _lock.state() == FileLock::State::Held;
   if (_lock.hold(path + ".lock") != FileLock::State::HeldByAnother) return false;
   if (!std::exchange(_saidThatAnotherHasIt, true)) {

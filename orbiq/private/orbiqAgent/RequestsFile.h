@@ -33,12 +33,12 @@ class RequestsFile {
   void save(const std::string& path, const RequestQueue& queue);
   /// Gives back the memory that only makes the next save faster.
   void rest() { _archiver.forget(); }
-  /// Brings the last save to the disk, if it is not there yet.
+  /// Syncs the last save, unless that was done.
   void sync(const std::string& path);
 
  private:
   std::optional<RequestQueue> read(const std::string& path, int& failure);
-  bool isAnothers(const std::string& path);
+  bool isHeldByAnotherProcess(const std::string& path);
   int write(const std::string& path, const RequestQueue& queue);
   void report(const std::string& path, int failure);
 

@@ -117,12 +117,4 @@ void orbiqAgent::countRefusedHit() { state.ledger.countHit(orbiq::HitFate::Refus
 
 void orbiqAgent::countLostHit() { state.ledger.countHit(orbiq::HitFate::GivenUp); }
 
-bool orbiqAgent::isForkedAway() {
-  if (!orbiq::inForkedChild()) return false;
-  if (orbiq::firstTimeInForkedChild()) {
-    orbiqLogger::log_withMode(
-        "This process was forked from one that uses the library: its hits are not counted",
-        orbiq::LoggingModeError);
-  }
-  return true;
-}
+bool orbiqAgent::isForkedAway() { return orbiq::isForkedAway(); }

@@ -4,11 +4,9 @@
 #include <new>
 #include <utility>
 
-#include "orbiq/services/orbiqLogger/WithoutThrowing.h"
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/Thread.h"
-
-using orbiq::withoutThrowing;
 
 namespace {
 
@@ -33,7 +31,7 @@ std::shared_ptr<orbiqTimer> orbiqTimer::makeScheduled(double interval, std::weak
   // The schedule owns the timer; the target, which may own it too, is owned by neither.
   const auto timer = orbiq::MainLoop::mainLoop().addTimer(
       nanosecondsOf(interval), repeating, [made] { made->tick(made->timer); }, &made->timer);
-  return timer != 0 || orbiq::inForkedChild() ? made : throw std::bad_alloc();
+  return timer != 0 || orbiq::isForkedAway() ? made : throw std::bad_alloc();
 } catch (const std::bad_alloc& error) {
   return orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError), nullptr;
 }
@@ -44,10 +42,11 @@ void orbiqTimer::tick(orbiq::MainLoop::TimerId) {
 }
 
 void orbiqTimer::invalidate() {
-  withoutThrowing([&] {
-    const bool isPosted = orbiq::MainLoop::mainLoop().post([self = shared_from_this()] {
-      orbiq::MainLoop::mainLoop().removeTimer(std::exchange(self->timer, 0));
-    });
-    if (!isPosted && !orbiq::inForkedChild()) throw std::bad_alloc();
-  });
+  orbiq::MainLoop& loop = orbiq::MainLoop::mainLoop();
+  try {
+    if (loop.post([&loop, self = shared_from_this()] { loop.removeTimer(self->timer); })) return;
+  } catch (const std::bad_alloc&) {
+    // As where the loop has no memory for the step.
+  }
+  loop.removeTimer(timer);  // out of turn, but it takes no memory
 }

@@ -61,8 +61,7 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
   /// main loop's own timer, is of no matter.
   void tick(orbiq::MainLoop::TimerId firing);
   /// Ends the timer by a step posted on the main loop, before which it may still fire. Any thread;
-  /// returns at once; harmless if it has ended. Without memory for the step the timer goes on,
-  /// which is logged.
+  /// returns at once; harmless if it has ended. Without memory for the step the timer ends at once.
   void invalidate();
 
  private:
@@ -81,7 +80,7 @@ class ORBIQ_EXPORT orbiqTimer final : public std::enable_shared_from_this<orbiqT
     }
   }
 
-  /// Set before the first firing and cleared on the main loop; 0 once invalidated.
+  /// Set before the first firing; 0 where nothing was scheduled.
   orbiq::MainLoop::TimerId timer = 0;
   const std::weak_ptr<void> target;
   const Selector selector;

@@ -6,6 +6,7 @@
 #include <string>
 
 #include "orbiq/services/orbiqLogger/WithoutThrowing.h"
+#include "orbiq/services/platform/ForkGuard.h"
 #include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Platform.h"
 #include "orbiq/services/platform/Random.h"
@@ -124,15 +125,20 @@ void forget() {
 
 }  // namespace
 
+// The parent's stores are left alone in a forked child, which might find their locks taken.
 orbiq::String orbiqKWDXUUIDHandler::UUID() {
+  if (orbiq::isForkedAway()) return state()._uuid;
   return withoutThrowing(lookUpOrStore, orbiq::String());
 }
 
 orbiq::String orbiqKWDXUUIDHandler::storeUUID(bool update) {
+  if (orbiq::isForkedAway()) return nullptr;
   return withoutThrowing([&] { return store(update); }, orbiq::String());
 }
 
-void orbiqKWDXUUIDHandler::reset() { withoutThrowing(forget); }
+void orbiqKWDXUUIDHandler::reset() {
+  if (!orbiq::isForkedAway()) withoutThrowing(forget);
+}
 
 orbiq::String orbiqKWDXUUIDHandler::accessGroup() { return state()._accessGroup; }
 

@@ -13,7 +13,9 @@
 ///
 /// Nothing here is synchronised: use it from one thread at a time. Calls may wait for the disk or,
 /// with a keyring, for its daemon. Describe the application before the first call: what the
-/// description says of keychain and library directory decides where the identifier is kept.
+/// description says of keychain and library directory decides where the identifier is kept. In a
+/// forked child only what the parent remembered can be had; the keychain is neither asked nor
+/// changed.
 class ORBIQ_EXPORT orbiqKWDXUUIDHandler {
  public:
   orbiqKWDXUUIDHandler() = delete;
@@ -43,5 +45,6 @@ class ORBIQ_EXPORT orbiqKWDXUUIDHandler {
   static void setAccessGroup(const orbiq::String& accessGroup);
 };
 
-/// A new query that names the identifier's item, with the access group if there is one.
+/// A new query that names the identifier's item, with the access group if there is one. A plain
+/// value: throws `std::bad_alloc` without memory for it.
 ORBIQ_EXPORT orbiq::KeychainQuery orbiqCreateKeychainQueryDictionary();

@@ -7,6 +7,7 @@
 
 #include <cstdint>
 #include <cstdio>
+#include <new>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -98,7 +99,7 @@ KeychainStatus readItem(const Descriptor& directory, const std::string& name, st
   return errSecSuccess;
 }
 
-/// Makes the spare file, with the item in it, and brings it to the disk.
+/// Makes the spare file, with the item in it, and syncs it.
 bool writeSpare(const Descriptor& directory, std::string_view data) {
   // A writer that was killed may have left one.
   unlinkat(directory.number(), kSpareName, 0);
@@ -133,7 +134,7 @@ KeychainStatus syncDirectory(const Descriptor& directory) {
 FileKeychain::FileKeychain(std::string directory, std::chrono::milliseconds lockLimit)
     : _directory(std::move(directory)), _lockLimit(lockLimit) {}
 
-KeychainMatch FileKeychain::copyMatching(const KeychainQuery& query) {
+KeychainMatch FileKeychain::copyMatching(const KeychainQuery& query) try {
   KeychainMatch match;
   Descriptor directory;
   std::string data;
@@ -141,9 +142,11 @@ KeychainMatch FileKeychain::copyMatching(const KeychainQuery& query) {
   if (match.status == errSecSuccess) match.status = readItem(directory, nameOf(query), data);
   if (query.returnData && !data.empty()) match.data = std::move(data);
   return match;
+} catch (const std::bad_alloc&) {
+  return {};
 }
 
-KeychainStatus FileKeychain::add(const KeychainQuery& query) {
+KeychainStatus FileKeychain::add(const KeychainQuery& query) try {
   Descriptor directory;
   if (Paths::makeDirectories(_directory) != 0 ||
       openDirectory(_directory, directory) != errSecSuccess) {
@@ -158,9 +161,12 @@ KeychainStatus FileKeychain::add(const KeychainQuery& query) {
   }
   unlinkat(directory.number(), kSpareName, 0);
   return status == errSecSuccess ? syncDirectory(directory) : status;
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
 }
 
-KeychainStatus FileKeychain::update(const KeychainQuery& query, const KeychainAttributes& changes) {
+KeychainStatus FileKeychain::update(const KeychainQuery& query,
+                                    const KeychainAttributes& changes) try {
   Descriptor directory;
   KeychainStatus status = openDirectory(_directory, directory);
   if (status != errSecSuccess) return status;
@@ -178,9 +184,11 @@ KeychainStatus FileKeychain::update(const KeychainQuery& query, const KeychainAt
     return errSecNotAvailable;
   }
   return syncDirectory(directory);
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
 }
 
-KeychainStatus FileKeychain::deleteMatching(const KeychainQuery& query) {
+KeychainStatus FileKeychain::deleteMatching(const KeychainQuery& query) try {
   Descriptor directory;
   const KeychainStatus status = openDirectory(_directory, directory);
   if (status != errSecSuccess) return status;
@@ -193,6 +201,8 @@ KeychainStatus FileKeychain::deleteMatching(const KeychainQuery& query) {
     return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
   }
   return syncDirectory(directory);
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
 }
 
 }  // namespace orbiq

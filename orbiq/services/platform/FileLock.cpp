@@ -91,10 +91,10 @@ FileLock::State FileLock::lock(const std::string& path) {
   // What is locked already stays so, until it is clear who has the new file.
   if (!file.isOpen()) return fail(errno);
   const int failure = tryToLock(file);
-  const bool isAnothers = failure == EAGAIN || failure == EACCES;
-  if (failure != 0 && !isAnothers) return fail(failure);
-  _file = isAnothers ? Descriptor() : std::move(file);
-  return _state = isAnothers ? State::HeldByAnother : State::Held;
+  const bool isHeldByAnother = failure == EAGAIN || failure == EACCES;
+  if (failure != 0 && !isHeldByAnother) return fail(failure);
+  _file = isHeldByAnother ? Descriptor() : std::move(file);
+  return _state = isHeldByAnother ? State::HeldByAnother : State::Held;
 }
 
 FileLock::State FileLock::fail(int failure) {

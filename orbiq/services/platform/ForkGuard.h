@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cstdint>
+
 namespace orbiq {
 
 /// From now on a child that this process forks knows that it is one. A child goes on with the
@@ -11,7 +13,13 @@ void armForkGuard();
 /// forked before, that arms the guard itself, is a process like any other. Never blocks.
 bool inForkedChild() noexcept;
 
-/// True for the first call in each such child, so that it can be said once; false in all others.
-bool firstTimeInForkedChild() noexcept;
+/// The same, for what the application calls: the first such call in each child is logged. It is
+/// printed whatever the threshold of the logger, which stands on a higher floor.
+bool isForkedAway();
+
+/// Counts forks without arming the guard: false without memory for it.
+bool watchForks();
+/// How often this process is a fork's child, since they are counted. Never blocks.
+std::uint32_t forkCount() noexcept;
 
 }  // namespace orbiq

@@ -126,8 +126,8 @@ String accept(const HostDescription& description) {
   }
   auto made = std::make_unique<const HostDescription>(withDefaults(description));
   state().descriptions.reserve(state().descriptions.size() + 1);
-  SystemLog::setSink(description.logSink);
-  state().add(std::move(made));
+  if (!SystemLog::setSink(description.logSink)) throw std::bad_alloc();
+  state().add(std::move(made));  // nothing fails from here on
   state().accepted = true;
   return nullptr;
 }
@@ -143,17 +143,22 @@ const HostDescription& known() {
 
 }  // namespace
 
-String HostApplication::describe(const HostDescription& description) try {
-  String reason = accept(description);
-  if (!reason.isNull()) {
-    // The logger and its threshold stand on a higher floor: this line is always printed.
-    SystemLog::write(
-        LoggingModeError,
-        "(ERROR) : The description of the application was refused: " + reason.toStdString());
+String HostApplication::describe(const HostDescription& description) {
+  String reason = String::outOfMemory();
+  try {
+    reason = accept(description);
+  } catch (const std::bad_alloc&) {
+    state().refused = true;
+  }
+  if (reason.isNull()) return reason;
+  // The logger and its threshold stand on a higher floor: this line is always printed.
+  constexpr const char* kRefused = "(ERROR) : The description of the application was refused: ";
+  try {
+    SystemLog::write(LoggingModeError, kRefused + reason.toStdString());
+  } catch (const std::bad_alloc&) {
+    SystemLog::write(LoggingModeError, kRefused);
   }
   return reason;
-} catch (const std::bad_alloc&) {
-  return String::outOfMemory();
 }
 
 const HostDescription& HostApplication::current() try {
@@ -164,15 +169,16 @@ const HostDescription& HostApplication::current() try {
 }
 
 void HostApplication::settle() {
-  known();
   const Lock lock(state().lock);
   state().settled = true;
 }
 
 bool HostApplication::wasOnlyRefused() { return state().refused && !state().accepted; }
 
-String HostApplication::authorizationServerProblem() {
+String HostApplication::authorizationServerProblem() try {
   return whatIsWrongWithServer(current().authorizationServer);
+} catch (const std::bad_alloc&) {
+  return String::outOfMemory();
 }
 
 }  // namespace orbiq

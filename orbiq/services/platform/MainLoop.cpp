@@ -1,13 +1,9 @@
 #include "orbiq/services/platform/MainLoop.h"
 
 #include <sys/epoll.h>
-#include <sys/eventfd.h>
-#include <sys/timerfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <cstdlib>
 #include <list>
 #include <map>
@@ -15,8 +11,8 @@
 #include <new>
 #include <utility>
 
-#include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/LoopDescriptors.h"
 #include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/NeverDestroyed.h"
 #include "orbiq/services/platform/Thread.h"
@@ -49,28 +45,12 @@ struct Watch {
   Callback readable;
 };
 
-bool addToEpoll(int epoll, int descriptor, std::uint64_t key) {
-  epoll_event event{};
-  event.events = EPOLLIN;
-  event.data.u64 = key;
-  if (epoll_ctl(epoll, EPOLL_CTL_ADD, descriptor, &event) == 0) return true;
-  return errno == EEXIST && epoll_ctl(epoll, EPOLL_CTL_MOD, descriptor, &event) == 0;
-}
-
 }  // namespace
 
 struct MainLoop::State {
   Condition condition;
 
-  // The descriptors: all three, or none yet (-1).
-  int epoll ORBIQ_GUARDED_BY(condition) = -1;
-  int wakeEvent ORBIQ_GUARDED_BY(condition) = -1;
-  int alarm ORBIQ_GUARDED_BY(condition) = -1;
-  /// What the kernel was last told: whether the event is raised, and when the alarm goes off (0 for
-  /// never).
-  bool raised ORBIQ_GUARDED_BY(condition) = false;
-  nanoseconds armed ORBIQ_GUARDED_BY(condition){0};
-
+  LoopDescriptors descriptors ORBIQ_GUARDED_BY(condition);
   bool adopted ORBIQ_GUARDED_BY(condition) = false;
   bool threadRuns ORBIQ_GUARDED_BY(condition) = false;
   bool stopRequested ORBIQ_GUARDED_BY(condition) = false;
@@ -86,12 +66,16 @@ struct MainLoop::State {
 
   std::map<int, Watch> watches ORBIQ_GUARDED_BY(condition);
   std::uint64_t lastKey ORBIQ_GUARDED_BY(condition) = 0;
+  /// When to try again what could not be watched for want of memory; 0 for never.
+  nanoseconds retryAt ORBIQ_GUARDED_BY(condition){0};
 
   bool openDescriptors() ORBIQ_REQUIRES(condition);
   void updateEvent() ORBIQ_REQUIRES(condition);
   void updateAlarm() ORBIQ_REQUIRES(condition);
+  void addWatch(int descriptor, const Watch& watch) ORBIQ_REQUIRES(condition);
+  void addWatches() ORBIQ_REQUIRES(condition);
   /// After a change that the loop's thread must see: tells it, or starts it.
-  void attend() ORBIQ_REQUIRES(condition);
+  void wakeOrStart() ORBIQ_REQUIRES(condition);
   /// Ends the library's thread, which must not run callbacks beside static destructors.
   void endWithProcess();
 
@@ -111,23 +95,9 @@ struct MainLoop::State {
 };
 
 bool MainLoop::State::openDescriptors() {
-  if (epoll >= 0) return true;
-  const int newEpoll = aboveStandard(epoll_create1(EPOLL_CLOEXEC));
-  const int newEvent = aboveStandard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  const int newAlarm = aboveStandard(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-  const bool complete = newEpoll >= 0 && newEvent >= 0 && newAlarm >= 0 &&
-                        addToEpoll(newEpoll, newEvent, static_cast<std::uint64_t>(newEvent)) &&
-                        addToEpoll(newEpoll, newAlarm, static_cast<std::uint64_t>(newAlarm));
-  if (!complete) {
-    for (const int descriptor : {newEpoll, newEvent, newAlarm}) {
-      if (descriptor >= 0) close(descriptor);
-    }
-    return false;
-  }
-  epoll = newEpoll;
-  wakeEvent = newEvent;
-  alarm = newAlarm;
-  for (const auto& [descriptor, watch] : watches) addToEpoll(epoll, descriptor, watch.key);
+  if (descriptors.areOpen()) return true;
+  if (!descriptors.open()) return false;
+  addWatches();
   updateEvent();
   updateAlarm();
   // The library's thread may be waiting without descriptors.
@@ -135,38 +105,41 @@ bool MainLoop::State::openDescriptors() {
   return true;
 }
 
+void MainLoop::State::addWatch(int descriptor, const Watch& watch) {
+  if (!descriptors.areOpen() || descriptors.add(descriptor, watch.key)) return;
+  if (retryAt.count() == 0) retryAt = monotonicNow() + kDescriptorRetry;
+}
+
+/// Adding one that is there already changes nothing.
+void MainLoop::State::addWatches() {
+  retryAt = nanoseconds{0};
+  for (const auto& [descriptor, watch] : watches) addWatch(descriptor, watch);
+}
+
 /// Raises the event, or takes it back, so that the descriptor is readable exactly while something
 /// is to be done.
 void MainLoop::State::updateEvent() {
   const bool wanted =
       !posted.empty() || ((adopted || processExits) && threadRuns) || (runs > 0 && stopRequested);
-  if (wakeEvent < 0) {
+  if (descriptors.areOpen()) {
+    descriptors.raise(wanted);
+  } else {
     condition.broadcast();
-  } else if (wanted != raised) {
-    // Neither can fail: the counter goes from 0 to 1 and back.
-    std::uint64_t count = 1;
-    [[maybe_unused]] const ssize_t moved =
-        wanted ? write(wakeEvent, &count, sizeof count) : read(wakeEvent, &count, sizeof count);
-    raised = wanted;
   }
 }
 
-/// Sets the alarm to the earliest timer. Setting it also takes an expiry back.
+/// Sets the alarm to what is due first.
 void MainLoop::State::updateAlarm() {
-  const nanoseconds earliest = timers.earliest();
-  if (alarm < 0) {
+  nanoseconds earliest = timers.earliest();
+  if (retryAt.count() != 0 && (earliest.count() == 0 || retryAt < earliest)) earliest = retryAt;
+  if (descriptors.areOpen()) {
+    descriptors.setAlarm(earliest);
+  } else {
     condition.broadcast();
-  } else if (earliest != armed) {
-    const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(earliest);
-    itimerspec time{};
-    time.it_value.tv_sec = static_cast<time_t>(seconds.count());
-    time.it_value.tv_nsec = static_cast<long>((earliest - seconds).count());
-    timerfd_settime(alarm, TFD_TIMER_ABSTIME, &time, nullptr);
-    armed = earliest;
   }
 }
 
-void MainLoop::State::attend() {
+void MainLoop::State::wakeOrStart() {
   openDescriptors();
   updateEvent();
   updateAlarm();
@@ -238,7 +211,7 @@ bool MainLoop::State::await(Runner runner) {
       waitWithoutDescriptors();
       return true;
     }
-    set = epoll;
+    set = descriptors.set();
   }
   epoll_event ignored{};
   epoll_wait(set, &ignored, 1, -1);
@@ -248,11 +221,15 @@ bool MainLoop::State::await(Runner runner) {
 /// Runs what was due at the call; what comes up meanwhile is left, so that it ends.
 void MainLoop::State::runDue(Runner runner) {
   std::uint64_t limit = 0;
+  const nanoseconds now = monotonicNow();
   {
     const Lock lock(condition);
     limit = postedCount;
+    if (retryAt.count() != 0 && retryAt <= now) {
+      addWatches();
+      updateAlarm();
+    }
   }
-  const nanoseconds now = monotonicNow();
   // The task is cleared out here because the end of what it holds may use the loop again.
   for (Task task; takePosted(runner, limit, task); task = nullptr) runTask(task);
   while (fireNext(runner, now)) continue;
@@ -289,7 +266,7 @@ void MainLoop::State::runReadable(Runner runner) {
   int set = -1;
   {
     const Lock lock(condition);
-    set = epoll;
+    set = descriptors.set();
   }
   std::array<epoll_event, 16> events;
   const int count = epoll_wait(set, events.data(), static_cast<int>(events.size()), 0);
@@ -311,23 +288,28 @@ MainLoop::MainLoop(State& state) : _state(state) { armForkGuard(); }
 MainLoop& MainLoop::mainLoop() {
   static NeverDestroyed<State> state;
   static MainLoop loop(*state);
-  [[maybe_unused]] static const int registered =
-      std::atexit([] { mainLoop()._state.endWithProcess(); });
+  try {
+    static const bool isRegistered =
+        std::atexit([] { loop._state.endWithProcess(); }) == 0 ? true : throw std::bad_alloc();
+    static_cast<void>(isRegistered);
+  } catch (const std::bad_alloc&) {
+    // The next call tries again.
+  }
   return loop;
 }
 
 int MainLoop::adopt() {
-  if (onLoopThread || inForkedChild()) return -1;
+  if (onLoopThread || isForkedAway()) return -1;
   const Lock lock(_state.condition);
   if (!_state.openDescriptors()) return -1;
   _state.adopted = true;
   _state.updateEvent();
   while (_state.threadRuns) _state.condition.wait();
-  return _state.epoll;
+  return _state.descriptors.set();
 }
 
 void MainLoop::runPending() {
-  if (!inForkedChild()) _state.runDue(Runner::host);
+  if (!isForkedAway()) _state.runDue(Runner::host);
 }
 
 void MainLoop::run() {
@@ -341,20 +323,20 @@ void MainLoop::run() {
 }
 
 void MainLoop::stop() {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   const Lock lock(_state.condition);
   _state.stopRequested = true;
   _state.updateEvent();
 }
 
 bool MainLoop::post(std::function<void()> task) try {
-  if (inForkedChild()) return false;
+  if (isForkedAway()) return false;
   std::list<Task> added;
   added.push_back(std::move(task));
   const Lock lock(_state.condition);
   _state.posted.splice(_state.posted.end(), added);
   ++_state.postedCount;
-  _state.attend();
+  _state.wakeOrStart();
   return true;
 } catch (const std::bad_alloc&) {
   return false;
@@ -362,19 +344,19 @@ bool MainLoop::post(std::function<void()> task) try {
 
 MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats, std::function<void()> fire,
                                      TimerId* timer) try {
-  if (inForkedChild()) return 0;
+  if (isForkedAway()) return 0;
   auto callback = std::make_shared<const Task>(std::move(fire));
   const Lock lock(_state.condition);
   const TimerId id = _state.timers.add(monotonicNow(), interval, repeats, std::move(callback));
   if (timer) *timer = id;
-  _state.attend();
+  _state.wakeOrStart();
   return id;
 } catch (const std::bad_alloc&) {
   return 0;
 }
 
 void MainLoop::removeTimer(TimerId timer) {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   // What the callback holds may use the loop in its end, so that comes after the lock.
   Callback removed;
   const Lock lock(_state.condition);
@@ -383,7 +365,7 @@ void MainLoop::removeTimer(TimerId timer) {
 }
 
 bool MainLoop::watch(int descriptor, std::function<void()> readable) try {
-  if (inForkedChild() || descriptor < 0) return false;
+  if (isForkedAway() || descriptor < 0) return false;
   Callback callback = std::make_shared<const Task>(std::move(readable));
   // Replaced under the lock, gone after it.
   Callback previous;
@@ -392,22 +374,22 @@ bool MainLoop::watch(int descriptor, std::function<void()> readable) try {
   _state.lastKey += kKeyStep;
   watch.key = _state.lastKey + static_cast<std::uint64_t>(descriptor);
   previous = std::exchange(watch.readable, std::move(callback));
-  if (_state.epoll >= 0) addToEpoll(_state.epoll, descriptor, watch.key);
-  _state.attend();
+  _state.addWatch(descriptor, watch);
+  _state.wakeOrStart();
   return true;
 } catch (const std::bad_alloc&) {
   return false;
 }
 
 void MainLoop::unwatch(int descriptor) {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   Callback removed;
   const Lock lock(_state.condition);
   const auto found = _state.watches.find(descriptor);
   if (found == _state.watches.end()) return;
   removed = std::move(found->second.readable);
   _state.watches.erase(found);
-  if (_state.epoll >= 0) epoll_ctl(_state.epoll, EPOLL_CTL_DEL, descriptor, nullptr);
+  if (_state.descriptors.areOpen()) _state.descriptors.remove(descriptor);
 }
 
 }  // namespace orbiq

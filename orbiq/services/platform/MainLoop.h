@@ -17,11 +17,11 @@ namespace orbiq {
 ///
 /// Callbacks run one at a time and under no lock of the library, so they may use the loop as they
 /// like, themselves included; what one throws ends with it. Where the process has no descriptors
-/// left, the library's thread runs posts and timers without them, and tries again for watches once
-/// a second; where no thread can be had, everything waits for the next use of the loop. In a forked
-/// child nothing runs and nothing is kept. When the process exits, the library's thread begins
-/// nothing more, and the item in progress has a quarter of a second to end: what the host made
-/// before its first use of the loop is destroyed after that.
+/// left, the library's thread runs posts and timers without them. What cannot be watched for want
+/// of descriptors or memory is tried again once a second; where no thread can be had, everything
+/// waits for the next use of the loop. In a forked child nothing runs and nothing is kept. When the
+/// process exits, the library's thread begins nothing more, and the item in progress has a quarter
+/// of a second to end: what the host made before its first use of the loop is destroyed after that.
 class ORBIQ_EXPORT MainLoop {
  public:
   /// The process's one loop. Any thread.
@@ -53,7 +53,7 @@ class ORBIQ_EXPORT MainLoop {
   /// Never 0 for a timer that was made.
   using TimerId = std::uint64_t;
   /// Calls `fire` on the loop one interval from now, and then, if `repeats`, at every further
-  /// multiple of the interval (firings that were missed are not made up for). Intervals below
+  /// multiple of the interval (missed firings are skipped). Intervals below
   /// 0.1 ms are taken as that, and those beyond thirty years as thirty years. Time does not pass
   /// while the machine sleeps. `timer`, if given, is set before the first firing can begin. Any
   /// thread. 0 if there is no memory for it, and in a forked child.

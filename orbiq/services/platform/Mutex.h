@@ -47,18 +47,33 @@ class ORBIQ_CAPABILITY("mutex") Condition {
   void unlock() ORBIQ_RELEASE() { _mutex.unlock(); }
 
   /// Lets go of the lock, sleeps until a signal, takes the lock again.
-  void wait() ORBIQ_REQUIRES(this) { _condition.wait(_mutex); }
+  void wait() ORBIQ_REQUIRES(this) {
+    Borrowed held(_mutex);
+    _condition.wait(held.lock);
+  }
   /// The same, for at most `duration`; false if it passed without a signal.
   template <class Duration>
   bool waitFor(Duration duration) ORBIQ_REQUIRES(this) {
-    return _condition.wait_for(_mutex, duration) == std::cv_status::no_timeout;
+    Borrowed held(_mutex);
+    return _condition.wait_for(held.lock, duration) == std::cv_status::no_timeout;
   }
   void signal() { _condition.notify_one(); }
   void broadcast() { _condition.notify_all(); }
 
  private:
+  /// The caller's hold on the lock, as the standard's condition wants it. The caller keeps it, also
+  /// where its thread is cancelled while it waits.
+  struct Borrowed {
+    explicit Borrowed(std::mutex& mutex) : lock(mutex, std::adopt_lock) {}
+    ~Borrowed() { lock.release(); }
+    Borrowed(const Borrowed&) = delete;
+    Borrowed& operator=(const Borrowed&) = delete;
+    std::unique_lock<std::mutex> lock;
+  };
+
   std::mutex _mutex;
-  std::condition_variable_any _condition;
+  // Not the one for any lock, whose making takes memory.
+  std::condition_variable _condition;
 };
 
 /// A condition whose lock is handed over in the order in which it was asked for: who lets go of it

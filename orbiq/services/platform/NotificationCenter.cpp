@@ -60,7 +60,7 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 
 bool NotificationCenter::addObserver(const void* observer, const std::string& name,
                                      std::function<void(const Notification&)> call) try {
-  if (inForkedChild()) return false;
+  if (isForkedAway()) return false;
   const auto made = std::make_shared<Observer>(Observer{0, observer, name, std::move(call)});
   Observers added{made};
   const Lock lock(_state.mutex);
@@ -72,7 +72,7 @@ bool NotificationCenter::addObserver(const void* observer, const std::string& na
 }
 
 void NotificationCenter::removeObserver(const void* observer, const std::string& name) {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   // What a call holds may use the centre in its end, so that comes after the lock.
   Observers removed;
   const Lock lock(_state.mutex);
@@ -87,7 +87,7 @@ void NotificationCenter::removeObserver(const void* observer, const std::string&
 
 void NotificationCenter::postNotificationName(const std::string& name,
                                               std::shared_ptr<Object> object) try {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   const Notification notification{name, std::move(object)};
   // Those that are added meanwhile are not told, those that are removed meanwhile neither.
   const std::uint64_t last = _state.newest();

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <new>
 #include <string_view>
 #include <vector>
 
@@ -35,6 +36,8 @@ std::string homeDirectory() {
 std::string findLibraryDirectory() {
   const HostDescription& host = HostApplication::current();
   if (host.libraryDirectory.view().starts_with('/')) return host.libraryDirectory.toStdString();
+  // Never without a name, but where there was no memory for the defaults. The next call has some.
+  if (host.bundleIdentifier.isEmpty()) throw std::bad_alloc();
   std::string state = absoluteFromEnvironment("XDG_STATE_HOME");
   if (state.empty()) state = homeDirectory() + "/.local/state";
   return state + "/" + host.bundleIdentifier.toStdString() + "/Library";

@@ -1,15 +1,15 @@
 #include "orbiq/services/platform/Random.h"
 
-#include <pthread.h>
 #include <sys/random.h>
 
 #include <array>
-#include <atomic>
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <random>
 #include <span>
+
+#include "orbiq/services/platform/ForkGuard.h"
 
 namespace orbiq {
 namespace {
@@ -28,19 +28,11 @@ void fillRandom(std::span<unsigned char> bytes) {
   }
 }
 
-/// How often this process is a fork's child: what its parent had in store would come twice.
-std::atomic<std::uint32_t> forks{0};
-
-bool forksAreCounted() {
-  static const int error = pthread_atfork(
-      nullptr, nullptr, [] { forks.store(forks.load(std::memory_order_relaxed) + 1); });
-  return error == 0;
-}
-
 /// A thread's store: asking the kernel for one number costs more than composing a hit.
 struct Store {
   std::array<unsigned char, 64 * sizeof(std::uint32_t)> bytes;
   std::size_t left = 0;
+  /// What the parent of a fork has in store would come twice.
   std::uint32_t forks = 0;
 };
 
@@ -49,10 +41,10 @@ struct Store {
 std::uint32_t randomUint32() {
   thread_local constinit Store store{};
   std::uint32_t value = 0;
-  const std::uint32_t now = forks.load(std::memory_order_relaxed);
+  const std::uint32_t now = forkCount();
   if (store.left == 0 || store.forks != now) {
     fillRandom(store.bytes);
-    store.left = forksAreCounted() ? store.bytes.size() : sizeof value;
+    store.left = watchForks() ? store.bytes.size() : sizeof value;
     store.forks = now;
   }
   store.left -= sizeof value;

@@ -1,5 +1,7 @@
 #include "orbiq/services/platform/SerialQueue.h"
 
+#include <pthread.h>
+
 #include <chrono>
 #include <deque>
 #include <new>
@@ -15,6 +17,18 @@ namespace {
 using Task = std::function<void()>;
 
 constexpr std::chrono::seconds kIdleTime{2};
+
+/// Lets a cancellation of this thread wait for the end of a scope.
+class CancellationHeld {
+ public:
+  CancellationHeld() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_previous); }
+  ~CancellationHeld() { pthread_setcancelstate(_previous, nullptr); }
+  CancellationHeld(const CancellationHeld&) = delete;
+  CancellationHeld& operator=(const CancellationHeld&) = delete;
+
+ private:
+  int _previous = PTHREAD_CANCEL_ENABLE;
+};
 
 }  // namespace
 
@@ -87,7 +101,7 @@ SerialQueue::~SerialQueue() {
 const std::string& SerialQueue::label() const { return _state->label; }
 
 void SerialQueue::async(std::function<void()> task) {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   std::shared_ptr<State> sleeper;
   {
     const Lock lock(_state->condition);
@@ -103,17 +117,19 @@ void SerialQueue::async(std::function<void()> task) {
 }
 
 void SerialQueue::resume() {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   const Lock lock(_state->condition);
   if (!_state->tasks.empty()) State::ensureThread(_state);
 }
 
 void SerialQueue::sync(std::function<void()> task) {
-  if (inForkedChild()) return;
+  if (isForkedAway()) return;
   struct Completion {
     Condition condition;
     bool done ORBIQ_GUARDED_BY(condition) = false;
   };
+  // The task lives here, and others' tasks may run here.
+  const CancellationHeld held;
   // Shared, because the task's thread still touches it while the caller is already leaving.
   const auto completion = std::make_shared<Completion>();
   bool mustAttend = false;

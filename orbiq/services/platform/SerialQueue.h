@@ -35,7 +35,8 @@ class ORBIQ_EXPORT SerialQueue {
   /// further tasks.
   void resume();
   /// Returns when the task has run. Must not be called from a task of the same queue. Where no
-  /// thread can be started, the tasks run on the calling thread.
+  /// thread can be started, the tasks run on the calling thread. Throws as `async` does. The
+  /// calling thread is not cancelled before the return.
   void sync(std::function<void()> task);
 
  private:

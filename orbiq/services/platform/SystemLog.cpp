@@ -10,24 +10,25 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
-#include <memory>
 #include <new>
 #include <utility>
-#include <vector>
 
 #include "orbiq/services/platform/Clock.h"
 #include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/Mutex.h"
 #include "orbiq/services/platform/ProcessExit.h"
 #include "orbiq/services/platform/StandardError.h"
 
 namespace orbiq {
 namespace {
 
-Mutex sinkLock;
+/// Sinks that were replaced stay alive: a line may still be on its way to them.
+struct KeptSink {
+  LogSink sink;
+  const KeptSink* before;
+};
 
-// Read without a lock, also in a forked child. Sinks that were replaced stay alive: a line may
-// still be on its way to them.
+// Without a lock, which a forked child might find taken.
+std::atomic<const KeptSink*> newestSink{nullptr};
 std::atomic<const LogSink*> currentSink{nullptr};
 
 /// In UTC, without the C library, whose functions for that all take its lock.
@@ -94,15 +95,16 @@ void SystemLog::write(LoggingMode mode, std::string_view text) {
   errno = savedError;
 }
 
-void SystemLog::setSink(LogSink sink) {
-  static auto* const sinks = new std::vector<std::unique_ptr<const LogSink>>();  // never destroyed
-  const Lock lock(sinkLock);
-  if (!sink) {
-    currentSink.store(nullptr, std::memory_order_release);
-    return;
+bool SystemLog::setSink(LogSink sink) {
+  const KeptSink* kept = nullptr;
+  if (sink) {
+    auto* const made = new (std::nothrow) KeptSink{std::move(sink), newestSink.load()};
+    if (made == nullptr) return false;
+    while (!newestSink.compare_exchange_weak(made->before, made)) continue;
+    kept = made;
   }
-  sinks->push_back(std::make_unique<const LogSink>(std::move(sink)));
-  currentSink.store(sinks->back().get(), std::memory_order_release);
+  currentSink.store(kept != nullptr ? &kept->sink : nullptr, std::memory_order_release);
+  return true;
 }
 
 }  // namespace orbiq

@@ -42,8 +42,9 @@ class ORBIQ_EXPORT SystemLog {
   /// tag, with control characters escaped, and never waiting for a reader for more than a quarter
   /// of a second. In a forked child the time is UTC, marked by "Z". Any thread.
   static void write(LoggingMode mode, std::string_view text);
-  /// Installs a sink; an empty one restores standard error. Any thread.
-  static void setSink(LogSink sink);
+  /// Installs a sink; an empty one restores standard error. False without memory for it: then lines
+  /// go where they went. Any thread.
+  static bool setSink(LogSink sink);
 };
 
 }  // namespace orbiq

@@ -37,6 +37,11 @@ Function* next(Function*, const char* name) {
 
 }  // namespace
 
+Kind kindOf(std::string_view name) {
+  if (name == "memory") return Kind::Memory;
+  return name == "descriptors" ? Kind::Descriptors : Kind::Threads;
+}
+
 void arm(Kind kind, std::uint64_t first, std::uint64_t count) {
   calls = 0;
   armedKind = kind;
@@ -118,6 +123,15 @@ ORBIQ_FAILING_DESCRIPTOR(epoll_create1, (int flags), (flags))
 ORBIQ_FAILING_DESCRIPTOR(eventfd, (unsigned count, int flags), (count, flags))
 ORBIQ_FAILING_DESCRIPTOR(timerfd_create, (int clock, int flags), (clock, flags))
 ORBIQ_FAILING_DESCRIPTOR(dup, (int old), (old))
+
+int epoll_ctl(int set, int operation, int file, epoll_event* event) {
+  static auto* const real = faults::next(&::epoll_ctl, "epoll_ctl");
+  if (operation != EPOLL_CTL_ADD || !fails(Kind::Descriptors)) {
+    return real(set, operation, file, event);
+  }
+  errno = ENOSPC;
+  return -1;
+}
 
 #define ORBIQ_FAILING_OPEN(name, parameters, arguments, flags)             \
   int name parameters {                                                    \

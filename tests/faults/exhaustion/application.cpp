@@ -54,11 +54,6 @@ void enterForeground() {
   orbiq::NotificationCenter::defaultCenter().postNotificationName(name);
 }
 
-faults::Kind kindOf(const std::string& name) {
-  if (name == "memory") return faults::Kind::Memory;
-  return name == "descriptors" ? faults::Kind::Descriptors : faults::Kind::Threads;
-}
-
 /// Without memory, what wakes the sending loop has to wait only for the next who takes.
 bool keepsTriggers() {
   orbiq::HandlerWork work;
@@ -96,7 +91,7 @@ int main(int argc, char** argv) try {
   enterForeground();
   orbiqLogger::sharedLogger().setLoggingMode(orbiq::LoggingModeInfo);
 
-  faults::arm(kindOf(argv[4]), std::strtoull(argv[5], nullptr, 10),
+  faults::arm(faults::kindOf(argv[4]), std::strtoull(argv[5], nullptr, 10),
               std::strtoull(argv[6], nullptr, 10));
   bool isDescribed = orbiq::HostApplication::describe(host).isNull();
   std::uint64_t hits = 0;

@@ -112,6 +112,14 @@ void busyUntil(steady_clock::time_point time) {
   while (steady_clock::now() < time) continue;
 }
 
+TEST(MainLoopTest, ATimerThatIsRemovedWakesNobody) {
+  const int descriptor = loop().adopt();
+  const auto timer = loop().addTimer(milliseconds{2}, true, [] {});
+  ASSERT_TRUE(isReadable(descriptor, -1));
+  loop().removeTimer(timer);
+  EXPECT_FALSE(isReadable(descriptor));
+}
+
 TEST(MainLoopTest, TimersOfAnyLengthMayBeRemovedByEachOther) {
   const int descriptor = loop().adopt();
   std::string fired;

@@ -113,6 +113,32 @@ TEST(SerialQueueTest, WithoutAThreadTasksWaitUntilItIsTriedAgain) {
   EXPECT_NE(ran.get_future().get(), std::this_thread::get_id());
 }
 
+TEST(SerialQueueTest, ACancelledThreadStaysUntilItsTaskHasRun) {
+  std::atomic<pid_t> caller{0};
+  std::atomic<bool> isGone{false};
+  bool wasThere = false;
+  SerialQueue queue("cancelled");
+  // Holds the queue until the caller sleeps, or has ended.
+  queue.async([&] {
+    while (caller == 0) std::this_thread::yield();
+    const std::string place = "/proc/self/task/" + std::to_string(caller) + "/stat";
+    std::string line;
+    while (std::getline(std::ifstream(place), line) && line.find(") S ") == line.npos) continue;
+  });
+  std::thread([&] {
+    struct End {
+      std::atomic<bool>& hasCome;
+      ~End() { hasCome = true; }
+    };
+    const End end{isGone};
+    caller = gettid();
+    pthread_cancel(pthread_self());
+    queue.sync([&] { wasThere = !isGone; });
+  }).join();
+  queue.sync([] {});
+  EXPECT_TRUE(wasThere);
+}
+
 TEST(SerialQueueTest, TasksOutliveTheQueueAndEachOther) {
   std::promise<int> last;
   auto queue = std::make_unique<SerialQueue>("gone");
