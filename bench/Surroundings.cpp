@@ -53,7 +53,7 @@ class SwitchedSource final : public NetworkReachabilitySource {
   std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) override {
     return std::make_shared<SwitchedTarget>(_real->createWithAddress(address));
   }
-  std::string failure() const override { return _real->failure(); }
+  std::string failure() override { return _real->failure(); }
 
  private:
   const std::shared_ptr<NetworkReachabilitySource> _real = makeRouteReachabilitySource();

@@ -18,6 +18,7 @@
 
 #include "orbiq/services/platform/Descriptor.h"
 #include "orbiq/services/platform/Paths.h"
+#include "orbiq/services/platform/SerialQueue.h"
 #include "tests/support/Application.h"
 #include "tests/support/HttpExpectations.h"
 #include "tests/support/Role.h"

@@ -192,7 +192,7 @@ class FlickeringNetwork final : public NetworkReachabilitySource, public Network
  public:
   std::shared_ptr<NetworkReachability> createWithName(const std::string&) override { return self; }
   std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr*) override { return self; }
-  std::string failure() const override { return {}; }
+  std::string failure() override { return {}; }
   bool setCallback(NetworkReachabilityCallback, const NetworkReachabilityContext&) override {
     return true;
   }

@@ -28,7 +28,7 @@ class CountedNetwork final : public NetworkReachabilitySource {
   std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) override {
     return std::make_shared<Target>(_network->createWithAddress(address), _looks);
   }
-  std::string failure() const override { return _network->failure(); }
+  std::string failure() override { return _network->failure(); }
   const LogRecorder& looks() const { return *_looks; }
 
  private:

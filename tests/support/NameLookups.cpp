@@ -21,6 +21,7 @@ void passThrough(const char* name) {
   ++count;
   if (name == nullptr || std::string_view(name) != HangingLookup::kName) return;
   ++hanging;
+  changed.broadcast();
   while (hang) changed.wait();
   --hanging;
   changed.broadcast();
@@ -43,6 +44,11 @@ HangingLookup::~HangingLookup() {
   hang = false;
   changed.broadcast();
   while (hanging > 0) changed.wait();
+}
+
+void HangingLookup::await() {
+  const Lock lock(changed);
+  while (hanging == 0) changed.wait();
 }
 
 }  // namespace orbiq::test

@@ -14,6 +14,8 @@ class HangingLookup {
   HangingLookup();
   /// Lets them go on, and waits until they have.
   ~HangingLookup();
+  /// Waits for such a look-up.
+  void await();
   HangingLookup(const HangingLookup&) = delete;
   HangingLookup& operator=(const HangingLookup&) = delete;
 };

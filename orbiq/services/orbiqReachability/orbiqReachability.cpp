@@ -20,6 +20,7 @@
 #include "orbiq/services/platform/MainLoop.h"
 #include "orbiq/services/platform/NotificationCenter.h"
 #include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/SerialQueue.h"
 #include "orbiq/services/platform/Thread.h"
 
 using orbiq::kSCNetworkReachabilityFlagsConnectionOnDemand;
@@ -77,20 +78,22 @@ std::shared_ptr<orbiqReachability> monitorOfIPv4(std::uint32_t hostOrderAddress)
 
 /// Null if there is no memory for it.
 std::shared_ptr<orbiq::SerialQueue> makeSerialQueue() {
-  try {
-    return std::make_shared<orbiq::SerialQueue>("com.vorlune.reachability");
-  } catch (const std::exception&) {
-    return nullptr;
-  }
+  return withoutThrowing(
+      [] { return std::make_shared<orbiq::SerialQueue>("com.vorlune.reachability"); },
+      std::shared_ptr<orbiq::SerialQueue>());
 }
 
 orbiq::String localized(const char* text) {
-  const auto& localize = orbiq::HostApplication::current().localize;
-  orbiq::String translated;
-  orbiq::runTask([&] {
-    if (localize) translated = localize(text);
-  });
-  return translated.isNull() ? orbiq::String(text) : translated;
+  return withoutThrowing(
+      [text] {
+        const auto& localize = orbiq::HostApplication::current().localize;
+        orbiq::String translated;
+        orbiq::runTask([&] {
+          if (localize) translated = localize(text);
+        });
+        return translated.isNull() ? orbiq::String(text) : translated;
+      },
+      orbiq::String());
 }
 
 }  // namespace
@@ -131,7 +134,9 @@ std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityForLocalWiFi()
 
 std::shared_ptr<orbiqReachability> orbiqReachability::initWithReachabilityRef(
     Handle reachabilityRef) {
-  return std::make_shared<orbiqReachability>(Passkey(), std::move(reachabilityRef));
+  return withoutThrowing(
+      [&] { return std::make_shared<orbiqReachability>(Passkey(), std::move(reachabilityRef)); },
+      std::shared_ptr<orbiqReachability>());
 }
 
 orbiqReachability::orbiqReachability(Passkey, Handle reachabilityRef)
@@ -140,11 +145,13 @@ orbiqReachability::orbiqReachability(Passkey, Handle reachabilityRef)
 orbiqReachability::~orbiqReachability() { stopNotifier(); }
 
 void orbiqReachability::setReachabilityRef(Handle reachabilityRef) {
-  // That the old handle is kept, and goes on reporting if it was registered, is meant.
-  if (_reachabilityRef && _reachabilityRef != reachabilityRef) {
-    _replacedReachabilityRefs.push_back(std::move(_reachabilityRef));
-  }
-  _reachabilityRef = std::move(reachabilityRef);
+  withoutThrowing([&] {
+    // Deliberately keeps the old handle, which goes on reporting if it was registered.
+    if (_reachabilityRef && _reachabilityRef != reachabilityRef) {
+      _replacedReachabilityRefs.push_back(_reachabilityRef);
+    }
+    _reachabilityRef = std::move(reachabilityRef);
+  });
 }
 
 void orbiqReachability::setReachabilitySerialQueue(std::shared_ptr<orbiq::SerialQueue> queue) {
@@ -156,41 +163,42 @@ void orbiqReachability::setReachabilityObject(std::shared_ptr<orbiq::Object> obj
 }
 
 bool orbiqReachability::startNotifier() {
+  const auto self = weak_from_this().lock();
+  if (!self) return false;  // it is being destroyed
   // There is deliberately no guard against a second start: it registers anew.
-  _reachabilityObject = shared_from_this();
+  setReachabilityObject(self);
   _reachabilitySerialQueue = makeSerialQueue();
-  // The self-reference is left in place here, which is meant.
+  // Deliberately leaves the self-reference in place.
   if (!_reachabilitySerialQueue) return false;
 
-  if (_reachabilityRef) {
-    const orbiq::NetworkReachabilityContext context{0, shared_from_this()};
-    const bool isRegistered = withoutThrowing(
-        [&] {
-          return _reachabilityRef->setCallback(orbiq::reachabilityCallback, context) &&
-                 _reachabilityRef->setDispatchQueue(_reachabilitySerialQueue);
-        },
-        false);
-    if (isRegistered) return true;
-    _reachabilityRef->setCallback(nullptr, {});
-  }
+  const auto start = [&] {
+    return _reachabilityRef &&
+           _reachabilityRef->setCallback(orbiq::reachabilityCallback, {0, self}) &&
+           _reachabilityRef->setDispatchQueue(_reachabilitySerialQueue);
+  };
+  if (withoutThrowing(start, false)) return true;
+  withoutThrowing([&] {
+    if (_reachabilityRef) _reachabilityRef->setCallback(nullptr, {});
+  });
   _reachabilitySerialQueue = nullptr;
-  // Last, because the monitor may end with it.
   setReachabilityObject(nullptr);
   return false;
 }
 
 void orbiqReachability::stopNotifier() {
-  if (_reachabilityRef) {
+  withoutThrowing([&] {
+    if (!_reachabilityRef) return;
     _reachabilityRef->setCallback(nullptr, {});
     _reachabilityRef->setDispatchQueue(nullptr);
-  }
+  });
   _reachabilitySerialQueue = nullptr;
   // Last, because the monitor may end with it.
   setReachabilityObject(nullptr);
 }
 
 void orbiqReachability::reachabilityChanged(std::uint32_t flags) {
-  const auto self = shared_from_this();  // the block may let go of the last other owner
+  const auto self = weak_from_this().lock();  // the block may let go of the last other owner
+  if (!self) return;
   orbiq::runTask([&] {
     // Copied, so that a block may replace itself.
     const Block block = isReachableWithFlags(flags) ? _reachableBlock : _unreachableBlock;
@@ -206,7 +214,8 @@ void orbiqReachability::reachabilityChanged(std::uint32_t flags) {
 }
 
 bool orbiqReachability::readFlags(std::uint32_t& flags) const {
-  return _reachabilityRef && _reachabilityRef->getFlags(flags);
+  return withoutThrowing([&] { return _reachabilityRef && _reachabilityRef->getFlags(flags); },
+                         false);
 }
 
 bool orbiqReachability::isReachableWithFlags(std::uint32_t flags) const {
@@ -265,38 +274,49 @@ orbiq::ReachabilityStatus orbiqReachability::currentReachabilityStatus() {
 
 orbiq::String orbiqReachability::currentReachabilityString() {
   const orbiq::ReachabilityStatus status = currentReachabilityStatus();
-  // Compared with the switch itself, which is meant: without mobile networks, "not reachable" (0)
-  // reads "Cellular".
+  // Deliberately compares with the switch itself: while mobile networks do not count, "not
+  // reachable" (0) reads "Cellular".
   if (status == static_cast<std::uintptr_t>(reachableOnWWAN())) return localized("Cellular");
   return localized(status == orbiq::ReachabilityStatusViaWiFi ? "WiFi" : "No Connection");
 }
 
 orbiq::String orbiqReachability::currentReachabilityFlags() {
+  constexpr std::pair<std::uint32_t, char> kLetters[] = {
+      {kSCNetworkReachabilityFlagsIsWWAN, 'W'},
+      {kSCNetworkReachabilityFlagsReachable, 'R'},
+      {kSCNetworkReachabilityFlagsConnectionRequired, 'c'},
+      {kSCNetworkReachabilityFlagsTransientConnection, 't'},
+      {kSCNetworkReachabilityFlagsInterventionRequired, 'i'},
+      {kSCNetworkReachabilityFlagsConnectionOnTraffic, 'C'},
+      {kSCNetworkReachabilityFlagsConnectionOnDemand, 'D'},
+      {kSCNetworkReachabilityFlagsIsLocalAddress, 'l'},
+      {kSCNetworkReachabilityFlagsIsDirect, 'd'},
+  };
   const std::uint32_t flags = reachabilityFlags();
-  const auto letter = [flags](std::uint32_t flag, char set) { return (flags & flag) ? set : '-'; };
-  return std::string{letter(kSCNetworkReachabilityFlagsIsWWAN, 'W'),
-                     letter(kSCNetworkReachabilityFlagsReachable, 'R'),
-                     ' ',
-                     letter(kSCNetworkReachabilityFlagsConnectionRequired, 'c'),
-                     letter(kSCNetworkReachabilityFlagsTransientConnection, 't'),
-                     letter(kSCNetworkReachabilityFlagsInterventionRequired, 'i'),
-                     letter(kSCNetworkReachabilityFlagsConnectionOnTraffic, 'C'),
-                     letter(kSCNetworkReachabilityFlagsConnectionOnDemand, 'D'),
-                     letter(kSCNetworkReachabilityFlagsIsLocalAddress, 'l'),
-                     letter(kSCNetworkReachabilityFlagsIsDirect, 'd')};
+  return withoutThrowing(
+      [&] {
+        std::string text;
+        for (const auto& [flag, letter] : kLetters) text += (flags & flag) ? letter : '-';
+        return orbiq::String(text.insert(2, 1, ' '));
+      },
+      orbiq::String());
 }
 
 std::string orbiqReachability::description() const {
-  const std::unique_ptr<char, void (*)(void*)> name(
-      abi::__cxa_demangle(typeid(*this).name(), nullptr, nullptr, nullptr), std::free);
-  std::array<char, 16> address;
-  std::snprintf(address.data(), address.size(), "%#x",
-                static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(this)));
-  std::string text = "<";
-  return text.append(name ? name.get() : "orbiqReachability")
-      .append(": ")
-      .append(address.data())
-      .append(">");
+  return withoutThrowing(
+      [&] {
+        const std::unique_ptr<char, void (*)(void*)> name(
+            abi::__cxa_demangle(typeid(*this).name(), nullptr, nullptr, nullptr), std::free);
+        std::array<char, 16> address;
+        std::snprintf(address.data(), address.size(), "%#x",
+                      static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(this)));
+        std::string text = "<";
+        return text.append(name ? name.get() : "orbiqReachability")
+            .append(": ")
+            .append(address.data())
+            .append(">");
+      },
+      std::string());
 }
 
 void orbiq::reachabilityCallback(NetworkReachability&, std::uint32_t flags, void* info) {

@@ -16,7 +16,6 @@
 #include "orbiq/services/platform/Export.h"
 #include "orbiq/services/platform/NetworkReachability.h"
 #include "orbiq/services/platform/Object.h"
-#include "orbiq/services/platform/SerialQueue.h"
 #include "orbiq/services/platform/String.h"
 
 namespace orbiq {
@@ -39,7 +38,8 @@ extern ORBIQ_EXPORT const char* const korbiqReachabilityChangedNotification;
 /// The predicates read the network's state at the time of the call, on any thread, without waiting;
 /// where it cannot be read (no handle, a name that is not yet resolved) they answer false or 0. The
 /// properties are not synchronised: set them before `startNotifier`. Only `reachableOnWWAN` may be
-/// changed at any time.
+/// changed at any time. No exception leaves a call: where memory runs out a factory answers null,
+/// and every other call as if the target could not be read.
 ///
 /// Monitors are made by the factories. A started monitor keeps itself alive until `stopNotifier`.
 class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
@@ -88,18 +88,19 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   /// Only stores the new handle. The old one is not let go before the monitor ends, and if it was
   /// registered it goes on reporting.
   void setReachabilityRef(Handle reachabilityRef);
-  /// The queue "com.vorlune.reachability" on which changes arrive; null unless notifying.
+  /// The queue "com.vorlune.reachability" on which changes arrive; null unless notifying. Its class
+  /// is defined in SerialQueue.h.
   std::shared_ptr<orbiq::SerialQueue> reachabilitySerialQueue() const {
     return _reachabilitySerialQueue;
   }
   /// Only stores the queue, which `startNotifier` replaces.
   void setReachabilitySerialQueue(std::shared_ptr<orbiq::SerialQueue> queue);
   /// Called on the serial queue after a change that leaves the target reachable; may be empty.
-  Block reachableBlock() const { return _reachableBlock; }
+  const Block& reachableBlock() const { return _reachableBlock; }
   /// Not while notifying.
   void setReachableBlock(Block block) { _reachableBlock = std::move(block); }
   /// Called on the serial queue after a change that leaves the target unreachable; may be empty.
-  Block unreachableBlock() const { return _unreachableBlock; }
+  const Block& unreachableBlock() const { return _unreachableBlock; }
   /// Not while notifying.
   void setUnreachableBlock(Block block) { _unreachableBlock = std::move(block); }
   /// The monitor itself while notifying, null otherwise.

@@ -1,11 +1,12 @@
 #include "orbiq/services/platform/Descriptor.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
-#include <sys/sysmacros.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <utility>
 
 #include "orbiq/services/platform/Mutex.h"
 
@@ -16,11 +17,10 @@ constinit Mutex holdersLock;
 int holders ORBIQ_GUARDED_BY(holdersLock) = 0;
 bool isHeld[STDERR_FILENO + 1] ORBIQ_GUARDED_BY(holdersLock) = {};
 
-/// The host may have opened a file of its own in a number's place, which is kept across an exec.
+/// The host may have opened a file of its own in a number's place.
 bool isStillOurs(int number) {
-  struct stat found{};
-  return fcntl(number, F_GETFD) == FD_CLOEXEC && fstat(number, &found) == 0 &&
-         found.st_rdev == makedev(1, 3);  // the null device
+  const int flags = fcntl(number, F_GETFL);
+  return flags >= 0 && (flags & O_PATH) != 0;
 }
 
 }  // namespace
@@ -30,7 +30,7 @@ StandardNumbersHeld::StandardNumbersHeld() {
   ++holders;
   int number = 0;
   do {
-    number = open("/dev/null", O_RDWR | O_CLOEXEC);
+    number = open("/", O_PATH | O_CLOEXEC);
     if (number >= 0 && number <= STDERR_FILENO) isHeld[number] = true;
   } while (number >= 0 && number <= STDERR_FILENO);
   if (number >= 0) ::close(number);

@@ -29,7 +29,8 @@ inline int aboveStandard(int number) {
 
 /// Takes the numbers of standard input, output and error for the length of a scope, as far as they
 /// are free, for what opens descriptors out of our sight. They are let go with the last scope of
-/// all threads and libraries.
+/// all threads and libraries. Who reads or writes there meanwhile is told that the descriptor is
+/// bad, as if it were closed.
 class ORBIQ_EXPORT StandardNumbersHeld {
  public:
   StandardNumbersHeld();

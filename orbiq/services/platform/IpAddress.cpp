@@ -1,9 +1,13 @@
 #include "orbiq/services/platform/IpAddress.h"
 
+#include <netdb.h>
 #include <netinet/in.h>
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+
+#include "orbiq/services/platform/Descriptor.h"
 
 namespace orbiq {
 
@@ -32,6 +36,21 @@ std::optional<IpAddress> IpAddress::fromSocketAddress(const sockaddr* address) {
 
 bool IpAddress::isUnspecified() const {
   return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte == 0; });
+}
+
+std::vector<IpAddress> resolve(const std::string& name) {
+  const StandardNumbersHeld held;  // the resolver opens sockets
+  addrinfo hints{};
+  hints.ai_socktype = SOCK_STREAM;
+  addrinfo* results = nullptr;
+  if (getaddrinfo(name.c_str(), nullptr, &hints, &results) != 0) return {};
+  const std::unique_ptr<addrinfo, decltype(&freeaddrinfo)> owned(results, freeaddrinfo);
+  std::vector<IpAddress> addresses;
+  for (const addrinfo* result = results; result; result = result->ai_next) {
+    const auto address = IpAddress::fromSocketAddress(result->ai_addr);
+    if (address) addresses.push_back(*address);
+  }
+  return addresses;
 }
 
 }  // namespace orbiq

@@ -5,6 +5,8 @@
 #include <array>
 #include <cstdint>
 #include <optional>
+#include <string>
+#include <vector>
 
 namespace orbiq {
 
@@ -22,5 +24,8 @@ struct IpAddress {
   bool isUnspecified() const;
   bool operator==(const IpAddress&) const = default;
 };
+
+/// The name's addresses in the resolver's order of preference; none if it found none. Waits for it.
+std::vector<IpAddress> resolve(const std::string& name);
 
 }  // namespace orbiq

@@ -7,9 +7,10 @@
 #include <string>
 
 #include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/SerialQueue.h"
 
 namespace orbiq {
+
+class SerialQueue;
 
 /// What is known of the way to a network target, as bits. This machine's own targets are never of
 /// the kinds whose connection would first have to be made.
@@ -83,9 +84,9 @@ class NetworkReachabilitySource {
   /// An IPv4 or IPv6 address; the port does not matter. 0.0.0.0 (and ::) stands for any route to
   /// the internet, 169.254.0.0 for the local network. Null for a null pointer or another family.
   virtual std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) = 0;
-  /// Why the network cannot be watched, or empty: then everything reads as reachable and no change
-  /// comes.
-  virtual std::string failure() const = 0;
+  /// Why the network can never be watched, so that everything reads as reachable and no change
+  /// comes; empty if it can, or may be later.
+  virtual std::string failure() = 0;
 };
 
 /// The targets of this machine, as the kernel would route this process's connections. Each source

@@ -41,25 +41,13 @@ int openSocket(int flags, Descriptor& socket) {
   sockaddr_nl anyPort{};
   anyPort.nl_family = AF_NETLINK;
   if (!opened.isOpen() ||
-      ::bind(opened.number(), reinterpret_cast<const sockaddr*>(&anyPort), sizeof anyPort) != 0) {
+      ::bind(opened.number(), reinterpret_cast<const sockaddr*>(&anyPort), sizeof anyPort) != 0 ||
+      ::setsockopt(opened.number(), SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout,
+                   sizeof kAnswerTimeout) != 0) {
     return errno;
   }
   socket = std::move(opened);
   return 0;
-}
-
-/// Calls `handle` with the type and the payload of each attribute.
-template <class Handler>
-void forEachAttribute(const nlmsghdr& message, Handler handle) {
-  const auto* const end = static_cast<const char*>(mnl_nlmsg_get_payload_tail(&message));
-  const auto* at =
-      static_cast<const nlattr*>(mnl_nlmsg_get_payload_offset(&message, sizeof(rtmsg)));
-  for (; mnl_attr_ok(at, static_cast<int>(end - reinterpret_cast<const char*>(at)));
-       at = mnl_attr_next(at)) {
-    handle(mnl_attr_get_type(at),
-           std::string_view(static_cast<const char*>(mnl_attr_get_payload(at)),
-                            mnl_attr_get_payload_len(at)));
-  }
 }
 
 template <class Value>
@@ -83,14 +71,21 @@ Source sourceOf(std::string_view payload) {
   return IN6_IS_ADDR_LINKLOCAL(&address) ? Source::kLink : Source::kWorld;
 }
 
-/// True if sysfs calls the link a WWAN device. The number is compared because sysfs may show the
-/// links of another network namespace.
-bool hasWWANDeviceType(int index, const char* name) {
+/// The errors by which the kernel says that there is no way. Any other says nothing about it.
+bool isNoWay(int error) {
+  return error == ENETUNREACH || error == EHOSTUNREACH || error == EACCES || error == EINVAL ||
+         error == ENODEV || error == EOPNOTSUPP;
+}
+
+/// Whether sysfs calls the link a WWAN device; nothing if that cannot be read for now. The number
+/// is compared because sysfs may show the links of another network namespace.
+std::optional<bool> hasWWANDeviceType(int index, const char* name) {
   char path[64];
   std::snprintf(path, sizeof path, "/sys/class/net/%s/uevent", name);
   const Descriptor file(::open(path, O_RDONLY | O_CLOEXEC));
   char text[1024] = "\n";
-  const ssize_t size = ::read(file.number(), text + 1, sizeof text - 1);
+  const ssize_t size = file.isOpen() ? ::read(file.number(), text + 1, sizeof text - 1) : -1;
+  if (size < 0 && mayPass(errno)) return std::nullopt;
   const std::string_view lines(text, size > 0 ? static_cast<std::size_t>(size) + 1 : 0);
   char number[32];
   std::snprintf(number, sizeof number, "\nIFINDEX=%d\n", index);
@@ -99,31 +94,30 @@ bool hasWWANDeviceType(int index, const char* name) {
 
 }  // namespace
 
-int RouteSocket::open() {
-  Descriptor opened;
-  if (const int error = openSocket(0, opened)) return error;
-  if (::setsockopt(opened.number(), SOL_SOCKET, SO_RCVTIMEO, &kAnswerTimeout,
-                   sizeof kAnswerTimeout) != 0) {
-    return errno;
-  }
-  _socket = std::move(opened);
-  return 0;
+bool mayPass(int error) {
+  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS ||
+         error == EINTR || error == EAGAIN;
 }
+
+int RouteSocket::open() { return openSocket(0, _socket); }
 
 const nlmsghdr* RouteSocket::exchange(nlmsghdr& request) {
   request.nlmsg_flags = NLM_F_REQUEST;
   request.nlmsg_seq = ++_sequence;
-  if (::send(_socket.number(), &request, request.nlmsg_len, 0) < 0) return nullptr;
-  for (;;) {
-    const ssize_t size = ::recv(_socket.number(), _answer.data(), _answer.size(), 0);
-    if (size < 0 && errno == EINTR) continue;
-    if (size < 0) return nullptr;
+  ssize_t size = 0;
+  do {
+    size = ::send(_socket.number(), &request, request.nlmsg_len, 0);
+  } while (size < 0 && errno == EINTR);
+  while (size >= 0) {
+    size = ::recv(_socket.number(), _answer.data(), _answer.size(), 0);
+    if (size < 0 && errno == EINTR) size = 0;
     const auto* const answer = reinterpret_cast<const nlmsghdr*>(_answer.data());
     // Others are what an exchange that failed has left behind.
     if (mnl_nlmsg_ok(answer, static_cast<int>(size)) && answer->nlmsg_seq == _sequence) {
       return answer;
     }
   }
+  return nullptr;
 }
 
 int RouteReports::open() {
@@ -142,88 +136,75 @@ int RouteReports::open() {
   return 0;
 }
 
-void RouteReports::takeIn() {
+bool RouteReports::takeIn() {
   bool somethingCame = false;
   // What a report says does not matter, so one byte of it will do.
   char byte;
   while (::recv(_watch.number(), &byte, sizeof byte, 0) >= 0 || errno == ENOBUFS) {
     somethingCame = true;
   }
-  if (!somethingCame) return;
+  if (!somethingCame) return true;
   // Some changes are reported before they are made. This is answered only after them.
   alignas(nlmsghdr) char buffer[64] = {};
   nlmsghdr& request = *mnl_nlmsg_put_header(buffer);
   request.nlmsg_type = RTM_GETLINK;
   static_cast<ifinfomsg*>(mnl_nlmsg_put_extra_header(&request, sizeof(ifinfomsg)))->ifi_index = 1;
-  _requests.exchange(request);
+  return _requests.exchange(request) != nullptr;
 }
 
-bool RouteLookup::lookUp(const IpAddress& address, std::optional<Route>& result) {
-  // The kernel takes the unspecified address for the machine itself.
-  if (!address.isUnspecified()) return find(address, false, result);
-  bool isAnswered = true;
-  for (const IpAddress& one : kInternet) {
-    isAnswered &= find(one, true, result);
-    if (result) return true;
-  }
-  return isAnswered;
-}
-
-bool RouteLookup::find(const IpAddress& address, bool isInternet, std::optional<Route>& result) {
-  result.reset();
-  const nlmsghdr* const answer = ask(address, 0);
-  if (!answer) return false;
-  // Otherwise an error: unreachable, prohibited or a black hole.
-  if (answer->nlmsg_type != RTM_NEWROUTE) return true;
-  const unsigned type = static_cast<const rtmsg*>(mnl_nlmsg_get_payload(answer))->rtm_type;
-  int index = 0;
+/// The kernel's answer; the hops stand until the next request.
+struct RouteLookup::Answer {
+  unsigned type = RTN_UNREACHABLE;
+  int link = 0;
   bool hasGateway = false;
   Source source = Source::kNone;
-  forEachAttribute(*answer, [&](std::uint16_t attribute, std::string_view payload) {
-    if (attribute == RTA_OIF) index = valueOf<int>(payload);
-    if (attribute == RTA_PREFSRC) source = sourceOf(payload);
-    hasGateway |= attribute == RTA_GATEWAY || attribute == RTA_VIA;
-  });
-  if (type == RTN_LOCAL) {
-    if (!isInternet) result = Route{Route::Kind::kLocal};
-    return true;
+  std::int32_t expires = 0;
+  std::string_view hops;
+};
+
+std::optional<Route> RouteLookup::lookUp(const IpAddress& address) {
+  // The kernel takes the unspecified address for the machine itself.
+  if (!address.isUnspecified()) return wayTo(address, false);
+  std::optional<Route> none = Route{};
+  for (const IpAddress& one : kInternet) {
+    const auto way = wayTo(one, true);
+    if (way && way->kind != Route::Kind::kNone) return way;
+    if (!way) none.reset();
   }
+  return none;
+}
+
+std::optional<Route> RouteLookup::wayTo(const IpAddress& address, bool isInternet) {
+  const auto answer = requestRoute(address, 0);
+  if (!answer) return std::nullopt;
+  if (answer->type == RTN_LOCAL && !isInternet) return Route{Route::Kind::kLocal};
   // Older kernels call the first address of a network a broadcast.
-  if (type != RTN_UNICAST && type != RTN_BROADCAST) return true;
-  const Source needed = isInternet || hasGateway ? Source::kWorld : Source::kLink;
-  if (source < needed) return true;
-  const Link* link = usableLink(index);
-  if (!link) link = usableLinkOfHops(address);
-  if (!link) return true;
+  if (answer->type != RTN_UNICAST && answer->type != RTN_BROADCAST) return Route{};
   // The internet is no neighbour, even without a gateway.
-  const bool isNeighbour = !isInternet && !hasGateway;
-  result =
-      Route{isNeighbour ? Route::Kind::kOnLink : Route::Kind::kGateway, link->isWWAN, link->index};
-  return true;
-}
-
-std::optional<std::chrono::milliseconds> RouteLookup::expiry(const IpAddress& address) {
-  std::optional<Route> route;
-  if (address.isUnspecified()) {
-    for (const IpAddress& one : kInternet) {
-      if (!find(one, true, route) || !route) continue;
-      return expiry(one);
-    }
-    return std::nullopt;
+  const bool isNeighbour = !isInternet && !answer->hasGateway;
+  if (answer->source < (isNeighbour ? Source::kLink : Source::kWorld)) return Route{};
+  Route route{isNeighbour ? Route::Kind::kOnLink : Route::Kind::kGateway};
+  if (!leadOver(answer->link, route)) return std::nullopt;
+  const bool isExpirable = address.family == AF_INET6;
+  if (route.link != 0 && !isExpirable) return route;
+  const auto entry = requestRoute(address, RTM_F_FIB_MATCH);
+  if (!entry) return route.link == 0 ? std::nullopt : std::optional(route);
+  // The kernel chooses among the hops of a route without a look at their carriers.
+  for (auto hops = entry->hops; route.link == 0 && hops.size() >= sizeof(rtnexthop);) {
+    const auto hop = valueOf<rtnexthop>(hops);
+    if (!leadOver(hop.rtnh_ifindex, route)) return std::nullopt;
+    const std::size_t size = RTNH_ALIGN(hop.rtnh_len);
+    hops.remove_prefix(std::clamp(size, sizeof hop, hops.size()));
   }
-  if (address.family != AF_INET6) return std::nullopt;
-  const nlmsghdr* const answer = ask(address, RTM_F_FIB_MATCH);
-  if (!answer || answer->nlmsg_type != RTM_NEWROUTE) return std::nullopt;
-  std::int32_t hundredths = 0;
-  forEachAttribute(*answer, [&](std::uint16_t attribute, std::string_view payload) {
-    if (attribute == RTA_CACHEINFO) hundredths = valueOf<rta_cacheinfo>(payload).rta_expires;
-  });
-  if (hundredths == 0) return std::nullopt;
-  // The kernel rounds down.
-  return std::chrono::milliseconds(10) * (std::max(hundredths, 0) + 2);
+  // In hundredths of a second, rounded down.
+  if (isExpirable && entry->expires != 0) {
+    route.lifetime = std::chrono::milliseconds(10) * (std::max(entry->expires, 0) + 2);
+  }
+  return route.link == 0 ? Route{} : route;
 }
 
-const nlmsghdr* RouteLookup::ask(const IpAddress& address, unsigned flags) {
+std::optional<RouteLookup::Answer> RouteLookup::requestRoute(const IpAddress& address,
+                                                             unsigned flags) {
   const std::size_t size = address.family == AF_INET ? sizeof(in_addr) : sizeof(in6_addr);
   alignas(nlmsghdr) char buffer[128] = {};
   nlmsghdr& request = *mnl_nlmsg_put_header(buffer);
@@ -238,49 +219,56 @@ const nlmsghdr* RouteLookup::ask(const IpAddress& address, unsigned flags) {
   mnl_attr_put_u32(&request, RTA_UID, ::geteuid());
   mnl_attr_put_u8(&request, RTA_IP_PROTO, IPPROTO_TCP);
   mnl_attr_put_u16(&request, RTA_DPORT, htons(kPort));
-  return _requests.exchange(request);
+
+  const nlmsghdr* const message = _requests.exchange(request);
+  if (!message) return std::nullopt;
+  Answer answer;
+  const void* const payload = mnl_nlmsg_get_payload(message);
+  if (message->nlmsg_type != RTM_NEWROUTE) {
+    if (!isNoWay(-static_cast<const nlmsgerr*>(payload)->error)) return std::nullopt;
+    return answer;
+  }
+  answer.type = static_cast<const rtmsg*>(payload)->rtm_type;
+  const auto take = [](const nlattr* attribute, void* taker) {
+    auto& taken = *static_cast<Answer*>(taker);
+    const std::uint16_t type = mnl_attr_get_type(attribute);
+    const std::string_view value(static_cast<const char*>(mnl_attr_get_payload(attribute)),
+                                 mnl_attr_get_payload_len(attribute));
+    if (type == RTA_OIF) taken.link = valueOf<int>(value);
+    if (type == RTA_PREFSRC) taken.source = sourceOf(value);
+    if (type == RTA_CACHEINFO) taken.expires = valueOf<rta_cacheinfo>(value).rta_expires;
+    if (type == RTA_MULTIPATH) taken.hops = value;
+    taken.hasGateway |= type == RTA_GATEWAY || type == RTA_VIA;
+    return MNL_CB_OK;
+  };
+  mnl_attr_parse(message, sizeof(rtmsg), take, &answer);
+  return answer;
 }
 
-const RouteLookup::Link* RouteLookup::usableLink(int index) {
+bool RouteLookup::leadOver(int link, Route& route) {
   constexpr unsigned kNeeded = IFF_UP | IFF_RUNNING;
   const int socket = _requests.descriptor().number();
   ifreq request{};
-  request.ifr_ifindex = index;
+  request.ifr_ifindex = link;
   if (::ioctl(socket, SIOCGIFNAME, &request) != 0 || ::ioctl(socket, SIOCGIFFLAGS, &request) != 0) {
-    return nullptr;
+    return errno == ENODEV;
   }
   const auto flags = static_cast<unsigned>(request.ifr_flags);
-  if ((flags & kNeeded) != kNeeded || (flags & IFF_LOOPBACK) != 0) return nullptr;
-  if (::ioctl(socket, SIOCGIFHWADDR, &request) != 0) return nullptr;
+  if ((flags & kNeeded) != kNeeded || (flags & IFF_LOOPBACK) != 0) return true;
+  if (::ioctl(socket, SIOCGIFHWADDR, &request) != 0) return errno == ENODEV;
   const int type = request.ifr_hwaddr.sa_family;
   const std::string_view name = request.ifr_name;
-  if (index == _lastLink.index && name == _lastLink.name && type == _lastLink.type) {
-    return &_lastLink;
+  if (link != _lastLink.index || name != _lastLink.name || type != _lastLink.type) {
+    const bool isKnownWWAN = type == kRawIpLink || type == ARPHRD_PPP || name.starts_with("wwan") ||
+                             name.starts_with("rmnet") || name.starts_with("ppp");
+    const auto isWWAN = isKnownWWAN ? true : hasWWANDeviceType(link, request.ifr_name);
+    if (!isWWAN) return false;
+    _lastLink = {link, {}, type, *isWWAN};
+    std::memcpy(_lastLink.name, request.ifr_name, sizeof _lastLink.name);
   }
-  _lastLink.index = index;
-  std::memcpy(_lastLink.name, request.ifr_name, sizeof _lastLink.name);
-  _lastLink.type = type;
-  _lastLink.isWWAN = type == kRawIpLink || type == ARPHRD_PPP || name.starts_with("wwan") ||
-                     name.starts_with("rmnet") || name.starts_with("ppp") ||
-                     hasWWANDeviceType(index, request.ifr_name);
-  return &_lastLink;
-}
-
-/// The kernel chooses among the hops of a route without a look at their carriers.
-const RouteLookup::Link* RouteLookup::usableLinkOfHops(const IpAddress& address) {
-  const nlmsghdr* const answer = ask(address, RTM_F_FIB_MATCH);
-  if (!answer || answer->nlmsg_type != RTM_NEWROUTE) return nullptr;
-  const Link* link = nullptr;
-  forEachAttribute(*answer, [&](std::uint16_t attribute, std::string_view hops) {
-    if (attribute != RTA_MULTIPATH) return;
-    while (!link && hops.size() >= sizeof(rtnexthop)) {
-      const auto hop = valueOf<rtnexthop>(hops);
-      link = usableLink(hop.rtnh_ifindex);
-      const std::size_t size = RTNH_ALIGN(hop.rtnh_len);
-      hops.remove_prefix(std::clamp(size, sizeof hop, hops.size()));
-    }
-  });
-  return link;
+  route.link = link;
+  route.isWWAN = _lastLink.isWWAN;
+  return true;
 }
 
 }  // namespace orbiq

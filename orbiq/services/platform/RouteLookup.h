@@ -14,14 +14,21 @@ struct nlmsghdr;
 
 namespace orbiq {
 
-/// The way to a destination. It leads over a link that is up and has a carrier.
+/// True for an error that may be gone at the next try: something ran out, or a call was
+/// interrupted.
+bool mayPass(int error);
+
+/// The way to a destination.
 struct Route {
-  enum class Kind { kGateway, kOnLink, kLocal };
-  Kind kind = Kind::kGateway;
+  /// All but `kNone` lead over a link that is up and has a carrier, or to this machine itself.
+  enum class Kind { kNone, kGateway, kOnLink, kLocal };
+  Kind kind = Kind::kNone;
   bool isWWAN = false;
-  /// 0 for this machine's own addresses.
+  /// 0 for `kNone` and `kLocal`.
   int link = 0;
-  bool operator==(const Route&) const = default;
+  /// After this time an IPv6 route ends by itself. The kernel reports that up to half a minute
+  /// late.
+  std::optional<std::chrono::milliseconds> lifetime{};
 };
 
 /// A routing socket for requests that have one answer each. Not thread-safe.
@@ -48,8 +55,8 @@ class RouteReports {
   /// Can be read when something was reported, or reports were lost.
   const Descriptor& descriptor() const { return _watch; }
   /// Takes in all reports, and returns when what they report has been done. For that it may wait
-  /// for other changes in progress.
-  void takeIn();
+  /// for other changes in progress. False if it could not wait, so that a look may come too early.
+  bool takeIn();
 
  private:
   Descriptor _watch;
@@ -62,29 +69,27 @@ class RouteLookup {
  public:
   /// Returns 0 or the error number.
   int open() { return _requests.open(); }
-
-  /// The way to the address; none if there is no usable one. The unspecified address of either
-  /// family stands for the internet. False if the kernel gave no answer.
-  bool lookUp(const IpAddress& address, std::optional<Route>& result);
-  /// When the way to the IPv6 address, or to the internet by IPv6, ends by itself. The kernel
-  /// reports that up to half a minute late.
-  std::optional<std::chrono::milliseconds> expiry(const IpAddress& address);
+  /// The way to the address. The unspecified address of either family stands for the internet.
+  /// Nothing if the kernel gave no answer, as when memory ran out.
+  std::optional<Route> lookUp(const IpAddress& address);
 
  private:
-  struct Link {
+  struct Answer;
+
+  std::optional<Route> wayTo(const IpAddress& address, bool isInternet);
+  /// Nothing if there was no answer. `flags` are rtnetlink's.
+  std::optional<Answer> requestRoute(const IpAddress& address, unsigned flags);
+  /// Leads the route over the link if that is usable. False if it cannot be told.
+  bool leadOver(int link, Route& route);
+
+  RouteSocket _requests;
+  /// The link used last, whose kind need not be read again.
+  struct {
     int index = 0;
     char name[IFNAMSIZ] = "";
     int type = 0;
     bool isWWAN = false;
-  };
-
-  bool find(const IpAddress& address, bool isInternet, std::optional<Route>& result);
-  const nlmsghdr* ask(const IpAddress& address, unsigned flags);
-  const Link* usableLink(int index);
-  const Link* usableLinkOfHops(const IpAddress& address);
-
-  RouteSocket _requests;
-  Link _lastLink;
+  } _lastLink;
 };
 
 }  // namespace orbiq

@@ -1,23 +1,37 @@
-#include "orbiq/services/platform/RouteReachability.h"
-
-#include <netdb.h>
-
 #include <algorithm>
-#include <cerrno>
+#include <chrono>
+#include <cstdint>
 #include <exception>
+#include <functional>
+#include <memory>
 #include <new>
+#include <optional>
+#include <set>
+#include <string>
 #include <system_error>
 #include <utility>
+#include <vector>
 
 #include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/IpAddress.h"
+#include "orbiq/services/platform/MainLoop.h"
+#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/NetworkReachability.h"
+#include "orbiq/services/platform/RouteLookup.h"
+#include "orbiq/services/platform/SerialQueue.h"
 #include "orbiq/services/platform/Thread.h"
 
 namespace orbiq {
 namespace {
 
-/// The flags of a name that was never resolved, or where the kernel gave no answer. No real flags
-/// have this value.
-constexpr std::uint32_t kUnknownFlags = 0xFFFFFFFF;
+using Clock = std::chrono::steady_clock;
+using Time = Clock::time_point;
+
+constexpr std::uint32_t kReachable = kSCNetworkReachabilityFlagsReachable;
+/// In place of flags, none of which have these values: those of a name that was never resolved, and
+/// those of which different ones were told.
+constexpr std::uint32_t kUnknown = 0xFFFFFFFF;
+constexpr std::uint32_t kSeveral = 0xFFFFFFFE;
 /// While reports keep coming they are looked at at most this often.
 constexpr std::chrono::milliseconds kLookInterval{100};
 /// After the kernel gave no answer, or memory ran out.
@@ -26,373 +40,358 @@ constexpr std::chrono::seconds kLookAgainInterval{1};
 constexpr std::chrono::seconds kResolveInterval{1};
 constexpr std::chrono::seconds kLongestPause{300};
 
-bool maySoonBeOpened(int error) {
-  return error == EMFILE || error == ENFILE || error == ENOMEM || error == ENOBUFS;
-}
-
-bool isLocalNetwork(const IpAddress& address) {
-  return address.family == AF_INET && address.bytes[0] == 169 && address.bytes[1] == 254 &&
-         address.bytes[2] == 0 && address.bytes[3] == 0;
-}
-
-std::uint32_t flagsOfRoute(const std::optional<Route>& route) {
-  if (!route) return 0;
-  std::uint32_t flags = kSCNetworkReachabilityFlagsReachable;
-  if (route->kind == Route::Kind::kOnLink) flags |= kSCNetworkReachabilityFlagsIsDirect;
-  if (route->kind == Route::Kind::kLocal) flags |= kSCNetworkReachabilityFlagsIsLocalAddress;
-  if (route->isWWAN) flags |= kSCNetworkReachabilityFlagsIsWWAN;
+std::uint32_t flagsOfRoute(const IpAddress& address, const Route& route) {
+  const bool isOnLink = route.kind == Route::Kind::kOnLink;
+  const bool isLocalNetwork = address == IpAddress{AF_INET, {169, 254}};
+  if (route.kind == Route::Kind::kNone || (isLocalNetwork && !isOnLink)) return 0;
+  std::uint32_t flags = kReachable;
+  if (isOnLink) flags |= kSCNetworkReachabilityFlagsIsDirect;
+  if (route.kind == Route::Kind::kLocal) flags |= kSCNetworkReachabilityFlagsIsLocalAddress;
+  if (route.isWWAN) flags |= kSCNetworkReachabilityFlagsIsWWAN;
   return flags;
 }
 
-/// The addresses in the resolver's order of preference; none if it found none.
-std::vector<IpAddress> addressesOf(const std::string& name) {
-  addrinfo hints{};
-  hints.ai_socktype = SOCK_STREAM;
-  addrinfo* results = nullptr;
-  if (getaddrinfo(name.c_str(), nullptr, &hints, &results) != 0) return {};
-  std::vector<IpAddress> addresses;
-  for (const addrinfo* result = results; result; result = result->ai_next) {
-    if (const auto address = IpAddress::fromSocketAddress(result->ai_addr)) {
-      addresses.push_back(*address);
+class RouteTarget;
+
+/// What the targets share: the lock, the sockets and the steps of the main loop. The lock may be
+/// held while one of the main loop's, a serial queue's or a thread start's is taken, never while a
+/// callback runs.
+///
+/// A read asks the kernel. The main loop alone takes in the kernel's reports; then it looks at each
+/// target that has a callback and sends what is due to its queue.
+class RouteSource : public NetworkReachabilitySource,
+                    public std::enable_shared_from_this<RouteSource> {
+ public:
+  /// Where reachability is assumed, no socket is ever opened.
+  explicit RouteSource(bool isAssumed)
+      : _sockets(isAssumed ? Sockets::kGivenUp : Sockets::kClosed) {
+    armForkGuard();
+  }
+  ~RouteSource() override {
+    setWatching(false);
+    setTimer(Time::max());
+  }
+
+  std::shared_ptr<NetworkReachability> createWithName(const std::string& name) override;
+  std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) override;
+  std::string failure() override {
+    if (inForkedChild()) return {};
+    const Lock lock(mutex);
+    if (isOpen() || _error == 0) return {};
+    return "the netlink sockets cannot be opened: " + std::generic_category().message(_error);
+  }
+
+  /// Opens the sockets where that has not been done, or failed for a reason that may pass.
+  bool isOpen() ORBIQ_REQUIRES(mutex) {
+    if (_sockets != Sockets::kClosed) return _sockets == Sockets::kOpen;
+    int error = _lookup.open();
+    if (error == 0) error = _reports.open();
+    if (mayPass(error)) return false;
+    _error = error;
+    _sockets = error == 0 ? Sockets::kOpen : Sockets::kGivenUp;
+    requestLook();  // somebody may have registered before
+    return error == 0;
+  }
+  std::optional<Route> lookUp(const IpAddress& address) ORBIQ_REQUIRES(mutex) {
+    return _lookup.lookUp(address);
+  }
+  /// Over which the way to the internet leads, as far as is known.
+  int internetLink() ORBIQ_REQUIRES(mutex) {
+    if (const auto way = _lookup.lookUp(IpAddress())) _internetLink = way->link;
+    return _internetLink;
+  }
+  /// Has the main loop look. A look that could not be posted is made up for at the next call, even
+  /// if that needs none.
+  void requestLook(bool isNeeded = true) noexcept ORBIQ_REQUIRES(mutex) {
+    if (_sockets != Sockets::kOpen || _look == Look::kPosted) return;
+    if (isNeeded) _look = Look::kWanted;
+    if (_look == Look::kNone) return;
+    try {
+      if (MainLoop::mainLoop().post(lookIfAlive())) _look = Look::kPosted;
+    } catch (const std::exception&) {  // out of memory
     }
   }
-  freeaddrinfo(results);
-  return addresses;
-}
 
-class RouteTarget : public NetworkReachability {
+  Mutex mutex;
+  /// Those that have a callback.
+  std::set<std::weak_ptr<RouteTarget>, std::owner_less<>> registered ORBIQ_GUARDED_BY(mutex);
+
+ private:
+  enum class Sockets { kClosed, kOpen, kGivenUp };
+  enum class Look { kNone, kWanted, kPosted };
+
+  std::function<void()> lookIfAlive() {
+    return [weak = weak_from_this()] {
+      if (const auto self = weak.lock()) self->look();
+    };
+  }
+  void look() ORBIQ_EXCLUDES(mutex);
+  void setWatching(bool isWatching) {
+    if (isWatching == _isWatching) return;
+    const int descriptor = _reports.descriptor().number();
+    if (!isWatching) MainLoop::mainLoop().unwatch(descriptor);
+    if (isWatching && !MainLoop::mainLoop().watch(descriptor, lookIfAlive()))
+      throw std::bad_alloc();
+    _isWatching = isWatching;
+  }
+  void setTimer(Time time) {
+    if (_timer != 0) MainLoop::mainLoop().removeTimer(std::exchange(_timer, 0));
+    if (time == Time::max()) return;
+    _timer = MainLoop::mainLoop().addTimer(time - Clock::now(), false, lookIfAlive());
+  }
+
+  Sockets _sockets ORBIQ_GUARDED_BY(mutex);
+  /// Why they were given up.
+  int _error ORBIQ_GUARDED_BY(mutex) = 0;
+  RouteLookup _lookup ORBIQ_GUARDED_BY(mutex);
+  int _internetLink ORBIQ_GUARDED_BY(mutex) = 0;
+  Look _look ORBIQ_GUARDED_BY(mutex) = Look::kNone;
+
+  // The main loop's own, once the sockets are open.
+  RouteReports _reports;
+  bool _isWatching = false;
+  Time _mayLookAt = Time::min();
+  MainLoop::TimerId _timer = 0;
+};
+
+/// A target with a name is resolved first; without one it has its address. All that changes is
+/// guarded by the source's lock.
+class RouteTarget : public NetworkReachability, public std::enable_shared_from_this<RouteTarget> {
  public:
-  RouteTarget(std::shared_ptr<RouteMonitor> monitor, RouteMonitor::TargetId id)
-      : _monitor(std::move(monitor)), _id(id) {}
-  ~RouteTarget() override { _monitor->removeTarget(_id); }
+  RouteTarget(std::shared_ptr<RouteSource> source, std::string name,
+              std::vector<IpAddress> addresses)
+      : _source(std::move(source)), _name(std::move(name)), _addresses(std::move(addresses)) {}
+  ~RouteTarget() override {
+    if (inForkedChild()) return;
+    const Lock lock(_source->mutex);
+    _source->registered.erase(weak_from_this());
+  }
 
   bool setCallback(NetworkReachabilityCallback callback,
-                   const NetworkReachabilityContext& context) override {
-    return _monitor->setCallback(_id, callback, context);
-  }
-  bool setDispatchQueue(std::shared_ptr<SerialQueue> queue) override {
-    return _monitor->setDispatchQueue(_id, std::move(queue));
-  }
-  bool getFlags(std::uint32_t& flags) override { return _monitor->getFlags(_id, flags); }
-
- private:
-  const std::shared_ptr<RouteMonitor> _monitor;
-  const RouteMonitor::TargetId _id;
-};
-
-class RouteReachabilitySource : public NetworkReachabilitySource {
- public:
-  explicit RouteReachabilitySource(bool isAssumed)
-      : _monitor(std::make_shared<RouteMonitor>(isAssumed)) {}
-
-  std::shared_ptr<NetworkReachability> createWithName(const std::string& name) override {
-    return name.empty() ? nullptr : _monitor->addTarget(name, {});
-  }
-  std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) override {
-    const auto parsed = IpAddress::fromSocketAddress(address);
-    return parsed ? _monitor->addTarget({}, {*parsed}) : nullptr;
-  }
-  std::string failure() const override { return _monitor->failure(); }
-
- private:
-  const std::shared_ptr<RouteMonitor> _monitor;
-};
-
-}  // namespace
-
-std::shared_ptr<NetworkReachabilitySource> makeRouteReachabilitySource() {
-  return std::make_shared<RouteReachabilitySource>(false);
-}
-
-std::shared_ptr<NetworkReachabilitySource> makeAssumedReachabilitySource() {
-  return std::make_shared<RouteReachabilitySource>(true);
-}
-
-RouteMonitor::RouteMonitor(bool isAssumed)
-    : _sockets(isAssumed ? Sockets::kGivenUp : Sockets::kClosed) {
-  armForkGuard();
-}
-
-RouteMonitor::~RouteMonitor() {
-  setWatching(false);
-  setTimer(Time::max());
-}
-
-bool RouteMonitor::isOpen() {
-  if (_sockets != Sockets::kClosed) return _sockets == Sockets::kOpen;
-  _error = _lookup.open();
-  if (_error == 0) _error = _reports.open();
-  if (_error != 0) {
-    if (!maySoonBeOpened(_error)) _sockets = Sockets::kGivenUp;
+                   const NetworkReachabilityContext& context) override try {
+    if (inForkedChild()) return false;
+    const Lock lock(_source->mutex);
+    if (callback) {
+      _source->registered.insert(weak_from_this());
+      if (!_callback) _baseline = currentFlags();
+      _source->requestLook();
+    } else {
+      _source->registered.erase(weak_from_this());
+    }
+    beginRegistration();
+    _callback = callback;
+    _info = context.info;
+    return true;
+  } catch (const std::exception&) {  // out of memory
     return false;
   }
-  _sockets = Sockets::kOpen;
-  requestSettling();  // somebody may have registered before
-  return true;
-}
 
-std::string RouteMonitor::failure() {
-  if (inForkedChild()) return {};
-  const Lock lock(_mutex);
-  if (isOpen() || _error == 0) return {};
-  return "the netlink sockets cannot be opened: " + std::generic_category().message(_error);
-}
+  bool setDispatchQueue(std::shared_ptr<SerialQueue> queue) override {
+    if (inForkedChild()) return false;
+    const Lock lock(_source->mutex);
+    beginRegistration();
+    _queue.swap(queue);  // so that the old one ends after the lock
+    if (_callback && _queue) _source->requestLook();
+    return true;
+  }
 
-std::shared_ptr<NetworkReachability> RouteMonitor::addTarget(const std::string& name,
-                                                             std::vector<IpAddress> addresses) try {
-  if (inForkedChild()) return nullptr;
-  std::shared_ptr<RouteTarget> handle;
-  const Lock lock(_mutex);
-  if (isOpen() && !name.empty()) noticeNetwork();
-  const TargetId id = ++_lastId;
-  handle = std::make_shared<RouteTarget>(shared_from_this(), id);
-  Target& target = _targets[id];
-  target.handle = handle;
-  target.name = name;
-  target.addresses = std::move(addresses);
-  resolveIfDue(id, target);
-  return handle;
+  bool getFlags(std::uint32_t& flags) override {
+    if (inForkedChild()) return false;
+    const Lock lock(_source->mutex);
+    if (_addresses.empty()) _resolveAt = std::min(_resolveAt, _mayResolveAt);
+    resolveIfDue();
+    const std::uint32_t now = currentFlags();
+    if (_callback && now != _told.value_or(_baseline)) _told = kSeveral;
+    if (_told != kSeveral) _told = now;
+    _source->requestLook(isDue(now));
+    if (now == kUnknown) return false;
+    flags = now;
+    return true;
+  }
+
+  /// Resolves the name and sends the flags, if that is due. Returns when it is to look again.
+  Time look() {
+    const Lock lock(_source->mutex);
+    resolveIfDue();
+    Time next = _name.empty() || _isResolving ? Time::max() : _resolveAt;
+    const std::uint32_t flags = currentFlags(&next);
+    if (isDue(flags)) send(flags);
+    if (_underWay.empty()) return next;
+    _queue->resume();  // it may have got no thread
+    return std::min(next, Clock::now() + kLookAgainInterval);
+  }
+
+ private:
+  /// Brings `next` forward to when they may be others without a report.
+  std::uint32_t currentFlags(Time* next = nullptr) ORBIQ_REQUIRES(_source->mutex) {
+    if (!_source->isOpen()) return kReachable;
+    if (_addresses.empty()) return kUnknown;
+    std::optional<std::chrono::milliseconds> lifetime;
+    std::uint32_t flags = 0;
+    for (const IpAddress& address : _addresses) {
+      const auto route = _source->lookUp(address);
+      lifetime = route ? route->lifetime : kLookAgainInterval;
+      flags = route ? flagsOfRoute(address, *route) : _flags;
+      if (!route || flags != 0) break;
+    }
+    if (next && lifetime) *next = std::min(*next, Clock::now() + *lifetime);
+    return _flags = flags;
+  }
+
+  void resolveIfDue() ORBIQ_REQUIRES(_source->mutex) {
+    if (_name.empty() || _isResolving || !_source->isOpen()) return;
+    const int link = _source->internetLink();
+    if (std::exchange(_internetLink, link) != link) {
+      _resolveAt = std::min(_resolveAt, _mayResolveAt);
+      _pause = kResolveInterval;
+    }
+    const Time now = Clock::now();
+    if (now < _resolveAt) return;
+    _mayResolveAt = now + kResolveInterval;
+    _resolveAt = Time::max();
+    _isResolving = startResolving();
+    if (!_isResolving) takeAddresses({});
+  }
+
+  bool startResolving() noexcept ORBIQ_REQUIRES(_source->mutex) try {
+    const auto run = [weak = weak_from_this(), name = _name] {
+      std::vector<IpAddress> addresses;
+      runTask([&] { addresses = resolve(name); });
+      const auto self = weak.lock();
+      if (!self) return;
+      const Lock lock(self->_source->mutex);
+      self->takeAddresses(std::move(addresses));
+    };
+    return startThread("orbiqResolver", run) == 0;
+  } catch (const std::exception&) {  // out of memory
+    return false;
+  }
+
+  void takeAddresses(std::vector<IpAddress> addresses) ORBIQ_REQUIRES(_source->mutex) {
+    _isResolving = false;
+    if (addresses.empty()) {
+      // The old addresses stand: without a network no name is found.
+      _resolveAt = Clock::now() + _pause;
+      _pause = std::min(2 * _pause, kLongestPause);
+    } else {
+      _addresses = std::move(addresses);
+      _pause = kResolveInterval;
+    }
+    if (_callback) _source->requestLook();
+  }
+
+  void beginRegistration() ORBIQ_REQUIRES(_source->mutex) {
+    ++_registration;
+    _underWay.clear();
+  }
+  bool isDue(std::uint32_t flags) const ORBIQ_REQUIRES(_source->mutex) {
+    if (!_callback || !_queue || flags == kUnknown) return false;
+    return flags != (_underWay.empty() ? _told.value_or(_baseline) : _underWay.back());
+  }
+  void send(std::uint32_t flags) ORBIQ_REQUIRES(_source->mutex) {
+    _underWay.reserve(_underWay.size() + 1);
+    _queue->async([weak = weak_from_this(), registration = _registration] {
+      if (const auto self = weak.lock()) self->deliver(registration);
+    });
+    _underWay.push_back(flags);
+  }
+  void deliver(std::uint64_t registration) ORBIQ_EXCLUDES(_source->mutex) {
+    std::shared_ptr<void> info;
+    NetworkReachabilityCallback callback = nullptr;
+    std::uint32_t flags = 0;
+    {
+      const Lock lock(_source->mutex);
+      if (registration != _registration) return;
+      _told = flags = _underWay.front();
+      _underWay.erase(_underWay.begin());
+      info = _info.lock();
+      callback = _callback;
+    }
+    if (info) callback(*this, flags, info.get());
+  }
+
+  const std::shared_ptr<RouteSource> _source;
+
+  const std::string _name;
+  std::vector<IpAddress> _addresses ORBIQ_GUARDED_BY(_source->mutex);
+  bool _isResolving ORBIQ_GUARDED_BY(_source->mutex) = false;
+  /// When the name is to be looked up, which is never before `_mayResolveAt`.
+  Time _resolveAt ORBIQ_GUARDED_BY(_source->mutex) = Time::min();
+  Time _mayResolveAt ORBIQ_GUARDED_BY(_source->mutex) = Time::min();
+  std::chrono::seconds _pause ORBIQ_GUARDED_BY(_source->mutex) = kResolveInterval;
+  /// The source's when the name was looked up last.
+  int _internetLink ORBIQ_GUARDED_BY(_source->mutex) = 0;
+
+  NetworkReachabilityCallback _callback ORBIQ_GUARDED_BY(_source->mutex) = nullptr;
+  std::weak_ptr<void> _info ORBIQ_GUARDED_BY(_source->mutex);
+  std::shared_ptr<SerialQueue> _queue ORBIQ_GUARDED_BY(_source->mutex);
+  /// Counts changes of callback or queue; a delivery made for an earlier one is dropped.
+  std::uint64_t _registration ORBIQ_GUARDED_BY(_source->mutex) = 0;
+
+  /// As the kernel last answered. Until it has, as where it cannot be asked.
+  std::uint32_t _flags ORBIQ_GUARDED_BY(_source->mutex) = kReachable;
+  /// The flags at the registration.
+  std::uint32_t _baseline ORBIQ_GUARDED_BY(_source->mutex) = 0;
+  /// What readers and the callback were told last. A reader that was told something else than the
+  /// callback makes it `kSeveral`, so that another delivery follows.
+  std::optional<std::uint32_t> _told ORBIQ_GUARDED_BY(_source->mutex);
+  /// The flags that wait on the queue for their delivery.
+  std::vector<std::uint32_t> _underWay ORBIQ_GUARDED_BY(_source->mutex);
+};
+
+std::shared_ptr<NetworkReachability> RouteSource::createWithName(const std::string& name) try {
+  if (inForkedChild() || name.empty()) return nullptr;
+  auto target = std::make_shared<RouteTarget>(shared_from_this(), name, std::vector<IpAddress>());
+  target->look();  // begins to resolve the name
+  return target;
 } catch (const std::exception&) {  // out of memory
   return nullptr;
 }
 
-void RouteMonitor::removeTarget(TargetId id) {
-  if (inForkedChild()) return;
-  // What the target holds may end with it, and does so after the lock.
-  Target removed;
-  const Lock lock(_mutex);
-  const auto found = _targets.find(id);
-  if (found == _targets.end()) return;
-  removed = std::move(found->second);
-  _targets.erase(found);
-}
-
-bool RouteMonitor::setCallback(TargetId id, NetworkReachabilityCallback callback,
-                               const NetworkReachabilityContext& context) {
-  if (inForkedChild()) return false;
-  const Lock lock(_mutex);
-  Target& target = _targets.at(id);
-  const bool isReplaced = target.callback != nullptr;
-  beginRegistration(target);
-  target.callback = callback;
-  target.info = context.info;
-  if (!callback) return true;
-  if (!isReplaced) {
-    target.lastDelivered = flagsOf(target);
-    // A reader may have seen another state before there was anybody to tell of its end.
-    target.owesDelivery = target.lastRead && *target.lastRead != target.lastDelivered;
-  }
-  requestSettling();
-  return true;
-}
-
-bool RouteMonitor::setDispatchQueue(TargetId id, std::shared_ptr<SerialQueue> queue) {
-  if (inForkedChild()) return false;
-  const Lock lock(_mutex);
-  Target& target = _targets.at(id);
-  beginRegistration(target);
-  target.queue.swap(queue);
-  if (target.callback && target.queue) requestSettling();
-  return true;
-}
-
-void RouteMonitor::beginRegistration(Target& target) {
-  ++target.registration;
-  target.owesDelivery |= std::exchange(target.undelivered, 0) > 0;
-}
-
-bool RouteMonitor::getFlags(TargetId id, std::uint32_t& flags) try {
-  if (inForkedChild()) return false;
-  const Lock lock(_mutex);
-  Target& target = _targets.at(id);
-  if (isOpen() && !target.name.empty()) {
-    noticeNetwork();
-    if (target.addresses.empty()) target.resolveAt = Time::min();
-    resolveIfDue(id, target);
-  }
-  const std::uint32_t now = flagsOf(target);
-  target.lastRead = now;
-  target.owesDelivery |= target.callback && now != target.lastDelivered;
-  if (target.owesDelivery || _settling == Settling::kWanted) requestSettling();
-  if (now == kUnknownFlags) return false;
-  flags = now;
-  return true;
+std::shared_ptr<NetworkReachability> RouteSource::createWithAddress(const sockaddr* address) try {
+  const auto parsed = IpAddress::fromSocketAddress(address);
+  if (inForkedChild() || !parsed) return nullptr;
+  return std::make_shared<RouteTarget>(shared_from_this(), "", std::vector{*parsed});
 } catch (const std::exception&) {  // out of memory
-  return false;
+  return nullptr;
 }
 
-std::uint32_t RouteMonitor::flagsOf(const Target& target, const IpAddress** way) {
-  if (!isOpen()) return kSCNetworkReachabilityFlagsReachable;
-  if (target.addresses.empty()) return kUnknownFlags;
-  for (const IpAddress& address : target.addresses) {
-    if (way) *way = &address;
-    if (const std::uint32_t flags = flagsOf(address)) return flags;
-  }
-  return 0;
-}
-
-std::uint32_t RouteMonitor::flagsOf(const IpAddress& address) {
-  std::optional<Route> route;
-  if (!_lookup.lookUp(address, route)) return kUnknownFlags;
-  const bool mustBeOnLink = isLocalNetwork(address);
-  if (mustBeOnLink && route && route->kind != Route::Kind::kOnLink) return 0;
-  return flagsOfRoute(route);
-}
-
-void RouteMonitor::noticeNetwork() {
-  std::optional<Route> internet;
-  if (!_lookup.lookUp(IpAddress(), internet) || internet == _internet) return;
-  _internet = internet;
-  for (auto& [id, target] : _targets) {
-    target.resolveAt = Time::min();
-    target.pause = kResolveInterval;
-  }
-}
-
-void RouteMonitor::resolveIfDue(TargetId id, Target& target) {
+void RouteSource::look() try {
   const Time now = Clock::now();
-  if (target.name.empty() || target.isResolving || !isOpen()) return;
-  if (now < target.resolveAt || now < target.mayResolveAt) return;
-  target.mayResolveAt = now + kResolveInterval;
-  target.isResolving =
-      startThread("orbiqResolver", [self = shared_from_this(), id, name = target.name] {
-        self->resolveOnThisThread(id, name);
-      }) == 0;
-  target.resolveAt = Time::max();
-  if (!target.isResolving) takeAddresses(target, {});
-}
-
-void RouteMonitor::resolveOnThisThread(TargetId id, const std::string& name) {
-  std::vector<IpAddress> addresses;
-  runTask([&] { addresses = addressesOf(name); });
-  const Lock lock(_mutex);
-  const auto found = _targets.find(id);
-  if (found == _targets.end()) return;
-  found->second.isResolving = false;
-  takeAddresses(found->second, std::move(addresses));
-}
-
-void RouteMonitor::takeAddresses(Target& target, std::vector<IpAddress> addresses) {
-  if (addresses.empty()) {
-    // The old addresses stand: without a network no name is found.
-    target.resolveAt = std::min(target.resolveAt, Clock::now() + target.pause);
-    target.pause = std::min(2 * target.pause, kLongestPause);
-  } else {
-    target.addresses = std::move(addresses);
-    target.pause = kResolveInterval;
-  }
-  if (target.callback) requestSettling();
-}
-
-void RouteMonitor::requestSettling() noexcept {
-  if (_sockets != Sockets::kOpen || _settling == Settling::kPosted) return;
-  _settling = Settling::kWanted;
-  try {
-    if (MainLoop::mainLoop().post(settleIfAlive())) _settling = Settling::kPosted;
-  } catch (const std::exception&) {  // out of memory: the next use tries again
-  }
-}
-
-std::function<void()> RouteMonitor::settleIfAlive() {
-  return [weak = weak_from_this()] {
-    if (const auto self = weak.lock()) self->settle();
-  };
-}
-
-void RouteMonitor::settle() try {
+  std::vector<std::shared_ptr<RouteTarget>> targets;
   {
-    const Lock lock(_mutex);
-    _settling = Settling::kNone;
+    const Lock lock(mutex);
+    _look = Look::kNone;
+    targets.reserve(registered.size());  // no target may end under the lock
+    for (const auto& target : registered) targets.push_back(target.lock());
   }
-  const Time now = Clock::now();
   if (now < _mayLookAt) {
     setTimer(_mayLookAt);
-    if (_timer != 0)
-      setWatching(false);  // reports that wait would bring the loop back here at once
+    if (_timer != 0) setWatching(false);  // waiting reports would bring the loop back here at once
     return;
   }
   _mayLookAt = now + kLookInterval;
-  setTimer(look(now));
+  Time next = Time::max();
+  setWatching(!targets.empty());
+  if (_isWatching && !_reports.takeIn()) next = now + kLookAgainInterval;
+  for (const auto& target : targets) {
+    if (target) next = std::min(next, target->look());
+  }
+  setTimer(next);
 } catch (const std::exception&) {  // out of memory
-  const Lock lock(_mutex);
-  _settling = Settling::kWanted;
+  const Lock lock(mutex);
+  _look = Look::kWanted;
   setTimer(Clock::now() + kLookAgainInterval);
 }
 
-RouteMonitor::Time RouteMonitor::look(Time now) {
-  {
-    const Lock lock(_mutex);
-    const bool isWanted = std::any_of(_targets.begin(), _targets.end(),
-                                      [](const auto& entry) { return entry.second.callback; });
-    setWatching(isWanted);
-    if (!isWanted) return Time::max();
-  }
-  _reports.takeIn();
-  const Lock lock(_mutex);
-  Time next = Time::max();
-  noticeNetwork();
-  for (auto& [id, target] : _targets) {
-    if (target.callback) next = std::min(next, settle(id, target, now));
-  }
-  return next;
+}  // namespace
+
+std::shared_ptr<NetworkReachabilitySource> makeRouteReachabilitySource() {
+  return std::make_shared<RouteSource>(false);
 }
 
-RouteMonitor::Time RouteMonitor::settle(TargetId id, Target& target, Time now) {
-  resolveIfDue(id, target);
-  Time next = Time::max();
-  if (!target.name.empty() && !target.isResolving) {
-    next = std::max(target.resolveAt, target.mayResolveAt);
-  }
-  if (!target.queue) return next;
-  const IpAddress* way = nullptr;
-  const std::uint32_t flags = flagsOf(target, &way);
-  if (flags == kUnknownFlags) return way ? std::min(next, now + kLookAgainInterval) : next;
-  if (flags != 0) {
-    if (const auto expiry = _lookup.expiry(*way)) next = std::min(next, now + *expiry);
-  }
-  if (flags == target.lastDelivered && !target.owesDelivery) return next;
-  target.queue->async([self = shared_from_this(), id, flags, registration = target.registration] {
-    self->deliver(id, registration, flags);
-  });
-  target.lastDelivered = flags;
-  target.lastRead = flags;
-  target.owesDelivery = false;
-  ++target.undelivered;
-  return next;
-}
-
-void RouteMonitor::setWatching(bool isWatching) {
-  if (isWatching == _isWatching) return;
-  if (isWatching) {
-    if (!MainLoop::mainLoop().watch(_reports.descriptor().number(), settleIfAlive())) {
-      throw std::bad_alloc();
-    }
-  } else {
-    MainLoop::mainLoop().unwatch(_reports.descriptor().number());
-  }
-  _isWatching = isWatching;
-}
-
-void RouteMonitor::setTimer(Time time) {
-  if (_timer != 0) MainLoop::mainLoop().removeTimer(std::exchange(_timer, 0));
-  if (time == Time::max()) return;
-  _timer = MainLoop::mainLoop().addTimer(time - Clock::now(), false, settleIfAlive());
-}
-
-void RouteMonitor::deliver(TargetId id, std::uint64_t registration, std::uint32_t flags) {
-  std::shared_ptr<NetworkReachability> handle;
-  std::shared_ptr<void> info;
-  NetworkReachabilityCallback callback = nullptr;
-  {
-    const Lock lock(_mutex);
-    const auto found = _targets.find(id);
-    if (found == _targets.end() || found->second.registration != registration) return;
-    --found->second.undelivered;
-    handle = found->second.handle.lock();
-    info = found->second.info.lock();
-    callback = found->second.callback;
-  }
-  if (handle && info) callback(*handle, flags, info.get());
+std::shared_ptr<NetworkReachabilitySource> makeAssumedReachabilitySource() {
+  return std::make_shared<RouteSource>(true);
 }
 
 }  // namespace orbiq

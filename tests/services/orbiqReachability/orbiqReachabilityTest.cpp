@@ -4,9 +4,11 @@
 #include <pthread.h>
 
 #include <array>
+#include <cerrno>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <system_error>
 #include <utility>
 #include <vector>
 
@@ -16,6 +18,7 @@
 #include "orbiq/services/platform/MainLoop.h"
 #include "orbiq/services/platform/NotificationCenter.h"
 #include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/SerialQueue.h"
 
 namespace orbiq::test {
 namespace {
@@ -25,19 +28,25 @@ class HandMadeReachability : public NetworkReachability {
  public:
   bool setCallback(NetworkReachabilityCallback newCallback,
                    const NetworkReachabilityContext& newContext) override {
+    throwIfWanted();
     if (newCallback && !acceptsCallback) return false;
     callback = newCallback;
     context = newContext;
     return true;
   }
   bool setDispatchQueue(std::shared_ptr<SerialQueue> newQueue) override {
+    throwIfWanted();
     if (newQueue && !acceptsQueue) return false;
     queue = std::move(newQueue);
     return true;
   }
   bool getFlags(std::uint32_t& result) override {
+    throwIfWanted();
     if (isKnown) result = flags;
     return isKnown;
+  }
+  void throwIfWanted() const {
+    if (throws) throw std::system_error(EAGAIN, std::generic_category());
   }
   void deliver(std::uint32_t newFlags) {
     queue->sync([&] { callback(*this, newFlags, context.info.lock().get()); });
@@ -45,6 +54,7 @@ class HandMadeReachability : public NetworkReachability {
 
   std::uint32_t flags = 0;
   bool isKnown = true;
+  bool throws = false;
   bool acceptsCallback = true;
   bool acceptsQueue = true;
   NetworkReachabilityCallback callback = nullptr;
@@ -64,7 +74,7 @@ class HandMadeSource : public NetworkReachabilitySource {
     asked.emplace_back(inet_ntoa(reinterpret_cast<const sockaddr_in*>(address)->sin_addr));
     return std::make_shared<HandMadeReachability>();
   }
-  std::string failure() const override { return "no sockets here"; }
+  std::string failure() override { return "no sockets here"; }
 
   std::vector<std::string> asked;
 };
@@ -131,6 +141,8 @@ TEST_F(OrbiqReachabilityTest, AnswersForFlags) {
   }
   monitor->setReachableOnWWAN(true);
   handle->isKnown = false;
+  EXPECT_EQ(answers(*monitor), "0 No Connection -- -------");
+  handle->throws = true;
   EXPECT_EQ(answers(*monitor), "0 No Connection -- -------");
   EXPECT_EQ(answers(*orbiqReachability::initWithReachabilityRef(nullptr)),
             "0 No Connection -- -------");
@@ -203,13 +215,15 @@ TEST_F(OrbiqReachabilityTest, AStartedMonitorKeepsItselfAliveUntilItIsStopped) {
 
 TEST_F(OrbiqReachabilityTest, AFailedStartLeavesTheMonitorIdle) {
   handle->acceptsQueue = false;
-  for (int missing = 0; missing < 3; ++missing) {
+  for (int missing = 0; missing < 4; ++missing) {
     EXPECT_FALSE(monitor->startNotifier());
     EXPECT_EQ(monitor->reachabilityObject(), nullptr);
     EXPECT_EQ(monitor->reachabilitySerialQueue(), nullptr);
     EXPECT_EQ(handle->callback, nullptr);
     handle->acceptsCallback = false;
-    if (missing == 1) monitor->setReachabilityRef(nullptr);
+    handle->throws = missing == 1;
+    monitor->stopNotifier();
+    if (missing == 2) monitor->setReachabilityRef(nullptr);
   }
   // The handle that was replaced is not let go, nor is its registration.
   handle->acceptsCallback = handle->acceptsQueue = true;
