@@ -11,8 +11,8 @@
 #include <string_view>
 #include <utility>
 
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/host/Platform.h"
 
 namespace orbiq::bench {
 namespace {

@@ -16,7 +16,7 @@
 #include "bench/Measure.h"
 #include "bench/Report.h"
 #include "bench/Requests.h"
-#include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/host/HostApplication.h"
 #include "tests/support/Role.h"
 
 namespace orbiq::bench {

@@ -18,8 +18,8 @@
 #include "bench/Requests.h"
 #include "bench/Surroundings.h"
 #include "orbiq/orbiq.h"
-#include "orbiq/services/platform/AtomicFile.h"
-#include "orbiq/services/platform/SerialQueue.h"
+#include "orbiq/services/platform/files/AtomicFile.h"
+#include "orbiq/services/platform/loop/SerialQueue.h"
 #include "tests/support/Role.h"
 #include "tests/support/ScriptedServer.h"
 

@@ -18,8 +18,8 @@
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
 #include "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
-#include "orbiq/services/platform/Platform.h"
-#include "orbiq/services/platform/SystemLog.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/log/SystemLog.h"
 #include "tests/support/Role.h"
 #include "tests/support/ScriptedServer.h"
 

@@ -18,8 +18,8 @@
 #include "bench/Report.h"
 #include "bench/Requests.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
-#include "orbiq/services/platform/AtomicFile.h"
-#include "orbiq/services/platform/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/files/AtomicFile.h"
 
 namespace orbiq::bench {
 namespace {

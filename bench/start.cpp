@@ -11,7 +11,7 @@
 #include "bench/Requests.h"
 #include "bench/Surroundings.h"
 #include "orbiq/orbiq.h"
-#include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/http/HttpClient.h"
 #include "tests/support/Role.h"
 
 namespace orbiq::bench {

@@ -24,21 +24,21 @@ set(ORBIQ_PUBLIC_HEADERS
   orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h
   orbiq/services/orbiqLogger/orbiqLogger.h
   orbiq/services/orbiqReachability/orbiqReachability.h
-  orbiq/services/platform/Archivable.h
-  orbiq/services/platform/Date.h
-  orbiq/services/platform/Export.h
-  orbiq/services/platform/HostApplication.h
-  orbiq/services/platform/Keychain.h
-  orbiq/services/platform/MainLoop.h
-  orbiq/services/platform/NetworkReachability.h
-  orbiq/services/platform/NotificationCenter.h
-  orbiq/services/platform/Object.h
-  orbiq/services/platform/Parameters.h
-  orbiq/services/platform/SerialQueue.h
-  orbiq/services/platform/String.h
-  orbiq/services/platform/SystemLog.h
-  orbiq/services/platform/Url.h
-  orbiq/services/platform/WorkKind.h)
+  orbiq/services/platform/archive/Archivable.h
+  orbiq/services/platform/time/Date.h
+  orbiq/services/platform/base/Export.h
+  orbiq/services/platform/host/HostApplication.h
+  orbiq/services/platform/keychain/Keychain.h
+  orbiq/services/platform/loop/MainLoop.h
+  orbiq/services/platform/network/NetworkReachability.h
+  orbiq/services/platform/loop/NotificationCenter.h
+  orbiq/services/platform/base/Object.h
+  orbiq/services/platform/text/Parameters.h
+  orbiq/services/platform/loop/SerialQueue.h
+  orbiq/services/platform/text/String.h
+  orbiq/services/platform/log/SystemLog.h
+  orbiq/services/platform/text/Url.h
+  orbiq/services/platform/threads/WorkKind.h)
 set(ORBIQ_SECRETSERVICE_HEADERS
   orbiq/secretservice/SecretServiceKeychain.h)
 

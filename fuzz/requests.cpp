@@ -6,7 +6,7 @@
 #include <string>
 
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 #include "tools/requests/Json.h"
 #include "tools/requests/RequestsArchive.h"
 #include "tools/requests/Table.h"

@@ -4,8 +4,8 @@
 #include <string>
 
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
-#include "orbiq/services/platform/KeyedArchiver.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 
 namespace {
 

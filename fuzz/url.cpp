@@ -1,5 +1,5 @@
 // Any text as a URL: it is refused, or kept as it is and in one piece.
-#include "orbiq/services/platform/Url.h"
+#include "orbiq/services/platform/text/Url.h"
 
 #include <cstdint>
 #include <cstdlib>

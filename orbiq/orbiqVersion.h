@@ -3,7 +3,7 @@
 /// @file
 /// The library's version.
 
-#include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/base/Export.h"
 
 /// Always 1.0, whatever the library's version; for programs that ask for a number.
 extern ORBIQ_EXPORT const double orbiq_iOSVersionNumber;

@@ -29,7 +29,7 @@
 #include <stddef.h>
 #include <stdint.h>
 
-#include "orbiq/services/platform/Export.h"
+#include "orbiq/services/platform/base/Export.h"
 
 // NOLINTBEGIN(modernize-use-using): this is C.
 #ifdef __cplusplus

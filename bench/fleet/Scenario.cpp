@@ -5,7 +5,7 @@
 #include <numeric>
 
 #include "orbiq/private/orbiqAgent/SendingRules.h"
-#include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/http/HttpClient.h"
 
 namespace orbiq::bench {
 namespace {

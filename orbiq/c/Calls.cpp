@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <string_view>
 
-#include "orbiq/services/platform/Utf8.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq::c {
 namespace {

@@ -10,7 +10,7 @@
 
 #include "orbiq/orbiq_c.h"
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/text/String.h"
 
 /// What the functions of the C interface have in common.
 namespace orbiq::c {

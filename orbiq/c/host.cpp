@@ -9,9 +9,9 @@
 
 #include "orbiq/c/Calls.h"
 #include "orbiq/orbiq_c.h"
-#include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/SystemLog.h"
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/log/SystemLog.h"
 
 using orbiq::c::canHold;
 using orbiq::c::giveOut;

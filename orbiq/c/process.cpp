@@ -6,9 +6,9 @@
 #include "orbiq/orbiqVersion.h"
 #include "orbiq/orbiq_c.h"
 #include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
-#include "orbiq/services/platform/MainLoop.h"
-#include "orbiq/services/platform/NotificationCenter.h"
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/loop/MainLoop.h"
+#include "orbiq/services/platform/loop/NotificationCenter.h"
 
 using orbiq::c::canHold;
 using orbiq::c::giveOut;

@@ -12,11 +12,11 @@
 #include <utility>
 #include <vector>
 
-#include "orbiq/services/platform/BriefLock.h"
-#include "orbiq/services/platform/Descriptor.h"
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/Mutex.h"
-#include "orbiq/services/platform/NeverDestroyed.h"
+#include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/files/BriefLock.h"
+#include "orbiq/services/platform/files/Descriptor.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 namespace orbiq {
 namespace {

@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/Keychain.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/keychain/Keychain.h"
 
 namespace orbiq {
 

@@ -13,7 +13,7 @@
 #include "bench/fleet/Scenario.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAgent/SendingRules.h"
-#include "orbiq/services/platform/Paths.h"
+#include "orbiq/services/platform/host/LibraryDirectory.h"
 #include "tests/support/Application.h"
 
 namespace orbiq::test {
@@ -154,7 +154,7 @@ class SideBySide : public testing::TestWithParam<std::uint64_t> {
       queue.push_back(request(kind));
       model.add(client, kind, false, now);
     }
-    const std::string directory = Paths::libraryDirectory() + "/orbiqCache";
+    const std::string directory = orbiq::libraryDirectory() + "/orbiqCache";
     std::filesystem::create_directories(directory);
     RequestsFile().save(directory + "/requests.ser", queue);
     client.isOffline = false;

@@ -16,9 +16,9 @@
 #include <thread>
 #include <vector>
 
-#include "orbiq/services/platform/Descriptor.h"
-#include "orbiq/services/platform/Paths.h"
-#include "orbiq/services/platform/SerialQueue.h"
+#include "orbiq/services/platform/files/Descriptor.h"
+#include "orbiq/services/platform/host/LibraryDirectory.h"
+#include "orbiq/services/platform/loop/SerialQueue.h"
 #include "tests/support/Application.h"
 #include "tests/support/HttpExpectations.h"
 #include "tests/support/Role.h"
@@ -140,7 +140,7 @@ TEST(HostProcess, TheStandardDescriptorsStayTheHosts) {
 const RoleRegistration kPrivileged("with-foreign-rights", [](const auto& arguments) -> int {
   setenv("http_proxy", "http://127.0.0.1:9/", 1);
   const HttpResult result = makeHttpClient("")->send(requestFor(arguments.at(0)));
-  std::cout << Paths::libraryDirectory() << " "
+  std::cout << orbiq::libraryDirectory() << " "
             << HostApplication::current().authorizationServer.description() << " "
             << (result.response ? result.response->status : 0) << std::endl;
   _exit(0);  // nobody may look into such a program for leaks

@@ -16,8 +16,8 @@
 #include <vector>
 
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
-#include "orbiq/services/platform/AtomicFile.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
+#include "orbiq/services/platform/files/AtomicFile.h"
 #include "tests/support/Application.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"

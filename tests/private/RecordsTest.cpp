@@ -9,8 +9,8 @@
 
 #include "orbiq/private/orbiqAgent/orbiqTaggerIdentifier/orbiqTaggerIdentifier.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
-#include "orbiq/services/platform/KeyedArchiver.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 #include "tests/support/Application.h"
 
 namespace orbiq::test {

@@ -6,7 +6,7 @@
 
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 
 namespace orbiq::test {
 namespace {

@@ -22,7 +22,7 @@
 #include "orbiq/orbiq_c.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
-#include "orbiq/services/platform/ForkGuard.h"
+#include "orbiq/services/platform/base/ForkGuard.h"
 #include "tests/support/Application.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"

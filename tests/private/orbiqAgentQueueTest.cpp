@@ -10,7 +10,6 @@
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
-#include "orbiq/services/platform/Paths.h"
 #include "tests/support/Application.h"
 #include "tests/support/DiskCalls.h"
 

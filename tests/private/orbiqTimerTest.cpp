@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "orbiq/private/orbiqTimer/orbiqTimer.h"
-#include "orbiq/services/platform/MainLoop.h"
+#include "orbiq/services/platform/loop/MainLoop.h"
 
 namespace orbiq::test {
 namespace {

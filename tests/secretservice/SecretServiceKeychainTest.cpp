@@ -16,7 +16,7 @@
 
 #include "orbiq/secretservice/SecretServiceKeychain.h"
 #include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
-#include "orbiq/services/platform/HostApplication.h"
+#include "orbiq/services/platform/host/HostApplication.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"
 

@@ -13,8 +13,8 @@
 #include <vector>
 
 #include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
-#include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/Paths.h"
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/host/LibraryDirectory.h"
 #include "tests/support/Application.h"
 #include "tests/support/Role.h"
 
@@ -86,14 +86,14 @@ TEST(DeviceIdentifier, IsKeptInTheFileKeychainUntilReset) {
   const String first = Handler::UUID();
   EXPECT_EQ(first.length(), 36U);
   EXPECT_EQ(Handler::UUID(), first);
-  EXPECT_EQ(RoleProcess("ask for the identifier", {Paths::libraryDirectory()}).readLine(),
+  EXPECT_EQ(RoleProcess("ask for the identifier", {orbiq::libraryDirectory()}).readLine(),
             first.toStdString() + " ");
   EXPECT_EQ(application.log().lines(), std::vector<std::string>());
 
   EXPECT_TRUE(Handler::storeUUID(false).isNull());
   const String second = Handler::storeUUID(true);
   EXPECT_EQ(Handler::UUID(), first) << "what is remembered stays";
-  EXPECT_EQ(RoleProcess("ask for the identifier", {Paths::libraryDirectory()}).readLine(),
+  EXPECT_EQ(RoleProcess("ask for the identifier", {orbiq::libraryDirectory()}).readLine(),
             second.toStdString() + " ");
 
   EXPECT_TRUE(Handler::accessGroup().isNull());

@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "orbiq/orbiq.h"
-#include "orbiq/services/platform/Clock.h"
-#include "orbiq/services/platform/Mutex.h"
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/threads/Mutex.h"
+#include "orbiq/services/platform/time/Clock.h"
 #include "tests/support/ScriptedServer.h"
 
 namespace orbiq {

@@ -8,7 +8,7 @@
 #include <atomic>
 #include <chrono>
 
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 namespace orbiq::test {
 namespace {

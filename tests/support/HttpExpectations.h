@@ -5,7 +5,7 @@
 #include <string>
 #include <string_view>
 
-#include "orbiq/services/platform/HttpClient.h"
+#include "orbiq/services/platform/http/HttpClient.h"
 
 namespace orbiq::test {
 

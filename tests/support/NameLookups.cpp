@@ -5,7 +5,7 @@
 
 #include <string_view>
 
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 namespace orbiq::test {
 namespace {

@@ -14,7 +14,7 @@
 #include <tuple>
 #include <utility>
 
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 namespace orbiq::test {
 namespace {

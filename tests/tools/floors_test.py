@@ -19,9 +19,10 @@ SOUND = {
     TAGGER: f'#include <string>\n#include "{AGENT}orbiqAgent.h"\n',
     AGENT + "orbiqAgent.h": "class orbiqAudienceTagger;\n",
     AGENT + "orbiqAgentRegistry.cpp": f'#include "{TAGGER}"\n',
-    PLATFORM + "Mutex.h": "std::mutex _mutex;\n",
-    PLATFORM + "Platform.h": f'#include "{PLATFORM}Mutex.h"  // not std::mutex\n',
-    PLATFORM + "Curl.cpp": "#include <curl/curl.h>\n",
+    PLATFORM + "threads/Mutex.h": "std::mutex _mutex;\n",
+    PLATFORM + "host/Platform.h": f'#include "{PLATFORM}threads/Mutex.h"  // not std::mutex\n',
+    PLATFORM + "http/H.h": "",
+    PLATFORM + "http/Curl.cpp": "#include <curl/curl.h>\n",
 }
 
 
@@ -41,13 +42,14 @@ class FloorsTest(unittest.TestCase):
         for name, text, part in (
                 (AGENT + "orbiqAgentQueue.cpp", f'#include "{TAGGER}"\n', "not below floor 6"),
                 (AGENT + "DeviceContext/D.h", f'#  include "{AGENT}orbiqAgent.h"\n', "floor 4"),
-                ("tools/t.cpp", f'#include "{PLATFORM}Mutex.h"\n#include <tools/none.h>\n', None),
+                (PLATFORM + "loop/L.h", f'#include "{PLATFORM}http/H.h"\n', "not below floor 1.5"),
+                ("tools/t.cpp", f'#include "{PLATFORM}threads/Mutex.h"\n#include <tools/none.h>\n', None),
                 ("examples/e.cpp", f"#include <{TAGGER}>\n", "nothing behind it"),
                 ("bench/b.cpp", '#include "examples/demo/e.h"\n', "no file of the project"),
                 ("orbiq/private/orbiqRequest/R.h", '#include "R.h"\n', "from the root"),
-                (PLATFORM + "Http.h", f'#include "{PLATFORM}Platform.h"\n', "stands alone"),
-                (PLATFORM + "Thread.cpp", "static std::mutex lock;\n", "Mutex.h alone"),
-                (PLATFORM + "Mutex.h", f'#include "{PLATFORM}Platform.h"\n', "a circle"),
+                (PLATFORM + "host/Http.h", f'#include "{PLATFORM}host/Platform.h"\n', "stands alone"),
+                (PLATFORM + "threads/Thread.cpp", "static std::mutex lock;\n", "Mutex.h alone"),
+                (PLATFORM + "threads/Mutex.h", f'#include "{PLATFORM}host/Platform.h"\n', "a circle"),
                 (AGENT + "orbiqAgent.h", "#include <curl/curl.h>\n",
                  "would reach applications")):
             found = self.faults({name: text})

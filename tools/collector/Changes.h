@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstdint>
 
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 namespace orbiq::collector {
 

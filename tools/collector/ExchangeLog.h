@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 #include "tools/collector/Behaviour.h"
 #include "tools/collector/Changes.h"
 

@@ -5,7 +5,7 @@
 #include <optional>
 #include <utility>
 
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 #include "tools/collector/Behaviour.h"
 #include "tools/collector/Changes.h"
 

@@ -13,7 +13,18 @@ import sys
 # floor has steps of its own: the others of floor 2 log through the logger, an authorization is made
 # of a session and an access, a request carries an identity and an authorization.
 FLOORS = {
-    "orbiq/services/platform": 1,
+    "orbiq/services/platform/base": 1,
+    "orbiq/services/platform/text": 1.1,
+    "orbiq/services/platform/time": 1.1,
+    "orbiq/services/platform/threads": 1.2,
+    "orbiq/services/platform/files": 1.3,
+    "orbiq/services/platform/log": 1.4,
+    "orbiq/services/platform/loop": 1.5,
+    "orbiq/services/platform/archive": 1.5,
+    "orbiq/services/platform/keychain": 1.5,
+    "orbiq/services/platform/http": 1.5,
+    "orbiq/services/platform/network": 1.6,
+    "orbiq/services/platform/host": 1.7,
     "orbiq/services/orbiqLogger": 2,
     "orbiq/services/orbiqReachability": 2.1,
     "orbiq/services/orbiqKWDXUUIDHandler": 2.1,
@@ -45,8 +56,8 @@ EXCEPTION = ("orbiq/private/orbiqAgent/orbiqAgentRegistry.cpp",
              "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h")
 
 UMBRELLA = "orbiq/orbiq.h"
-PLATFORM = "orbiq/services/platform"
-LOCKS = "orbiq/services/platform/Mutex.h"
+PLATFORM = "orbiq/services/platform/host/Platform"
+LOCKS = "orbiq/services/platform/threads/Mutex.h"
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*(?:"([^"]+)"|<([^>]+)>)', re.MULTILINE)
 LOCK_NAME = re.compile(r"\bstd::(mutex|shared_mutex|recursive_mutex|condition_variable)\b")
@@ -125,8 +136,8 @@ def faults(project):
                 if name.startswith("examples/") and included.startswith("orbiq/"):
                     if included != UMBRELLA:
                         yield f"{name}: an example includes {UMBRELLA} and nothing behind it"
-        if (f"{PLATFORM}/Platform.h" in own_includes[name] and room_of(name) == PLATFORM
-                and name != f"{PLATFORM}/Platform.cpp"):
+        if (f"{PLATFORM}.h" in own_includes[name] and name != f"{PLATFORM}.cpp"
+                and name.startswith("orbiq/services/platform/")):
             yield f"{name}: an adapter stands alone and does not include Platform.h"
         if name.startswith(("orbiq/", "tools/")) and name != LOCKS:
             for lock in LOCK_NAME.findall(COMMENT.sub("", texts[name])):

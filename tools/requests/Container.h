@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "orbiq/services/platform/BinaryPlistReader.h"
+#include "orbiq/services/platform/archive/BinaryPlistReader.h"
 #include "tools/requests/Fault.h"
 
 namespace orbiq::requests {

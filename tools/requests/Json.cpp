@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/time/Date.h"
 #include "tools/requests/Text.h"
 
 namespace orbiq::requests {

@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-#include "orbiq/services/platform/Descriptor.h"
+#include "orbiq/services/platform/files/Descriptor.h"
 
 namespace orbiq::requests {
 

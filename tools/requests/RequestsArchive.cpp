@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
-#include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
+#include "orbiq/services/platform/time/Date.h"
 
 namespace orbiq::requests {
 namespace {

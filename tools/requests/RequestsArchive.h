@@ -8,7 +8,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "orbiq/services/platform/KeyedArchiveReader.h"
+#include "orbiq/services/platform/archive/KeyedArchiveReader.h"
 #include "tools/requests/Container.h"
 #include "tools/requests/Fault.h"
 #include "tools/requests/Request.h"

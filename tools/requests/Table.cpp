@@ -6,8 +6,8 @@
 #include <string_view>
 
 #include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
-#include "orbiq/services/platform/Url.h"
-#include "orbiq/services/platform/Utf8.h"
+#include "orbiq/services/platform/text/Url.h"
+#include "orbiq/services/platform/text/Utf8.h"
 #include "tools/requests/Text.h"
 
 namespace orbiq::requests {

@@ -5,7 +5,7 @@
 #include <cmath>
 #include <cstdio>
 
-#include "orbiq/services/platform/Utf8.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq::requests {
 namespace {

@@ -10,8 +10,8 @@
 #include <string>
 #include <system_error>
 
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/Paths.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/host/LibraryDirectory.h"
 #include "tools/requests/Json.h"
 #include "tools/requests/LiveFile.h"
 #include "tools/requests/RequestsArchive.h"
@@ -72,7 +72,7 @@ std::optional<std::string> locate(const Options& options) {
   if (!options.libraryDirectory.empty()) return options.libraryDirectory + kFileInLibrary;
   if (!options.bundleIdentifier.empty()) {
     orbiq::HostApplication::describe({.bundleIdentifier = options.bundleIdentifier});
-    return orbiq::Paths::libraryDirectory() + kFileInLibrary;
+    return orbiq::libraryDirectory() + kFileInLibrary;
   }
   const char* const directory = std::getenv(kDirectoryVariable);
   if (directory == nullptr || *directory == '\0') return {};

@@ -13,9 +13,9 @@
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAgent/orbiqTaggerIdentifier/orbiqTaggerIdentifier.h"
 #include "orbiq/services/orbiqReachability/orbiqReachability.h"
-#include "orbiq/services/platform/Mutex.h"
-#include "orbiq/services/platform/SerialQueue.h"
-#include "orbiq/services/platform/Url.h"
+#include "orbiq/services/platform/loop/SerialQueue.h"
+#include "orbiq/services/platform/text/Url.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 /// What the agent is made of. Making it takes no memory, so that there is an agent in any case; its
 /// parts are made at the start, and again where one could not be made.

@@ -5,7 +5,7 @@
 #include <memory>
 
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 namespace orbiq {
 

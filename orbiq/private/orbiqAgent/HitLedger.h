@@ -7,9 +7,9 @@
 
 #include "orbiq/private/orbiqAgent/HitFate.h"
 #include "orbiq/private/orbiqAgent/Statistics.h"
-#include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/Mutex.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/text/String.h"
+#include "orbiq/services/platform/threads/Mutex.h"
+#include "orbiq/services/platform/time/Date.h"
 
 namespace orbiq {
 

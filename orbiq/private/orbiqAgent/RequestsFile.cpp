@@ -15,9 +15,9 @@
 
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
-#include "orbiq/services/platform/Paths.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
+#include "orbiq/services/platform/files/Directories.h"
+#include "orbiq/services/platform/host/HostApplication.h"
 
 namespace orbiq {
 namespace {
@@ -113,7 +113,7 @@ std::optional<RequestQueue> RequestsFile::read(const std::string& path, int& fai
 void RequestsFile::save(const std::string& path, const RequestQueue& queue) {
   if (isHeldByAnotherProcess(path)) return;
   int failure = write(path, queue);
-  if (failure == ENOENT && Paths::makeDirectories(path.substr(0, path.rfind('/'))) == 0) {
+  if (failure == ENOENT && makeDirectories(path.substr(0, path.rfind('/'))) == 0) {
     if (isHeldByAnotherProcess(path)) return;
     failure = write(path, queue);
   }

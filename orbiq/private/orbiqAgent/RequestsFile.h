@@ -6,9 +6,9 @@
 #include <string>
 
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
-#include "orbiq/services/platform/AtomicFile.h"
-#include "orbiq/services/platform/FileLock.h"
-#include "orbiq/services/platform/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/files/AtomicFile.h"
+#include "orbiq/services/platform/files/FileLock.h"
 
 namespace orbiq {
 

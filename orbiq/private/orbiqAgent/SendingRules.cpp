@@ -3,7 +3,7 @@
 #include <cmath>
 #include <cstdint>
 
-#include "orbiq/services/platform/Calendar.h"
+#include "orbiq/services/platform/time/Calendar.h"
 
 namespace orbiq::SendingRules {
 namespace {

@@ -6,7 +6,7 @@
 
 #include "orbiq/private/orbiqAgent/HitFate.h"
 #include "orbiq/private/orbiqRequest/RequestEnumerations.h"
-#include "orbiq/services/platform/Date.h"
+#include "orbiq/services/platform/time/Date.h"
 
 /// What the agent decides by, without its queue and its locks. Whoever has a model of the agent
 /// decides by the same.

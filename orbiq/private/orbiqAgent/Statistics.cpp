@@ -6,7 +6,7 @@
 #include <string_view>
 #include <utility>
 
-#include "orbiq/services/platform/Utf8.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq {
 namespace {

@@ -3,9 +3,9 @@
 #include <cstdint>
 #include <optional>
 
-#include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/text/String.h"
+#include "orbiq/services/platform/time/Date.h"
 
 namespace orbiq {
 

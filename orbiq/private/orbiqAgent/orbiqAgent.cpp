@@ -8,9 +8,10 @@
 
 #include "orbiq/private/orbiqAgent/AgentState.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/HttpClient.h"
-#include "orbiq/services/platform/NeverDestroyed.h"
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/http/HttpClient.h"
+#include "orbiq/services/platform/log/ForkedAway.h"
 
 orbiqAgent& orbiqAgent::sharedAgent() {
   static orbiq::NeverDestroyed<State> ofProcess;

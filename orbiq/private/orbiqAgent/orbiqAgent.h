@@ -5,11 +5,11 @@
 
 #include "orbiq/private/orbiqAgent/Statistics.h"
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/NotificationCenter.h"
-#include "orbiq/services/platform/Parameters.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/loop/NotificationCenter.h"
+#include "orbiq/services/platform/text/Parameters.h"
+#include "orbiq/services/platform/text/String.h"
 
 class orbiqAudienceTagger;
 

@@ -13,8 +13,9 @@
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/Paths.h"
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/files/Directories.h"
+#include "orbiq/services/platform/host/LibraryDirectory.h"
+#include "orbiq/services/platform/host/Platform.h"
 
 namespace {
 
@@ -28,7 +29,7 @@ bool isStreaming(const orbiqRequest& request) {
 
 // Both never destroyed: the sending thread outlives the process's static objects.
 const std::string& requestsDirectory() {
-  static const auto* const path = new std::string(orbiq::Paths::libraryDirectory() + "/orbiqCache");
+  static const auto* const path = new std::string(orbiq::libraryDirectory() + "/orbiqCache");
   return *path;
 }
 
@@ -40,7 +41,7 @@ const std::string& requestsPath() {
 void makeRequestsDirectory() {
   struct stat status{};
   if (lstat(requestsDirectory().c_str(), &status) == 0) return;
-  orbiq::Paths::makeDirectories(requestsDirectory());  // what fails here shows at the save
+  orbiq::makeDirectories(requestsDirectory());  // what fails here shows at the save
 }
 
 void logQueueLength(std::size_t length) {

@@ -11,8 +11,8 @@
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/Ask.h"
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/base/Ask.h"
+#include "orbiq/services/platform/host/Platform.h"
 
 using orbiq::ask;
 using orbiq::HitFate;

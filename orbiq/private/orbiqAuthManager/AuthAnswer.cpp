@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "orbiq/services/platform/Utf8.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq {
 namespace {

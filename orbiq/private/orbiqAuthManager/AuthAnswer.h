@@ -5,7 +5,7 @@
 #include <string_view>
 
 #include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/text/String.h"
 
 namespace orbiq {
 

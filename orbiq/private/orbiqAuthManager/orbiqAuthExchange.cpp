@@ -8,11 +8,11 @@
 #include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/Ask.h"
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/HttpDate.h"
-#include "orbiq/services/platform/Platform.h"
-#include "orbiq/services/platform/Random.h"
+#include "orbiq/services/platform/base/Ask.h"
+#include "orbiq/services/platform/base/Random.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/time/HttpDate.h"
 
 using orbiq::ask;
 

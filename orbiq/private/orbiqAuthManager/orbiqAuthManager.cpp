@@ -4,10 +4,10 @@
 #include <utility>
 
 #include "orbiq/services/orbiqLogger/WithoutThrowing.h"
-#include "orbiq/services/platform/Ask.h"
-#include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/Mutex.h"
-#include "orbiq/services/platform/NeverDestroyed.h"
+#include "orbiq/services/platform/base/Ask.h"
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 using orbiq::ask;
 using orbiq::withoutThrowing;

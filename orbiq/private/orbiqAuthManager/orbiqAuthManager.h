@@ -6,8 +6,8 @@
 #include "orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h"
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/text/String.h"
 
 namespace orbiq {
 template <class Value>

@@ -4,10 +4,10 @@
 #include <string>
 #include <utility>
 
-#include "orbiq/services/platform/Ask.h"
-#include "orbiq/services/platform/KeyedArchiver.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
+#include "orbiq/services/platform/base/Ask.h"
+#include "orbiq/services/platform/host/Platform.h"
 
 using orbiq::ask;
 using orbiq::foldHash;

@@ -7,11 +7,11 @@
 #include "orbiq/private/orbiqAgent/orbiqTaggerID/orbiqTaggerID.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuth/orbiqAuth.h"
 #include "orbiq/private/orbiqRequest/RequestEnumerations.h"
-#include "orbiq/services/platform/Archivable.h"
-#include "orbiq/services/platform/Date.h"
-#include "orbiq/services/platform/Parameters.h"
-#include "orbiq/services/platform/String.h"
-#include "orbiq/services/platform/Url.h"
+#include "orbiq/services/platform/archive/Archivable.h"
+#include "orbiq/services/platform/text/Parameters.h"
+#include "orbiq/services/platform/text/String.h"
+#include "orbiq/services/platform/text/Url.h"
+#include "orbiq/services/platform/time/Date.h"
 
 /// One hit that waits to be sent, with the agent's bookkeeping. It has no lock: once it is queued
 /// it belongs to the agent.

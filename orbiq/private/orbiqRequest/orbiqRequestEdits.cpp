@@ -5,7 +5,7 @@
 #include <string>
 
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
-#include "orbiq/services/platform/Ask.h"
+#include "orbiq/services/platform/base/Ask.h"
 
 using orbiq::ask;
 

@@ -5,8 +5,8 @@
 #include <utility>
 
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/Thread.h"
+#include "orbiq/services/platform/log/ForkedAway.h"
+#include "orbiq/services/platform/threads/Thread.h"
 
 namespace {
 

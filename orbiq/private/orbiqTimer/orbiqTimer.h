@@ -4,8 +4,8 @@
 #include <memory>
 #include <type_traits>
 
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/MainLoop.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/loop/MainLoop.h"
 
 /// Calls an operation of a target on the main loop, once or at a fixed interval, without keeping
 /// the target alive. It cannot be started again once it has ended; make a new one.

@@ -9,8 +9,8 @@
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/Ask.h"
-#include "orbiq/services/platform/Mutex.h"
+#include "orbiq/services/platform/base/Ask.h"
+#include "orbiq/services/platform/threads/Mutex.h"
 
 using orbiq::ask;
 

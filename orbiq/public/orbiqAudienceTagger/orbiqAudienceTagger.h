@@ -4,9 +4,9 @@
 #include <memory>
 
 #include "orbiq/public/orbiqTagger/orbiqTagger.h"
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/Parameters.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/text/Parameters.h"
+#include "orbiq/services/platform/text/String.h"
 
 class orbiqTaggerID;
 

@@ -3,9 +3,9 @@
 #include <atomic>
 #include <utility>
 
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/String.h"
-#include "orbiq/services/platform/SystemLog.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/log/SystemLog.h"
+#include "orbiq/services/platform/text/String.h"
 
 /// The settings that every tagger has. Abstract: the application uses `orbiqAudienceTagger`.
 ///

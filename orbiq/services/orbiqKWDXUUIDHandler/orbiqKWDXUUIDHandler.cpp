@@ -6,12 +6,12 @@
 #include <string>
 
 #include "orbiq/services/orbiqLogger/WithoutThrowing.h"
-#include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/NeverDestroyed.h"
-#include "orbiq/services/platform/Platform.h"
-#include "orbiq/services/platform/Random.h"
-#include "orbiq/services/platform/SystemLog.h"
-#include "orbiq/services/platform/Utf8.h"
+#include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/base/Random.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/log/ForkedAway.h"
+#include "orbiq/services/platform/log/SystemLog.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 using orbiq::errSecItemNotFound;
 using orbiq::errSecNotAvailable;

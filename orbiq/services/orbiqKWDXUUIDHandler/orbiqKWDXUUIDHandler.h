@@ -3,9 +3,9 @@
 /// @file
 /// The device identifier.
 
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/Keychain.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/keychain/Keychain.h"
+#include "orbiq/services/platform/text/String.h"
 
 /// Keeps one random identifier of the device, a UUID, in the keychain, so that it outlives the
 /// process. Nothing else in the library uses it; it leaves the device only if the application sends

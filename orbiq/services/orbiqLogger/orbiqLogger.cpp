@@ -3,7 +3,7 @@
 #include <string>
 #include <string_view>
 
-#include "orbiq/services/platform/SystemLog.h"
+#include "orbiq/services/platform/log/SystemLog.h"
 
 namespace {
 

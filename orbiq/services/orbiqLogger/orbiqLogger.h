@@ -4,9 +4,9 @@
 #include <concepts>
 #include <new>
 
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/String.h"
-#include "orbiq/services/platform/SystemLog.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/log/SystemLog.h"
+#include "orbiq/services/platform/text/String.h"
 
 /// The library's one diagnostic channel: a threshold, and lines that are printed when their mode
 /// reaches it. Any thread.

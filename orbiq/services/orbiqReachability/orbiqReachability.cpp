@@ -15,13 +15,13 @@
 
 #include "orbiq/services/orbiqLogger/WithoutThrowing.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/ForkGuard.h"
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/MainLoop.h"
-#include "orbiq/services/platform/NotificationCenter.h"
-#include "orbiq/services/platform/Platform.h"
-#include "orbiq/services/platform/SerialQueue.h"
-#include "orbiq/services/platform/Thread.h"
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/loop/MainLoop.h"
+#include "orbiq/services/platform/loop/NotificationCenter.h"
+#include "orbiq/services/platform/loop/SerialQueue.h"
+#include "orbiq/services/platform/threads/Thread.h"
 
 using orbiq::kSCNetworkReachabilityFlagsConnectionOnDemand;
 using orbiq::kSCNetworkReachabilityFlagsConnectionOnTraffic;

@@ -13,10 +13,10 @@
 #include <utility>
 #include <vector>
 
-#include "orbiq/services/platform/Export.h"
-#include "orbiq/services/platform/NetworkReachability.h"
-#include "orbiq/services/platform/Object.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/base/Object.h"
+#include "orbiq/services/platform/network/NetworkReachability.h"
+#include "orbiq/services/platform/text/String.h"
 
 namespace orbiq {
 

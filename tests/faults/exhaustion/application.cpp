@@ -14,8 +14,8 @@
 
 #include "orbiq/orbiq.h"
 #include "orbiq/private/orbiqAgent/HandlerWork.h"
-#include "orbiq/services/platform/Clock.h"
-#include "orbiq/services/platform/Platform.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/time/Clock.h"
 #include "tests/faults/exhaustion/Faults.h"
 
 namespace {

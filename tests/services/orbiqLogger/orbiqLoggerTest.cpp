@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/SystemLog.h"
+#include "orbiq/services/platform/log/SystemLog.h"
 
 namespace orbiq::test {
 namespace {

@@ -14,11 +14,11 @@
 
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/orbiqReachability/orbiqReachability.h"
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/MainLoop.h"
-#include "orbiq/services/platform/NotificationCenter.h"
-#include "orbiq/services/platform/Platform.h"
-#include "orbiq/services/platform/SerialQueue.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/loop/MainLoop.h"
+#include "orbiq/services/platform/loop/NotificationCenter.h"
+#include "orbiq/services/platform/loop/SerialQueue.h"
 
 namespace orbiq::test {
 namespace {

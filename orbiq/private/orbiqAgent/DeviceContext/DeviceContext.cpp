@@ -7,9 +7,9 @@
 #include <string>
 
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
-#include "orbiq/services/platform/OfThisThread.h"
-#include "orbiq/services/platform/Random.h"
-#include "orbiq/services/platform/Utf8.h"
+#include "orbiq/services/platform/base/OfThisThread.h"
+#include "orbiq/services/platform/base/Random.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq {
 namespace {

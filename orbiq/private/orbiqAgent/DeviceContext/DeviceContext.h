@@ -1,8 +1,8 @@
 #pragma once
 
-#include "orbiq/services/platform/HostApplication.h"
-#include "orbiq/services/platform/Parameters.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/text/Parameters.h"
+#include "orbiq/services/platform/text/String.h"
 
 namespace orbiq {
 

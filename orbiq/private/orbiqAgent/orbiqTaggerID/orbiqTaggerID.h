@@ -3,8 +3,8 @@
 #include <cstdint>
 #include <memory>
 
-#include "orbiq/services/platform/Archivable.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/archive/Archivable.h"
+#include "orbiq/services/platform/text/String.h"
 
 /// The identity of a tagger: it travels with every request, and authorizations are kept by it.
 /// Not to be changed while another thread reads it.

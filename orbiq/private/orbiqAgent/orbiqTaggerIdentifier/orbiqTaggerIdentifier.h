@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "orbiq/services/platform/Object.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/base/Object.h"
+#include "orbiq/services/platform/text/String.h"
 
 /// A tagger's identity by its serial alone; the key of the agent's registry. Never persisted.
 class orbiqTaggerIdentifier final : public orbiq::Object {

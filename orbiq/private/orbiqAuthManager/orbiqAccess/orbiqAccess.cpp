@@ -3,8 +3,8 @@
 #include <stdexcept>
 #include <utility>
 
-#include "orbiq/services/platform/KeyedArchiver.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 
 namespace {
 

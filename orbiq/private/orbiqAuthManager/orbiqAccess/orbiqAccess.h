@@ -5,8 +5,8 @@
 #include <memory>
 #include <utility>
 
-#include "orbiq/services/platform/Archivable.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/archive/Archivable.h"
+#include "orbiq/services/platform/text/String.h"
 
 namespace orbiq {
 

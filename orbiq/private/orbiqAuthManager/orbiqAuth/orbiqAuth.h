@@ -4,7 +4,7 @@
 
 #include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
 #include "orbiq/private/orbiqAuthManager/orbiqSession/orbiqSession.h"
-#include "orbiq/services/platform/Archivable.h"
+#include "orbiq/services/platform/archive/Archivable.h"
 
 /// An authorization: a session and an access. Either may be absent. Never changes, but its access,
 /// which copies share, may be marked.

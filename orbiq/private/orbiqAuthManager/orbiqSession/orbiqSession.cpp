@@ -2,8 +2,8 @@
 
 #include <utility>
 
-#include "orbiq/services/platform/KeyedArchiver.h"
-#include "orbiq/services/platform/KeyedUnarchiver.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 
 namespace {
 

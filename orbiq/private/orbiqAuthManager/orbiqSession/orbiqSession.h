@@ -2,8 +2,8 @@
 
 #include <memory>
 
-#include "orbiq/services/platform/Archivable.h"
-#include "orbiq/services/platform/String.h"
+#include "orbiq/services/platform/archive/Archivable.h"
+#include "orbiq/services/platform/text/String.h"
 
 /// The session that the authorization server named for an account. Never changes.
 class ORBIQ_EXPORT orbiqSession : public orbiq::Archivable {

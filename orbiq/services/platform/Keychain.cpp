@@ -1,7 +1,0 @@
-#include "orbiq/services/platform/Keychain.h"
-
-namespace orbiq {
-
-Keychain::~Keychain() = default;
-
-}  // namespace orbiq

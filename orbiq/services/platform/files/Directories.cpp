@@ -1,0 +1,30 @@
+#include "orbiq/services/platform/files/Directories.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstddef>
+
+#include "orbiq/services/platform/files/Descriptor.h"
+
+namespace orbiq {
+
+int makeDirectories(const std::string& path) {
+  for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+    const std::string part = path.substr(0, end);
+    if (mkdir(part.c_str(), 0700) == 0) {
+      // A file that is synced later would not outlast a loss of power without its directory.
+      const Descriptor parent(
+          open(part.substr(0, part.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+      if (parent.isOpen()) fsync(parent.number());
+    } else if (errno != EEXIST && end == std::string::npos) {
+      return errno;
+    }
+    if (end == std::string::npos) break;
+  }
+  return 0;
+}
+
+}  // namespace orbiq

@@ -1,0 +1,11 @@
+#pragma once
+
+#include <string>
+
+namespace orbiq {
+
+/// Makes a directory and what is missing above it, for this user alone (0700). Returns 0 or the
+/// error number.
+int makeDirectories(const std::string& path);
+
+}  // namespace orbiq

@@ -1,0 +1,54 @@
+// libcurl, as the process has it once.
+#include "orbiq/services/platform/http/LibcurlProcess.h"
+
+#include <curl/curl.h>
+
+#include <atomic>
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "orbiq/services/platform/http/HttpClient.h"
+#include "orbiq/services/platform/http/TransferStay.h"
+#include "orbiq/services/platform/threads/Mutex.h"
+
+namespace orbiq {
+namespace {
+
+thread_local constinit bool memoryRanOut = false;
+
+template <class Memory>
+Memory* noted(Memory* memory) {
+  if (memory == nullptr) memoryRanOut = true;
+  return memory;
+}
+
+/// With the C library's memory, but for the note. Where the host has initialised libcurl before,
+/// its choice stays.
+CURLcode initialise() {
+  return curl_global_init_mem(
+      CURL_GLOBAL_DEFAULT, [](std::size_t size) { return noted(std::malloc(size)); }, std::free,
+      [](void* old, std::size_t size) { return noted(std::realloc(old, size)); },
+      [](const char* text) { return noted(strdup(text)); },
+      [](std::size_t count, std::size_t size) { return noted(std::calloc(count, size)); });
+}
+
+}  // namespace
+
+bool& libcurlRanOutOfMemory() noexcept { return memoryRanOut; }
+
+bool prepareHttpForProcess() try {
+  static std::atomic<bool> isPrepared{false};
+  static Mutex protector;
+  if (isPrepared) return true;
+  const Lock lock(protector);
+  if (!isPrepared && initialise() == CURLE_OK) {
+    isPrepared = installExitHandler();
+  }
+  return isPrepared;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+}  // namespace orbiq

@@ -1,0 +1,110 @@
+#include "orbiq/services/platform/http/TransferStay.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <thread>
+#include <utility>
+
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/threads/Mutex.h"
+#include "orbiq/services/platform/threads/ProcessExit.h"
+#include "orbiq/services/platform/threads/Thread.h"
+
+namespace orbiq {
+namespace {
+
+constexpr std::chrono::milliseconds kLongestWaitAtExit{250};
+
+struct Stays {
+  Condition changed;
+  /// Those of the threads inside.
+  TransferStay::Link* first ORBIQ_GUARDED_BY(changed) = nullptr;
+  std::thread::id exitingThread ORBIQ_GUARDED_BY(changed);
+};
+
+/// Never destroyed: threads may come by at any moment of the process's end.
+Stays& stays() {
+  static NeverDestroyed<Stays> all;
+  return *all;
+}
+
+[[noreturn]] void park() {
+  for (;;) pause();
+}
+
+void waitUntilAllParked() {
+  const auto deadline = std::chrono::steady_clock::now() + kLongestWaitAtExit;
+  Lock lock(stays().changed);
+  while (stays().first != nullptr) {
+    const auto left = deadline - std::chrono::steady_clock::now();
+    if (left <= left.zero()) return;
+    stays().changed.waitFor(left);
+  }
+}
+
+void onProcessExit() {
+  // A child that was forked shares its parent's wake-up descriptors and may hold stuck locks.
+  if (inForkedChild()) return;
+  {
+    Lock lock(stays().changed);
+    noteProcessExit();
+    stays().exitingThread = std::this_thread::get_id();
+    for (const auto* stay = stays().first; stay != nullptr; stay = stay->next) {
+      if (stay->multi != nullptr) curl_multi_wakeup(stay->multi);
+    }
+  }
+  // A library thread may hold what the others need in order to park.
+  if (!isLibraryThread()) waitUntilAllParked();
+}
+
+}  // namespace
+
+bool installExitHandler() {
+  armForkGuard();
+  stays();
+  return std::atexit(onProcessExit) == 0;
+}
+
+TransferStay::TransferStay(CURLM* multi) : _link{multi, nullptr} {
+  if (inForkedChild()) return;
+  {
+    Lock lock(stays().changed);
+    if (!isProcessExiting()) {
+      _link.next = std::exchange(stays().first, &_link);
+      _entered = true;
+    } else if (stays().exitingThread == std::this_thread::get_id()) {
+      return;
+    }
+  }
+  if (!_entered) park();
+}
+
+TransferStay::~TransferStay() {
+  if (!_entered) return;
+  leave();
+  if (isProcessExiting()) park();
+}
+
+void TransferStay::parkIfExiting() {
+  if (!isProcessExiting()) return;
+  leave();
+  park();
+}
+
+void TransferStay::leave() {
+  Lock lock(stays().changed);
+  Link** place = &stays().first;
+  while (*place != &_link) place = &(*place)->next;
+  *place = _link.next;
+  stays().changed.broadcast();
+}
+
+bool TransferStay::isAnyUnderWay() {
+  Lock lock(stays().changed);
+  return stays().first != nullptr;
+}
+
+}  // namespace orbiq

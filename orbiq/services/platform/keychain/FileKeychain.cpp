@@ -1,0 +1,207 @@
+#include "orbiq/services/platform/keychain/FileKeychain.h"
+
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <new>
+#include <optional>
+#include <string_view>
+#include <utility>
+
+#include "orbiq/services/platform/files/BriefLock.h"
+#include "orbiq/services/platform/files/Descriptor.h"
+#include "orbiq/services/platform/files/Directories.h"
+
+namespace orbiq {
+namespace {
+
+constexpr std::size_t kSizeLimit = 65'536;
+// Names of items begin otherwise.
+constexpr const char* kLockName = "lock";
+constexpr const char* kSpareName = "spare";
+
+/// Appends a part of a file name: what is neither a small letter nor a digit nor "_" becomes "%"
+/// and two hexadecimal digits, so that different items never have one name, even where the file
+/// system takes capitals and small letters for the same.
+void appendEscaped(std::string& name, std::string_view part) {
+  constexpr char kDigits[] = "0123456789ABCDEF";
+  for (const char character : part) {
+    const auto byte = static_cast<unsigned char>(character);
+    const bool isPlain =
+        (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || byte == '_';
+    if (isPlain) {
+      name += character;
+    } else {
+      name.append({'%', kDigits[byte >> 4], kDigits[byte & 0x0F]});
+    }
+  }
+}
+
+std::string nameOf(const KeychainQuery& query) {
+  std::string name = "item" + std::to_string(query.itemClass) + ".";
+  appendEscaped(name, query.account.view());
+  name += '.';
+  appendEscaped(name, query.service.view());
+  if (query.accessGroup.isNull()) return name;
+  name += '.';
+  appendEscaped(name, query.accessGroup.view());
+  return name;
+}
+
+/// The first line of a file: what it is, and a sum (FNV-1a) over the data behind it, since a disk
+/// that lost power may hand back a file of the right length and the wrong bytes.
+std::string headerOf(std::string_view data) {
+  std::uint64_t sum = 0xCBF29CE484222325;
+  for (const char character : data) {
+    sum = (sum ^ static_cast<unsigned char>(character)) * 0x100000001B3;
+  }
+  char line[48];
+  std::snprintf(line, sizeof line, "orbiq keychain item 1 %016llx\n",
+                static_cast<unsigned long long>(sum));
+  return line;
+}
+
+/// The data of an item's file, or no value if it is damaged.
+std::optional<std::string> decoded(std::string_view bytes) {
+  const std::size_t headerEnd = bytes.find('\n') + 1;
+  const std::string_view data = bytes.substr(headerEnd);
+  if (bytes.substr(0, headerEnd) != headerOf(data)) return std::nullopt;
+  return std::string(data);
+}
+
+/// The store's directory, if it is ours alone or can be made so. `errSecItemNotFound`: nothing has
+/// that name.
+KeychainStatus openDirectory(const std::string& path, Descriptor& directory) {
+  directory = Descriptor(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+  if (!directory.isOpen()) return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
+  struct stat found{};
+  if (fstat(directory.number(), &found) != 0 || found.st_uid != geteuid()) {
+    return errSecNotAvailable;
+  }
+  // What cannot be written holds what it held, whoever may look into it.
+  const bool isClosed = (found.st_mode & 0777) == 0700 || fchmod(directory.number(), 0700) == 0;
+  return isClosed || errno == EROFS ? errSecSuccess : errSecNotAvailable;
+}
+
+/// Reads an item's file. `errSecItemNotFound`: nothing at all has that name.
+KeychainStatus readItem(const Descriptor& directory, const std::string& name, std::string& data) {
+  const Descriptor file(
+      openat(directory.number(), name.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file.isOpen()) return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
+  const std::optional<std::string> bytes = readAll(file, kSizeLimit);
+  std::optional<std::string> found = bytes ? decoded(*bytes) : std::nullopt;
+  if (!found) return errSecNotAvailable;
+  data = *std::move(found);
+  return errSecSuccess;
+}
+
+/// Makes the spare file, with the item in it, and syncs it.
+bool writeSpare(const Descriptor& directory, std::string_view data) {
+  // A writer that was killed may have left one.
+  unlinkat(directory.number(), kSpareName, 0);
+  const Descriptor file(
+      openat(directory.number(), kSpareName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  const std::string bytes = headerOf(data).append(data);
+  if (!file.isOpen() || bytes.size() > kSizeLimit) return false;
+  return writeAll(file, bytes) == 0 && fsync(file.number()) == 0;
+}
+
+/// Makes the spare file an item's new file.
+KeychainStatus addSpareAs(const Descriptor& directory, const std::string& name) {
+  // A link takes the place of nothing, even where others do not keep to the lock. Not every file
+  // system has links.
+  const int number = directory.number();
+  if (linkat(number, kSpareName, number, name.c_str(), 0) == 0 ||
+      (errno != EEXIST &&
+       renameat2(number, kSpareName, number, name.c_str(), RENAME_NOREPLACE) == 0)) {
+    return errSecSuccess;
+  }
+  return errno == EEXIST ? errSecDuplicateItem : errSecNotAvailable;
+}
+
+KeychainStatus syncDirectory(const Descriptor& directory) {
+  // Some file systems cannot do that to a directory, and say so by EINVAL.
+  const bool isDone = fsync(directory.number()) == 0 || errno == EINVAL;
+  return isDone ? errSecSuccess : errSecNotAvailable;
+}
+
+}  // namespace
+
+FileKeychain::FileKeychain(std::string directory, std::chrono::milliseconds lockLimit)
+    : _directory(std::move(directory)), _lockLimit(lockLimit) {}
+
+KeychainMatch FileKeychain::copyMatching(const KeychainQuery& query) try {
+  KeychainMatch match;
+  Descriptor directory;
+  std::string data;
+  match.status = openDirectory(_directory, directory);
+  if (match.status == errSecSuccess) match.status = readItem(directory, nameOf(query), data);
+  if (query.returnData && !data.empty()) match.data = std::move(data);
+  return match;
+} catch (const std::bad_alloc&) {
+  return {};
+}
+
+KeychainStatus FileKeychain::add(const KeychainQuery& query) try {
+  Descriptor directory;
+  if (makeDirectories(_directory) != 0 || openDirectory(_directory, directory) != errSecSuccess) {
+    return errSecNotAvailable;
+  }
+  const BriefLock lock(directory.number(), kLockName, _lockLimit);
+  if (!lock.isHeld()) return errSecNotAvailable;
+
+  KeychainStatus status = errSecNotAvailable;
+  if (writeSpare(directory, query.valueData.value_or(""))) {
+    status = addSpareAs(directory, nameOf(query));
+  }
+  unlinkat(directory.number(), kSpareName, 0);
+  return status == errSecSuccess ? syncDirectory(directory) : status;
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
+}
+
+KeychainStatus FileKeychain::update(const KeychainQuery& query,
+                                    const KeychainAttributes& changes) try {
+  Descriptor directory;
+  KeychainStatus status = openDirectory(_directory, directory);
+  if (status != errSecSuccess) return status;
+  const BriefLock lock(directory.number(), kLockName, _lockLimit);
+  if (!lock.isHeld()) return errSecNotAvailable;
+
+  const std::string name = nameOf(query);
+  std::string data;
+  status = readItem(directory, name, data);
+  if (status != errSecSuccess || !changes.valueData) return status;
+  const int number = directory.number();
+  if (!writeSpare(directory, *changes.valueData) ||
+      renameat(number, kSpareName, number, name.c_str()) != 0) {
+    unlinkat(number, kSpareName, 0);
+    return errSecNotAvailable;
+  }
+  return syncDirectory(directory);
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
+}
+
+KeychainStatus FileKeychain::deleteMatching(const KeychainQuery& query) try {
+  Descriptor directory;
+  const KeychainStatus status = openDirectory(_directory, directory);
+  if (status != errSecSuccess) return status;
+  const BriefLock lock(directory.number(), kLockName, _lockLimit);
+  if (!lock.isHeld()) return errSecNotAvailable;
+
+  // What a killed writer left behind may be the same item.
+  unlinkat(directory.number(), kSpareName, 0);
+  if (unlinkat(directory.number(), nameOf(query).c_str(), 0) != 0) {
+    return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
+  }
+  return syncDirectory(directory);
+} catch (const std::bad_alloc&) {
+  return errSecNotAvailable;
+}
+
+}  // namespace orbiq

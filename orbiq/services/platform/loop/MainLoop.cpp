@@ -1,0 +1,396 @@
+#include "orbiq/services/platform/loop/MainLoop.h"
+
+#include <sys/epoll.h>
+
+#include <algorithm>
+#include <array>
+#include <cstdlib>
+#include <list>
+#include <map>
+#include <memory>
+#include <new>
+#include <utility>
+
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/log/ForkedAway.h"
+#include "orbiq/services/platform/loop/LoopDescriptors.h"
+#include "orbiq/services/platform/loop/TimerTable.h"
+#include "orbiq/services/platform/threads/Mutex.h"
+#include "orbiq/services/platform/threads/Thread.h"
+
+namespace orbiq {
+namespace {
+
+using Task = std::function<void()>;
+/// Shared by the loop's tables and the call in progress, so that a callback may remove itself.
+using Callback = TimerTable::Callback;
+using std::chrono::nanoseconds;
+
+constexpr nanoseconds kDescriptorRetry = std::chrono::seconds{1};
+constexpr nanoseconds kLongestWaitAtExit = std::chrono::milliseconds{250};
+/// Added to a watched descriptor's number, so that an event of a closed descriptor is not taken for
+/// one of its successor of the same number.
+constexpr std::uint64_t kKeyStep = std::uint64_t{1} << 32;
+
+thread_local bool onLoopThread = false;
+
+/// CLOCK_MONOTONIC, the clock of the timer descriptor.
+nanoseconds monotonicNow() { return std::chrono::steady_clock::now().time_since_epoch(); }
+
+/// Who asks for work, and so what makes it stop asking.
+enum class Runner { library, host, run };
+
+struct Watch {
+  std::uint64_t key;
+  Callback readable;
+};
+
+}  // namespace
+
+struct MainLoop::State {
+  Condition condition;
+
+  LoopDescriptors descriptors ORBIQ_GUARDED_BY(condition);
+  bool adopted ORBIQ_GUARDED_BY(condition) = false;
+  bool threadRuns ORBIQ_GUARDED_BY(condition) = false;
+  bool stopRequested ORBIQ_GUARDED_BY(condition) = false;
+  bool processExits ORBIQ_GUARDED_BY(condition) = false;
+  int runs ORBIQ_GUARDED_BY(condition) = 0;
+
+  std::list<Task> posted ORBIQ_GUARDED_BY(condition);
+  /// How many were ever posted, and ever taken to be run.
+  std::uint64_t postedCount ORBIQ_GUARDED_BY(condition) = 0;
+  std::uint64_t takenCount ORBIQ_GUARDED_BY(condition) = 0;
+
+  TimerTable timers ORBIQ_GUARDED_BY(condition);
+
+  std::map<int, Watch> watches ORBIQ_GUARDED_BY(condition);
+  std::uint64_t lastKey ORBIQ_GUARDED_BY(condition) = 0;
+  /// When to try again what could not be watched for want of memory; 0 for never.
+  nanoseconds retryAt ORBIQ_GUARDED_BY(condition){0};
+
+  bool openDescriptors() ORBIQ_REQUIRES(condition);
+  void updateEvent() ORBIQ_REQUIRES(condition);
+  void updateAlarm() ORBIQ_REQUIRES(condition);
+  void addWatch(int descriptor, const Watch& watch) ORBIQ_REQUIRES(condition);
+  void addWatches() ORBIQ_REQUIRES(condition);
+  /// After a change that the loop's thread must see: tells it, or starts it.
+  void wakeOrStart() ORBIQ_REQUIRES(condition);
+  /// Ends the library's thread, which must not run callbacks beside static destructors.
+  void endWithProcess();
+
+  bool mayRun(Runner runner) const ORBIQ_REQUIRES(condition);
+  void leave(Runner runner) ORBIQ_REQUIRES(condition);
+  void waitWithoutDescriptors() ORBIQ_REQUIRES(condition);
+  /// Waits until something may be due; false if the runner is to leave.
+  bool await(Runner runner);
+  void runAll(Runner runner) {
+    while (await(runner)) runDue(runner);
+  }
+
+  void runDue(Runner runner);
+  bool takePosted(Runner runner, std::uint64_t limit, Task& task);
+  bool fireNext(Runner runner, nanoseconds limit);
+  void runReadable(Runner runner);
+};
+
+bool MainLoop::State::openDescriptors() {
+  if (descriptors.areOpen()) return true;
+  if (!descriptors.open()) return false;
+  addWatches();
+  updateEvent();
+  updateAlarm();
+  // The library's thread may be waiting without descriptors.
+  condition.broadcast();
+  return true;
+}
+
+void MainLoop::State::addWatch(int descriptor, const Watch& watch) {
+  if (!descriptors.areOpen() || descriptors.add(descriptor, watch.key)) return;
+  if (retryAt.count() == 0) retryAt = monotonicNow() + kDescriptorRetry;
+}
+
+/// Adding one that is there already changes nothing.
+void MainLoop::State::addWatches() {
+  retryAt = nanoseconds{0};
+  for (const auto& [descriptor, watch] : watches) addWatch(descriptor, watch);
+}
+
+/// Raises the event, or takes it back, so that the descriptor is readable exactly while something
+/// is to be done.
+void MainLoop::State::updateEvent() {
+  const bool wanted =
+      !posted.empty() || ((adopted || processExits) && threadRuns) || (runs > 0 && stopRequested);
+  if (descriptors.areOpen()) {
+    descriptors.raise(wanted);
+  } else {
+    condition.broadcast();
+  }
+}
+
+/// Sets the alarm to what is due first.
+void MainLoop::State::updateAlarm() {
+  nanoseconds earliest = timers.earliest();
+  if (retryAt.count() != 0 && (earliest.count() == 0 || retryAt < earliest)) earliest = retryAt;
+  if (descriptors.areOpen()) {
+    descriptors.setAlarm(earliest);
+  } else {
+    condition.broadcast();
+  }
+}
+
+void MainLoop::State::wakeOrStart() {
+  openDescriptors();
+  updateEvent();
+  updateAlarm();
+  if (adopted || threadRuns || processExits) return;
+  threadRuns = startThread("orbiqMainLoop", [this] {
+                 onLoopThread = true;
+                 runAll(Runner::library);
+               }) == 0;
+}
+
+void MainLoop::State::endWithProcess() {
+  if (inForkedChild()) return;
+  const nanoseconds deadline = monotonicNow() + kLongestWaitAtExit;
+  const Lock lock(condition);
+  processExits = true;
+  updateEvent();
+  while (threadRuns && !isLibraryThread()) {
+    const nanoseconds left = deadline - monotonicNow();
+    if (left.count() <= 0) return;
+    condition.waitFor(left);
+  }
+}
+
+bool MainLoop::State::mayRun(Runner runner) const {
+  switch (runner) {
+    case Runner::library:
+      return !adopted && !processExits;
+    case Runner::host:
+      return adopted;
+    case Runner::run:
+      return !stopRequested;
+  }
+  return false;
+}
+
+void MainLoop::State::leave(Runner runner) {
+  if (runner == Runner::library) {
+    threadRuns = false;
+    condition.broadcast();
+  } else {
+    --runs;
+    stopRequested = false;
+  }
+  updateEvent();
+}
+
+void MainLoop::State::waitWithoutDescriptors() {
+  if (!posted.empty()) return;
+  nanoseconds longest = nanoseconds::max();
+  if (!watches.empty()) longest = kDescriptorRetry;
+  const nanoseconds earliest = timers.earliest();
+  if (earliest.count() > 0) longest = std::min(longest, earliest - monotonicNow());
+  if (longest == nanoseconds::max()) {
+    condition.wait();
+  } else if (longest.count() > 0) {
+    condition.waitFor(longest);
+  }
+}
+
+bool MainLoop::State::await(Runner runner) {
+  int set = -1;
+  {
+    const Lock lock(condition);
+    if (!mayRun(runner)) {
+      leave(runner);
+      return false;
+    }
+    if (!openDescriptors()) {
+      waitWithoutDescriptors();
+      return true;
+    }
+    set = descriptors.set();
+  }
+  epoll_event ignored{};
+  epoll_wait(set, &ignored, 1, -1);
+  return true;
+}
+
+/// Runs what was due at the call; what comes up meanwhile is left, so that it ends.
+void MainLoop::State::runDue(Runner runner) {
+  std::uint64_t limit = 0;
+  const nanoseconds now = monotonicNow();
+  {
+    const Lock lock(condition);
+    limit = postedCount;
+    if (retryAt.count() != 0 && retryAt <= now) {
+      addWatches();
+      updateAlarm();
+    }
+  }
+  // The task is cleared out here because the end of what it holds may use the loop again.
+  for (Task task; takePosted(runner, limit, task); task = nullptr) runTask(task);
+  while (fireNext(runner, now)) continue;
+  runReadable(runner);
+}
+
+bool MainLoop::State::takePosted(Runner runner, std::uint64_t limit, Task& task) {
+  const Lock lock(condition);
+  if (!mayRun(runner) || takenCount >= limit) return false;
+  task = std::move(posted.front());
+  posted.pop_front();
+  ++takenCount;
+  updateEvent();
+  return true;
+}
+
+bool MainLoop::State::fireNext(Runner runner, nanoseconds limit) {
+  Callback fire;
+  TimerId timer = 0;
+  {
+    const Lock lock(condition);
+    if (mayRun(runner)) timer = timers.beginFiring(limit, fire);
+    if (timer == 0) return false;
+    updateAlarm();
+  }
+  runTask(*fire);
+  const Lock lock(condition);
+  timers.endFiring(timer, monotonicNow());
+  updateAlarm();
+  return true;
+}
+
+void MainLoop::State::runReadable(Runner runner) {
+  int set = -1;
+  {
+    const Lock lock(condition);
+    set = descriptors.set();
+  }
+  std::array<epoll_event, 16> events;
+  const int count = epoll_wait(set, events.data(), static_cast<int>(events.size()), 0);
+  for (int i = 0; i < count; ++i) {
+    const std::uint64_t key = events[static_cast<std::size_t>(i)].data.u64;
+    Callback readable;
+    {
+      const Lock lock(condition);
+      if (!mayRun(runner)) return;
+      const auto watch = watches.find(static_cast<int>(key % kKeyStep));
+      if (watch != watches.end() && watch->second.key == key) readable = watch->second.readable;
+    }
+    if (readable) runTask(*readable);
+  }
+}
+
+MainLoop::MainLoop(State& state) : _state(state) { armForkGuard(); }
+
+MainLoop& MainLoop::mainLoop() {
+  static NeverDestroyed<State> state;
+  static MainLoop loop(*state);
+  try {
+    static const bool isRegistered =
+        std::atexit([] { loop._state.endWithProcess(); }) == 0 ? true : throw std::bad_alloc();
+    static_cast<void>(isRegistered);
+  } catch (const std::bad_alloc&) {
+    // The next call tries again.
+  }
+  return loop;
+}
+
+int MainLoop::adopt() {
+  if (onLoopThread || isForkedAway()) return -1;
+  const Lock lock(_state.condition);
+  if (!_state.openDescriptors()) return -1;
+  _state.adopted = true;
+  _state.updateEvent();
+  while (_state.threadRuns) _state.condition.wait();
+  return _state.descriptors.set();
+}
+
+void MainLoop::runPending() {
+  if (!isForkedAway()) _state.runDue(Runner::host);
+}
+
+void MainLoop::run() {
+  if (adopt() < 0) return;
+  {
+    const Lock lock(_state.condition);
+    ++_state.runs;
+    _state.updateEvent();
+  }
+  _state.runAll(Runner::run);
+}
+
+void MainLoop::stop() {
+  if (isForkedAway()) return;
+  const Lock lock(_state.condition);
+  _state.stopRequested = true;
+  _state.updateEvent();
+}
+
+bool MainLoop::post(std::function<void()> task) try {
+  if (isForkedAway()) return false;
+  std::list<Task> added;
+  added.push_back(std::move(task));
+  const Lock lock(_state.condition);
+  _state.posted.splice(_state.posted.end(), added);
+  ++_state.postedCount;
+  _state.wakeOrStart();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats, std::function<void()> fire,
+                                     TimerId* timer) try {
+  if (isForkedAway()) return 0;
+  auto callback = std::make_shared<const Task>(std::move(fire));
+  const Lock lock(_state.condition);
+  const TimerId id = _state.timers.add(monotonicNow(), interval, repeats, std::move(callback));
+  if (timer) *timer = id;
+  _state.wakeOrStart();
+  return id;
+} catch (const std::bad_alloc&) {
+  return 0;
+}
+
+void MainLoop::removeTimer(TimerId timer) {
+  if (isForkedAway()) return;
+  // What the callback holds may use the loop in its end, so that comes after the lock.
+  Callback removed;
+  const Lock lock(_state.condition);
+  removed = _state.timers.remove(timer);
+  if (removed) _state.updateAlarm();
+}
+
+bool MainLoop::watch(int descriptor, std::function<void()> readable) try {
+  if (isForkedAway() || descriptor < 0) return false;
+  Callback callback = std::make_shared<const Task>(std::move(readable));
+  // Replaced under the lock, gone after it.
+  Callback previous;
+  const Lock lock(_state.condition);
+  Watch& watch = _state.watches[descriptor];
+  _state.lastKey += kKeyStep;
+  watch.key = _state.lastKey + static_cast<std::uint64_t>(descriptor);
+  previous = std::exchange(watch.readable, std::move(callback));
+  _state.addWatch(descriptor, watch);
+  _state.wakeOrStart();
+  return true;
+} catch (const std::bad_alloc&) {
+  return false;
+}
+
+void MainLoop::unwatch(int descriptor) {
+  if (isForkedAway()) return;
+  Callback removed;
+  const Lock lock(_state.condition);
+  const auto found = _state.watches.find(descriptor);
+  if (found == _state.watches.end()) return;
+  removed = std::move(found->second.readable);
+  _state.watches.erase(found);
+  if (_state.descriptors.areOpen()) _state.descriptors.remove(descriptor);
+}
+
+}  // namespace orbiq

@@ -1,0 +1,156 @@
+#include "orbiq/services/platform/loop/SerialQueue.h"
+
+#include <pthread.h>
+
+#include <chrono>
+#include <deque>
+#include <new>
+#include <utility>
+
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/log/ForkedAway.h"
+#include "orbiq/services/platform/threads/Mutex.h"
+#include "orbiq/services/platform/threads/Thread.h"
+
+namespace orbiq {
+namespace {
+
+using Task = std::function<void()>;
+
+constexpr std::chrono::seconds kIdleTime{2};
+
+/// Lets a cancellation of this thread wait for the end of a scope.
+class CancellationHeld {
+ public:
+  CancellationHeld() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_previous); }
+  ~CancellationHeld() { pthread_setcancelstate(_previous, nullptr); }
+  CancellationHeld(const CancellationHeld&) = delete;
+  CancellationHeld& operator=(const CancellationHeld&) = delete;
+
+ private:
+  int _previous = PTHREAD_CANCEL_ENABLE;
+};
+
+}  // namespace
+
+struct SerialQueue::State {
+  State(std::string text, Task idleTask, WorkKind workKind)
+      : label(std::move(text)), onIdle(std::move(idleTask)), kind(workKind) {}
+
+  const std::string label;
+  const Task onIdle;
+  const WorkKind kind;
+  Condition condition;
+  std::deque<Task> tasks ORBIQ_GUARDED_BY(condition);
+  /// Somebody, normally the queue's thread, runs the tasks until there is none.
+  bool attended ORBIQ_GUARDED_BY(condition) = false;
+  bool closed ORBIQ_GUARDED_BY(condition) = false;
+  /// The queue's thread waits for a task, and nobody has signalled yet.
+  bool idle ORBIQ_GUARDED_BY(condition) = false;
+  /// No task has come since `onIdle`.
+  bool rested ORBIQ_GUARDED_BY(condition) = false;
+
+  /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
+  static bool ensureThread(const std::shared_ptr<State>& state)
+      ORBIQ_REQUIRES(state->condition) try {
+    if (!state->attended) {
+      const auto run = [state] { state->runTasks(kIdleTime); };
+      state->attended = startThread(state->label, run, state->kind) == 0;
+    }
+    return state->attended;
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+
+  /// Runs tasks until none has come for the idle time.
+  void runTasks(std::chrono::seconds idleTime) {
+    for (Task task; take(task, idleTime); task = nullptr) runTask(task);
+  }
+
+  bool take(Task& task, std::chrono::seconds idleTime) {
+    const Lock lock(condition);
+    while (tasks.empty()) {
+      const bool waits = !closed && !rested && idleTime.count() != 0;
+      idle = waits;
+      const bool isOver = !waits || !condition.waitFor(idleTime);
+      idle = false;
+      if (isOver && tasks.empty()) {
+        rested = waits && !closed && onIdle;
+        attended = rested;
+        task = rested ? onIdle : nullptr;
+        return rested;
+      }
+    }
+    rested = false;
+    task = std::move(tasks.front());
+    tasks.pop_front();
+    return true;
+  }
+};
+
+SerialQueue::SerialQueue(std::string label, std::function<void()> onIdle, WorkKind kind)
+    : _state(std::make_shared<State>(std::move(label), std::move(onIdle), kind)) {}
+
+SerialQueue::~SerialQueue() {
+  if (inForkedChild()) return;
+  const Lock lock(_state->condition);
+  _state->closed = true;
+  if (!_state->tasks.empty()) State::ensureThread(_state);
+  _state->condition.signal();
+}
+
+const std::string& SerialQueue::label() const { return _state->label; }
+
+void SerialQueue::async(std::function<void()> task) {
+  if (isForkedAway()) return;
+  std::shared_ptr<State> sleeper;
+  {
+    const Lock lock(_state->condition);
+    _state->tasks.push_back(std::move(task));
+    // A thread that is at work looks for further tasks by itself.
+    if (State::ensureThread(_state) && _state->idle) {
+      _state->idle = false;
+      sleeper = _state;  // the task may destroy the queue before the signal
+    }
+  }
+  // Outside of the lock, or the thread would wake up only to wait for it.
+  if (sleeper) sleeper->condition.signal();
+}
+
+void SerialQueue::resume() {
+  if (isForkedAway()) return;
+  const Lock lock(_state->condition);
+  if (!_state->tasks.empty()) State::ensureThread(_state);
+}
+
+void SerialQueue::sync(std::function<void()> task) {
+  if (isForkedAway()) return;
+  struct Completion {
+    Condition condition;
+    bool done ORBIQ_GUARDED_BY(condition) = false;
+  };
+  // The task lives here, and others' tasks may run here.
+  const CancellationHeld held;
+  // Shared, because the task's thread still touches it while the caller is already leaving.
+  const auto completion = std::make_shared<Completion>();
+  bool mustAttend = false;
+  {
+    const Lock lock(_state->condition);
+    _state->tasks.emplace_back([&task, completion] {
+      runTask(task);
+      const Lock completionLock(completion->condition);
+      completion->done = true;
+      completion->condition.signal();
+    });
+    if (State::ensureThread(_state)) {
+      _state->condition.signal();
+    } else {
+      _state->attended = mustAttend = true;
+    }
+  }
+  if (mustAttend) _state->runTasks(std::chrono::seconds{0});
+  const Lock lock(completion->condition);
+  while (!completion->done) completion->condition.wait();
+}
+
+}  // namespace orbiq

@@ -1,0 +1,48 @@
+#pragma once
+
+#include <functional>
+#include <memory>
+#include <string>
+
+#include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/threads/WorkKind.h"
+
+namespace orbiq {
+
+/// Runs tasks one at a time, in the order in which they were given, on a thread that exists only
+/// while there is work: the first task starts it, two idle seconds end it, and where it cannot be
+/// started the next task tries again. Tasks given before the queue is destroyed still run (only if
+/// no thread can be had even then are they dropped). What a task throws ends with that task.
+/// Thread-safe. In a forked child nothing runs.
+class ORBIQ_EXPORT SerialQueue {
+ public:
+  /// The label becomes the thread's name, the kind says how it is scheduled. `onIdle` runs like a
+  /// task, as the last one before the thread ends for want of others; not any more when the queue
+  /// is being destroyed.
+  explicit SerialQueue(std::string label, std::function<void()> onIdle = {},
+                       WorkKind kind = WorkKind::Prompt);
+  /// Returns at once; never waits for tasks, so a task may destroy its own queue.
+  ~SerialQueue();
+  SerialQueue(const SerialQueue&) = delete;
+  SerialQueue& operator=(const SerialQueue&) = delete;
+
+  /// As it was given.
+  const std::string& label() const;
+  /// Adds a task and returns at once. Any thread. Throws `std::bad_alloc` if there is no memory for
+  /// the task, which is not added then.
+  void async(std::function<void()> task);
+  /// Tries again to start the thread that waiting tasks could not get. For a queue that is given no
+  /// further tasks.
+  void resume();
+  /// Returns when the task has run. Must not be called from a task of the same queue. Where no
+  /// thread can be started, the tasks run on the calling thread. Throws as `async` does. The
+  /// calling thread is not cancelled before the return.
+  void sync(std::function<void()> task);
+
+ private:
+  struct ORBIQ_HIDDEN State;
+  /// Shared with the thread, which may outlive the queue.
+  std::shared_ptr<State> _state;
+};
+
+}  // namespace orbiq

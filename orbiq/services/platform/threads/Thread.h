@@ -1,0 +1,24 @@
+#pragma once
+
+#include <functional>
+#include <string>
+
+#include "orbiq/services/platform/threads/WorkKind.h"
+
+namespace orbiq {
+
+/// Starts a detached thread with the label as its name (cut to what the kernel holds), every signal
+/// blocked, a small stack and the policy of its work, whatever that of the caller is. It cannot be
+/// cancelled. Returns 0, or the error number of the failed start: nothing of the body has run then,
+/// and it is gone. A body that throws ends the process; see `runTask`.
+int startThread(const std::string& label, std::function<void()> body,
+                WorkKind kind = WorkKind::Prompt);
+
+/// True on a thread that `startThread` made.
+bool isLibraryThread() noexcept;
+
+/// Calls the task, if there is one. What it throws ends here: one task must not take the thread, or
+/// the tasks behind it, along. Only the end of a thread of the host's, which was cancelled, passes.
+void runTask(const std::function<void()>& task);
+
+}  // namespace orbiq

@@ -1,0 +1,20 @@
+#pragma once
+
+#include "orbiq/services/platform/time/Date.h"
+
+namespace orbiq {
+
+/// The one source of "now". Thread-safe.
+class Clock {
+ public:
+  virtual ~Clock() = default;
+  virtual Date now() const = 0;
+};
+
+/// The machine's real-time clock.
+class SystemClock final : public Clock {
+ public:
+  Date now() const override;
+};
+
+}  // namespace orbiq

@@ -1,0 +1,415 @@
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+
+#include <array>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
+#include "tests/support/TemporaryDirectory.h"
+
+namespace orbiq::test {
+namespace {
+
+constexpr std::string_view kItemNames[]{"Item", "Base", "NSObject"};
+constexpr std::string_view kMarkerNames[]{"Marker", "NSObject"};
+
+/// Has a field of each kind.
+struct Item : Archivable {
+  static const ArchivedClass kClass;
+  String name;
+  std::int64_t number = 0;
+  std::uint64_t count = 0;
+  bool flag = false;
+  std::optional<Date> date;
+  SharedParameters parameters;
+  std::shared_ptr<Archivable> link;
+
+  const ArchivedClass& archivedClass() const override { return kClass; }
+  void encodeWithCoder(KeyedArchiver& coder) const override {
+    coder.encodeString(name, "name");
+    coder.encodeInteger(number, "number");
+    coder.encodeInteger(static_cast<std::int64_t>(count), "count");
+    coder.encodeBoolean(flag, "flag");
+    coder.encodeDate(date, "date");
+    coder.encodeParameters(parameters, "parameters");
+    coder.encodeObject(link.get(), "link");
+  }
+  static std::shared_ptr<Archivable> decode(KeyedUnarchiver& coder) {
+    auto item = std::make_shared<Item>();
+    item->name = coder.decodeString("name");
+    item->number = coder.decodeInteger("number");
+    item->count = coder.decodeUnsigned("count");
+    item->flag = coder.decodeBoolean("flag");
+    item->date = coder.decodeDate("date");
+    item->parameters = coder.decodeParameters("parameters");
+    item->link = coder.decodeObject("link", kClass);
+    return item;
+  }
+
+  /// The fields that hold something.
+  std::string description() const override {
+    std::ostringstream text;
+    if (!name.isNull()) text << "name=" << name.view() << ' ';
+    if (number != 0) text << "number=" << number << ' ';
+    if (count != 0) text << "count=" << count << ' ';
+    if (flag) text << "flag ";
+    if (date) text << "date=" << date->secondsSinceReferenceDate << ' ';
+    if (parameters) {
+      text << "{ ";
+      for (const auto& [key, value] : *parameters) text << key.view() << '=' << value.view() << ' ';
+      text << "} ";
+    }
+    if (link) text << "-> " << link->description();
+    return text.str();
+  }
+};
+const ArchivedClass Item::kClass{kItemNames, &Item::decode};
+
+/// Writes no fields.
+struct Marker : Item {
+  static const ArchivedClass kClass;
+  const ArchivedClass& archivedClass() const override { return kClass; }
+  void encodeWithCoder(KeyedArchiver& /*coder*/) const override {}
+};
+const ArchivedClass Marker::kClass{kMarkerNames, &Item::decode};
+
+using Queue = std::vector<std::shared_ptr<Archivable>>;
+
+std::optional<Queue> unarchive(std::string_view bytes) {
+  const ArchivedClass* const accepted[]{&Item::kClass, &Marker::kClass};
+  return KeyedUnarchiver::unarchiveArray(bytes, accepted);
+}
+
+std::string archive(const Queue& queue, KeyedArchiver& archiver) {
+  archiver.beginRootArray();
+  for (const auto& element : queue) archiver.addElement(*element);
+  return std::string(archiver.finish().all);
+}
+
+std::string archive(const Queue& queue) {
+  KeyedArchiver archiver;
+  return archive(queue, archiver);
+}
+
+std::shared_ptr<Item> itemNamed(const String& name) {
+  auto item = std::make_shared<Item>();
+  item->name = name;
+  return item;
+}
+
+/// Two items that share a text, their parameters and what they link to; the first again; a marker.
+Queue sampleQueue() {
+  const auto first = itemNamed("shared");
+  first->number = std::numeric_limits<std::int64_t>::min();
+  first->count = std::numeric_limits<std::int64_t>::max();
+  first->flag = true;
+  first->date = Date{-1.5};
+  first->parameters =
+      std::make_shared<Parameters>(Parameters{{"", ""},
+                                              {"a", first->name},
+                                              {"b", "caf\xC3\xA9 \xF0\x9F\x98\x80 \xFF"},
+                                              {"c", {}},
+                                              {"d", "a text of more than fifteen characters"}});
+  first->link = itemNamed({});
+  const auto second = itemNamed(first->name);
+  second->number = -2;
+  second->count = std::uint64_t{1} << 32;
+  second->date = Date{1e300};
+  second->parameters = first->parameters;
+  second->link = first->link;
+  return {first, second, first, std::make_shared<Marker>()};
+}
+
+/// What a script of tests/support prints, given `input`.
+std::string python(const std::string& script, const std::string& input) {
+  const TemporaryDirectory directory;
+  const std::filesystem::path file = directory.path() / "input";
+  std::ofstream(file, std::ios::binary) << input;
+  const std::string command = "python3 " ORBIQ_TEST_SUPPORT "/" + script + " < " + file.string();
+  std::FILE* const pipe = popen(command.c_str(), "r");
+  std::string output;
+  char buffer[4096];
+  while (const std::size_t read = std::fread(buffer, 1, sizeof buffer, pipe)) {
+    output.append(buffer, read);
+  }
+  EXPECT_EQ(pclose(pipe), 0) << command;
+  return output;
+}
+
+/// Archives by another writer, one for each line, which is an expression over the functions of
+/// write_archives.py.
+std::vector<std::string> pythonArchives(const std::string& lines) {
+  const std::string output = python("write_archives.py", lines);
+  std::vector<std::string> archives;
+  for (std::size_t at = 0; at < output.size(); at += 20 + archives.back().size()) {
+    archives.push_back(output.substr(at + 20, std::stoul(output.substr(at, 20))));
+  }
+  return archives;
+}
+
+/// Lets the process grow by 64 MiB and no more. (AddressSanitizer reserves terabytes, and cannot
+/// live under a limit.)
+void limitMemory() {
+  std::size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  rlimit limit;
+  getrlimit(RLIMIT_AS, &limit);
+  if (pages < 1U << 28) limit.rlim_cur = pages * 4096 + (64U << 20);
+  setrlimit(RLIMIT_AS, &limit);
+}
+
+TEST(KeyedArchive, IsReadByAnotherReaderAndComesBackWithItsSharing) {
+  const std::string bytes = archive(sampleQueue());
+  EXPECT_EQ(python("read_archive.py", bytes),
+            "{'$version': 100000, '$archiver': 'NSKeyedArchiver', '$top': {'root': UID(1)}}\n"
+            "1(NSMutableArray<NSMutableArray,NSArray,NSObject NS.objects="
+            "7(Item<Item,Base,NSObject name=8:'shared' "
+            "number=-9223372036854775808 count=9223372036854775807 flag=True "
+            "date=9(NSDate<NSDate,NSObject NS.time=-1.5) "
+            "parameters=10(NSMutableDictionary<NSMutableDictionary,NSDictionary,NSObject "
+            "NS.keys=13:'',15:'a',16:'b',18:'d' NS.objects=14:'',8:'shared',"
+            "17:'caf\\xe9 \\U0001f600 \\ufffd',19:'a text of more than fifteen characters') "
+            "link=11(Item<Item,Base,NSObject name=0:'$null' number=0 count=0 flag=False "
+            "date=0:'$null' parameters=0:'$null' link=0:'$null')),"
+            "20(Item<Item,Base,NSObject name=8:'shared' number=-2 count=4294967296 flag=False "
+            "date=21(NSDate<NSDate,NSObject NS.time=1e+300) parameters=same 10 link=same 11),"
+            "same 7,5(Marker<Marker,NSObject))\n");
+
+  const auto elements = unarchive(bytes);
+  ASSERT_TRUE(elements && elements->size() == 4);
+  const auto first = std::dynamic_pointer_cast<Item>(elements->at(0));
+  const auto second = std::dynamic_pointer_cast<Item>(elements->at(1));
+  ASSERT_TRUE(first && second);
+  EXPECT_EQ(first->description(),
+            "name=shared number=-9223372036854775808 count=9223372036854775807 flag date=-1.5 "
+            "{ = a=shared b=caf\xC3\xA9 \xF0\x9F\x98\x80 \xEF\xBF\xBD "
+            "d=a text of more than fifteen characters } -> ");
+  EXPECT_EQ(elements->at(2), first);
+  EXPECT_TRUE(first->name.isSameObjectAs(second->name));
+  EXPECT_TRUE(first->name.isSameObjectAs(first->parameters->at("a")));
+  EXPECT_EQ(first->parameters, second->parameters);
+  EXPECT_EQ(first->link, second->link);
+}
+
+/// Its texts and parameters live no longer than the call that encodes them, so that one may stand
+/// where another stood.
+struct Fleeting : Item {
+  explicit Fleeting(int value) { number = value; }
+  void encodeWithCoder(KeyedArchiver& coder) const override {
+    const std::string text = std::to_string(number);
+    coder.encodeString(String(text), "name");
+    coder.encodeParameters(std::make_shared<Parameters>(Parameters{{text, "1"}}), "parameters");
+  }
+};
+
+TEST(KeyedArchive, ArchiverIsReusableAndKeepsShortLivedValuesApart) {
+  KeyedArchiver archiver;
+  const Queue fleeting{std::make_shared<Fleeting>(1), std::make_shared<Fleeting>(3)};
+  for (const Queue& queue : {sampleQueue(), Queue{}, fleeting}) {
+    EXPECT_EQ(archive(queue, archiver), archive(queue));
+  }
+  const auto elements = unarchive(archive(fleeting));
+  ASSERT_TRUE(elements && elements->size() == 2);
+  EXPECT_EQ(elements->at(0)->description(), "name=1 { 1=1 } ");
+  EXPECT_EQ(elements->at(1)->description(), "name=3 { 3=1 } ");
+}
+
+std::size_t numberAt(const std::string& bytes, std::size_t at, std::size_t size) {
+  std::size_t number = 0;
+  for (std::size_t i = at; i < at + size; ++i) {
+    number = number << 8 | static_cast<unsigned char>(bytes[i]);
+  }
+  return number;
+}
+
+std::string withNumber(std::string bytes, std::size_t at, std::size_t size, std::uint64_t number) {
+  for (std::size_t i = size; i-- > 0; number >>= 8) bytes[at + i] = static_cast<char>(number);
+  return bytes;
+}
+
+TEST(KeyedArchive, AnyNumberOfObjects) {
+  Queue queue;
+  const Item sample;
+  const std::array<const Archivable*, 1> samples{&sample};
+  KeyedArchiver archiver(samples);
+  std::size_t widths = 0;
+  // Wider references are needed from somewhere among these on.
+  for (std::size_t count = 16368; count <= 16380; ++count) {
+    while (queue.size() < count) queue.push_back(itemNamed(std::to_string(queue.size())));
+    const std::string bytes = archive(queue, archiver);
+    const std::size_t trailer = bytes.size() - 32;
+    const std::size_t refSize = numberAt(bytes, trailer + 7, 1);
+    // Some readers want the number of objects itself to fit.
+    EXPECT_LT(numberAt(bytes, trailer + 8, 8), 1ULL << 8 * refSize);
+    widths |= refSize;
+    if (count != 16368 && count != 16380) continue;
+    const std::string seen = python("read_archive.py", bytes);
+    const auto elements = unarchive(bytes);
+    ASSERT_TRUE(elements && elements->size() == count);
+    for (std::size_t i = 0, at = 0; i < count; ++i) {
+      ASSERT_EQ(elements->at(i)->description(), queue[i]->description());
+      at = seen.find(":'" + std::to_string(i) + "' ", at);
+      ASSERT_NE(at, seen.npos) << i;
+    }
+  }
+  EXPECT_EQ(widths, 2U | 4U);
+  // Shortened from the front, across the same border.
+  while (queue.size() > 16367) {
+    queue.erase(queue.begin());
+    KeyedArchiver fresh(samples);
+    EXPECT_EQ(archive(queue, archiver), archive(queue, fresh));
+  }
+}
+
+TEST(KeyedArchive, ReadsOtherWriters) {
+  const struct {
+    const char* expression;
+    const char* expected;  // null if it is no archive
+  } cases[]{
+      {"item('caf\\u00e9', root='NSMutableArray', name=UID(8))", "name=caf\xC3\xA9 "},
+      {R"(binary(item('abcde', name=UID(8))).replace(b'\x55abcde', b'\x75caf\xC3\xA9'))",
+       "name=caf\xC3\xA9 "},
+      {"item({'NS.string': 'boxed', '$class': UID(7)}, name=UID(8), x=1, y=[])", "name=boxed "},
+      {"item({'NS.string': 'boxed', '$class': UID(5)}, 7, name=UID(8), date=UID(9), link=UID(8))",
+       ""},
+      {"item(7, name=UID(8), parameters=UID(999), link=UID(8))", ""},
+      {"item(name='inline', number='7', count=UID(7), flag=[1], date=2.5, link=UID(2))", ""},
+      {"item(cls('Marker'), {'$class': UID(8)}, elements=[UID(9), UID(2)], link=UID(9))", ""},
+      {"item({'number': 4, '$class': UID(4)}, link=UID(8))", "-> number=4 "},
+      {"item(number=True, count=-2.9, flag=0.5)", "number=1 flag "},
+      {"item(number=float('nan'), count=float('nan'), flag=float('nan'))", ""},
+      {"item(number=2.0**63, count=1.9)", "number=9223372036854775807 count=1 "},
+      {"item(number=float('-inf'), count=1e300)",
+       "number=-9223372036854775808 count=18446744073709551615 "},
+      {"item(number=2**63, count=2**63)", "number=-9223372036854775808 count=9223372036854775808 "},
+      {R"(binary(item(number=2**63)).replace(b'\x14' + 8 * b'\0', b'\x14' + 8 * b'\xFF'))",
+       "number=-9223372036854775808 "},
+      {R"(binary(item(count=2**63)).replace(b'\x14' + 8 * b'\0', b'\x14' + 8 * b'\1'))", ""},
+      {"item({'NS.time': 5, '$class': UID(6)}, date=UID(8))", "date=5 "},
+      {"item(own_date(-1.5), date=UID(8))", "date=-1.5 "},
+      {"item(date=own_date(5))", "date=5 "},
+      {"item(own_date(5), name=UID(8), number=own_date(5), link=UID(8))", ""},
+      {"item({'NS.time': 'x', '$class': UID(6)}, date=UID(8))", ""},
+      {"item(mapping([UID(9)], [UID(9), UID(9)]), 'k', parameters=UID(8))", ""},
+      {"item(mapping([UID(9)], [UID(9)]), 7, parameters=UID(8))", ""},
+      {"item(mapping([UID(9), UID(10)], [UID(10), UID(0)]), 'k', 'v', parameters=UID(8))",
+       "{ k=v } "},
+      {"item(mapping([UID(9), UID(9)], [UID(9), UID(10)]), 'k', 'v', parameters=UID(8))",
+       "{ k=k } "},
+      {"{**item(), '$archiver': 'Other'}", nullptr},
+      {"{**item(), '$top': {'root': 1}}", nullptr},
+      {"{**item(), '$objects': 'text'}", nullptr},
+      {"item(root='NSSet')", nullptr},
+      {"item(elements=[UID(2), UID(0)])", nullptr},
+      {"item(elements=[UID(2), UID(99)])", nullptr},
+      {"item(elements=[UID(2), 'text'])", nullptr},
+      {"item(elements=[UID(1)])", nullptr},
+      {"item(cls('Unknown'), {'$class': UID(8)}, elements=[UID(2), UID(9)])", nullptr},
+      {"b'<?xml version=\"1.0\"?><plist><array/></plist>'", nullptr},
+      {"binary([UID(1)])", nullptr},
+  };
+  std::string lines;
+  for (const auto& row : cases) lines += std::string(row.expression) + "\n";
+  const std::vector<std::string> archives = pythonArchives(lines);
+  ASSERT_EQ(archives.size(), std::size(cases));
+  for (std::size_t i = 0; i < archives.size(); ++i) {
+    const auto elements = unarchive(archives[i]);
+    ASSERT_EQ(elements.has_value(), cases[i].expected != nullptr) << cases[i].expression;
+    if (!elements) continue;
+    EXPECT_EQ(elements->back()->description(), cases[i].expected) << cases[i].expression;
+  }
+}
+
+TEST(KeyedArchive, SmallFilesCannotBecomeBig) {
+  const std::vector<std::string> archives = pythonArchives(
+      // Three thousand items whose parameters are one dictionary of three thousand.
+      "item(*({'parameters': UID(3008 + i), '$class': UID(4)} for i in range(3000)),"
+      "*[mapping([UID(6008 + i) for i in range(3000)], [UID(6008)] * 3000)] * 3000,"
+      "*('k%d' % i for i in range(3000)), elements=[UID(8 + i) for i in range(3000)])\n"
+      // A thousand texts that lie in the same three hundred thousand bytes.
+      "overlaid(item(mapping([UID(9)] * 999, [UID(10 + i) for i in range(999)]), 'k', "
+      "*('%03d' % i for i in range(999)), 'x' * 300000, parameters=UID(8)))\n"
+      // Three thousand entries that are one object of three thousand unknown fields.
+      "item(*[{**{'f%d' % i: 1 for i in range(3000)}, '$class': UID(4)}] * 3000, "
+      "elements=[UID(8 + i) for i in range(3000)])\n"
+      // Fifty thousand objects, one within the other, which is legal.
+      "item(*({'link': UID(9 + i), '$class': UID(4)} for i in range(50000)), link=UID(8))\n");
+  ASSERT_EQ(archives.size(), 4U);
+  limitMemory();
+  for (const std::size_t hostile : {0U, 1U, 2U}) EXPECT_FALSE(unarchive(archives[hostile]));
+  EXPECT_EQ(unarchive(archives[3]).value().size(), 1U);
+}
+
+TEST(KeyedArchive, DamageAndLiesAreHarmless) {
+  const std::string bytes = archive(sampleQueue());
+  limitMemory();
+  for (std::size_t size = 0; size < bytes.size(); ++size) {
+    EXPECT_FALSE(unarchive(std::string_view(bytes).substr(0, size))) << size;
+  }
+
+  const std::size_t trailer = bytes.size() - 32;
+  const std::size_t offsetSize = numberAt(bytes, trailer + 6, 1);
+  const std::size_t table = numberAt(bytes, trailer + 24, 8);
+  const std::size_t count = numberAt(bytes, trailer + 8, 8);
+  const struct {
+    std::size_t at;
+    std::size_t size;
+    std::vector<std::uint64_t> numbers;
+  } lies[]{
+      {6, 1, {0, 9, 255}},
+      {7, 1, {0, 9, 255}},
+      {8, 8, {0, count - 1, count + 1, std::uint64_t{1} << 61, UINT64_MAX}},
+      {16, 8, {count, UINT64_MAX}},
+      {24, 8, {0, 8, table - 1, table + offsetSize, trailer, trailer + 1, UINT64_MAX}},
+  };
+  for (const auto& [at, size, numbers] : lies) {
+    for (const std::uint64_t number : numbers) {
+      EXPECT_FALSE(unarchive(withNumber(bytes, trailer + at, size, number))) << at << ' ' << number;
+    }
+  }
+
+  // What is not found out at once is read, with all that comes of it.
+  std::size_t survivors = 0;
+  const auto read = [&](const std::string& damaged) {
+    const auto elements = unarchive(damaged);
+    for (const auto& element : elements.value_or(Queue{})) EXPECT_NO_THROW(element->description());
+    survivors += elements ? 1 : 0;
+  };
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    for (const std::uint64_t mask : {0x01U, 0x08U, 0x10U, 0x80U, 0xFFU}) {
+      read(withNumber(bytes, i, 1, numberAt(bytes, i, 1) ^ mask));
+    }
+  }
+  std::vector<std::uint64_t> places{0, 7, table - 1, table, trailer, UINT16_MAX};
+  for (std::size_t at = table; at < trailer; at += offsetSize) {
+    places.push_back(numberAt(bytes, at, offsetSize));
+  }
+  for (std::size_t entry = table; entry < trailer; entry += offsetSize) {
+    // Every object in the place of every other: cycles of all kinds.
+    for (const std::uint64_t place : places) {
+      read(withNumber(bytes, entry, offsetSize, place));
+    }
+    // Containers of all sizes, in the object's place and at the end of all objects.
+    for (const std::size_t at : {numberAt(bytes, entry, offsetSize), table - 2, table - 1}) {
+      const std::string damaged = withNumber(bytes, entry, offsetSize, at);
+      for (const std::uint64_t container : {0x5FU, 0x6FU, 0x7FU, 0xAFU, 0xDFU}) {
+        for (const std::uint64_t size : {0x10U, 0x11U, 0x12U, 0x13U, 0x14U, 0x1FU}) {
+          read(withNumber(damaged, at, 2, container << 8 | size));
+          const std::string huge = withNumber(damaged, at + 2, 8, UINT64_MAX);
+          read(withNumber(huge, at, 2, container << 8 | size));
+        }
+      }
+    }
+  }
+  EXPECT_GT(survivors, count);
+}
+
+}  // namespace
+}  // namespace orbiq::test

@@ -1,0 +1,79 @@
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <functional>
+#include <future>
+#include <string>
+
+#include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/log/SystemLog.h"
+#include "orbiq/services/platform/loop/MainLoop.h"
+#include "orbiq/services/platform/loop/NotificationCenter.h"
+#include "orbiq/services/platform/loop/SerialQueue.h"
+
+namespace orbiq {
+namespace {
+
+/// Whether a forked child found the statement true.
+bool holdsInChild(const std::function<bool()>& statement) {
+  const pid_t child = fork();
+  if (child == 0) _exit(statement() ? 0 : 1);
+  int status = -1;
+  return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+}
+
+/// Every call is told that it is made in a child, the log once.
+bool isToldOnce() {
+  std::string said;
+  SystemLog::setSink([&](const LogLine& line) { said += line.text.substr(0, 10); });
+  return isForkedAway() && isForkedAway() && inForkedChild() && said == "(ERROR) : ";
+}
+
+TEST(ForkGuardTest, KnowsChildrenForkedAfterTheArming) {
+  EXPECT_TRUE(holdsInChild([] {
+    armForkGuard();
+    return !inForkedChild() && holdsInChild(isToldOnce);
+  }));
+  armForkGuard();
+  EXPECT_TRUE(holdsInChild([] { return isToldOnce() && holdsInChild(isToldOnce); }));
+  EXPECT_FALSE(isForkedAway());
+}
+
+TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
+  MainLoop& loop = MainLoop::mainLoop();
+  NotificationCenter& center = NotificationCenter::defaultCenter();
+  SerialQueue queue("forked");
+  int calls = 0;
+  int ends[2];
+  ASSERT_EQ(pipe(ends), 0);
+  std::promise<void> readable;
+  queue.sync([&] { ++calls; });
+  center.addObserver(&calls, "forked", [&](const Notification&) { ++calls; });
+  loop.watch(ends[0], [&] {
+    loop.unwatch(ends[0]);
+    readable.set_value();
+  });
+
+  EXPECT_TRUE(holdsInChild([&] {
+    queue.async([&] { ++calls; });
+    queue.sync([&] { ++calls; });
+    SerialQueue("fresh").sync([&] { ++calls; });
+    center.postNotificationName("forked");
+    loop.post([&] { ++calls; });
+    loop.removeTimer(loop.addTimer({}, false, [&] { ++calls; }));
+    // Would end the parent's watch: the kernel's table is shared.
+    loop.unwatch(ends[0]);
+    loop.run();
+    return loop.adopt() == -1 && calls == 1;
+  }));
+
+  ASSERT_EQ(write(ends[1], "x", 1), 1);
+  readable.get_future().wait();
+  center.postNotificationName("forked");
+  queue.sync([&] { ++calls; });
+  EXPECT_EQ(calls, 3);
+}
+
+}  // namespace
+}  // namespace orbiq

@@ -1,0 +1,157 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <future>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "orbiq/services/platform/loop/SerialQueue.h"
+#include "orbiq/services/platform/threads/Thread.h"
+
+namespace orbiq {
+namespace {
+
+TEST(SerialQueueTest, RunsEveryTaskInOrderAndOneAtATime) {
+  constexpr std::size_t kTasks = 500;
+  SerialQueue queue("order");
+  // Shared by the tasks without a lock: two at a time would be a race.
+  std::vector<std::vector<std::size_t>> seen(4);
+  std::vector<std::thread> producers;
+  producers.reserve(seen.size());
+  for (auto& own : seen) {
+    producers.emplace_back([&] {
+      for (std::size_t i = 0; i < kTasks; ++i) queue.async([&, i] { own.push_back(i); });
+      // A sync returns only when its task, and so all before it, has run.
+      queue.sync([&] { own.push_back(kTasks); });
+      EXPECT_EQ(own.size(), kTasks + 1);
+    });
+  }
+  for (std::thread& producer : producers) producer.join();
+  for (const auto& own : seen) EXPECT_TRUE(std::is_sorted(own.begin(), own.end()));
+}
+
+/// Tells when the thread that holds it ends.
+struct ThreadEnd {
+  std::promise<void>* ended = nullptr;
+  ~ThreadEnd() {
+    if (ended != nullptr) ended->set_value();
+  }
+};
+
+TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
+  const auto markThread = [](std::promise<void>& ended) {
+    static thread_local ThreadEnd end;
+    end.ended = &ended;
+  };
+  std::promise<void> idle;
+  std::promise<void> destroyed;
+  std::atomic<int> rests = 0;
+  {
+    SerialQueue queue("com.vorlune.reachability", [&] {
+      EXPECT_TRUE(isLibraryThread());
+      ++rests;
+    });
+    queue.sync([&] {
+      markThread(idle);
+      char name[16];
+      pthread_getname_np(pthread_self(), name, sizeof name);
+      EXPECT_STREQ(name, "com.vorlune.rea");
+      sigset_t blocked;
+      pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+      for (const int signal : {SIGTERM, SIGINT, SIGALRM, SIGPIPE, SIGCHLD, SIGUSR1}) {
+        EXPECT_EQ(sigismember(&blocked, signal), 1) << signal;
+      }
+      EXPECT_TRUE(isLibraryThread());
+    });
+    sigset_t own;
+    pthread_sigmask(SIG_BLOCK, nullptr, &own);
+    EXPECT_EQ(sigismember(&own, SIGTERM), 0);
+    EXPECT_FALSE(isLibraryThread());
+    idle.get_future().wait();
+    EXPECT_EQ(rests, 1);
+    queue.sync([&] { markThread(destroyed); });
+  }
+  destroyed.get_future().wait();
+  EXPECT_EQ(rests, 1) << "nothing is idle about an end";
+}
+
+TEST(SerialQueueTest, WithoutAThreadTasksWaitUntilItIsTriedAgain) {
+  std::size_t pages = 0;
+  std::ifstream("/proc/self/statm") >> pages;
+  const bool isEmulated = !std::string(ORBIQ_TEST_EMULATOR).empty();
+  if (isEmulated || pages > 1U << 28) GTEST_SKIP() << "memory cannot be limited";
+  std::promise<std::thread::id> ran;
+  SerialQueue queue("late");
+  std::atomic<int> tasks = 0;
+  {
+    // Enough for everything but a thread's stack.
+    rlimit before;
+    getrlimit(RLIMIT_AS, &before);
+    const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (256U << 10U),
+                       before.rlim_max};
+    setrlimit(RLIMIT_AS, &limit);
+    queue.async([&] { ++tasks; });
+    queue.resume();
+    EXPECT_EQ(tasks, 0);
+    std::thread::id waited;
+    queue.sync([&] { waited = std::this_thread::get_id(); });
+    EXPECT_EQ(waited, std::this_thread::get_id());
+    EXPECT_EQ(tasks, 1);
+    queue.async([&] { ran.set_value(std::this_thread::get_id()); });
+    setrlimit(RLIMIT_AS, &before);
+  }
+  queue.resume();
+  EXPECT_NE(ran.get_future().get(), std::this_thread::get_id());
+}
+
+TEST(SerialQueueTest, ACancelledThreadStaysUntilItsTaskHasRun) {
+  std::atomic<pid_t> caller{0};
+  std::atomic<bool> isGone{false};
+  bool wasThere = false;
+  SerialQueue queue("cancelled");
+  // Holds the queue until the caller sleeps, or has ended.
+  queue.async([&] {
+    while (caller == 0) std::this_thread::yield();
+    const std::string place = "/proc/self/task/" + std::to_string(caller) + "/stat";
+    std::string line;
+    while (std::getline(std::ifstream(place), line) && line.find(") S ") == line.npos) continue;
+  });
+  std::thread([&] {
+    struct End {
+      std::atomic<bool>& hasCome;
+      ~End() { hasCome = true; }
+    };
+    const End end{isGone};
+    caller = gettid();
+    pthread_cancel(pthread_self());
+    queue.sync([&] { wasThere = !isGone; });
+  }).join();
+  queue.sync([] {});
+  EXPECT_TRUE(wasThere);
+}
+
+TEST(SerialQueueTest, TasksOutliveTheQueueAndEachOther) {
+  std::promise<int> last;
+  auto queue = std::make_unique<SerialQueue>("gone");
+  queue->sync([] { throw std::runtime_error("ends with its task"); });
+  std::promise<void> gate;
+  queue->async([&] {
+    gate.get_future().wait();
+    queue.reset();
+  });
+  queue->async([&] { last.set_value(1); });
+  gate.set_value();
+  EXPECT_EQ(last.get_future().get(), 1);
+}
+
+}  // namespace
+}  // namespace orbiq

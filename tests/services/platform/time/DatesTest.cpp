@@ -1,0 +1,52 @@
+// Dates of HTTP and days of the calendar.
+#include <gtest/gtest.h>
+
+#include <clocale>
+#include <cstdlib>
+#include <ctime>
+
+#include "orbiq/services/platform/time/Calendar.h"
+#include "orbiq/services/platform/time/HttpDate.h"
+
+namespace orbiq::test {
+namespace {
+
+TEST(HttpDate, ReadsWhatServersSend) {
+  const double expected = 784111777;
+  for (const char* text : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 UTC",
+                           "Sun, 06 Nov 1994 09:49:37 +0100", "Sun, 06 Nov 1994 07:19:37 GMT-01:30",
+                           "Sun, 6 Nov 1994 08:49:37 Z"}) {
+    const auto date = parseHttpDate(text);
+    ASSERT_TRUE(date) << text;
+    EXPECT_EQ(date->secondsSince1970(), expected) << text;
+  }
+}
+
+TEST(HttpDate, RefusesTheRest) {
+  for (const char* text :
+       {"", "now", "Sun, 06 Nov 1994 08:49:37", "Sun, 06 Nov 1994 08:49:37 GMT ", "06 Nov 1994",
+        "Sun, 31 Feb 1994 08:49:37 GMT", "Sun, 06 Nov 1994 28:49:37 GMT",
+        "dim., 06 nov. 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 +1", "784111777",
+        "Sun, 06 Nov 1994 08:49:37 XYZ"}) {
+    EXPECT_FALSE(parseHttpDate(text)) << text;
+  }
+}
+
+TEST(Calendar, FollowsTheDevicesTimeZone) {
+  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);  // as Paris, where no zone data is installed, too
+  tzset();
+  const Date beforeMidnight = Date::since1970(1774738799);  // 2026-03-28 23:59:59 there
+  const auto day = CalendarComponents::dayOf(beforeMidnight);
+  EXPECT_EQ(day.year, 2026);
+  EXPECT_EQ(day.month, 3);
+  EXPECT_EQ(day.day, 28);
+  EXPECT_EQ(day.hour, CalendarComponents::kUndefined);
+  // The night in which an hour is missing.
+  const auto next = CalendarComponents::dayOf(beforeMidnight.adding(1));
+  EXPECT_TRUE(next.isSameDayAs(CalendarComponents::dayAfter(beforeMidnight)));
+  EXPECT_TRUE(CalendarComponents::dayAfter(Date::since1970(1798700000))
+                  .isSameDayAs({2027, 1, 1}));  // 2026-12-31
+}
+
+}  // namespace
+}  // namespace orbiq::test
