@@ -53,5 +53,16 @@ TEST(CInterface, DescribesTheHost) {
   EXPECT_EQ(now.userInterfaceIdiom, 2);
 }
 
+TEST(CInterface, ASinkThatWasTakenAwayStaysAway) {
+  orbiq_host* const host = orbiq_host_new();
+  EXPECT_EQ(orbiq_host_set_log_sink(host, [](auto...) {}, nullptr), ORBIQ_OK);
+  for (const bool mayHaveASink : {true, false}) {
+    EXPECT_EQ(orbiq_host_describe(host, nullptr, 0), ORBIQ_OK);
+    EXPECT_EQ(static_cast<bool>(HostApplication::current().logSink), mayHaveASink);
+    orbiq_remove_log_sink();
+  }
+  orbiq_host_free(host);
+}
+
 }  // namespace
 }  // namespace orbiq::test
