@@ -2,10 +2,14 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <utility>
 
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqRequest/orbiqClearCache.h"
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
+#include "orbiq/services/platform/files/AtomicFile.h"
 
 namespace orbiq::bench {
 
@@ -54,5 +58,14 @@ class Requests {
           _serial, AccessModeFull, "https://hits.example/audience/collect/"),
       false);
 };
+
+/// How many requests the file holds; no value if it does not open.
+inline std::optional<std::size_t> savedIn(const std::string& path) {
+  const ArchivedClass* const classes[] = {&orbiqRequest::kArchivedClass,
+                                          &orbiqClearCache::kArchivedClass};
+  const auto requests =
+      KeyedUnarchiver::unarchiveArray(readFile(path, SIZE_MAX).value_or(""), classes);
+  return requests ? std::optional(requests->size()) : std::nullopt;
+}
 
 }  // namespace orbiq::bench

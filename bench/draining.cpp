@@ -155,7 +155,6 @@ class Agent {
   Cost drain() {
     fillQueue();
     const std::string path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
-    const std::string emptyQueue(requestArchiver().finish().all);
     _server.expectHits(static_cast<std::int64_t>(_hits));
     setReachable(true);
     const double before = processorTime(kSender);
@@ -164,7 +163,7 @@ class Agent {
           UIApplicationWillEnterForegroundNotification);
       // Whoever watches the saves makes them slower, so only the last one is waited for.
       _server.waitForExpectedHits();
-      while (readFile(path, SIZE_MAX) != emptyQueue) std::this_thread::yield();
+      while (savedIn(path) != 0) std::this_thread::yield();
     });
     const Statistics statistics = orbiqAgent::sharedAgent().statistics();
     if (statistics.sent != 1 + _hits || statistics.pending != 0) {

@@ -75,9 +75,10 @@ int hits(const std::vector<std::string>& arguments) {
   while (queue.size() < depth) queue.push_back(requests.next());
   save();
   const auto hit = [&] {
-    queue.push_back(requests.next());
+    file.added(queue.emplace_back(requests.next()));
     save();
     queue.pop_front();
+    file.removed(0);
     save();
   };
   hit();  // makes the spare file
@@ -94,6 +95,7 @@ int hits(const std::vector<std::string>& arguments) {
   const std::uint64_t beforeRemovals = writtenBytes();
   while (mode == Mode::kOrdinary && !queue.empty()) {
     queue.pop_front();
+    file.removed(0);
     save();
   }
   const auto removed = static_cast<double>(writtenBytes() - beforeRemovals);

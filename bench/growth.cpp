@@ -146,7 +146,12 @@ int added(const std::vector<std::string>& arguments) {
   const std::string path = directory + "/another/orbiqCache/requests.ser";
   RequestsFile file;
   SerialQueue saver("benchSaver");
-  const auto save = [&] { saver.async([&] { file.save(path, queue); }); };
+  const auto save = [&] {
+    saver.async([&] {
+      file.added(queue.back());
+      file.save(path, queue);
+    });
+  };
   while (queue.size() < depth) {
     agent.save(add);
     another.save(save);
@@ -156,7 +161,7 @@ int added(const std::vector<std::string>& arguments) {
     another.measureSave(save);
   }
   const String agentsPath = orbiqAgent::sharedAgent().requestsFilePath();
-  if (readFile(path, SIZE_MAX) != readFile(agentsPath.toStdString(), SIZE_MAX)) {
+  if (savedIn(path) != savedIn(agentsPath.toStdString())) {
     throw std::runtime_error("the agent's queue is another one");
   }
   std::printf("%f %f\n", agent.microsecondsPerSave(), another.microsecondsPerSave());

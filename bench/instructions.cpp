@@ -127,10 +127,12 @@ int save(const std::vector<std::string>& arguments) {
     const bool isCounted = pair >= kPairs;
     queue.pop_front();
     if (isCounted) begin();
+    file.removed(0);
     file.save(path, queue);
     if (isCounted) end();
     queue.push_back(request(++number));
     if (isCounted) begin();
+    file.added(queue.back());
     file.save(path, queue);
     if (isCounted) end();
   }

@@ -14,9 +14,8 @@ constexpr const orbiq::ArchivedClass* kClasses[] = {&orbiqRequest::kArchivedClas
 
 std::string archive(const std::vector<std::shared_ptr<orbiq::Archivable>>& requests) {
   orbiq::KeyedArchiver archiver;
-  archiver.beginRootArray();
-  for (const auto& request : requests) archiver.addElement(*request);
-  return std::string(archiver.finish().all);
+  archiver.encode({requests.begin(), requests.end()});
+  return archiver.bytes();
 }
 
 }  // namespace

@@ -23,9 +23,8 @@ constexpr const ArchivedClass* kAllClasses[] = {
 
 std::string archived(const Archivable& object) {
   KeyedArchiver archiver;
-  archiver.beginRootArray();
-  archiver.addElement(object);
-  return std::string(archiver.finish().all);
+  archiver.encode({std::shared_ptr<const Archivable>(std::shared_ptr<void>(), &object)});
+  return std::string(archiver.bytes());
 }
 
 template <class Class>
@@ -229,70 +228,6 @@ TEST(Request, Copy) {
   EXPECT_EQ(request->serial(), "ABC");
   EXPECT_EQ(shares.serial(), "changed");
   EXPECT_EQ(ofMutable->serial(), "ABC");
-}
-
-// Whatever changes between two archives, what an archiver has kept must not show.
-TEST(Request, ArchivesAnewWhatHasChanged) {
-  MutableString sharedText("changes");
-  const auto identity = std::make_shared<orbiqTaggerID>("ABC", 5, true);
-  const auto authorization = std::make_shared<orbiqAuth>(nullptr, access(AccessModeFull), false);
-  std::vector<std::shared_ptr<orbiqRequest>> queue;
-  for (int i = 0; i < 6; ++i) {
-    const auto parameters = std::make_shared<Parameters>(Parameters{{"n", std::to_string(i)}});
-    queue.push_back(std::make_shared<orbiqRequest>(parameters, RequestTypeStreaming,
-                                                   SendingModeHost, "ABC", identity));
-    queue.back()->setAuth(i % 2 == 0 ? authorization : authorization->copy());
-  }
-  const auto mutableParameters = std::make_shared<Parameters>(Parameters{{"n", sharedText}});
-  const auto withMutableText = std::make_shared<orbiqRequest>(
-      mutableParameters, RequestTypeStreaming, SendingModeHost, "ABC", identity);
-  const std::function<void()> changes[]{
-      [&] { queue.back()->setStatus(RequestStatusFailed); },
-      [&] { queue.back()->setLastFail(Date{2}); },
-      [&] { queue.back()->setCreationDate(std::nullopt); },
-      [&] { queue.back()->setNumberOfFails(70000); },
-      [&] { queue.back()->setSerial("DEF"); },
-      [&] { queue.back()->setShouldRenewSessionAfter(true); },
-      [&] { queue.back()->transformToStop(); },
-      [&] { queue.back()->setTheRank(9); },
-      [&] { queue.back()->setAuth(nullptr); },
-      [&] { authorization->currentAccess()->hitSuccessfullySent(); },
-      [&] { identity->setSerial("GHI"); },
-      [&] { identity->setPartialID(6); },
-      [&] { identity->setIsStreamTagger(false); },
-      [&] { queue.erase(queue.begin()); },
-      [&] { queue.pop_back(); },
-      [&] { queue.push_back(queue.front()); },
-      [&] { queue.insert(queue.begin(), std::make_shared<orbiqClearCache>()); },
-      [&] { std::swap(queue.front(), queue.back()); },
-      [&] { queue.back() = streamingRequest(); },
-      [&] { queue.push_back(withMutableText); },
-      [&] { sharedText.setString("has changed"); },
-      [&] { queue.clear(); },
-  };
-  const auto archive = [&](KeyedArchiver& archiver) {
-    archiver.beginRootArray();
-    for (const auto& request : queue) archiver.addElement(*request);
-    return archiver.finish();
-  };
-  KeyedArchiver archiver;
-  std::string last;
-  std::size_t keptAtRemoval = 0;
-  const auto check = [&](std::size_t change) {
-    const KeyedArchiver::Bytes bytes = archive(archiver);
-    KeyedArchiver fresh;
-    EXPECT_EQ(bytes.all, archive(fresh).all) << change;
-    EXPECT_EQ(bytes.all.substr(0, bytes.kept), last.substr(0, bytes.kept)) << change;
-    last = bytes.all;
-    return bytes.kept;
-  };
-  check(0);
-  for (std::size_t change = 0; change < std::size(changes); ++change) {
-    changes[change]();
-    const std::size_t kept = check(change);
-    if (change == 13) keptAtRemoval = kept;
-  }
-  EXPECT_GT(keptAtRemoval, 0U);
 }
 
 TEST(Request, HashTakesEveryField) {

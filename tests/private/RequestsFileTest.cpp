@@ -35,6 +35,18 @@ RequestQueue queueOf(std::size_t count) {
   return queue;
 }
 
+/// A queue of which its file is told.
+struct SavedQueue {
+  RequestsFile file;
+  RequestQueue queue;
+
+  void save(const std::string& path, std::size_t count) {
+    for (; queue.size() > count; queue.pop_front()) file.removed(0);
+    while (queue.size() < count) file.added(queue.emplace_back(streamingRequest()));
+    file.save(path, queue);
+  }
+};
+
 std::size_t savedIn(const std::string& path) {
   constexpr const ArchivedClass* kClasses[] = {&orbiqRequest::kArchivedClass};
   return KeyedUnarchiver::unarchiveArray(readFile(path, 1U << 26U).value_or(""), kClasses)
@@ -77,7 +89,8 @@ class ResourceLimit {
 TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
   const std::string aside = path + ".unread";
   const auto check = [&](const char* cause, const auto& hinder) {
-    RequestsFile file;
+    SavedQueue saved;
+    RequestsFile& file = saved.file;
     {
       [[maybe_unused]] const auto hindrance = hinder();
       EXPECT_TRUE(file.load(path).empty()) << cause;
@@ -85,8 +98,8 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
     EXPECT_EQ(application.log().count(std::string("can't be read: ") + cause +
                                       "; before the next " + "save " + path + " becomes " + aside),
               1U);
-    file.save(path, queueOf(1));
-    file.save(path, queueOf(2));
+    saved.save(path, 1);
+    saved.save(path, 2);
     EXPECT_EQ(savedIn(path), 2U) << cause;
   };
   RequestsFile().save(path, queueOf(30));
@@ -144,22 +157,22 @@ TEST_F(RequestsFileTest, WhateverBecomesOfTheLockFileOneProcessWrites) {
   };
   std::size_t losses = 0;
   for (const auto& row : cases) {
-    RequestsFile file;
+    SavedQueue file;
     fs::remove_all(place);
-    file.save(path, queueOf(2));
+    file.save(path, 2);
     row.tamper();
-    if (row.savesFirst) file.save(path, queueOf(3));
+    if (row.savesFirst) file.save(path, 3);
     RoleProcess other("use-the-file", {path});
     const std::size_t index = static_cast<std::size_t>(&row - cases);
     EXPECT_EQ(other.readLine(), row.printed) << index;
-    file.save(path, queueOf(3));
-    file.save(path, queueOf(3));
+    file.save(path, 3);
+    file.save(path, 3);
     EXPECT_EQ(savedIn(path), row.saved) << index;
     losses += row.saved == 9 ? 1 : 0;
     EXPECT_EQ(application.log().count(kAnother), losses) << "told once";
     other.kill(SIGKILL);
     other.wait();
-    file.save(path, queueOf(3));
+    file.save(path, 3);
     EXPECT_EQ(savedIn(path), row.saved) << "what was lost is not taken over";
   }
 }
@@ -201,7 +214,7 @@ TEST_F(RequestsFileTest, TheLockIsTheProcessesAndKnownToEarlierVersions) {
 
 TEST_F(RequestsFileTest, IsSyncedWhenAskedOrEachTime) {
   fs::create_directory(place);
-  RequestsFile file;
+  SavedQueue saved;
   const auto syncsOf = [](const auto& action) {
     const DiskCalls before = DiskCalls::soFar();
     action();
@@ -210,9 +223,9 @@ TEST_F(RequestsFileTest, IsSyncedWhenAskedOrEachTime) {
     return after.files - before.files;
   };
   const auto saveThrice = [&] {
-    for (std::size_t count : {1U, 2U, 3U}) file.save(path, queueOf(count));
+    for (std::size_t count : {1U, 2U, 3U}) saved.save(path, count);
   };
-  const auto sync = [&] { file.sync(path); };
+  const auto sync = [&] { saved.file.sync(path); };
   EXPECT_EQ(syncsOf(saveThrice), 0U);
   EXPECT_EQ(syncsOf(sync), 1U);
   EXPECT_EQ(syncsOf(sync), 0U);

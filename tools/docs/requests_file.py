@@ -22,7 +22,8 @@ WIDTH = 16  # bytes on a line
 
 
 class Listing:
-    """Takes a binary property list apart, from its first byte to its last."""
+    """Takes a binary property list apart, from its first byte to its last. Numbers that are free lead
+    to object 0, as does its own."""
 
     def __init__(self, data):
         self.data, self.at, self.lines = data, 0, []
@@ -61,8 +62,6 @@ class Listing:
             self.take(9, f"{name} real {value!r}")
         elif kind == 5:
             self.take(head + size, f'{name} text "{self.data[start:start + size].decode("ascii")}"')
-        elif kind == 8:
-            self.take(2 + info, f"{name} UID {self.number(start, info + 1)}")
         elif kind == 10:
             self.take(head, f"{name} array of {size}")
             self.take(size * self.ref_size, f"    {self.refs(size)}")
@@ -73,19 +72,59 @@ class Listing:
         else:
             raise ValueError(f"object {number} is of a kind that the page does not show")
 
+    def place(self, number):
+        return self.number(self.table + number * self.offset_size, self.offset_size)
+
+    def uids(self, first):
+        """UIDs that stand in a row and have numbers in a row."""
+        size, last = 1 + self.ref_size, first
+        value = self.number(self.at + 1, self.ref_size)
+        while (last + 1 < self.count and self.place(last + 1) == self.place(last) + size
+               and self.data[self.place(last + 1)] >> 4 == 8):
+            last += 1
+        count = last + 1 - first
+        self.take(count * size, f"{first}: UID {value}" if count == 1 else
+                  f"{first} to {last}: UIDs {value} to {value + count - 1}")
+
+    def zeros(self, end, text):
+        if any(self.data[self.at:end]):
+            raise ValueError(f"something stands at {self.at:04x} that is no object")
+        if end > self.at:
+            self.lines.append(f"{self.at:04x}  {f'00 × {end - self.at}':{3 * WIDTH}} {text}")
+            self.at = end
+
+    def places(self):
+        free, first = self.place(0), 0
+        while first < self.count:
+            last, is_free = first, first > 0 and self.place(first) == free
+            while (last + 1 < self.count and (self.place(last + 1) == free) == is_free
+                   and (is_free or last + 1 < first + WIDTH // self.offset_size)):
+                last += 1
+            text = f"place{'s of objects' if last > first else ' of object'} {first}"
+            text += f" to {last}" if last > first else ""
+            count, first = last + 1 - first, last + 1
+            if not is_free:
+                self.take(count * self.offset_size, text)
+                continue
+            shown = f"{free.to_bytes(self.offset_size, 'big').hex(' ')} × {count}"
+            self.lines.append(f"{self.at:04x}  {shown:{3 * WIDTH}} {text}: free")
+            self.at += count * self.offset_size
+
     def text(self):
         self.take(8, "the format, and its version 00")
+        numbers = {}
         for number in range(self.count):
-            place = self.table + number * self.offset_size
-            if self.number(place, self.offset_size) != self.at:
-                raise ValueError(f"object {number} does not stand where the table says")
-            self.object(number)
-        padding = self.table - self.at
-        self.lines.append(f"{self.at:04x}  {f'00 × {padding}':{3 * WIDTH}} padding")
-        self.at = self.table
-        for first in range(0, self.count, 8):
-            last = min(first + 8, self.count) - 1
-            self.take((last + 1 - first) * self.offset_size, f"places of objects {first} to {last}")
+            numbers.setdefault(self.place(number), number)
+        for place, number in sorted(numbers.items()):
+            if place < self.at:
+                continue  # the second of several UIDs
+            self.zeros(place, "room")
+            if self.data[place] >> 4 == 8:
+                self.uids(number)
+            else:
+                self.object(number)
+        self.zeros(self.table, "room, and padding")
+        self.places()
         for size, text in ((6, "unused"), (1, "bytes of each place in the table"),
                            (1, "bytes of each reference to an object"),
                            (8, f"{self.count} objects"), (8, f"the top object is {self.top}"),

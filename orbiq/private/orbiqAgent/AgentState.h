@@ -68,7 +68,7 @@ struct orbiqAgent::State {
   void syncAtRest() ORBIQ_REQUIRES(requestsProtector);
   bool append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   void enqueue(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
-  void dequeue() ORBIQ_REQUIRES(requestsProtector);
+  void dequeue(std::size_t index) ORBIQ_REQUIRES(requestsProtector);
   template <class IsUnwanted>
   std::size_t removeIf(const IsUnwanted& isUnwanted) ORBIQ_REQUIRES(requestsProtector);
   void removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
@@ -89,7 +89,7 @@ struct orbiqAgent::State {
       ORBIQ_REQUIRES(requestsProtector);
   Attempt attempt(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   static bool authorize(orbiqRequest& request);
-  static Attempt send(orbiqRequest& request, const orbiq::Url& url);
+  Attempt send(orbiqRequest& request, const orbiq::Url& url) ORBIQ_REQUIRES(requestsProtector);
   bool isReachable() const;
 
   std::shared_ptr<orbiqReachability> reachability;

@@ -45,33 +45,7 @@ void warn(const Text& text) {
 constexpr std::array kRequestClasses{&orbiqRequest::kArchivedClass,
                                      &orbiqClearCache::kArchivedClass};
 
-std::shared_ptr<const orbiqRequest> sampleRequest(bool isStreaming, bool hasDevice) {
-  Parameters parameters;
-  for (const char* const key : {"serial", "tn", "v", "n"}) parameters.emplace(key, "");
-  if (hasDevice) parameters.emplace("did", "");
-  if (isStreaming) {
-    for (const char* const key : {"cmsPS", "cmsRK"}) parameters.emplace(key, "");
-  }
-  auto request = std::make_shared<orbiqRequest>(
-      std::make_shared<const Parameters>(std::move(parameters)), RequestTypeStreaming,
-      SendingModeHost, String(), std::make_shared<orbiqTaggerID>(String(), 0, false));
-  request->setAuth(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
-      orbiqSession::orbiqSessionWithSerial_withCmsVI({}, {}),
-      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL({}, AccessModeFull, {}),
-      false));
-  return request;
-}
-
 }  // namespace
-
-KeyedArchiver requestArchiver() {
-  // With the parameters that the library's own hits have.
-  const std::array samples{sampleRequest(true, true), sampleRequest(true, false),
-                           sampleRequest(false, true), sampleRequest(false, false)};
-  const orbiqClearCache marker;
-  return KeyedArchiver(std::array<const Archivable*, 5>{
-      samples[0].get(), samples[1].get(), samples[2].get(), samples[3].get(), &marker});
-}
 
 RequestQueue RequestsFile::load(const std::string& path) {
   int failure = 0;
@@ -127,14 +101,11 @@ int RequestsFile::write(const std::string& path, const RequestQueue& queue) try 
     if (rename(path.c_str(), (path + kAsideSuffix).c_str()) != 0 && errno != ENOENT) return errno;
     _mustMoveAside = false;
   }
-  _archiver.beginRootArray();
-  for (const std::shared_ptr<orbiqRequest>& request : queue) _archiver.addElement(*request);
-  const KeyedArchiver::Bytes bytes = _archiver.finish();
-  const std::size_t kept = std::exchange(_lastReachedFile, false) ? bytes.kept : 0;
-  if (bytes.all.size() > kLargestFile) return EFBIG;
+  if (!_archiver.isWhole()) _archiver.encode({queue.begin(), queue.end()});
+  if (_archiver.bytes().size() > kLargestFile) return EFBIG;
   const bool synced = HostApplication::current().durability == Durability::PowerLoss;
-  const int failure = _file.replace(path, bytes.all, kept, synced);
-  _lastReachedFile = true;
+  const int failure = _file.replace(path, _archiver.bytes(), _archiver.changedPages(), synced);
+  _archiver.pagesTaken();
   if (failure == 0) _isUnsynced = !synced;
   return failure;
 } catch (const std::bad_alloc&) {

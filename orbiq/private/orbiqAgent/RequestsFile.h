@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <deque>
 #include <memory>
 #include <optional>
@@ -15,9 +16,6 @@ namespace orbiq {
 /// Oldest first.
 using RequestQueue = std::deque<std::shared_ptr<orbiqRequest>>;
 
-/// An archiver whose archives begin with all that requests name.
-KeyedArchiver requestArchiver();
-
 /// The queue on disk. Of several processes of one application the first one has the file; the
 /// others start empty and write nothing. A process that could not even ask for the lock starts
 /// empty, too, and saves once it has it. A process whose lock file was replaced locks the new one,
@@ -28,6 +26,14 @@ class RequestsFile {
   /// file that cannot be locked or read for another reason is an empty queue, too, which is said;
   /// the first save moves it aside.
   RequestQueue load(const std::string& path);
+  // What happens to the queue between two saves, in the order in which it happens; nothing else
+  // tells the next save what it has to write.
+  /// Behind all others.
+  void added(const std::shared_ptr<orbiqRequest>& request) { _archiver.append(request); }
+  void removed(std::size_t index) { _archiver.remove(index); }
+  /// A request, or a record that one refers to; one that is not in the queue does not matter.
+  void changed(const Archivable& record) { _archiver.change(&record); }
+
   /// Replaces the file by the queue; makes its directory if that has gone. What fails is logged
   /// when the cause changes, and changes nothing else: the next save tries again.
   void save(const std::string& path, const RequestQueue& queue);
@@ -43,9 +49,8 @@ class RequestsFile {
   void report(const std::string& path, int failure);
 
   FileLock _lock;
-  KeyedArchiver _archiver = requestArchiver();
+  KeyedArchiver _archiver;
   AtomicFile _file;
-  bool _lastReachedFile = false;  ///< the last archive, whatever came of it there
   int _lastFailure = 0;
   bool _saidThatAnotherHasIt = false;
   bool _mustMoveAside = false;  ///< what has the file's name was not read

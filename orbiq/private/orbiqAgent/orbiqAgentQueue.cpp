@@ -1,7 +1,6 @@
 // The agent's queue and its file.
 #include <sys/stat.h>
 
-#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -168,7 +167,7 @@ bool orbiqAgent::State::append(const std::shared_ptr<orbiqRequest>& request) try
   enqueue(request);
   if (requestQueue->size() > orbiq::SendingRules::kMostRequests) {
     if (!isMarker(*requestQueue->front())) ledger.countFate(orbiq::HitFate::PushedOut);
-    dequeue();
+    dequeue(0);
   }
   return true;
 } catch (const std::bad_alloc& error) {
@@ -178,35 +177,30 @@ bool orbiqAgent::State::append(const std::shared_ptr<orbiqRequest>& request) try
 
 void orbiqAgent::State::enqueue(const std::shared_ptr<orbiqRequest>& request) {
   requestQueue->push_back(request);
+  requestsFile->added(request);
   if (isMarker(*request)) ++pendingMarkers;
   if (isStreaming(*request)) ++pendingStreaming;
 }
 
-void orbiqAgent::State::dequeue() {
-  if (isMarker(*requestQueue->front())) --pendingMarkers;
-  if (isStreaming(*requestQueue->front())) --pendingStreaming;
-  requestQueue->pop_front();
+void orbiqAgent::State::dequeue(std::size_t index) {
+  const auto request = requestQueue->begin() + static_cast<std::ptrdiff_t>(index);
+  if (isMarker(**request)) --pendingMarkers;
+  if (isStreaming(**request)) --pendingStreaming;
+  requestsFile->removed(index);
+  requestQueue->erase(request);
 }
 
 template <class IsUnwanted>
 std::size_t orbiqAgent::State::removeIf(const IsUnwanted& isUnwanted) {
-  orbiq::RequestQueue& queue = *requestQueue;
-  const std::size_t before = queue.size();
-  // Nearly always it is the head alone, for which the others need not be moved up.
-  while (!queue.empty() && isUnwanted(*queue.front())) dequeue();
-  std::size_t markers = 0;
-  std::size_t streaming = 0;
-  const auto keptEnd =
-      std::remove_if(queue.begin(), queue.end(), [&](const std::shared_ptr<orbiqRequest>& request) {
-        if (!isUnwanted(*request)) return false;
-        if (isMarker(*request)) ++markers;
-        if (isStreaming(*request)) ++streaming;
-        return true;
-      });
-  pendingMarkers -= markers;
-  pendingStreaming -= streaming;
-  for (auto left = queue.end() - keptEnd; left > 0; --left) queue.pop_back();
-  return before - queue.size();
+  const std::size_t before = requestQueue->size();
+  for (std::size_t index = 0; index < requestQueue->size();) {
+    if (isUnwanted(*(*requestQueue)[index])) {
+      dequeue(index);
+    } else {
+      ++index;
+    }
+  }
+  return before - requestQueue->size();
 }
 
 void orbiqAgent::State::renewSession(const orbiqRequest& request) {

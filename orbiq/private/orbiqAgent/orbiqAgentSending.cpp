@@ -93,6 +93,7 @@ void orbiqAgent::State::handleRequests() {
       orbiqLogger::log_withMode(
           [&] { return std::string("The sending loop failed: ") + error.what(); },
           orbiq::LoggingModeError);
+      if (!requestQueue->empty()) requestsFile->changed(*requestQueue->front());
       requestsProtector.wait();
     }
   }
@@ -138,6 +139,7 @@ void orbiqAgent::State::handleHead() {
                             orbiq::LoggingModeInfo);
   const Attempt result = attempt(head);
   if (!result.fate) {
+    requestsFile->changed(*head);
     if (!result.failure.isNull()) ledger.noteFailure(result.failure);
     logAbout(*head, " handling resulted in a timeout or lack of connection",
              orbiq::LoggingModeWarning);
@@ -212,7 +214,9 @@ orbiqAgent::State::Attempt orbiqAgent::State::send(orbiqRequest& request, const 
   if (fate == HitFate::Sent) {
     logAbout(request, " sent", orbiq::LoggingModeInfo);
     if (request.requestType() == orbiq::RequestTypeAudience) {
-      orbiqAuthManager::manager().hitSuccessfullySentForTagger(request.taggerID());
+      const auto marked =
+          orbiqAuthManager::manager().hitSuccessfullySentForTagger(request.taggerID());
+      if (marked) requestsFile->changed(*marked);
     }
     return {std::nullopt, fate, {}};
   }

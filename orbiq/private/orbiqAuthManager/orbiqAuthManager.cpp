@@ -91,7 +91,8 @@ void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagg
   withoutThrowing([&] { exchange(tagger); });
 }
 
-void orbiqAuthManager::hitSuccessfullySentForTagger(const TaggerID& tagger) {
+std::shared_ptr<orbiqAccess> orbiqAuthManager::hitSuccessfullySentForTagger(
+    const TaggerID& tagger) {
   const std::shared_ptr<orbiqAuth> cached = stored(tagger);
   // Before anything that takes memory: a restricted account has had its hit.
   const auto access =
@@ -102,4 +103,5 @@ void orbiqAuthManager::hitSuccessfullySentForTagger(const TaggerID& tagger) {
               ask(cached, &orbiqAuth::isDefaultValues)),
           tagger);
   });
+  return access;
 }

@@ -43,7 +43,8 @@ class ORBIQ_EXPORT orbiqAuthManager {
   void clearCache();
   /// Marks the tagger's access, which all copies share. With nothing cached, a record without
   /// session and access is stored, which refuses everything until it is forgotten.
-  void hitSuccessfullySentForTagger(const TaggerID& tagger);
+  /// Returns the marked access, null if there is none.
+  std::shared_ptr<orbiqAccess> hitSuccessfullySentForTagger(const TaggerID& tagger);
 
   /// The server's clock minus the device's, in seconds, as last measured; 0 before.
   double timeIntervalBetweenServerAndDevice() const {

@@ -110,8 +110,8 @@ void orbiqRequest::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
   coder.encodeInteger(static_cast<std::int64_t>(_numberOfFails), kNumberOfFailsKey);
   coder.encodeInteger(_status, kStatusKey);
   coder.encodeBoolean(_shouldRenewSessionAfter, kRenewKeyWritten);
-  coder.encodeObject(_taggerID.get(), kTaggerIDKey);
-  coder.encodeObject(_auth.get(), kAuthKey);
+  coder.encodeObject(_taggerID, kTaggerIDKey);
+  coder.encodeObject(_auth, kAuthKey);
 }
 
 std::shared_ptr<orbiqRequest> orbiqRequest::copy() const {

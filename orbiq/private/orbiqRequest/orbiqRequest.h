@@ -42,53 +42,32 @@ class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
   /// The customer account; may be null.
   orbiq::String serial() const { return _serial; }
   /// Keeps a copy.
-  void setSerial(const orbiq::String& serial) {
-    _serial = serial.copy();
-    changed();
-  }
+  void setSerial(const orbiq::String& serial) { _serial = serial.copy(); }
   /// Time of the last failed send; none before one.
   std::optional<orbiq::Date> lastFail() const { return _lastFail; }
   /// Within a minute of it, before or after, the request is not sent.
-  void setLastFail(std::optional<orbiq::Date> lastFail) {
-    _lastFail = lastFail;
-    changed();
-  }
+  void setLastFail(std::optional<orbiq::Date> lastFail) { _lastFail = lastFail; }
   /// None for a marker. A request from a later day is not sent.
   std::optional<orbiq::Date> creationDate() const { return _creationDate; }
   /// The agent sets it anew for a stop copy.
-  void setCreationDate(std::optional<orbiq::Date> creationDate) {
-    _creationDate = creationDate;
-    changed();
-  }
+  void setCreationDate(std::optional<orbiq::Date> creationDate) { _creationDate = creationDate; }
   /// How many sends brought no response.
   std::uint64_t numberOfFails() const { return _numberOfFails; }
   /// Only counted: no number of failures ends the attempts.
-  void setNumberOfFails(std::uint64_t numberOfFails) {
-    _numberOfFails = numberOfFails;
-    changed();
-  }
+  void setNumberOfFails(std::uint64_t numberOfFails) { _numberOfFails = numberOfFails; }
   /// Kept for whoever looks; nothing depends on it.
   orbiq::RequestStatus status() const { return _status; }
   /// The agent sets it at each attempt.
-  void setStatus(orbiq::RequestStatus status) {
-    _status = status;
-    changed();
-  }
+  void setStatus(orbiq::RequestStatus status) { _status = status; }
   /// The agent forgets the tagger's authorization before it sends this request and, in
   /// `SendingModeSerialWithStop`, sends a stop copy after it.
   bool shouldRenewSessionAfter() const { return _shouldRenewSessionAfter; }
   /// Saved, but not read back: no request comes out of the file with it.
-  void setShouldRenewSessionAfter(bool renew) {
-    _shouldRenewSessionAfter = renew;
-    changed();
-  }
+  void setShouldRenewSessionAfter(bool renew) { _shouldRenewSessionAfter = renew; }
   /// The authorization under which the request is sent; attached by the agent, null before.
   std::shared_ptr<orbiqAuth> auth() const { return _auth; }
   /// Shares the record.
-  void setAuth(std::shared_ptr<orbiqAuth> auth) {
-    _auth = std::move(auth);
-    changed();
-  }
+  void setAuth(std::shared_ptr<orbiqAuth> auth) { _auth = std::move(auth); }
 
   /// The URL that the request is sent to: the access's host, in the serial modes its serial alone,
   /// and nothing added; the parameters are not sent. No value if that text is no URL or there is no

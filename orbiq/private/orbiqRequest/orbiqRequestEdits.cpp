@@ -54,7 +54,6 @@ void orbiqRequest::transformToStop() {
   stop.insert_or_assign(kStateKey, kStoppedState);
   stop.insert_or_assign(kRankKey, std::to_string(nextRank(integerValue(stop, kRankKey))));
   _parameters = std::make_shared<const orbiq::Parameters>(std::move(stop));
-  changed();
 }
 
 void orbiqRequest::setTheRank(std::int64_t rank) {
@@ -62,7 +61,6 @@ void orbiqRequest::setTheRank(std::int64_t rank) {
   orbiq::Parameters ranked = *_parameters;
   ranked.insert_or_assign(kRankKey, std::to_string(rank));
   _parameters = std::make_shared<const orbiq::Parameters>(std::move(ranked));
-  changed();
 }
 
 orbiq::String orbiqRequest::urlEncode(const orbiq::String& text) const {

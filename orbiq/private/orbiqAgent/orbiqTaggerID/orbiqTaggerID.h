@@ -18,24 +18,15 @@ class ORBIQ_EXPORT orbiqTaggerID final : public orbiq::Archivable {
   /// The customer account; may be null.
   orbiq::String serial() const { return _serial; }
   /// Shares the text.
-  void setSerial(orbiq::String serial) {
-    _serial = std::move(serial);
-    changed();
-  }
+  void setSerial(orbiq::String serial) { _serial = std::move(serial); }
   /// Tells taggers of one serial apart; audience taggers all have the largest number.
   std::intptr_t partialID() const { return _partialID; }
   /// Makes it another identity.
-  void setPartialID(std::intptr_t partialID) {
-    _partialID = partialID;
-    changed();
-  }
+  void setPartialID(std::intptr_t partialID) { _partialID = partialID; }
   /// False for an audience tagger.
   bool isStreamTagger() const { return _isStreamTagger; }
   /// Makes it another identity.
-  void setIsStreamTagger(bool isStreamTagger) {
-    _isStreamTagger = isStreamTagger;
-    changed();
-  }
+  void setIsStreamTagger(bool isStreamTagger) { _isStreamTagger = isStreamTagger; }
 
   /// An identity of the same values that shares the serial.
   std::shared_ptr<orbiqTaggerID> copy() const;

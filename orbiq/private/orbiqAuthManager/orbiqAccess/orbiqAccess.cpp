@@ -67,7 +67,7 @@ bool orbiqAccess::canSendRequestFor(orbiq::RequestType /*requestType*/) const {
 }
 
 std::shared_ptr<orbiqAccess> orbiqAccess::hitSuccessfullySent() {
-  if (!firstHitSuccessfullySent.exchange(true, std::memory_order_relaxed)) changed();
+  firstHitSuccessfullySent.store(true, std::memory_order_relaxed);
   return weak_from_this().lock();
 }
 

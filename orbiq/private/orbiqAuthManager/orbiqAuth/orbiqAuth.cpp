@@ -27,19 +27,16 @@ std::shared_ptr<orbiqAuth> orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefau
 
 orbiqAuth::orbiqAuth(std::shared_ptr<orbiqSession> session, std::shared_ptr<orbiqAccess> access,
                      bool /*isDefault*/)
-    : Archivable(kNeverChanges),
-      _currentSession(std::move(session)),
-      _currentAccess(std::move(access)) {}
+    : _currentSession(std::move(session)), _currentAccess(std::move(access)) {}
 
 orbiqAuth::orbiqAuth(orbiq::KeyedUnarchiver& coder)
-    : Archivable(kNeverChanges),
-      defaultValues(coder.decodeBoolean(kDefaultValuesKey)),
+    : defaultValues(coder.decodeBoolean(kDefaultValuesKey)),
       _currentSession(coder.decodeObject<orbiqSession>(kSessionKey)),
       _currentAccess(coder.decodeObject<orbiqAccess>(kAccessKey)) {}
 
 void orbiqAuth::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
-  coder.encodeObject(_currentAccess.get(), kAccessKey);
-  coder.encodeObject(_currentSession.get(), kSessionKey);
+  coder.encodeObject(_currentAccess, kAccessKey);
+  coder.encodeObject(_currentSession, kSessionKey);
   coder.encodeBoolean(defaultValues, kDefaultValuesKey);
 }
 

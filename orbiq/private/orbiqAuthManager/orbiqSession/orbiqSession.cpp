@@ -26,12 +26,10 @@ std::shared_ptr<orbiqSession> orbiqSession::orbiqSessionWithSerial_withCmsVI(orb
 }
 
 orbiqSession::orbiqSession(orbiq::String serial, orbiq::String cmsVI)
-    : Archivable(kNeverChanges), _cmsVI(std::move(cmsVI)), _serial(std::move(serial)) {}
+    : _cmsVI(std::move(cmsVI)), _serial(std::move(serial)) {}
 
 orbiqSession::orbiqSession(orbiq::KeyedUnarchiver& coder)
-    : Archivable(kNeverChanges),
-      _cmsVI(coder.decodeString(kCmsVIKey)),
-      _serial(coder.decodeString(kSerialKey)) {}
+    : _cmsVI(coder.decodeString(kCmsVIKey)), _serial(coder.decodeString(kSerialKey)) {}
 
 void orbiqSession::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
   coder.encodeString(_serial, kSerialKey);

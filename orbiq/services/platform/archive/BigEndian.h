@@ -1,28 +1,23 @@
 #pragma once
 
-#include <bit>
 #include <cstddef>
 #include <cstdint>
 
 namespace orbiq {
 
-/// Stores the low bytes of `number`, most significant first, and returns the place behind them.
-template <std::size_t kSize>
-char* storeBigEndian(char* place, std::uint64_t number) {
-  for (std::size_t i = 0; i < kSize; ++i) {
-    place[i] = static_cast<char>(number >> (8 * (kSize - 1 - i)));
-  }
-  return place + kSize;
+/// Stores the `size` low bytes of a number, most significant first, and returns the place behind.
+inline char* storeBigEndian(char* place, std::uint64_t number, std::size_t size) {
+  for (std::size_t shift = 8 * size; shift != 0;)
+    *place++ = static_cast<char>(number >> (shift -= 8));
+  return place;
 }
 
-/// The number as it is in memory if its most significant byte comes first, and the other way round.
-constexpr std::uint16_t bigEndian16(std::uint16_t number) {
-  if constexpr (std::endian::native == std::endian::big) return number;
-  return static_cast<std::uint16_t>(number << 8 | number >> 8);
-}
-constexpr std::uint32_t bigEndian32(std::uint32_t number) {
-  if constexpr (std::endian::native == std::endian::big) return number;
-  return __builtin_bswap32(number);
+/// The number of `size` bytes that stands there.
+inline std::uint64_t loadBigEndian(const char* place, std::size_t size) {
+  std::uint64_t number = 0;
+  for (std::size_t i = 0; i < size; ++i)
+    number = number << 8 | static_cast<unsigned char>(place[i]);
+  return number;
 }
 
 }  // namespace orbiq

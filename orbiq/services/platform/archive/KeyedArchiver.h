@@ -1,67 +1,57 @@
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
-#include <functional>
+#include <memory>
 #include <optional>
 #include <span>
+#include <string>
 #include <string_view>
-#include <utility>
 #include <vector>
 
 #include "orbiq/services/platform/archive/Archivable.h"
-#include "orbiq/services/platform/archive/ArchiveFrame.h"
-#include "orbiq/services/platform/archive/ExtendablePlist.h"
-#include "orbiq/services/platform/archive/FrontVector.h"
-#include "orbiq/services/platform/archive/InternTable.h"
+#include "orbiq/services/platform/archive/ArchiveLayout.h"
 #include "orbiq/services/platform/text/Parameters.h"
 #include "orbiq/services/platform/text/String.h"
 #include "orbiq/services/platform/time/Date.h"
 
 namespace orbiq {
 
-/// Writes an array of objects as a keyed archive in the binary property-list container.
+/// Keeps an array of objects as a keyed archive in the binary property-list container, and takes
+/// note of what comes, goes and changes: each costs the same however long the array is, as the rest
+/// stays where it is (see `ArchiveLayout`). Where there is no room for more, all is encoded anew.
 ///
-///     archiver.beginRootArray();
-///     for (const auto& request : queue) archiver.addElement(*request);
-///     const KeyedArchiver::Bytes bytes = archiver.finish();
-///
-/// One object that is referred to twice is stored once. An archiver can be used again; it then
-/// reuses its memory and what it has encoded: the elements are written last one first, each with
-/// all that no later one refers to, so that an array that has lost its first elements is a longer
-/// one's beginning, with another ending, and one that has got more behind them differs from a
-/// shorter one by what the new elements refer to and by the numbers. The bytes are the same either
-/// way. Not thread-safe; the archived objects must not change meanwhile.
+/// One object that is referred to twice is stored once: an entry of the object table that counts
+/// its users. The archive shares what it holds, so that an address stands for one object. Not
+/// thread-safe.
 class KeyedArchiver {
  public:
-  /// What the samples and all that they refer to name – classes, fields, parameters – stands once
-  /// in every archive. Other objects can be archived as well.
-  [[gnu::cold]] explicit KeyedArchiver(std::span<const Archivable* const> samples = {});
-  [[gnu::cold]] ~KeyedArchiver();
-  KeyedArchiver(const KeyedArchiver&) = delete;
-  KeyedArchiver& operator=(const KeyedArchiver&) = delete;
+  using Element = std::shared_ptr<const Archivable>;
 
-  /// Starts a new archive and forgets the last one.
-  void beginRootArray();
-  /// Appends an element. The object must live until `finish`.
-  void addElement(const Archivable& object) { _elements.push_back(&object); }
-  struct Bytes {
-    std::string_view all;
-    /// So many of the first ones are those of the last archive.
-    std::size_t kept;
-  };
-  /// The archive's bytes, valid until the next call of any of these. Throws `std::length_error`
-  /// beyond 4 GiB.
-  Bytes finish();
+  /// Starts a new archive. Throws `std::length_error` beyond 4 GiB.
+  void encode(const std::vector<Element>& elements);
+  /// Whether there is an archive of all that it was told since. If not, all other operations do
+  /// nothing, and it wants `encode`.
+  bool isWhole() const { return _isWhole && !_holdsMutableText; }
 
-  /// Gives back the memory of a long archive: the next one is encoded as if it were the first.
-  [[gnu::cold]] void forget();
+  // What fails, for want of room or memory, leaves an archive that is not whole.
+  void append(const Element& element);
+  void remove(std::size_t index);
+  /// The record at that address, an element or what one refers to, writes other fields now.
+  void change(const void* record);
 
-  /// For `Archivable::encodeWithCoder`: each writes one field of the object being encoded. Keys
-  /// must be literals. An object must live until `finish` returns; texts and parameters are kept
-  /// alive that long. A parameter whose text is null is left out.
-  void encodeObject(const Archivable* object, std::string_view key);
+  /// The archive's bytes.
+  const std::string& bytes() const { return _layout->bytes(); }
+  /// Which of them have changed since `pagesTaken`.
+  const ChangedPages& changedPages() const { return _layout->changedPages(); }
+  void pagesTaken() { _layout->pagesTaken(); }
+
+  /// Gives back the memory, and all that it holds.
+  void forget();
+
+  // For `Archivable::encodeWithCoder`: each writes one field of the object being encoded. Keys must
+  // be literals. A parameter whose text is null is left out.
+  void encodeObject(const Element& object, std::string_view key);
   void encodeString(const String& text, std::string_view key);
   void encodeDate(const std::optional<Date>& date, std::string_view key);
   void encodeParameters(const SharedParameters& parameters, std::string_view key);
@@ -69,122 +59,50 @@ class KeyedArchiver {
   void encodeBoolean(bool value, std::string_view key);
 
  private:
-  /// What an entry of the archive's object table stands for.
-  enum class Kind : std::uint8_t { kObject, kText, kParameters, kClass, kUnshared };
-  static constexpr std::size_t kSharedKinds = 4;
-  /// Marks the number of an entry that is in the block.
-  static constexpr std::uint32_t kInBlock = 0x8000'0000U;
-  static constexpr std::size_t kEndingObjects = 4;
-
-  /// An entry of the object table that is being encoded. It is listed when it is first referred to
-  /// and written when its turn comes, so that nothing nests.
-  struct Listed {
-    const void* address;  ///< null for one that no other can refer to
-    Kind kind;
-    PlistRef uidRef;  ///< the UID value that leads here
-    PlistRef object;  ///< once it is written
-  };
-  /// An entry of the last archive.
-  struct Known {
-    const void* address;
-    std::uint32_t uidHandle;
-    Kind kind;
-  };
-  /// An object of the last archive, as it was encoded.
-  struct Changeable {
-    const Archivable* object;
-    std::uint64_t revision;
-  };
-  /// An element with all that it brought; of entries there are as many as of UIDs.
-  struct Segment {
-    const Archivable* element;
-    std::uint32_t uidHandle;  ///< while it is being encoded, the UID value's number
-    std::uint32_t changeables;
-    ExtendablePlist::Extent extent;
+  static constexpr std::uint32_t kNone = UINT32_MAX;
+  /// Of the object table, behind those of the classes.
+  struct Entry {
+    std::shared_ptr<const void> object;  ///< null for what nothing else can refer to
+    std::uint32_t users = 0;
+    std::uint32_t next = kNone;  ///< in the list of those whose addresses hash alike
   };
 
-  struct AddressHash {
-    std::uint64_t operator()(const void* address) const {
-      return reinterpret_cast<std::uintptr_t>(address);
-    }
-  };
-  using AddressTable = InternTable<const void*, AddressHash>;
+  bool tryToEncode(const std::vector<Element>& elements);
+  template <class Operation>
+  void edit(const Operation& operation);
 
-  /// The elements' numbers, last one first.
-  const Archivable* element(std::size_t index) const {
-    return _elements[_elements.size() - 1 - index];
-  }
+  std::uint32_t& listOf(const void* address);
+  std::uint32_t find(const void* address);
+  std::uint32_t add(std::shared_ptr<const void> object);
+  void release(std::uint32_t entry);
+  void releaseRefs(PlistRef object);
 
-  // Going on with the last archive; each says so if that cannot be done.
-  bool goOn(std::size_t& kept);
-  std::optional<std::size_t> countAddedElements() const;
-  std::size_t countChangedSegments() const;
-  void dropOldestSegment();
-  bool extend(std::size_t added);
-  bool isMostlyForgotten() const;
-  bool findSuccessors();
+  // Each returns the number of the UID that leads there, and counts a user.
+  std::optional<PlistRef> use(const void* address);
+  PlistRef objectUid(const Element& object);
+  PlistRef textUid(const String& text);
+  PlistRef parametersUid(const SharedParameters& parameters);
 
-  void encodeAnew();
-  void forgetSegments();
-  void encodeAll(PlistRefSize refSize);
-  void beginBlock();
-  void encodeSegment(const Archivable& element);
-  void encodeListed(std::size_t index);
-  void takeBlock();
-  std::string_view encodeEnding();
-
-  PlistRef encodeFields(const Archivable& object);
-  PlistRef encodeMapping(const Parameters& parameters);
-  void learnKeyList(const Parameters& parameters);
-  PlistRef encodeClass(const ArchivedClass& archivedClass);
-
-  PlistRef addEntry(Kind kind, const void* address, PlistRef object);
-  /// The entry's index, and whether it was not there yet.
-  std::pair<std::uint32_t, bool> entryFor(Kind kind, const void* address);
-  void noteOwner(std::uint32_t serial);
-  PlistRef objectUid(const Archivable& object);
-  PlistRef textUid(const String& text, bool mayBeFleeting);
-  PlistRef parameterKeyUid(std::string_view key);
-  PlistRef classUid(const ArchivedClass& archivedClass);
-  PlistRef fieldName(std::string_view name);
+  void assembleFields(const Archivable& object);
   void addField(std::string_view key, PlistRef value);
+  PlistRef classUid(const ArchivedClass& archivedClass);
+  PlistRef place();
+  PlistRef placeArray(std::span<const PlistRef> elements);
+  PlistRef placeDictionary(std::span<const PlistRef> keys, std::span<const PlistRef> values);
 
   ArchiveVocabulary _vocabulary;
-  bool _learns = false;
-  std::optional<ArchiveFrame> _frame;
-  std::vector<const Archivable*> _elements;
-
-  // The last archive: what `_plist` holds, last element first.
-  ExtendablePlist _plist;
-  FrontVector<Segment> _segments;
-  FrontVector<Changeable> _changeables;
-  FrontVector<Known> _known;
-  FrontVector<std::uint32_t> _table;  ///< the handles of the entries' objects
-  std::uint32_t _newest = 0;          ///< the first segment's serial number
-  bool _holdsMutableText = false;     ///< which changes without a revision
-  bool _holdsRepeated = false;        ///< an element that is not its own segment's
-  bool _isWhole = false;              ///< and was handed out
-
-  // The segments that are being encoded.
-  PlistObjects _block;
-  std::vector<Listed> _listed;
-  std::vector<Segment> _blockSegments;
-  std::vector<Changeable> _blockChangeables;
-  std::vector<PlistRef> _successors;
-  std::size_t _owners = 0;  ///< so many segments of the last archive lose something to the block
-
-  // By identity, for each kind: the entry's index, marked, if it is in the block; else the serial
-  // number of the last segment that had it. A table for each kind, since addresses may coincide.
-  std::array<AddressTable, kSharedKinds> _entries;
-
-  PlistObjects _ending;
-  std::vector<PlistRef> _tableRefs;
-  // Scratch of the container that is being put together.
+  ArchiveLayout::Measure _measure{};
+  std::optional<ArchiveLayout> _layout;
+  bool _isWhole = false;
+  bool _lacksNames = false;        ///< the vocabulary has grown
+  bool _holdsMutableText = false;  ///< which changes without a word
+  std::vector<Entry> _entries;
+  std::vector<std::uint32_t> _lists;  ///< the first entry of each
+  // What is being put together.
+  PlistObjects _object{0};
   std::vector<PlistRef> _keys;
   std::vector<PlistRef> _values;
-  // An address stands for its object only as long as that is not replaced by another.
-  std::vector<String> _heldTexts;
-  std::vector<SharedParameters> _heldParameters;
+  std::size_t _nextName = 0;
 };
 
 }  // namespace orbiq

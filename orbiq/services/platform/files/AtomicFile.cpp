@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <tuple>
 #include <utility>
 
 namespace orbiq {
@@ -24,11 +25,10 @@ int syncDirectory(const std::string& path) {
 void AtomicFile::Version::swap(Version& other) noexcept {
   _descriptor.swap(other._descriptor);
   std::swap(_state, other._state);
-  std::swap(kept, other.kept);
+  std::swap(stale, other.stale);
 }
 
 int AtomicFile::Version::create(int directory, const std::string& name) {
-  kept = 0;
   const auto open = [&] {
     return Descriptor(
         openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
@@ -43,10 +43,16 @@ int AtomicFile::Version::create(int directory, const std::string& name) {
 
 int AtomicFile::Version::write(std::string_view bytes, bool synced) {
   const int file = _descriptor.number();
-  if (const int failed = writeAll(_descriptor, bytes, kept); failed != 0) return failed;
+  if (_state.st_size == 0) stale = ChangedPages::all(bytes.size());
+  for (auto [page, end] = stale.nextRun(0); page != end; std::tie(page, end) = stale.nextRun(end)) {
+    const std::size_t upTo = std::min(end * ChangedPages::kSize, bytes.size());
+    const int failed = writeAll(_descriptor, bytes.substr(0, upTo), page * ChangedPages::kSize);
+    if (failed != 0) return failed;
+  }
   const auto size = static_cast<off_t>(bytes.size());
   if (size < _state.st_size && ftruncate(file, size) != 0) return errno;
   if (synced && fdatasync(file) != 0) return errno;
+  stale.clear();
   return noteState();
 }
 
@@ -68,10 +74,10 @@ int AtomicFile::Version::noteState() {
   return fstat(_descriptor.number(), &_state) == 0 ? 0 : errno;
 }
 
-int AtomicFile::replace(const std::string& path, std::string_view bytes, std::size_t kept,
-                        bool synced) {
-  _spare.kept = std::min(_spare.kept, kept);
-  _current.kept = std::min(_current.kept, kept);
+int AtomicFile::replace(const std::string& path, std::string_view bytes,
+                        const ChangedPages& changed, bool synced) {
+  _spare.stale.add(changed);
+  _current.stale.add(changed);
   const bool isOurs = _current.standsAt(AT_FDCWD, path);
   if (!isOurs) {
     _name = path.substr(path.rfind('/') + 1);
@@ -85,7 +91,6 @@ int AtomicFile::replace(const std::string& path, std::string_view bytes, std::si
     _spare.close();
     return failed;
   }
-  _current.kept = bytes.size();
   return synced ? syncDirectory(directoryOf(path)) : 0;
 }
 

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "orbiq/services/platform/files/ChangedPages.h"
 #include "orbiq/services/platform/files/Descriptor.h"
 
 namespace orbiq {
@@ -19,10 +20,11 @@ namespace orbiq {
 /// the file open meanwhile may see it being rewritten. One thread at a time.
 class AtomicFile {
  public:
-  /// `kept`: so many of the first bytes are those of the last call. `synced`: returns only when the
-  /// disk has the bytes. Returns 0 or the error number; then the old file stands, or the new one,
-  /// if only the disk's word for it is missing.
-  int replace(const std::string& path, std::string_view bytes, std::size_t kept, bool synced);
+  /// `changed`: the pages in which the bytes differ from those of the last call. `synced`: returns
+  /// only when the disk has the bytes. Returns 0 or the error number; then the old file stands, or
+  /// the new one, if only the disk's word for it is missing.
+  int replace(const std::string& path, std::string_view bytes, const ChangedPages& changed,
+              bool synced);
 
  private:
   /// A file of ours under one of the two names.
@@ -40,7 +42,7 @@ class AtomicFile {
     /// Whether it is this file that has the name, as it was last written.
     bool standsAt(int directory, const std::string& name) const;
 
-    std::size_t kept = 0;  ///< so many of its first bytes are those of the last call
+    ChangedPages stale;  ///< where it differs from the bytes of the last call
 
    private:
     int noteState();

@@ -60,6 +60,8 @@ class ORBIQ_EXPORT String {
   std::uintptr_t hash() const noexcept;
   /// An address that is the same for all handles to one text; null for the null text.
   const void* identity() const noexcept { return _text.get(); }
+  /// A share of the text, which keeps that address taken; null for the null text.
+  std::shared_ptr<const void> handle() const noexcept { return _text; }
   /// The text, or "(null)".
   std::string description() const;
 

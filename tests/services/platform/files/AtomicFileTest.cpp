@@ -7,6 +7,7 @@
 #include <fstream>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "orbiq/services/platform/files/AtomicFile.h"
 #include "tests/support/DiskCalls.h"
@@ -20,8 +21,11 @@ namespace fs = std::filesystem;
 class AtomicFileTest : public testing::Test {
  protected:
   /// The bytes that the file holds afterwards, or the error.
-  std::string replace(const std::string& bytes, std::size_t kept = 0) {
-    const int failure = _file.replace(path, bytes, kept, false);
+  std::string replace(const std::string& bytes) {
+    return replace(bytes, ChangedPages::all(bytes.size()));
+  }
+  std::string replace(const std::string& bytes, const ChangedPages& changed) {
+    const int failure = _file.replace(path, bytes, changed, false);
     return failure != 0 ? "error " + std::to_string(failure) : readFile(path, 1U << 20U).value();
   }
   static ino_t inodeOf(const std::string& path) {
@@ -40,16 +44,32 @@ class AtomicFileTest : public testing::Test {
   AtomicFile _file;
 };
 
-TEST_F(AtomicFileTest, WritesOnlyWhatDiffersFromTwoVersionsAgo) {
-  EXPECT_EQ(replace("0123456789"), "0123456789");
-  EXPECT_EQ(replace("012345abc", 6), "012345abc");
-  const ino_t first = inodeOf(path);
-  EXPECT_EQ(replace("012xyz", 3), "012xyz");
-  EXPECT_EQ(inodeOf(spare), first);
-  // Four bytes are those of the last version, but only three those of the spare file.
-  EXPECT_EQ(replace("012x and much more than before", 4), "012x and much more than before");
+TEST_F(AtomicFileTest, WritesOnlyWhatTheLastTwoVersionsChanged) {
+  constexpr std::size_t kPage = ChangedPages::kSize;
+  std::string bytes(5 * kPage + 10, '0');
+  const auto change = [&](std::vector<std::size_t> pages, char digit) {
+    ChangedPages changed = ChangedPages::all(bytes.size());
+    changed.clear();
+    for (const std::size_t page : pages) {
+      changed.add(page * kPage + 7, 1);
+      bytes[page * kPage + 7] = digit;
+    }
+    return changed;
+  };
+  EXPECT_EQ(replace(bytes), bytes);
+  EXPECT_EQ(replace(bytes, change({1, 2}, '1')), bytes);
+  const ino_t first = inodeOf(spare);
+  EXPECT_EQ(replace(bytes, change({4, 5}, '2')), bytes);
   EXPECT_EQ(inodeOf(path), first);
-  EXPECT_EQ(replace("", 0), "");
+  // What nobody said has changed is not written.
+  std::string other = bytes;
+  other[0] = other[3 * kPage] = '!';
+  const ChangedPages changed = change({}, ' ');
+  EXPECT_EQ(replace(other, changed), bytes);
+  bytes.resize(2 * kPage);
+  EXPECT_EQ(replace(bytes), bytes);
+  EXPECT_EQ(replace(bytes + bytes), bytes + bytes);
+  EXPECT_EQ(replace(""), "");
   EXPECT_EQ(fs::status(path).permissions(), fs::perms::owner_read | fs::perms::owner_write);
 }
 
@@ -66,13 +86,13 @@ TEST_F(AtomicFileTest, TouchesNothingThatIsNotItsOwn) {
   };
   write(other, "somebody else's");
   replace("one two");
-  replace("one three", 4);
+  replace("one three");
   for (const std::string& name : {path, spare}) {
     for (const auto& tamper : tampers) {
       tamper(name);
-      EXPECT_EQ(replace("one four", 4), "one four");
+      EXPECT_EQ(replace("one four"), "one four");
       EXPECT_TRUE(fs::is_regular_file(fs::symlink_status(path)));
-      EXPECT_EQ(replace("one five", 4), "one five");
+      EXPECT_EQ(replace("one five"), "one five");
       EXPECT_EQ(readFile(other, 100), "somebody else's");
     }
   }
@@ -83,19 +103,19 @@ TEST_F(AtomicFileTest, FailsAndRecovers) {
   for (const std::string& name : {path, spare}) {
     fs::remove(name);
     fs::create_directories(name + "/in the way");
-    EXPECT_EQ(replace("one three", 4), "error " + std::to_string(EISDIR)) << name;
+    EXPECT_EQ(replace("one three"), "error " + std::to_string(EISDIR)) << name;
     fs::remove_all(name);
-    EXPECT_EQ(replace("one four", 4), "one four");
+    EXPECT_EQ(replace("one four"), "one four");
   }
   // What a file system tells only when a file is closed is known before another file goes.
   fs::remove(path), write(path, "another");
   DiskCalls::failFlushes(true);
-  EXPECT_EQ(replace("one five", 4), "error " + std::to_string(EBADF));
+  EXPECT_EQ(replace("one five"), "error " + std::to_string(EBADF));
   EXPECT_EQ(readFile(path, 100), "another");
   DiskCalls::failFlushes(false);
-  EXPECT_EQ(replace("one six", 4), "one six");
+  EXPECT_EQ(replace("one six"), "one six");
   const std::string away = directory.path() / "away";
-  EXPECT_EQ(AtomicFile().replace(away + "/file", "bytes", 0, false), ENOENT);
+  EXPECT_EQ(AtomicFile().replace(away + "/file", "bytes", ChangedPages::all(5), false), ENOENT);
 }
 
 }  // namespace

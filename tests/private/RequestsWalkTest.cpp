@@ -1,0 +1,267 @@
+// A random walk: whatever happens to the queue, another reader finds it in the file.
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
+#include "orbiq/private/orbiqRequest/orbiqClearCache.h"
+#include "tests/support/Application.h"
+#include "tests/support/TemporaryDirectory.h"
+#include "tests/support/Torture.h"
+
+namespace orbiq::test {
+namespace {
+
+namespace fs = std::filesystem;
+
+/// What judge_queues.py has to find.
+class Description {
+ public:
+  std::string text;
+
+  explicit Description(const RequestQueue& queue) {
+    for (const auto& request : queue) {
+      add(*request);
+      text += '\n';
+    }
+  }
+
+ private:
+  bool begins(const void* object, const char* opening) {
+    if (object == nullptr) return (text += "null"), false;
+    const auto [place, isNew] = _seen.emplace(object, _seen.size());
+    text += isNew ? opening : "#" + std::to_string(place->second);
+    return isNew;
+  }
+  void add(const String& string, const char* behind = "") {
+    if (begins(string.identity(), "'")) {
+      constexpr char kDigits[] = "0123456789abcdef";
+      for (const char byte : string.view()) {
+        text += kDigits[static_cast<unsigned char>(byte) >> 4];
+        text += kDigits[byte & 0xF];
+      }
+      text += "'";
+    }
+    text += behind;
+  }
+  void add(const std::optional<Date>& date) {
+    text += date ? "@" + std::to_string(static_cast<int>(date->secondsSinceReferenceDate)) : "null";
+    text += ",";
+  }
+  void add(bool value, const char* behind) { (text += value ? "true" : "false") += behind; }
+  void add(const Parameters& parameters) {
+    for (const auto& [key, value] : parameters) {
+      if (text.back() != '{') text += ",";
+      add(key, "=");
+      add(value);
+    }
+    text += "}";
+  }
+  void add(const orbiqAuth& auth) {
+    const auto access = auth.currentAccess();
+    if (begins(access.get(), "orbiqAccess(")) {
+      add(access->serial(), ",");
+      text += std::to_string(access->accessMode()) + ",";
+      add(access->baseURL(), ",");
+      add(!access->canSendRequestFor(RequestTypeStreaming), ",");
+      add(access->host(), ")");
+    }
+    text += ",";
+    const auto session = auth.currentSession();
+    if (begins(session.get(), "orbiqSession(")) {
+      add(session->serial(), ",");
+      add(session->cmsVI(), ")");
+    }
+    text += ",";
+    add(auth.isDefaultValues(), ")");
+  }
+  void add(const orbiqRequest& request) {
+    const bool isMarker = dynamic_cast<const orbiqClearCache*>(&request) != nullptr;
+    if (!begins(&request, isMarker ? "orbiqClearCache()" : "orbiqRequest(") || isMarker) return;
+    if (begins(request.parameters().get(), "{")) add(*request.parameters());
+    text += "," + std::to_string(request.requestType()) + "," +
+            std::to_string(request.sendingMode()) + ",";
+    add(request.lastFail());
+    add(request.creationDate());
+    add(request.serial(), ",");
+    text += std::to_string(request.numberOfFails()) + "," + std::to_string(request.status()) + ",";
+    add(request.shouldRenewSessionAfter(), ",");
+    const auto tagger = request.taggerID();
+    if (begins(tagger.get(), "orbiqTaggerID(")) {
+      add(tagger->serial(), ",");
+      text += std::to_string(tagger->partialID()) + (tagger->isStreamTagger() ? ",1)" : ",0)");
+    }
+    text += ",";
+    if (begins(request.auth().get(), "orbiqAuth(")) add(*request.auth());
+    text += ")";
+  }
+
+  std::map<const void*, std::size_t> _seen;
+};
+
+/// What requests of an account share.
+struct Account {
+  explicit Account(std::size_t number)
+      : serial("24104120860" + std::to_string(number)),
+        tagger(std::make_shared<orbiqTaggerID>(serial, static_cast<std::intptr_t>(number),
+                                               number % 2 == 0)),
+        auth(std::make_shared<orbiqAuth>(
+            std::make_shared<orbiqSession>(serial, number % 3 == 0 ? String() : "28174044"),
+            std::make_shared<orbiqAccess>(serial, AccessModeRestricted, "https://hits.example/"),
+            false)) {}
+
+  String serial;
+  std::shared_ptr<orbiqTaggerID> tagger;
+  std::shared_ptr<orbiqAuth> auth;
+};
+
+class Walk {
+ public:
+  explicit Walk(std::mt19937& random) : _random(random) {}
+
+  /// Some change, to a queue that mostly keeps to `depth`.
+  void goOn(std::size_t depth) {
+    const std::size_t size = _queue.size();
+    if (size < depth / 2) return addMany(depth / 2);
+    if (size > 2 * depth) return removeMany(size - depth);
+    switch (draw(23)) {
+      case 0:
+        return changed(fail(*_queue.front()));
+      case 1:
+        any()->setAuth(draw(2) == 0 ? nullptr : account().auth);
+        return changed(*_last);
+      case 2:
+        any()->transformToStop();
+        return changed(*_last);
+      case 3:
+        return changed(*account().auth->currentAccess()->hitSuccessfullySent());
+      case 4:
+        return changed(identify(*account().tagger));
+      case 5:
+        account() = Account(draw(10));
+        return;
+      case 6:
+        return remove(draw(size));
+      case 7:
+        return add(any());
+      case 8:
+        return add(std::make_shared<orbiqClearCache>());
+      case 9:
+        return _mutable.appendString("\xC3\xA9");
+      case 10:
+        return _file.rest();
+      default:
+        return draw(2) == 0 ? add(request()) : remove(0);
+    }
+  }
+  void addMany(std::size_t count) {
+    while (count-- > 0) add(request());
+  }
+  void removeMany(std::size_t count) {
+    while (count-- > 0) remove(0);
+  }
+
+  /// Now and then over a file of somebody else's, or in vain: then the file is as it was.
+  void save() {
+    const std::size_t fate = _step == 0 ? 2 : draw(20);
+    if (fate == 0) fs::remove(_path + ".new"), fs::create_directories(_path + ".new/in the way");
+    if (fate == 1) fs::remove(_path), std::ofstream(_path) << "somebody else's";
+    _file.save(_path, _queue);
+    if (fate == 0) fs::remove_all(_path + ".new");
+    if (fate != 0) _saved = Description(_queue).text;
+    const std::string name = _directory.path() / std::to_string(_step++);
+    fs::copy_file(_path, name + ".ser");
+    std::ofstream(name + ".txt") << _saved;
+  }
+
+  /// 0 if the other reader found in each file what was to be there.
+  int judge() const {
+    return std::system(("python3 " ORBIQ_TEST_SUPPORT "/judge_queues.py " +
+                        _directory.path().string() + " " + std::to_string(_step))
+                           .c_str());
+  }
+  std::uintmax_t fileSize() const { return fs::file_size(_path); }
+
+ private:
+  std::size_t draw(std::size_t count) { return _random() % count; }
+  Account& account() { return _accounts[_random() % (draw(3) == 0 ? _accounts.size() : 1)]; }
+  const std::shared_ptr<orbiqRequest>& any() {
+    if (_queue.empty()) add(request());
+    return _last = _queue[draw(_queue.size())];
+  }
+  orbiqRequest& fail(orbiqRequest& request) {
+    request.setNumberOfFails(request.numberOfFails() + draw(200));
+    request.setLastFail(Date{static_cast<double>(_step)});
+    request.setStatus(RequestStatusFailed);
+    return request;
+  }
+  orbiqTaggerID& identify(orbiqTaggerID& tagger) {
+    tagger.setPartialID(static_cast<std::intptr_t>(_random()) << draw(32));
+    return tagger;
+  }
+  void changed(const Archivable& record) { _file.changed(record); }
+  void add(const std::shared_ptr<orbiqRequest>& request) {
+    _queue.push_back(request);
+    _file.added(request);
+  }
+  void remove(std::size_t index) {
+    if (index >= _queue.size()) return;
+    _queue.erase(_queue.begin() + static_cast<std::ptrdiff_t>(index));
+    _file.removed(index);
+  }
+  std::shared_ptr<orbiqRequest> request() {
+    const Account& from = account();
+    Parameters parameters{{"n", std::to_string(_random())}, {_key, from.serial}, {"v", _version}};
+    if (draw(8) == 0) parameters.emplace("own key", "caf\xC3\xA9 \xF0\x9F\x98\x80");
+    if (draw(30) == 0) parameters.emplace("long", std::string(draw(3000), 'x'));
+    if (draw(200) == 0) parameters.emplace("mutable", _mutable);
+    const bool isShared = draw(20) == 0 && !_queue.empty();
+    auto request = std::make_shared<orbiqRequest>(
+        isShared ? _queue.back()->parameters()
+                 : std::make_shared<const Parameters>(std::move(parameters)),
+        RequestTypeStreaming, SendingModeHost, from.serial, from.tagger);
+    request->setCreationDate(Date{static_cast<double>(draw(1'000'000))});
+    if (draw(4) != 0) request->setAuth(draw(4) == 0 ? from.auth : from.auth->copy());
+    return request;
+  }
+  std::mt19937& _random;
+  const TemporaryDirectory _directory;
+  const std::string _path = _directory.path() / "requests.ser";
+  RequestsFile _file;
+  RequestQueue _queue;
+  std::vector<Account> _accounts{Account(0), Account(1), Account(2), Account(3)};
+  MutableString _mutable{"changes"};
+  const String _key = "serial", _version = "1.0";
+  std::shared_ptr<orbiqRequest> _last;
+  std::string _saved;
+  std::size_t _step = 0;
+};
+
+TEST(RequestsWalk, AnotherReaderFindsTheQueueAtEachStep) {
+  const Application application("http://127.0.0.1:9/");
+  std::mt19937 random = seededRandom();
+  for (std::size_t round = 0; round < tortured(1, 50); ++round) {
+    Walk walk(random);
+    for (const std::size_t depth : {3, 40, 4, 500, 20, 2}) {
+      for (int step = 0; step < 60; ++step) {
+        walk.goOn(depth);
+        walk.save();
+      }
+    }
+    // More than 65,535 objects, and back.
+    for (const std::size_t count : {3'000, 500, 500, 10}) walk.addMany(count), walk.save();
+    const std::uintmax_t longest = walk.fileSize();
+    for (const std::size_t count : {1, 3'900, 60}) walk.removeMany(count), walk.save();
+    EXPECT_EQ(walk.judge(), 0);
+    EXPECT_GT(longest, 65'535U * 8);
+  }
+}
+
+}  // namespace
+}  // namespace orbiq::test
