@@ -10,6 +10,7 @@
 #include <tuple>
 #include <vector>
 
+#include "orbiq/private/orbiqAgent/SendingRules.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "tests/support/Application.h"
@@ -118,6 +119,18 @@ TEST_F(Road, AnotherStatusDropsTheHitWithoutAFailure) {
   EXPECT_EQ(application.log().count(kKept), 0U);
 }
 
+TEST(SendingRules, AFailedHeadIsDueAMinuteAwayFromItsFailure) {
+  const Date failed{1000};
+  EXPECT_TRUE(SendingRules::isDue({}, failed));
+  for (const auto& [later, isDue] : {std::pair{59.9, false},
+                                     {60.0, true},
+                                     {-59.9, false},
+                                     {-60.0, true},
+                                     {std::nan(""), true}}) {
+    EXPECT_EQ(SendingRules::isDue(failed, failed.adding(later)), isDue) << later;
+  }
+}
+
 TEST_F(Road, AMissingAnswerIsTriedAgainWithASignalAMinuteLater) {
   ScriptedServer hits({{steps::readRequest(), steps::reset()},
                        {steps::readRequest(), steps::untilPeerCloses()},
@@ -222,19 +235,6 @@ TEST(RoadOfANetworkThatFlickers, AnAttemptWithoutANetworkIsNoFailureOfTheRequest
   ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
   EXPECT_EQ(request->numberOfFails(), 0U);
   EXPECT_EQ(orbiqAgent::sharedAgent().statistics().sent, 1U);
-}
-
-TEST_F(Road, AMarkerClearsTheCacheWithoutTraffic) {
-  const auto tagger = Application::tagger("ABC");
-  tagger->sendHit();
-  ASSERT_TRUE(waitForRemovals(1));
-  agent().addRequestToQueue(std::make_shared<orbiqClearCache>());
-  ASSERT_TRUE(waitForRemovals(2));
-  EXPECT_EQ(server.server().requests().size(), 2U);
-  tagger->sendHit();
-  ASSERT_TRUE(waitForRemovals(3));
-  EXPECT_EQ(server.requestLines("/auth/").size(), 2U);
-  EXPECT_EQ(accounts(), (Counts{2, 2, 0, 0, 0, 0, 0, 0, 0}));
 }
 
 TEST_F(Road, AHitWithoutIdentityIsRefused) {

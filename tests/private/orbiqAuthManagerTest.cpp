@@ -55,7 +55,7 @@ TEST(AuthCache, HandsOutCopiesByIdentity) {
   const auto first = manager.authFromCacheForTagger(tagger("S1", 1));
   const auto second = manager.authForTagger(tagger("S1", 1));
   ASSERT_TRUE(first && second);
-  EXPECT_NE(first, second);
+  EXPECT_TRUE(first != second && first != stored && second != stored);
   EXPECT_EQ(first->currentAccess(), stored->currentAccess());
   EXPECT_EQ(first->currentSession(), stored->currentSession());
   EXPECT_EQ(manager.authFromCacheForTagger(tagger("S1", 2)), nullptr);
