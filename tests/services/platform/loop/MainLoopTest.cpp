@@ -12,6 +12,7 @@
 #include <fstream>
 #include <future>
 #include <iostream>
+#include <memory>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -250,10 +251,22 @@ const test::RoleRegistration starving("starving", [](const auto&) {
   queue.async([&] { queueOrder += 'A'; });
   if (!queueOrder.empty()) return 3;
   queue.sync([&] { queueOrder += isLibraryThread() ? '?' : 'B'; });
-  queue.async([&] { queueOrder += 'C'; });
+  std::promise<void> resumed;
+  queue.async([&] {
+    queueOrder += isLibraryThread() ? 'C' : '?';
+    resumed.set_value();
+  });
+  queue.resume();
+  std::promise<void> outlived;
+  auto gone = std::make_unique<SerialQueue>("gone");
+  gone->async([&] { outlived.set_value(); });
   std::string order;
   loop().post([&] { order += 'A'; });
   setrlimit(RLIMIT_NPROC, &threads);
+  queue.resume();
+  resumed.get_future().wait();
+  gone.reset();
+  outlived.get_future().wait();
   queue.sync([&] { queueOrder += isLibraryThread() ? 'D' : '?'; });
   std::promise<void> fired;
   std::promise<void> last;
