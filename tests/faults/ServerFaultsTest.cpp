@@ -42,6 +42,7 @@ class ServerFaults : public testing::TestWithParam<Fault> {
   }
   void start(const std::string& authorizationServer) {
     application.emplace(authorizationServer, [](HostDescription&, Platform& platform) {
+      if (GetParam().answersHits) return;  // the end does not come by a limit
       platform.makeHttpClient = clientsThatGiveUpAfter(std::chrono::milliseconds(500));
     });
     getrusage(RUSAGE_SELF, &before);
