@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
-#include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -20,7 +19,6 @@
 #include <vector>
 
 #include "orbiq/orbiq_c.h"
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "tests/support/Application.h"
@@ -204,44 +202,6 @@ TEST(Leaving, AForkedChildDoesNothingAndDoesNotDisturbTheParent) {
   tagger->sendHit();
   ASSERT_TRUE(application.log().waitFor("handling done", 2));
   EXPECT_EQ(server.requestLines("/hit/").size(), 2U);
-}
-
-int streamUntilKilled(const std::vector<std::string>& arguments) {
-  Application application(arguments.at(0));
-  orbiqAgent& agent = orbiqAgent::sharedAgent();
-  agent.addRequestToQueue(streamingRequest(SendingModeHost, "stream"));
-  if (!application.log().waitFor("handling resulted in a timeout")) return 1;
-  Application::tagger("ABC")->sendHit();
-  if (!application.log().waitFor("We have now 2 request(s) to handle")) return 1;
-  puts("saved");
-  fflush(stdout);
-  return pause();
-}
-const RoleRegistration kStream("stream-until-killed", streamUntilKilled);
-
-TEST(Leaving, AStreamingRequestSurvivesAKillAndIsSentAfterTheRestart) {
-  AccountServer server;
-  ScriptedServer hits({{steps::readRequest(), steps::reset()},
-                       {steps::readRequest(), steps::send(answer(200)), steps::untilPeerCloses()}});
-  server.grantHost(hits.url("/"));
-  {
-    RoleProcess process("stream-until-killed", {server.authorizationServer()});
-    ASSERT_EQ(process.readLine(), "saved");
-    process.kill(SIGKILL);
-    EXPECT_EQ(process.wait(), 128 + SIGKILL);
-  }
-  Application application(server.authorizationServer());
-  orbiqAgent& agent = orbiqAgent::sharedAgent();
-  EXPECT_EQ(counts(agent.statistics()), (std::vector<std::uint64_t>{2, 0, 0, 0, 0, 0, 1, 0, 1}));
-  // It comes back with its failure and its authorization, so it waits for its minute, and goes to
-  // the host that it was granted.
-  application.clock().advance(60);
-  Application::enterForeground();
-  ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
-  EXPECT_EQ(requestTarget(hits.requests().back()), "/stream");
-  EXPECT_EQ(hits.requests().size(), 2U);
-  EXPECT_EQ(server.requestLines("/auth/").size(), 1U);
-  EXPECT_EQ(counts(agent.statistics()), (std::vector<std::uint64_t>{2, 1, 0, 0, 0, 0, 1, 0, 0}));
 }
 
 }  // namespace

@@ -95,6 +95,26 @@ TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
   EXPECT_EQ(reader.load(fileOf().string() + ".copy").back()->auth(), nullptr);
 }
 
+TEST(AgentQueue, ASavedRequestWaitsForItsMinuteAndGoesToItsOwnHost) {
+  const AccountServer server;
+  Application application(kNoServer);
+  const auto saved = streamingRequest();
+  saved->setLastFail(application.clock().now());
+  saved->setAuth(
+      std::make_shared<orbiqAuth>(nullptr,
+                                  orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
+                                      "stream", AccessModeFull, server.hitServer()),
+                                  false));
+  writeQueue({saved});
+  orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
+  ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
+  application.clock().advance(60);
+  Application::enterForeground();
+  ASSERT_TRUE(application.log().waitFor("We have now 1 request(s) to handle"));
+  EXPECT_EQ(orbiqAgent::sharedAgent().statistics().lastSuccess, application.clock().now());
+  EXPECT_EQ(server.requestLines("/"), (std::vector<std::string>{"GET /hit/stream HTTP/1.1"}));
+}
+
 TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
   const Application application(kNoServer);
   RequestQueue saved;
@@ -111,6 +131,13 @@ TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
   EXPECT_EQ(counts(agent.statistics()),
             (std::vector<std::uint64_t>{502, 0, 0, 0, 0, 3, 0, 0, 499}));
   EXPECT_EQ(agent.statistics().lastFailure, "ABC: an earlier run got no authorization for it");
+}
+
+TEST(AgentQueue, WithoutStreamingRequestsThereIsNoMarker) {
+  const Application application(kNoServer);
+  writeQueue({audienceRequest()});
+  orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
+  EXPECT_TRUE(application.log().waitFor("We have now 1 request(s) to handle"));
 }
 
 TEST(AgentQueue, UnusableFilesYieldAnEmptyQueueSilently) {
