@@ -47,6 +47,7 @@ void orbiqAgent::State::start() try {
 void orbiqAgent::State::makeParts() {
   orbiq::HostApplication::settle();
   const orbiq::String serverProblem = orbiq::HostApplication::authorizationServerProblem();
+  if (serverProblem.isSameObjectAs(orbiq::String::outOfMemory())) throw std::bad_alloc();
   if (!requestSender && !serverProblem.isNull()) {
     orbiqLogger::log_withMode(
         [&] { return "No hit can be authorized: " + serverProblem.toStdString(); },

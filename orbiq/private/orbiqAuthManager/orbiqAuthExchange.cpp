@@ -42,6 +42,8 @@ struct Answer {
 
 Answer fetch(const orbiq::String& serial) {
   const orbiq::String problem = orbiq::HostApplication::authorizationServerProblem();
+  // No fallback, then: the next attempt asks again.
+  if (problem.isSameObjectAs(orbiq::String::outOfMemory())) throw std::bad_alloc();
   if (!problem.isNull()) return {{}, problem.toStdString()};
   const std::string server = orbiq::HostApplication::current().authorizationServer.toStdString();
   const std::optional<orbiq::Url> url = orbiq::Url::fromText(server + serial.toStdString());

@@ -176,7 +176,7 @@ void HostApplication::settle() {
 bool HostApplication::wasOnlyRefused() { return state().refused && !state().accepted; }
 
 String HostApplication::authorizationServerProblem() try {
-  return whatIsWrongWithServer(current().authorizationServer);
+  return whatIsWrongWithServer(known().authorizationServer);
 } catch (const std::bad_alloc&) {
   return String::outOfMemory();
 }

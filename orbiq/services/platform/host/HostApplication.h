@@ -96,7 +96,8 @@ class ORBIQ_EXPORT HostApplication {
   /// True if descriptions were given and all of them refused: then nobody knows where the
   /// application wanted its identifier to be. Any thread.
   static bool wasOnlyRefused();
-  /// Null, or why the authorization server in force must not be asked. Any thread.
+  /// Null, or why the authorization server in force must not be asked; `String::outOfMemory()`
+  /// where there is no memory to find out. Any thread.
   static String authorizationServerProblem();
 };
 
