@@ -171,15 +171,14 @@ bool orbiqReachability::startNotifier() {
   // Deliberately leaves the self-reference in place.
   if (!_reachabilitySerialQueue) return false;
 
+  bool hasCallback = false;
   const auto start = [&] {
-    return _reachabilityRef &&
-           _reachabilityRef->setCallback(orbiq::reachabilityCallback, {0, self}) &&
-           _reachabilityRef->setDispatchQueue(_reachabilitySerialQueue);
+    hasCallback = _reachabilityRef &&
+                  _reachabilityRef->setCallback(orbiq::reachabilityCallback, {0, self});
+    return hasCallback && _reachabilityRef->setDispatchQueue(_reachabilitySerialQueue);
   };
   if (withoutThrowing(start, false)) return true;
-  withoutThrowing([&] {
-    if (_reachabilityRef) _reachabilityRef->setCallback(nullptr, {});
-  });
+  if (hasCallback) withoutThrowing([&] { _reachabilityRef->setCallback(nullptr, {}); });
   _reachabilitySerialQueue = nullptr;
   setReachabilityObject(nullptr);
   return false;

@@ -109,9 +109,9 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   void setReachabilityObject(std::shared_ptr<orbiq::Object> object);
 
   /// Begins to report changes: each one runs one of the two blocks on the serial queue and posts
-  /// one notification on the main loop. Nothing is reported for the state at the time of the call.
-  /// A second call registers anew, on a new queue. False, and nothing is reported, if it cannot be
-  /// done.
+  /// one notification on the main loop. The state at the time of the call is reported only if the
+  /// monitor last reported, or answered, another one. A second call registers anew, on a new queue.
+  /// False, and nothing is reported, if it cannot be done.
   bool startNotifier();
   /// Ends the reports; harmless if there are none. A block in progress on the serial queue may
   /// still end. The monitor may be destroyed by this call if nobody else holds it.
