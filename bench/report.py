@@ -25,7 +25,7 @@ import subprocess
 import sys
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parent))
-from chart import number_text, svg  # noqa: E402
+from chart import draw, number_text  # noqa: E402
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
 IS_MET = {
@@ -186,7 +186,7 @@ def write_results(source, directory, place):
     (directory / "results.json").write_text(
         json.dumps({"machine": where, "rows": rows, "faults": faults}, indent=1) + "\n",
         encoding="utf-8")
-    (directory / "results.svg").write_text(svg(rows, machine_text(where)), encoding="utf-8")
+    draw(rows, machine_text(where), directory / "results.svg")
     print(table_text(rows), end="")
     print(machine_text(where))
     for fault in faults:
