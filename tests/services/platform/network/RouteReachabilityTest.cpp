@@ -325,7 +325,7 @@ TEST_F(RouteReachabilityTest, AnExpiringRouteEndsBeforeItsReport) {
   const Descriptor reports(socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK, NETLINK_ROUTE));
   const sockaddr_nl group{AF_NETLINK, 0, 0, RTMGRP_IPV6_ROUTE};
   ASSERT_EQ(bind(reports.number(), reinterpret_cast<const sockaddr*>(&group), sizeof group), 0);
-  network->addDefaultRoute("via fd00::2 expires 1");
+  network->addDefaultRoute("via fd00::2 expires 2");
   await([&] { return deliveries->size() == 2; });
   EXPECT_EQ(*deliveries, "R-");
   for (nlmsghdr report{}; recv(reports.number(), &report, sizeof report, 0) > 0;) {
