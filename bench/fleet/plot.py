@@ -64,7 +64,7 @@ def panel(axes, rows, column, heading):
     axes.set_ylabel("per second")
     axes.set_ylim(bottom=0)
     axes.grid(color="#d5d9e0")
-    axes.legend(loc="upper right")
+    axes.legend(loc="best")
 
 
 def draw(name, clients, rows, path):

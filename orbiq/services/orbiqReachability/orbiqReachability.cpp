@@ -173,8 +173,8 @@ bool orbiqReachability::startNotifier() {
 
   bool hasCallback = false;
   const auto start = [&] {
-    hasCallback = _reachabilityRef &&
-                  _reachabilityRef->setCallback(orbiq::reachabilityCallback, {0, self});
+    hasCallback =
+        _reachabilityRef && _reachabilityRef->setCallback(orbiq::reachabilityCallback, {0, self});
     return hasCallback && _reachabilityRef->setDispatchQueue(_reachabilitySerialQueue);
   };
   if (withoutThrowing(start, false)) return true;

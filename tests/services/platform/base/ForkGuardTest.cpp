@@ -7,6 +7,7 @@
 #include <string>
 
 #include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/log/ForkedAway.h"
 #include "orbiq/services/platform/log/SystemLog.h"
 #include "orbiq/services/platform/loop/MainLoop.h"
 #include "orbiq/services/platform/loop/NotificationCenter.h"

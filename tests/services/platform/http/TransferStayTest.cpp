@@ -12,6 +12,7 @@
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/http/TransferStay.h"
+#include "orbiq/services/platform/threads/ProcessExit.h"
 #include "orbiq/services/platform/threads/Thread.h"
 #include "tests/support/HttpExpectations.h"
 #include "tests/support/Role.h"
