@@ -22,6 +22,7 @@
 
 #include "bench/Measure.h"
 #include "bench/Report.h"
+#include "bench/Requests.h"
 #include "bench/Surroundings.h"
 #include "orbiq/orbiq.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
