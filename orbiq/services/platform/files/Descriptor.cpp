@@ -19,8 +19,7 @@ bool isHeld[STDERR_FILENO + 1] ORBIQ_GUARDED_BY(holdersLock) = {};
 
 /// The host may have opened a file of its own in a number's place.
 bool isStillOurs(int number) {
-  const int flags = fcntl(number, F_GETFL);
-  return flags >= 0 && (flags & O_PATH) != 0;
+  return fcntl(number, F_GETFD) == FD_CLOEXEC && (fcntl(number, F_GETFL) & O_PATH) != 0;
 }
 
 }  // namespace
