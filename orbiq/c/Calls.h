@@ -48,7 +48,7 @@ bool canHold(const char* buffer, std::size_t capacity);
 /// promises.
 orbiq_status giveOut(const String& text, char* buffer, std::size_t capacity, std::size_t* length);
 /// The same for a literal, of which no text is made.
-orbiq_status giveOut(std::string_view text, char* buffer, std::size_t capacity,
+orbiq_status giveOut(std::string_view characters, char* buffer, std::size_t capacity,
                      std::size_t* length);
 
 }  // namespace orbiq::c
