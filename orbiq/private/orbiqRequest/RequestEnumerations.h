@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// What a request, its tagger and its sending are distinguished by. The numbers are stored in the
-/// requests file and must not change.
+/// What has no prefix in its name: host, platform, and the numbers by which requests and their
+/// sending are distinguished. These are stored in the requests file and must not change.
 namespace orbiq {
 
 /// Kind of a request. Every test asks only whether it is zero: any other number is streaming.
