@@ -248,16 +248,16 @@ TEST(RequestsWalk, AnotherReaderFindsTheQueueAtEachStep) {
   std::mt19937 random = seededRandom();
   for (std::size_t round = 0; round < tortured(1, 50); ++round) {
     Walk walk(random);
-    for (const std::size_t depth : {3, 40, 4, 500, 20, 2}) {
+    for (const unsigned depth : {3U, 40U, 4U, 500U, 20U, 2U}) {
       for (int step = 0; step < 60; ++step) {
         walk.goOn(depth);
         walk.save();
       }
     }
     // More than 65,535 objects, and back.
-    for (const std::size_t count : {3'000, 500, 500, 10}) walk.addMany(count), walk.save();
+    for (const unsigned count : {3'000U, 500U, 500U, 10U}) walk.addMany(count), walk.save();
     const std::uintmax_t longest = walk.fileSize();
-    for (const std::size_t count : {1, 3'900, 60, 10'000}) walk.removeMany(count), walk.save();
+    for (const unsigned count : {1U, 3'900U, 60U, 10'000U}) walk.removeMany(count), walk.save();
     EXPECT_EQ(walk.judge(), 0);
     EXPECT_GT(longest, 65'535U * 8);
   }
