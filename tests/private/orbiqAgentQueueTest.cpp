@@ -173,9 +173,11 @@ TEST(AgentQueue, AtRestTheFileIsSyncedOnceAndMemoryGivenBack) {
   };
   add(60, 1);
   add(16, 500'000);
-  const std::size_t atWork = residentMemory();
+  [[maybe_unused]] const std::size_t atWork = residentMemory();
   ASSERT_TRUE(DiskCalls::waitForFiles(before + 1));
+#ifndef ORBIQ_KEEPS_FREED_MEMORY
   EXPECT_LT(residentMemory() + 4'000'000, atWork);
+#endif
   add(1, 1);
   ASSERT_TRUE(DiskCalls::waitForFiles(before + 2));
   EXPECT_EQ(DiskCalls::soFar().files, before + 2);
