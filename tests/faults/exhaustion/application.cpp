@@ -65,18 +65,6 @@ bool keepsTriggers() {
   return work.take(item) && item.trigger == orbiq::Trigger::NetworkReturn && !work.take(item);
 }
 
-void watchTheNetwork() {
-  const auto monitor = orbiqReachability::reachabilityForInternetConnection();
-  if (!monitor) return;
-  monitor->startNotifier();
-  monitor->setReachabilityRef(monitor->reachabilityRef());
-  monitor->reachabilityChanged(monitor->reachabilityFlags());
-  monitor->currentReachabilityString();
-  monitor->currentReachabilityFlags();
-  static_cast<void>(monitor->description());
-  monitor->stopNotifier();
-}
-
 int fail(const char* what) {
   std::printf("%s: %s\n", what, statistics().json().description().c_str());
   return 1;
@@ -118,7 +106,6 @@ int main(int argc, char** argv) try {
     sendHit(first);
     sendHit(first);
     enterForeground();
-    watchTheNetwork();
     comesTrue(150ms, everythingIsSettled);
   }
   const std::uint64_t asked = faults::disarm();

@@ -163,6 +163,11 @@ bool monitors(bool isWhole) {
   if (!monitor) return !isWhole;
   const bool isStarted = monitor->startNotifier();
   monitor->isReachable();
+  monitor->setReachabilityRef(monitor->reachabilityRef());
+  monitor->reachabilityChanged(monitor->reachabilityFlags());
+  monitor->currentReachabilityString();
+  monitor->currentReachabilityFlags();
+  static_cast<void>(monitor->description());
   monitor->stopNotifier();
   orbiqReachability::reachabilityWithHostname(kSerial);
   return isStarted || !isWhole;
