@@ -1,7 +1,7 @@
 # Tests on other architectures; part of ./dev. Nothing foreign is installed on the machine: the
 # packages' files are laid into a directory of the build.
 
-packages_i386=(g++-i686-linux-gnu)
+packages_i386=(g++-i686-linux-gnu qemu-user)
 packages_arm64=(g++-aarch64-linux-gnu qemu-user)
 packages_armhf=(g++-arm-linux-gnueabihf qemu-user)
 packages_cross=(mmdebstrap)
@@ -47,6 +47,10 @@ cross_test() {
   need architecture
   sysroot=$PWD/$directory/sysroot
   make_sysroot "$arch" "$sysroot"
+  # Some kernels run no 32-bit programs.
+  if [[ $arch == i386 ]] && ! "$sysroot/lib/ld-linux.so.2" --version >/dev/null 2>&1; then
+    emulator=qemu-i386
+  fi
   say "tests: $arch in $directory"
   configure "$directory" "$triplet-g++" --toolchain "$PWD/cmake/cross.cmake" \
     -DORBIQ_TRIPLET="$triplet" -DORBIQ_SYSROOT="$sysroot" \
