@@ -57,6 +57,8 @@ cross_test() {
     -DORBIQ_EMULATOR="${emulator:+$(command -v "$emulator");-L;$sysroot}" \
     -DORBIQ_BUILD_TESTS=ON '-DCMAKE_CXX_FLAGS_RELWITHDEBINFO=-O1 -g1'
   compile "$directory"
-  with_network \
-    ctest --test-dir "$directory" --output-on-failure --no-tests=error -j "$jobs" "$@"
+  # The emulated kernel counts no TCP segments, and has no terminals and no set-user-id programs.
+  local left_out='HostProcess.(AFullTerminal|ASetUserId)|KeptConnectionTest.HasARequestRepeated'
+  with_network ctest --test-dir "$directory" --output-on-failure --no-tests=error -j "$jobs" \
+    ${emulator:+-E "$left_out"} "$@"
 }
