@@ -1,11 +1,14 @@
 // The authorization cache and the exchange with the server.
 #include <gtest/gtest.h>
 
+#include <cmath>
+#include <cstdlib>
 #include <regex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "orbiq/private/orbiqAgent/orbiqAgent.h"
 #include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "tests/support/Application.h"
@@ -199,6 +202,15 @@ TEST_F(AuthExchange, TheDateHeaderSetsTheClockOffset) {
     exchange(dated(seconds));
     EXPECT_NEAR(offset(), seconds, 1);
   }
+  // Both a request's day and today's are the server's.
+  setenv("TZ", "UTC", 1);
+  application.clock().advance(86370 -
+                              std::fmod(application.clock().now().secondsSince1970(), 86400));
+  const orbiqRequest soon({}, RequestTypeStreaming, SendingModeHost, "S1", nullptr);
+  application.clock().advance(-20);
+  EXPECT_TRUE(orbiqAgent::sharedAgent().isTheRequestValid(soon));
+  exchange(dated(40));
+  EXPECT_FALSE(orbiqAgent::sharedAgent().isTheRequestValid(soon));
   exchange(answer(200, server.grant("full"), "Date: yesterday\r\n"));
   EXPECT_EQ(offset(), 0);
   exchange(dated(10));
