@@ -54,6 +54,8 @@ enum {
   ORBIQ_ERROR_FORKED = -6,
   /// The system gave no descriptor or thread; try again later.
   ORBIQ_ERROR_SYSTEM = -7,
+  /// The time is over.
+  ORBIQ_ERROR_TIMEOUT = -8,
 };
 
 /// The status in English, for messages; never null, not to be freed.
@@ -179,6 +181,13 @@ ORBIQ_EXPORT orbiq_status orbiq_tagger_set_logging_mode(orbiq_tagger* tagger,
 
 /// To be called when the application comes back to the foreground: the queue is looked at again.
 ORBIQ_EXPORT orbiq_status orbiq_post_will_enter_foreground(void);
+
+/// Waits until every hit accepted before the call is settled, that is, no longer pending, and for
+/// at most so many seconds: `ORBIQ_ERROR_TIMEOUT` when they are over. Less than 0, or no number, is
+/// an argument error. Sends nothing earlier. Never waits, and returns `ORBIQ_ERROR_TIMEOUT`, in a
+/// log sink and on the library's own threads. To be called before a process ends soon after its
+/// hits.
+ORBIQ_EXPORT orbiq_status orbiq_flush(double seconds);
 
 /// What became of every hit since the process began, as in `orbiq::Statistics`: `accepted` is the
 /// sum of the eight counts that follow it.

@@ -1,5 +1,8 @@
 // What concerns the process as a whole.
 #include <algorithm>
+#include <chrono>
+#include <cmath>
+#include <cstdint>
 #include <cstring>
 
 #include "orbiq/c/Calls.h"
@@ -35,6 +38,8 @@ const char* orbiq_status_text(orbiq_status status) {
       return "the library does nothing in a forked process";
     case ORBIQ_ERROR_SYSTEM:
       return "the system refused a resource";
+    case ORBIQ_ERROR_TIMEOUT:
+      return "the time is over";
     default:
       return "unknown status";
   }
@@ -48,6 +53,15 @@ orbiq_status orbiq_post_will_enter_foreground() {
     orbiq::NotificationCenter::defaultCenter().postNotificationName(
         orbiq::UIApplicationWillEnterForegroundNotification);
     return ORBIQ_OK;
+  });
+}
+
+orbiq_status orbiq_flush(double seconds) {
+  if (!(seconds >= 0)) return ORBIQ_ERROR_ARGUMENT;
+  return withAgent([&](orbiqAgent& agent) -> orbiq_status {
+    constexpr double kMost = 1e9;
+    const auto milliseconds = static_cast<std::int64_t>(std::ceil(std::min(seconds, kMost) * 1000));
+    return agent.flush(std::chrono::milliseconds(milliseconds)) ? ORBIQ_OK : ORBIQ_ERROR_TIMEOUT;
   });
 }
 

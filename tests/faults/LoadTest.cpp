@@ -2,7 +2,9 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <chrono>
 #include <fstream>
+#include <future>
 #include <random>
 #include <string>
 #include <thread>
@@ -81,10 +83,10 @@ TEST(Load, SixteenThreadsAddTenThousandHits) {
         for (auto spins = random() % 20; spins > 0; --spins) std::this_thread::yield();
         if (hit % 50 == i) Application::enterForeground();
       }
+      EXPECT_TRUE(orbiqAgent::sharedAgent().flush(std::chrono::hours(1)));
     });
   }
   for (std::thread& thread : threads) thread.join();
-  while (orbiqAgent::sharedAgent().statistics().pending > 0) std::this_thread::yield();
   const Statistics statistics = orbiqAgent::sharedAgent().statistics();
   EXPECT_EQ(statistics.accepted, kThreads * each);
   EXPECT_EQ(statistics.sent, hits);
@@ -99,6 +101,8 @@ TEST(Load, MoreThanTenThousandHitsDoNotWaitForOneSend) {
   const auto tagger = Application::tagger("ABC");
   tagger->sendHit();
   ASSERT_TRUE(server.server().waitForRequests(2));
+  const auto flush = [] { return orbiqAgent::sharedAgent().flush(std::chrono::hours(1)); };
+  auto first = std::async(std::launch::async, flush);
   constexpr std::uint64_t kMore = 10'100;
   for (std::uint64_t i = 0; i < kMore; ++i) tagger->sendHit();
   // The handler may hold one more, which waits for the send to end.
@@ -107,8 +111,10 @@ TEST(Load, MoreThanTenThousandHitsDoNotWaitForOneSend) {
   EXPECT_GE(stalled.pushedOut, kMore - 10'001);
   EXPECT_LE(stalled.pushedOut, kMore - 10'000);
   EXPECT_GE(stalled.additionsWaitingHighWater, 10'000U);
+  EXPECT_EQ(first.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
   gate.open();
-  while (orbiqAgent::sharedAgent().statistics().pending > 0) std::this_thread::yield();
+  EXPECT_TRUE(first.get());
+  EXPECT_TRUE(flush());
   const Statistics settled = orbiqAgent::sharedAgent().statistics();
   EXPECT_EQ(settled.sent + settled.pushedOut, kMore + 1);
 }

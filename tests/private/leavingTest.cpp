@@ -62,6 +62,7 @@ struct UsesTheLibraryLast {
     std::vector<std::vector<std::uint64_t>> others;
     for (std::size_t i = 0; i < 2'000; ++i) others.emplace_back(1 + i % 20, 0x55);
     Application::tagger("late")->sendHit();
+    orbiqAgent::sharedAgent().flush(std::chrono::hours(1));
     orbiqAuthManager::manager().authForTagger(std::make_shared<orbiqTaggerID>("last", 0, false));
     for (const auto& other : others) {
       if (std::count(other.begin(), other.end(), 0x55U) != std::ssize(other)) _exit(1);
@@ -191,6 +192,7 @@ TEST(Leaving, AForkedChildDoesNothingAndDoesNotDisturbTheParent) {
     Application::tagger("other")->sendHit();
     orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
     Application::enterForeground();
+    if (orbiqAgent::sharedAgent().flush(std::chrono::hours(1))) _exit(2);
     const bool saidSoOnce =
         application.log().lines().size() == before + 1 &&
         application.log().count("(ERROR) : This process was forked from one that uses") == 1;

@@ -2,8 +2,10 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -123,10 +125,12 @@ TEST_F(Triggers, TheNetworksReturnSendsStreamingAndDropsAudienceRequests) {
     gate.pass();
     return answer(200);
   });
+  auto settled = std::async(std::launch::async, [&] { return agent.flush(std::chrono::hours(1)); });
   connect();
   ASSERT_TRUE(application->log().waitFor("Handling request"));
   EXPECT_EQ(requestsInFile(), 4U);  // what was dropped is not saved on its own
   gate.open();
+  EXPECT_TRUE(settled.get());
   ASSERT_TRUE(application->log().waitFor("We have now 0 request(s) to handle"));
   EXPECT_EQ(server->requestLines("/hit/"), (std::vector<std::string>{"GET /hit/stream HTTP/1.1"}));
   EXPECT_EQ(counts(agent.statistics()), (std::vector<std::uint64_t>{3, 1, 0, 0, 0, 0, 0, 2, 0}));

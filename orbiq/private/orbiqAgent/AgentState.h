@@ -3,6 +3,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <memory>
 #include <optional>
 #include <unordered_map>
@@ -50,9 +51,9 @@ struct orbiqAgent::State {
   void resume();
 
   // What "orbiqRequestHandler" does.
-  bool giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger trigger);
+  bool giveWork(const orbiq::HandlerWork::Item& item);
   void work();
-  void add(const std::shared_ptr<orbiqRequest>& request);
+  void add(const orbiq::HandlerWork::Item& item);
   void lookAgain(orbiq::Trigger trigger);
 
   // What wakes the sending loop from outside.
@@ -66,11 +67,11 @@ struct orbiqAgent::State {
   /// Called when nothing has been added for two seconds.
   void rest();
   void syncAtRest() ORBIQ_REQUIRES(requestsProtector);
-  bool append(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
-  void enqueue(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
+  bool append(const orbiq::HandlerWork::Item& item) ORBIQ_REQUIRES(requestsProtector);
+  void enqueue(const orbiq::HandlerWork::Item& item) ORBIQ_REQUIRES(requestsProtector);
   void dequeue(std::size_t index) ORBIQ_REQUIRES(requestsProtector);
-  template <class IsUnwanted>
-  std::size_t removeIf(const IsUnwanted& isUnwanted) ORBIQ_REQUIRES(requestsProtector);
+  template <class IsUnwanted, class Count>
+  void removeIf(const IsUnwanted& isUnwanted, const Count& count) ORBIQ_REQUIRES(requestsProtector);
   void removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
                               std::optional<orbiq::HitFate> fate, const orbiq::String& failure = {})
       ORBIQ_REQUIRES(requestsProtector);
@@ -103,6 +104,8 @@ struct orbiqAgent::State {
   // Fair, so that additions get in between two sends of a long queue.
   orbiq::FairCondition requestsProtector;
   std::optional<orbiq::RequestQueue> requestQueue ORBIQ_GUARDED_BY(requestsProtector);
+  /// Of the hits in the queue, one for each place.
+  std::deque<orbiq::HitLedger::Number> numbers ORBIQ_GUARDED_BY(requestsProtector);
   // In the queue. Counted, so that an addition need not look through it.
   std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
   std::size_t pendingStreaming ORBIQ_GUARDED_BY(requestsProtector) = 0;

@@ -23,7 +23,7 @@ HandlerWork::Given HandlerWork::give(const Item& item) {
     const auto oldest =
         std::ranges::find_if(_items, [](const Item& each) { return each.added != nullptr; });
     --_additions;
-    result.pushedOut = oldest->added;
+    result.pushedOut = *oldest;
     left.splice(left.end(), _items, oldest);
   }
   return result;

@@ -4,6 +4,7 @@
 #include <list>
 #include <memory>
 
+#include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
 #include "orbiq/services/platform/threads/Mutex.h"
 
@@ -22,6 +23,7 @@ class HandlerWork {
   /// Either an addition or a trigger.
   struct Item {
     std::shared_ptr<orbiqRequest> added = {};
+    HitLedger::Number number = 0;
     Trigger trigger = Trigger::None;
   };
 
@@ -29,8 +31,8 @@ class HandlerWork {
   struct Given {
     /// Nobody takes items at the moment: somebody has to be sent for them.
     bool needsTaker = false;
-    /// The addition that gave way; null if none did.
-    std::shared_ptr<orbiqRequest> pushedOut = {};
+    /// The addition that gave way; empty if none did.
+    Item pushedOut = {};
   };
   /// Throws `std::bad_alloc`; then the addition was not given. A trigger is never lost: without
   /// memory for its place in the order it comes first.

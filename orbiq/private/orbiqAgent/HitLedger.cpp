@@ -4,6 +4,14 @@
 #include <numeric>
 
 namespace orbiq {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// Far below what the clock can count to.
+constexpr std::chrono::hours kLongestWait{24 * 365};
+
+}  // namespace
 
 void HitLedger::countLoaded(std::uint64_t hits, std::uint64_t discarded) {
   const Lock lock(_lock);
@@ -17,15 +25,14 @@ void HitLedger::countHit(HitFate fate) {
   ++countOf(fate);
 }
 
-void HitLedger::countFate(HitFate fate, std::uint64_t hits) {
+void HitLedger::countFate(HitFate fate, Number hit) {
   const Lock lock(_lock);
-  countOf(fate) += hits;
+  settle(fate, hit);
 }
 
-void HitLedger::attemptEnds(HitFate fate, std::uint64_t hits, const String& failure,
-                            const Date& now) {
+void HitLedger::attemptEnds(HitFate fate, Number hit, const String& failure, const Date& now) {
   const Lock lock(_lock);
-  countOf(fate) += hits;
+  settle(fate, hit);
   if (fate == HitFate::Sent) _lastSuccess = now;
   if (!failure.isNull()) _lastFailure = failure;
 }
@@ -35,11 +42,18 @@ void HitLedger::noteFailure(const String& text) {
   _lastFailure = text;
 }
 
-void HitLedger::additionBegins(bool isCounted) {
+void HitLedger::settle(HitFate fate, Number hit) {
+  ++countOf(fate);
+  for (Waiter* waiter = _waiters; waiter != nullptr; waiter = waiter->next) {
+    if (hit <= waiter->last && --waiter->pending == 0) _lock.broadcast();
+  }
+}
+
+HitLedger::Number HitLedger::additionBegins(bool isCounted) {
   const Lock lock(_lock);
-  if (isCounted) ++_accepted;
   ++_additionsWaiting;
   noteWaiting();
+  return isCounted ? ++_accepted : 0;
 }
 
 void HitLedger::setSending(bool isSending) {
@@ -69,11 +83,36 @@ Statistics HitLedger::statistics() const {
   result.pushedOut = countOf(HitFate::PushedOut);
   result.discardedAtStart = countOf(HitFate::DiscardedAtStart);
   result.discardedAtNetworkReturn = countOf(HitFate::DiscardedAtNetworkReturn);
-  result.pending = _accepted - std::accumulate(_fates.begin(), _fates.end(), std::uint64_t{0});
+  result.pending = pending();
   result.lastSuccess = _lastSuccess;
   result.lastFailure = _lastFailure;
   result.additionsWaitingHighWater = _additionsWaitingHighWater;
   return result;
+}
+
+std::uint64_t HitLedger::pending() const {
+  return _accepted - std::accumulate(_fates.begin(), _fates.end(), std::uint64_t{0});
+}
+
+bool HitLedger::waitUntilSettled(std::chrono::milliseconds timeout) {
+  const auto end = Clock::now() + std::clamp<std::chrono::milliseconds>(timeout, {}, kLongestWait);
+  const Lock lock(_lock);
+  Waiter waiter{_accepted, pending(), _waiters};
+  _waiters = &waiter;
+  try {
+    while (waiter.pending != 0 && Clock::now() < end) _lock.waitFor(end - Clock::now());
+  } catch (...) {  // the thread is cancelled
+    leave(waiter);
+    throw;
+  }
+  leave(waiter);
+  return waiter.pending == 0;
+}
+
+void HitLedger::leave(const Waiter& waiter) {
+  Waiter** place = &_waiters;
+  while (*place != &waiter) place = &(*place)->next;
+  *place = waiter.next;
 }
 
 }  // namespace orbiq

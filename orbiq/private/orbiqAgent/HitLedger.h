@@ -1,6 +1,7 @@
 #pragma once
 
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <optional>
@@ -17,16 +18,20 @@ namespace orbiq {
 /// thread.
 class HitLedger {
  public:
+  /// Which of the accepted hits one is, from 1 on. 0 stands for one of the file's, and for what is
+  /// no hit.
+  using Number = std::uint64_t;
+
   /// Hits that the file held, some of which are discarded.
   void countLoaded(std::uint64_t hits, std::uint64_t discarded);
   /// A hit that never comes to the queue.
   void countHit(HitFate fate);
   /// A request is on its way to the queue; a marker is not counted as accepted.
-  void additionBegins(bool isCounted);
+  Number additionBegins(bool isCounted);
   void additionEnds();
-  void countFate(HitFate fate, std::uint64_t hits = 1);
+  void countFate(HitFate fate, Number hit);
   /// The same at the end of an attempt. A null failure leaves the last one known.
-  void attemptEnds(HitFate fate, std::uint64_t hits, const String& failure, const Date& now);
+  void attemptEnds(HitFate fate, Number hit, const String& failure, const Date& now);
   void noteFailure(const String& text);
   /// A send is under way as long as it lives.
   class Sending {
@@ -40,8 +45,18 @@ class HitLedger {
     HitLedger& _ledger;
   };
   Statistics statistics() const;
+  /// Waits until no hit accepted before the call is pending; false if the time is over first.
+  bool waitUntilSettled(std::chrono::milliseconds timeout);
 
  private:
+  /// A call of `waitUntilSettled`; lies on its caller's stack.
+  struct Waiter {
+    Number last;
+    /// Hits that it waits for.
+    std::uint64_t pending;
+    Waiter* next;
+  };
+
   const std::uint64_t& countOf(HitFate fate) const ORBIQ_REQUIRES(_lock) {
     return _fates[static_cast<std::size_t>(fate)];
   }
@@ -49,10 +64,13 @@ class HitLedger {
     return _fates[static_cast<std::size_t>(fate)];
   }
 
+  std::uint64_t pending() const ORBIQ_REQUIRES(_lock);
+  void settle(HitFate fate, Number hit) ORBIQ_REQUIRES(_lock);
+  void leave(const Waiter& waiter) ORBIQ_REQUIRES(_lock);
   void setSending(bool isSending);
   void noteWaiting() ORBIQ_REQUIRES(_lock);
 
-  mutable Mutex _lock;
+  mutable Condition _lock;
   std::uint64_t _accepted ORBIQ_GUARDED_BY(_lock) = 0;
   std::array<std::uint64_t, 7> _fates ORBIQ_GUARDED_BY(_lock){};
   std::optional<Date> _lastSuccess ORBIQ_GUARDED_BY(_lock);
@@ -60,6 +78,7 @@ class HitLedger {
   bool _isSending ORBIQ_GUARDED_BY(_lock) = false;
   std::uint64_t _additionsWaiting ORBIQ_GUARDED_BY(_lock) = 0;
   std::uint64_t _additionsWaitingHighWater ORBIQ_GUARDED_BY(_lock) = 0;
+  Waiter* _waiters ORBIQ_GUARDED_BY(_lock) = nullptr;
 };
 
 }  // namespace orbiq

@@ -12,6 +12,9 @@
 #include "orbiq/services/platform/base/NeverDestroyed.h"
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
+#include "orbiq/services/platform/log/SystemLog.h"
+#include "orbiq/services/platform/threads/ProcessExit.h"
+#include "orbiq/services/platform/threads/Thread.h"
 
 orbiqAgent& orbiqAgent::sharedAgent() {
   static orbiq::NeverDestroyed<State> ofProcess;
@@ -113,6 +116,13 @@ std::int64_t orbiqAgent::getPartialID() {
 
 orbiq::Statistics orbiqAgent::statistics() const {
   return isForkedAway() ? orbiq::Statistics() : state.ledger.statistics();
+}
+
+bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
+  if (isForkedAway() || orbiq::isLibraryThread() || orbiq::SystemLog::isInSink()) return false;
+  // The sender has stopped by then.
+  return state.ledger.waitUntilSettled(orbiq::isProcessExiting() ? std::chrono::milliseconds(0)
+                                                                 : timeout);
 }
 
 void orbiqAgent::countRefusedHit() { state.ledger.countHit(orbiq::HitFate::Refused); }

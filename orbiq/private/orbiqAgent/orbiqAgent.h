@@ -1,5 +1,6 @@
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <memory>
 
@@ -40,6 +41,13 @@ class ORBIQ_EXPORT orbiqAgent {
 
   /// What became of every hit. Any thread; never waits for a send.
   orbiq::Statistics statistics() const;
+  /// Waits until every hit that was accepted before the call is settled, that is, no longer
+  /// pending: true then, false when `timeout` is over first. It sends nothing earlier: a hit that
+  /// waits for its next attempt or for the network goes on waiting. A negative timeout is none, and
+  /// more than a year is a year. Any thread, several at once. Never waits, and returns false, in a
+  /// log sink, on the library's own threads and in a forked child; on an adopted main loop it holds
+  /// up the loop. Once the process's exit has reached the library it only looks.
+  bool flush(std::chrono::milliseconds timeout);
   /// Counts a hit that its cached access refused before it was queued. Any thread.
   void countRefusedHit();
   /// Counts a hit that could not be composed, for want of memory. Any thread.

@@ -79,6 +79,7 @@ void orbiqAgent::State::loadRequests() {
 
   pendingMarkers = isMarked ? 1 : 0;
   pendingStreaming = kept.size() - pendingMarkers;
+  numbers.assign(kept.size(), 0);
   requestQueue = std::move(kept);
   ledger.countLoaded(accepted, discarded);
 }
@@ -104,20 +105,20 @@ void orbiqAgent::State::syncAtRest() {
 void orbiqAgent::State::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
   if (!request) return;
   const bool isHit = !isMarker(*request);
-  ledger.additionBegins(isHit);
+  const orbiq::HitLedger::Number number = ledger.additionBegins(isHit);
   if (isStarted.load(std::memory_order_acquire) &&
-      giveWork(std::move(request), orbiq::Trigger::None)) {
+      giveWork({.added = std::move(request), .number = number})) {
     return;
   }
   ledger.additionEnds();
-  if (isHit) ledger.countFate(orbiq::HitFate::GivenUp);
+  if (isHit) ledger.countFate(orbiq::HitFate::GivenUp, number);
 }
 
-bool orbiqAgent::State::giveWork(std::shared_ptr<orbiqRequest> added, orbiq::Trigger trigger) try {
-  const orbiq::HandlerWork::Given given = handlerWork.give({std::move(added), trigger});
-  if (given.pushedOut) {
+bool orbiqAgent::State::giveWork(const orbiq::HandlerWork::Item& item) try {
+  const orbiq::HandlerWork::Given given = handlerWork.give(item);
+  if (const auto& [request, number, trigger] = given.pushedOut; request) {
     ledger.additionEnds();
-    if (!isMarker(*given.pushedOut)) ledger.countFate(orbiq::HitFate::PushedOut);
+    if (!isMarker(*request)) ledger.countFate(orbiq::HitFate::PushedOut, number);
   }
   if (!given.needsTaker) {
     requestHandler->resume();  // the one who was sent for may have got no thread
@@ -138,19 +139,19 @@ void orbiqAgent::State::work() {
   resume();
   for (orbiq::HandlerWork::Item item; handlerWork.take(item); item = {}) {
     if (item.added) {
-      add(item.added);
+      add(item);
     } else {
       lookAgain(item.trigger);
     }
   }
 }
 
-void orbiqAgent::State::add(const std::shared_ptr<orbiqRequest>& request) {
+void orbiqAgent::State::add(const orbiq::HandlerWork::Item& item) {
   orbiqLogger::log_withMode("Adding a request in queue", orbiq::LoggingModeInfo);
   const orbiq::Lock lock(requestsProtector);
   ledger.additionEnds();
-  if (!append(request)) {
-    if (!isMarker(*request)) ledger.countFate(orbiq::HitFate::GivenUp);
+  if (!append(item)) {
+    if (!isMarker(*item.added)) ledger.countFate(orbiq::HitFate::GivenUp, item.number);
     return;
   }
   saveRequests();
@@ -158,15 +159,18 @@ void orbiqAgent::State::add(const std::shared_ptr<orbiqRequest>& request) {
   requestsProtector.signal();
 }
 
-bool orbiqAgent::State::append(const std::shared_ptr<orbiqRequest>& request) try {
+bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
+  const std::shared_ptr<orbiqRequest>& request = item.added;
   isQuiet = false;
   if (pendingMarkers == 0) {
     request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
     if (request->shouldRenewSessionAfter()) renewSession(*request);
   }
-  enqueue(request);
+  enqueue(item);
   if (requestQueue->size() > orbiq::SendingRules::kMostRequests) {
-    if (!isMarker(*requestQueue->front())) ledger.countFate(orbiq::HitFate::PushedOut);
+    if (!isMarker(*requestQueue->front())) {
+      ledger.countFate(orbiq::HitFate::PushedOut, numbers.front());
+    }
     dequeue(0);
   }
   return true;
@@ -175,8 +179,15 @@ bool orbiqAgent::State::append(const std::shared_ptr<orbiqRequest>& request) try
   return false;
 }
 
-void orbiqAgent::State::enqueue(const std::shared_ptr<orbiqRequest>& request) {
-  requestQueue->push_back(request);
+void orbiqAgent::State::enqueue(const orbiq::HandlerWork::Item& item) {
+  const std::shared_ptr<orbiqRequest>& request = item.added;
+  numbers.push_back(item.number);
+  try {
+    requestQueue->push_back(request);
+  } catch (const std::bad_alloc&) {
+    numbers.pop_back();
+    throw;
+  }
   requestsFile->added(request);
   if (isMarker(*request)) ++pendingMarkers;
   if (isStreaming(*request)) ++pendingStreaming;
@@ -187,20 +198,21 @@ void orbiqAgent::State::dequeue(std::size_t index) {
   if (isMarker(**request)) --pendingMarkers;
   if (isStreaming(**request)) --pendingStreaming;
   requestsFile->removed(index);
+  numbers.erase(numbers.begin() + static_cast<std::ptrdiff_t>(index));
   requestQueue->erase(request);
 }
 
-template <class IsUnwanted>
-std::size_t orbiqAgent::State::removeIf(const IsUnwanted& isUnwanted) {
-  const std::size_t before = requestQueue->size();
+template <class IsUnwanted, class Count>
+void orbiqAgent::State::removeIf(const IsUnwanted& isUnwanted, const Count& count) {
   for (std::size_t index = 0; index < requestQueue->size();) {
-    if (isUnwanted(*(*requestQueue)[index])) {
-      dequeue(index);
-    } else {
+    const orbiqRequest& request = *(*requestQueue)[index];
+    if (!isUnwanted(request)) {
       ++index;
+      continue;
     }
+    if (!isMarker(request)) count(numbers[index]);
+    dequeue(index);
   }
-  return before - requestQueue->size();
 }
 
 void orbiqAgent::State::renewSession(const orbiqRequest& request) {
@@ -213,19 +225,20 @@ void orbiqAgent::State::removeRequestFromQueue(const std::shared_ptr<orbiqReques
                                                const orbiq::String& failure) {
   if (!request) return;
   orbiqLogger::log_withMode("Removing request from queue", orbiq::LoggingModeInfo);
-  const std::size_t removed =
-      removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); });
-  if (fate) ledger.attemptEnds(*fate, removed, failure, orbiq::Platform::now());
+  removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); },
+           [&](orbiq::HitLedger::Number number) {
+             if (fate) ledger.attemptEnds(*fate, number, failure, orbiq::Platform::now());
+           });
   saveRequests();
   logQueueLength(requestQueue->size());
 }
 
 void orbiqAgent::State::discardAudienceRequests() {
-  std::uint64_t hits = 0;
-  removeIf([&](const orbiqRequest& request) {
-    if (!orbiq::SendingRules::isDroppedLate(request.requestType())) return false;
-    if (!isMarker(request)) ++hits;
-    return true;
-  });
-  ledger.countFate(orbiq::HitFate::DiscardedAtNetworkReturn, hits);
+  removeIf(
+      [](const orbiqRequest& request) {
+        return orbiq::SendingRules::isDroppedLate(request.requestType());
+      },
+      [&](orbiq::HitLedger::Number number) {
+        ledger.countFate(orbiq::HitFate::DiscardedAtNetworkReturn, number);
+      });
 }

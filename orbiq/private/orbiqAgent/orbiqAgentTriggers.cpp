@@ -15,7 +15,7 @@ void orbiqAgent::State::reachabilityStatusChanged() {
   orbiqLogger::log_withMode("Connection status changed - we check if we can send any request",
                             orbiq::LoggingModeInfo);
   if (!isReachable()) return;
-  giveWork(nullptr, orbiq::Trigger::NetworkReturn);
+  giveWork({.trigger = orbiq::Trigger::NetworkReturn});
 }
 
 void orbiqAgent::State::applicationWillEnterForeground() {
@@ -23,7 +23,7 @@ void orbiqAgent::State::applicationWillEnterForeground() {
   orbiqLogger::log_withMode(
       "Application entered foreground - we check if any requests should be sent",
       orbiq::LoggingModeInfo);
-  giveWork(nullptr, orbiq::Trigger::Foreground);
+  giveWork({.trigger = orbiq::Trigger::Foreground});
 }
 
 void orbiqAgent::State::lookAgain(orbiq::Trigger trigger) {

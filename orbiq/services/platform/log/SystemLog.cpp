@@ -31,6 +31,20 @@ struct KeptSink {
 std::atomic<const KeptSink*> newestSink{nullptr};
 std::atomic<const LogSink*> currentSink{nullptr};
 
+constinit thread_local bool inSink = false;
+
+/// Marks the thread as long as it lives, also where a sink logs or is cancelled.
+class InSink {
+ public:
+  InSink() : _before(std::exchange(inSink, true)) {}
+  ~InSink() { inSink = _before; }
+  InSink(const InSink&) = delete;
+  InSink& operator=(const InSink&) = delete;
+
+ private:
+  const bool _before;
+};
+
 /// In UTC, without the C library, whose functions for that all take its lock.
 std::tm universalTime(std::time_t time) {
   const std::chrono::sys_seconds moment{std::chrono::seconds(time)};
@@ -83,6 +97,7 @@ void SystemLog::write(LoggingMode mode, std::string_view text) {
   if (currentSink.load(std::memory_order_acquire) && isProcessExiting()) return;
   if (const LogSink* const sink = currentSink.load(std::memory_order_acquire)) {
     try {
+      const InSink mark;
       (*sink)(LogLine{mode, text, now});
     } catch (const abi::__forced_unwind&) {
       throw;  // the sink's thread was cancelled
@@ -94,6 +109,8 @@ void SystemLog::write(LoggingMode mode, std::string_view text) {
   }
   errno = savedError;
 }
+
+bool SystemLog::isInSink() noexcept { return inSink; }
 
 bool SystemLog::setSink(LogSink sink) {
   const KeptSink* kept = nullptr;
