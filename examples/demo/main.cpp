@@ -11,7 +11,6 @@
 #include <filesystem>
 #include <iostream>
 #include <string_view>
-#include <thread>
 
 /// Shows what the library does, step by step, in its own log lines:
 ///
@@ -45,11 +44,7 @@ orbiq::Statistics showStatistics() {
 
 /// Waits until every hit is settled, and says what became of them; true if all were sent.
 bool finish() {
-  const orbiqAgent& agent = orbiqAgent::sharedAgent();
-  const auto end = std::chrono::steady_clock::now() + kPatience;
-  while (agent.statistics().pending > 0 && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(50));
-  }
+  orbiqAgent::sharedAgent().flush(kPatience);
   showFile("at the end");
   const orbiq::Statistics statistics = showStatistics();
   return statistics.accepted > 0 && statistics.sent == statistics.accepted;

@@ -2,7 +2,6 @@
 
 #include <chrono>
 #include <iostream>
-#include <thread>
 
 /// Sends one hit. The authorization server is that of the environment:
 ///
@@ -17,10 +16,8 @@ int main() {
   tagger->sendHit();  // returns at once
 
   // A program that goes on running is done here. This one would end before its hit has left.
-  const orbiqAgent& agent = orbiqAgent::sharedAgent();
-  for (int tenths = 0; tenths < 100 && agent.statistics().pending > 0; ++tenths) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
+  orbiqAgent& agent = orbiqAgent::sharedAgent();
+  agent.flush(std::chrono::seconds(10));
   const orbiq::Statistics statistics = agent.statistics();
   std::cout << "accepted " << statistics.accepted << ", sent " << statistics.sent << ", pending "
             << statistics.pending << ", last failure " << statistics.lastFailure.description()

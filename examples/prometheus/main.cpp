@@ -6,7 +6,6 @@
 #include <iomanip>
 #include <iostream>
 #include <string>
-#include <thread>
 
 namespace {
 
@@ -66,10 +65,8 @@ int main(int count, char** arguments) {
   orbiqAudienceTagger::orbiqAudienceTaggerWithSerial("ABC")->sendHit();
 
   // An application exports them whenever it is asked, or every few seconds.
-  const orbiqAgent& agent = orbiqAgent::sharedAgent();
-  for (int tenths = 0; tenths < 100 && agent.statistics().pending > 0; ++tenths) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-  }
+  orbiqAgent& agent = orbiqAgent::sharedAgent();
+  agent.flush(std::chrono::seconds(10));
   if (count > 1) return replaceFile(arguments[1], agent.statistics()) ? 0 : 1;
   writeMetrics(std::cout, agent.statistics());
   return std::cout.flush() ? 0 : 1;

@@ -1,14 +1,19 @@
-"""Does what docs/tutorial.md and docs/testing.md say, and compares what comes of it."""
+"""Does what docs/tutorial.md and docs/testing.md say, and compares what comes of it. The hit of each
+sample that sends one arrives."""
 
+import json
 import os
 import pathlib
+import re
 import subprocess
 import sys
 import tempfile
 import unittest
+import urllib.request
 
 PROJECT, COLLECTOR, TUTORIAL = (pathlib.Path(argument) for argument in sys.argv[1:4])
-del sys.argv[1:4]
+LIBRARY = pathlib.Path(sys.argv[4]).resolve() if len(sys.argv) > 4 else None
+del sys.argv[1:]
 sys.path.insert(0, str(PROJECT / "tools/docs"))
 import pages  # noqa: E402
 
@@ -40,6 +45,40 @@ class Walkthrough(unittest.TestCase):
         self.assertEqual(ended.returncode, 0, ended.stderr)
         self.assertIn("'hits': {'ABC': 1}", ended.stdout)
         self.assertEqual(self.run_script("true").returncode, 1)  # an application that sends nothing
+
+    @unittest.skipUnless(LIBRARY, "no program can be linked with this library")
+    def test_samples(self):
+        samples = [(page, language, code) for page in ("README.md", "docs/c.md")
+                   for language, code in re.findall(r"^```(cpp|c|python)\n(.*?)^```",
+                                                    (PROJECT / page).read_text(), re.M | re.S)
+                   if "https://" in code or "int main" in code]
+        self.assertEqual([sample[:2] for sample in samples],
+                         [("README.md", "cpp"), ("README.md", "c"), ("docs/c.md", "c"),
+                          ("docs/c.md", "python")])
+        with tempfile.TemporaryDirectory() as scratch, subprocess.Popen(
+                [COLLECTOR, "--port", "0"], stdout=subprocess.PIPE, text=True) as collector:
+            url = collector.stdout.readline().removeprefix("listening on ").strip()
+            for number, (page, language, code) in enumerate(samples, 1):
+                with self.subTest(page=page, language=language):
+                    self.send(language, re.sub(r"https://[a-z.]*/tag/", f"{url}auth/", code), url,
+                              f"{scratch}/{number}")
+                    with urllib.request.urlopen(f"{url}api/exchanges") as answer:
+                        self.assertEqual(json.load(answer)["counts"]["hits"], {"ABC": number})
+            collector.terminate()
+
+    def send(self, language, code, url, place):
+        os.mkdir(place)
+        program = [sys.executable, "-c", code]
+        if language != "python":
+            program = [f"{place}/program"]
+            compiler = os.environ.get("CXX", "g++") if language == "cpp" else "gcc"
+            subprocess.run([*compiler.split(), "-std=c++20" if language == "cpp" else "-std=c11",
+                            f"-I{PROJECT}", "-x", "c++" if language == "cpp" else "c", "-", "-o",
+                            *program, "-x", "none", LIBRARY, f"-Wl,-rpath,{LIBRARY.parent}"],
+                           input=code, text=True, check=True)
+        subprocess.run(program, check=True, timeout=100, env={
+            "ORBIQ_AUTHORIZATION_SERVER": f"{url}auth/", "ORBIQ_LIBRARY_DIRECTORY": place,
+            "LD_LIBRARY_PATH": str(LIBRARY.parent)})
 
 
 if __name__ == "__main__":

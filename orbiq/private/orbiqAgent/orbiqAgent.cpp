@@ -12,7 +12,7 @@
 #include "orbiq/services/platform/base/NeverDestroyed.h"
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
-#include "orbiq/services/platform/log/SystemLog.h"
+#include "orbiq/services/platform/log/InLogSink.h"
 #include "orbiq/services/platform/threads/ProcessExit.h"
 #include "orbiq/services/platform/threads/Thread.h"
 
@@ -119,7 +119,7 @@ orbiq::Statistics orbiqAgent::statistics() const {
 }
 
 bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
-  if (isForkedAway() || orbiq::isLibraryThread() || orbiq::SystemLog::isInSink()) return false;
+  if (isForkedAway() || orbiq::isLibraryThread() || orbiq::isInLogSink()) return false;
   // The sender has stopped by then.
   return state.ledger.waitUntilSettled(orbiq::isProcessExiting() ? std::chrono::milliseconds(0)
                                                                  : timeout);

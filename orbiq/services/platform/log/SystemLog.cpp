@@ -14,6 +14,7 @@
 #include <utility>
 
 #include "orbiq/services/platform/base/ForkGuard.h"
+#include "orbiq/services/platform/log/InLogSink.h"
 #include "orbiq/services/platform/log/StandardError.h"
 #include "orbiq/services/platform/threads/ProcessExit.h"
 #include "orbiq/services/platform/time/Clock.h"
@@ -110,7 +111,7 @@ void SystemLog::write(LoggingMode mode, std::string_view text) {
   errno = savedError;
 }
 
-bool SystemLog::isInSink() noexcept { return inSink; }
+bool isInLogSink() noexcept { return inSink; }
 
 bool SystemLog::setSink(LogSink sink) {
   const KeptSink* kept = nullptr;

@@ -45,8 +45,6 @@ class ORBIQ_EXPORT SystemLog {
   /// Installs a sink; an empty one restores standard error. False without memory for it: then lines
   /// go where they went. Any thread.
   static bool setSink(LogSink sink);
-  /// Whether the calling thread is in a sink's call.
-  static bool isInSink() noexcept;
 };
 
 }  // namespace orbiq
