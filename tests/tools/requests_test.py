@@ -1,6 +1,7 @@
 """Drives the real inspector, with plistlib as writer and judge of what it reads.
 
-Its arguments are the paths of orbiq-requests and of the example orbiq-first-hit.
+Its arguments are the paths of orbiq-requests, of the example orbiq-first-hit and of what writes two
+requests into a file.
 """
 
 import ctypes
@@ -18,6 +19,7 @@ import tempfile
 import unittest
 from plistlib import UID
 
+WRITER = sys.argv.pop(3)
 FIRST_HIT = sys.argv.pop(2)
 INSPECTOR = sys.argv.pop(1)
 SANITIZED = re.search(rb"__[a-z]+san_init", pathlib.Path(INSPECTOR).read_bytes())
@@ -220,6 +222,11 @@ class RequestsTest(unittest.TestCase):
             request = report["requests"][0]
             self.assertEqual((request["serial"], request["access"]["mode"], len(report["faults"])),
                              ("S\x1b[2J\u202e", 1, 1))
+        with Directory() as directory:
+            subprocess.run([WRITER, directory / "requests.ser"], check=True)
+            ours = (directory / "requests.ser").read_bytes()
+        for left in (len(ours) - 1, len(ours) // 3):
+            self.assertEqual(read(ours[:left])[1]["requests"], read(ours)[1]["requests"])
         self.assertEqual(len(read(patched(whole, 0, b"X"))[1]["requests"]), 2)
         _, report = read(binary(foreign() | {"$top": {}}))
         self.assertEqual([request["kind"] for request in report["requests"]], ["streaming"])

@@ -3,7 +3,8 @@
 #include <algorithm>
 #include <string_view>
 #include <utility>
-#include <vector>
+
+#include "tools/requests/SlotLayout.h"
 
 namespace orbiq::requests {
 namespace {
@@ -12,16 +13,9 @@ constexpr std::string_view kMagic = "bplist00";
 constexpr std::size_t kMostObjects = 1'000'000;
 
 /// Objects that stand one behind the other from the start of the file on.
-struct Sequence {
-  std::vector<std::size_t> offsets;
-  std::size_t end = kMagic.size();
-  std::size_t refSize = 0;
-};
-
-Sequence sequenceOf(std::string_view bytes, std::size_t refSize) {
+FoundObjects sequenceOf(std::string_view bytes, std::size_t refSize) {
   const BinaryPlistReader reader = BinaryPlistReader::withoutFrame(bytes, refSize);
-  Sequence sequence;
-  sequence.refSize = refSize;
+  FoundObjects sequence{.offsets = {}, .end = kMagic.size(), .refSize = refSize};
   while (sequence.end < bytes.size() && sequence.offsets.size() < kMostObjects) {
     const PlistObject object = reader.objectAt(sequence.end);
     if (object.kind == PlistObject::Kind::kNone) break;
@@ -36,17 +30,17 @@ void appendBigEndian(std::string& bytes, std::uint64_t number, std::size_t size)
 }
 
 /// Which size the references have is told by how far it leads.
-Sequence longestSequenceOf(std::string_view bytes) {
-  Sequence longest;
+FoundObjects longestSequenceOf(std::string_view bytes) {
+  FoundObjects longest;
   for (const std::size_t refSize : {1U, 2U, 4U, 8U}) {
-    Sequence sequence = sequenceOf(bytes, refSize);
+    FoundObjects sequence = sequenceOf(bytes, refSize);
     if (sequence.end > longest.end) longest = std::move(sequence);
   }
   return longest;
 }
 
 /// The objects with an offset table and a trailer of their own.
-std::string framed(std::string_view bytes, const Sequence& objects) {
+std::string framed(std::string_view bytes, const FoundObjects& objects) {
   std::string whole(bytes.substr(0, objects.end));
   for (const std::size_t offset : objects.offsets) appendBigEndian(whole, offset, 8);
   whole.append(6, '\0');
@@ -72,7 +66,8 @@ Container::Container(std::string bytes, Faults& faults) : _bytes(std::move(bytes
     _reader = BinaryPlistReader::open(_bytes);
     return;
   }
-  const Sequence objects = longestSequenceOf(_bytes);
+  std::optional<FoundObjects> inSlots = objectsInSlots(_bytes);
+  const FoundObjects objects = inSlots ? *std::move(inSlots) : longestSequenceOf(_bytes);
   if (objects.offsets.empty()) return;
   _bytes = framed(_bytes, objects);
   _reader = BinaryPlistReader::open(_bytes);

@@ -11,7 +11,8 @@
 namespace orbiq::requests {
 
 /// A file's bytes as a binary property list. Where the trailer or the offset table is damaged, the
-/// objects are found one behind the other; their offsets are those of the file all the same.
+/// objects are found in this library's slots or one behind the other; their offsets are those of
+/// the file all the same.
 class Container {
  public:
   Container(std::string bytes, Faults& faults);

@@ -112,8 +112,7 @@ RequestsArchive::RequestsArchive(std::string bytes)
     if (_container.isRebuilt()) {
       _notes.push_back(
           "without the offset table: " + std::to_string(_container.reader().objectCount()) +
-          " objects were found one behind the other, up to offset " +
-          std::to_string(_container.end()));
+          " objects were found, up to offset " + std::to_string(_container.end()));
     }
     noteTexts();
     readList();

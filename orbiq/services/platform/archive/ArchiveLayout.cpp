@@ -14,7 +14,6 @@ namespace {
 constexpr std::string_view kMagic = "bplist00";
 constexpr std::size_t kTrailerSize = 32;
 constexpr std::size_t kPlaceSize = 4;
-constexpr std::size_t kArrayHeadSize = 6;
 constexpr std::int64_t kVersion = 100000;
 
 // The numbers of objects, up to the vocabulary's.
@@ -25,11 +24,10 @@ enum : PlistRef {
   kFalse,
   kTrue,
   kFirstInteger,
-  kRootArray = kFirstInteger + ArchiveLayout::kSmallIntegers,
-  kTable,
-  kFirstName
+  kFirstName = ArchiveLayout::kTable + 1
 };
 static_assert(kNullUidRef == ArchiveLayout::kNullUid);
+static_assert(kFirstInteger + ArchiveLayout::kSmallIntegers == ArchiveLayout::kRootArray);
 // Of each class: the array of its names, its description, and the UID that leads there.
 constexpr PlistRef kClassObjects = 3;
 // Behind the classes.
@@ -85,7 +83,7 @@ void ArchiveVocabulary::addClass(const ArchivedClass& archivedClass) {
 }
 
 ArchiveLayout::ArchiveLayout(const ArchiveVocabulary& vocabulary, const Measure& measure)
-    : _measure(measure), _slots(measure.elements + measure.elements / 8 + 4) {
+    : _measure(measure), _slots(slotsFor(measure.elements)) {
   const std::size_t classes = vocabulary.classes.size();
   const std::size_t firstClass = kFirstName + vocabulary.names.size();
   const std::size_t firstNumber = firstClass + kClassObjects * classes + kEndingObjects;
@@ -106,7 +104,7 @@ ArchiveLayout::ArchiveLayout(const ArchiveVocabulary& vocabulary, const Measure&
   _tableAt = places[kTable] = _rootAt + kArrayHeadSize + _refSize * measure.elements;
   _uidsAt = _tableAt + kArrayHeadSize + _refSize * entryCount();
   _slotsAt = _uidsAt + (1 + _refSize) * kSlotUids * _slots.size();
-  _longAt = _slotsAt + slotBytes() * _slots.size();
+  _longAt = _slotsAt + slotBytes(_refSize) * _slots.size();
   const std::size_t end = _longAt + measure.longBytes + kPlaceSize * numbers + kTrailerSize;
   // Whole pages: a file that keeps its length is written faster.
   const std::size_t size =
@@ -218,8 +216,6 @@ PlistRef ArchiveLayout::classUidRef(std::size_t index) const {
   return _firstClass + kClassObjects * static_cast<PlistRef>(index) + 2;
 }
 
-std::size_t ArchiveLayout::slotBytes() const { return kSlotBytes / 2 * _refSize; }
-
 std::uint32_t ArchiveLayout::slotOf(PlistRef placed) const {
   return (placed - _firstNumber) / kSlotNumbers;
 }
@@ -251,15 +247,16 @@ bool ArchiveLayout::isUid(PlistRef placed) const {
 }
 
 PlistRef ArchiveLayout::place(std::string_view object) {
-  const bool isLong = object.size() > slotBytes();
+  const bool isLong = object.size() > slotBytes(_refSize);
   const auto isFull = [&](const Slot& slot) {
-    return slot.objects == kSlotObjects || (!isLong && slot.bytes + object.size() > slotBytes());
+    return slot.objects == kSlotObjects ||
+           (!isLong && slot.bytes + object.size() > slotBytes(_refSize));
   };
   if (_current == kNoSlot || isFull(_slots[_current])) takeSlot();
   Slot& slot = _slots[_current];
   const PlistRef number = _firstNumber + _current * kSlotNumbers + kSlotUids + slot.objects++;
   ++slot.used;
-  std::size_t at = _slotsAt + _current * slotBytes() + slot.bytes;
+  std::size_t at = _slotsAt + _current * slotBytes(_refSize) + slot.bytes;
   if (isLong) {
     at = _longAt + _longBytes;
     _longBytes += object.size();

@@ -42,6 +42,18 @@ class ArchiveLayout {
   };
   struct NoRoom {};
 
+  // What finds the objects of a damaged file again: the numbers of two, and the measures.
+  static constexpr PlistRef kRootArray = 9;
+  static constexpr PlistRef kTable = 10;
+  static constexpr std::size_t kArrayHeadSize = 6;
+  // A slot takes what an ordinary request has for itself.
+  static constexpr std::uint32_t kSlotUids = 7;
+  static constexpr std::uint32_t kSlotObjects = 11;
+  static constexpr std::size_t slotsFor(std::size_t elements) {
+    return elements + elements / 8 + 4;
+  }
+  static constexpr std::size_t slotBytes(std::size_t refSize) { return 80 * refSize; }
+
   /// Throws `std::length_error` beyond 4 GiB.
   ArchiveLayout(const ArchiveVocabulary& vocabulary, const Measure& measure);
 
@@ -102,11 +114,7 @@ class ArchiveLayout {
   void removeElement(std::size_t index);
 
  private:
-  // A slot takes what an ordinary request has for itself.
-  static constexpr std::uint32_t kSlotUids = 7;
-  static constexpr std::uint32_t kSlotObjects = 11;
   static constexpr std::uint32_t kSlotNumbers = kSlotUids + kSlotObjects;
-  static constexpr std::size_t kSlotBytes = 160;
 
   struct Slot {
     std::uint16_t bytes = 0;
@@ -121,7 +129,6 @@ class ArchiveLayout {
   void addEnding(PlistObjects& objects, std::vector<std::size_t>& places);
   void fill(const std::vector<std::size_t>& places);
 
-  std::size_t slotBytes() const;
   std::uint32_t slotOf(PlistRef placed) const;
   void takeSlot();
   void release(std::uint32_t slot);
