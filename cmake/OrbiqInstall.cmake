@@ -1,7 +1,7 @@
 # What is installed, and where. A new public header is one line in the list below, a new tool one
 # line `orbiq_install_tool(TARGET)` beside its target, a new manual page one file in docs/man.
 #
-# Components, one per package: library, secretservice, development, tools.
+# Components, one per package: library, secretservice, development, tools, python.
 
 # What an application may include, and what that includes in turn. Nothing else is installed.
 set(ORBIQ_PUBLIC_HEADERS
@@ -43,6 +43,13 @@ set(ORBIQ_SECRETSERVICE_HEADERS
   orbiq/secretservice/SecretServiceKeychain.h)
 
 set(ORBIQ_INSTALL_CMAKEDIR ${CMAKE_INSTALL_LIBDIR}/cmake/orbiq)
+# Where Debian's Python looks: below /usr in one place for all versions, elsewhere in that of its own.
+set(python python3)
+if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
+  find_package(Python3 REQUIRED COMPONENTS Interpreter)
+  set(python python${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR})
+endif()
+set(ORBIQ_INSTALL_PYTHONDIR lib/${python}/dist-packages CACHE STRING "Place of the Python module")
 
 # Builds what is installed, and nothing else.
 if(ORBIQ_INSTALL)
@@ -114,6 +121,9 @@ function(orbiq_install)
   install(FILES ${PROJECT_BINARY_DIR}/orbiq-config.cmake
     ${PROJECT_BINARY_DIR}/orbiq-config-version.cmake
     DESTINATION ${ORBIQ_INSTALL_CMAKEDIR} COMPONENT development)
+
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/orbiq DESTINATION ${ORBIQ_INSTALL_PYTHONDIR}
+    COMPONENT python FILES_MATCHING PATTERN "*.py" PATTERN py.typed PATTERN __pycache__ EXCLUDE)
 
   if(ORBIQ_BUILD_TOOLS)
     file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.1)

@@ -6,7 +6,7 @@ set(CPACK_PACKAGE_CONTACT "orbiq maintainers <maintainers@users.noreply.orbiq.de
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL library development tools)
+set(CPACK_COMPONENTS_ALL library development tools python)
 if(TARGET orbiq_secretservice)
   list(APPEND CPACK_COMPONENTS_ALL secretservice)
 endif()
@@ -51,6 +51,15 @@ orbiq_package(tools orbiq-tools devel ""
   "orbiq counts audience events."
   "This package has programs for developers, among them orbiq-collector, an"
   "authorization and hit server for the local machine.")
+
+orbiq_package(python python3-orbiq python "liborbiq1 (>= ${PROJECT_VERSION}), python3:any"
+  "audience measurement for Python applications"
+  "orbiq counts audience events."
+  "This package has the Python module.")
+set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${CPACK_ORBIQ_PACKAGING}/python/postinst
+  ${CPACK_ORBIQ_PACKAGING}/python/prerm)
 
 set(development_depends "liborbiq1 (${same_version})"
   "libcurl4-openssl-dev | libcurl4-gnutls-dev" libmnl-dev liburiparser-dev)

@@ -1,4 +1,5 @@
 # CPack gives each package with a shared library scripts that call ldconfig. The trigger does that.
+list(FILTER CPACK_PACKAGE_FILES EXCLUDE REGEX "/python3-")  # whose scripts are its own
 find_program(DPKG_DEB dpkg-deb REQUIRED)
 foreach(package ${CPACK_PACKAGE_FILES})
   set(tree ${package}.tree)

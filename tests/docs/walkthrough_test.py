@@ -54,7 +54,7 @@ class Walkthrough(unittest.TestCase):
                    if "https://" in code or "int main" in code]
         self.assertEqual([sample[:2] for sample in samples],
                          [("README.md", "cpp"), ("README.md", "c"), ("docs/c.md", "c"),
-                          ("docs/c.md", "python")])
+                          ("docs/c.md", "python"), ("docs/c.md", "python")])
         with tempfile.TemporaryDirectory() as scratch, subprocess.Popen(
                 [COLLECTOR, "--port", "0"], stdout=subprocess.PIPE, text=True) as collector:
             url = collector.stdout.readline().removeprefix("listening on ").strip()
@@ -78,7 +78,7 @@ class Walkthrough(unittest.TestCase):
                            input=code, text=True, check=True)
         subprocess.run(program, check=True, timeout=100, env={
             "ORBIQ_AUTHORIZATION_SERVER": f"{url}auth/", "ORBIQ_LIBRARY_DIRECTORY": place,
-            "LD_LIBRARY_PATH": str(LIBRARY.parent)})
+            "LD_LIBRARY_PATH": str(LIBRARY.parent), "PYTHONPATH": PROJECT / "python"})
 
 
 if __name__ == "__main__":

@@ -100,6 +100,16 @@ done
 gcc -std=c11 -pedantic -Wall -Wextra -Werror "$source/examples/first-hit-c/main.c" \
   -o with-pkgconfig/first-hit-c $(pkg-config --cflags --libs orbiq)
 run_hit with-pkgconfig/first-hit-c
+cat >first-hit.py <<'PROGRAM'
+#!/usr/bin/python3
+import orbiq
+orbiq.describe(bundle_identifier="tv.example.player")
+orbiq.Tagger("ABC").send_hit()
+if not orbiq.flush(10) or orbiq.statistics().sent != 1:
+    raise SystemExit(orbiq.statistics())
+PROGRAM
+chmod +x first-hit.py
+run_hit ./first-hit.py
 [[ $(pkg-config --libs orbiq) == *-lorbiq* && $(pkg-config --libs orbiq) != *curl* ]] ||
   fail "orbiq.pc links an application with more than the library"
 for needed in -lcurl -lmnl -luriparser; do

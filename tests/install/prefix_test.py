@@ -13,7 +13,7 @@ import tempfile
 import unittest
 
 BUILD, SOURCE, COMPILER = sys.argv[1:]
-COMPONENTS = ("library", "secretservice", "development", "tools")
+COMPONENTS = ("library", "secretservice", "development", "tools", "python")
 WARNINGS = ("-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror")
 # Who may own what the headers include: the C library, the kernel's headers, the compiler's.
 SYSTEM_PACKAGES = re.compile(r"(libc6-dev|linux-libc-dev|lib(stdc\+\+|gcc)-\d+-dev|"

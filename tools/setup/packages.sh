@@ -8,7 +8,7 @@ packages_test=("${packages_demo[@]}" clang libclang-rt-dev libgtest-dev libgmock
 packages_bench=("${packages_demo[@]}" libplist-dev python3-matplotlib)
 packages_instructions=("${packages_bench[@]}" valgrind)
 # Of one version on every release, so that all agree on the form of the code.
-packages_lint=("${packages_test[@]}" libsecret-1-dev clang-format-19 clang-tidy-19 mandoc)
+packages_lint=("${packages_test[@]}" libsecret-1-dev clang-format-19 clang-tidy-19 mandoc mypy)
 packages_package=("${packages_demo[@]}" libsecret-1-dev dpkg-dev lintian)
 packages_install=("${packages_package[@]}" mmdebstrap)
 packages_docs=("${packages_demo[@]}" libsecret-1-dev doxygen graphviz shellcheck)
