@@ -35,13 +35,16 @@ macro(orbiq_package component name section depends summary)
   string(JOIN "\n" CPACK_DEBIAN_${upper}_DESCRIPTION "${summary}" ${ARGN})
 endmacro()
 
-orbiq_package(library liborbiq1 libs ""
+# Whose loader knows packed relocations; dpkg-shlibdeps does not see that.
+set(loader "libc6 (>= 2.36)")
+
+orbiq_package(library liborbiq1 libs "${loader}"
   "audience measurement for native applications"
   "orbiq counts audience events: the application calls sendHit, which returns at"
   "once, and threads of the library's own queue each hit, save it, ask an"
   "authorization server what the account may send, and send it."
   "This package has the shared library.")
-orbiq_package(secretservice liborbiq-secretservice1 libs "liborbiq1 (${same_version})"
+orbiq_package(secretservice liborbiq-secretservice1 libs "liborbiq1 (${same_version}), ${loader}"
   "audience measurement for native applications (keyring)"
   "orbiq counts audience events."
   "This package has the part that keeps the device identifier in the user's"
