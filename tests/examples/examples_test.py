@@ -2,6 +2,8 @@
 
 import json
 import os
+import pathlib
+import shutil
 import subprocess
 import sys
 import tempfile
@@ -12,14 +14,18 @@ from prometheus_client import parser
 import collector
 
 COLLECTOR, FIRST_HIT_C, PROMETHEUS = sys.argv[1:4]
-del sys.argv[1:4]
+# To be linked by other compilers; left out where these could not.
+LIBRARY = pathlib.Path(sys.argv[4]) if len(sys.argv) > 4 else None
+SOURCE = pathlib.Path(__file__).resolve().parents[2]
+DEBIAN = "/usr/bin:" + os.environ["PATH"]
+del sys.argv[1:]
 
 
-def run(server, *command):
+def run(server, *command, **more):
     with tempfile.TemporaryDirectory() as directory:
         return subprocess.run(
             command, capture_output=True, text=True, timeout=60,
-            env={**os.environ, "ORBIQ_LIBRARY_DIRECTORY": directory,
+            env={**os.environ, **more, "ORBIQ_LIBRARY_DIRECTORY": directory,
                  "ORBIQ_AUTHORIZATION_SERVER": f"http://127.0.0.1:{server.port}/auth/"})
 
 
@@ -30,6 +36,29 @@ class ExamplesTest(unittest.TestCase):
             self.assertEqual((ended.returncode, ended.stderr), (0, ""))
             self.assertEqual(json.loads(ended.stdout)["sent"], 1)
             self.assertEqual(server.counts()["hits"], {"ABC": 1})
+
+    def test_the_first_hit_from_other_languages(self):
+        if not LIBRARY:
+            self.skipTest("the library is built with what other compilers do not have")
+        scratch = self.enterContext(tempfile.TemporaryDirectory())
+        pathlib.Path(scratch, "orbiq.pc").write_text(
+            f"Name: orbiq\nVersion: 1\nDescription: not installed\nCflags: -I{SOURCE}\n"
+            f"Libs: -L{LIBRARY.parent} -lorbiq\n")
+        environment = {**os.environ, "PATH": DEBIAN, "PKG_CONFIG_PATH": scratch,
+                       "GOCACHE": f"{scratch}/go", "LD_LIBRARY_PATH": str(LIBRARY.parent)}
+        environment.pop("GOFLAGS", None)
+        for name, command in {
+                "rust": ["rustc", "--edition", "2021", "-D", "warnings", "-L", LIBRARY.parent],
+                "go": ["go", "build"]}.items():
+            with self.subTest(language=name), collector.Collector(COLLECTOR) as server:
+                if not shutil.which(command[0], path=DEBIAN):
+                    self.skipTest(f"there is no {command[0]}")
+                source = next((SOURCE / f"examples/first-hit-{name}").iterdir())
+                program = f"{scratch}/{name}-program"
+                subprocess.run([shutil.which(command[0], path=DEBIAN), *command[1:], "-o", program,
+                                source], env=environment, check=True, timeout=300)
+                self.assertEqual(run(server, program, **environment).returncode, 0)
+                self.assertEqual(server.counts()["hits"], {"ABC": 1})
 
     def test_the_statistics_as_prometheus_reads_them(self):
         with collector.Collector(COLLECTOR) as server, tempfile.TemporaryDirectory() as directory:
