@@ -225,8 +225,12 @@ class RequestsTest(unittest.TestCase):
         with Directory() as directory:
             subprocess.run([WRITER, directory / "requests.ser"], check=True)
             ours = (directory / "requests.ser").read_bytes()
+        piped = subprocess.run([INSPECTOR, "--json", "-"], input=ours, capture_output=True,
+                               env=environment(), check=True)
         for left in (len(ours) - 1, len(ours) // 3):
-            self.assertEqual(read(ours[:left])[1]["requests"], read(ours)[1]["requests"])
+            self.assertEqual(read(ours[:left])[1]["requests"], json.loads(piped.stdout)["requests"])
+        piped = subprocess.run([INSPECTOR, "-"], input=ours, capture_output=True, env=environment())
+        self.assertTrue(piped.stdout.startswith(b"-: 2 requests, 8192 bytes, whether it is in use"))
         self.assertEqual(len(read(patched(whole, 0, b"X"))[1]["requests"]), 2)
         _, report = read(binary(foreign() | {"$top": {}}))
         self.assertEqual([request["kind"] for request in report["requests"]], ["streaming"])

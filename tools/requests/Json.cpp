@@ -275,7 +275,7 @@ void printJson(std::ostream& out, const std::string& path, const Snapshot& snaps
   printer.begin('{');
   printer.value(path, "file");
   printer.value(archive.size(), "size");
-  printer.value(utcTime(snapshot.changedAt), "savedAt");
+  printer.value(timeOrNull(snapshot.changedAt), "savedAt");
   const bool isKnown = snapshot.use.state != Use::State::kUnknown;
   printer.value(isKnown ? Json(snapshot.use.state == Use::State::kInUse) : Json(), "isInUse");
   printer.value(snapshot.use.process == 0 ? Json() : Json(snapshot.use.process), "process");

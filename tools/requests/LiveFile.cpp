@@ -78,6 +78,19 @@ Snapshot look(const std::string& path) {
   return snapshot;
 }
 
+Snapshot lookAtStandardInput() {
+  Snapshot snapshot;
+  snapshot.use.state = Use::State::kUnknown;
+  const Descriptor input(dup(STDIN_FILENO));
+  std::optional<std::string> bytes = readAll(input, kLargestFile);
+  if (!bytes) {
+    snapshot.failure = errno;
+  } else {
+    snapshot.bytes = std::move(*bytes);
+  }
+  return snapshot;
+}
+
 FileWatch::FileWatch(const std::string& path)
     : _inotify(inotify_init1(IN_CLOEXEC | IN_NONBLOCK)), _name(path.substr(path.rfind('/') + 1)) {
   const std::size_t slash = path.rfind('/');

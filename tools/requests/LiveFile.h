@@ -24,7 +24,7 @@ struct Snapshot {
   std::string bytes;
   int failure = 0;        ///< why it cannot be read, an error number
   bool isSettled = true;  ///< two readings agreed, and the file stood still for the last one
-  double changedAt = 0;   ///< seconds since 1970
+  std::optional<double> changedAt;  ///< seconds since 1970
   Use use;
 
   /// Whether there is nothing new in it.
@@ -36,6 +36,9 @@ struct Snapshot {
 /// Reads the file again until two readings agree: an application may be rewriting it under the
 /// other name that it will have next.
 Snapshot look(const std::string& path);
+
+/// What standard input has, up to its end. When it was saved and whether it is in use is not known.
+Snapshot lookAtStandardInput();
 
 /// Tells when a file is replaced, or given up by its application.
 class FileWatch {

@@ -166,10 +166,12 @@ std::string counted(std::size_t count, const std::string& noun) {
 void printTable(std::ostream& out, const std::string& path, const Snapshot& snapshot,
                 const RequestsArchive& archive, const TableStyle& style) {
   Printer printer(out, style);
+  const std::string saved = snapshot.changedAt
+                                ? ", saved " + localTime(*snapshot.changedAt) + " (" +
+                                      distance(*snapshot.changedAt, style.now) + ")"
+                                : "";
   printer.line(kBold, escaped(path) + ": " + counted(archive.requests().size(), "request") + ", " +
-                          counted(archive.size(), "byte") + ", saved " +
-                          localTime(snapshot.changedAt) + " (" +
-                          distance(snapshot.changedAt, style.now) + "), " + useText(snapshot.use));
+                          counted(archive.size(), "byte") + saved + ", " + useText(snapshot.use));
   if (!archive.requests().empty()) printer.rows(archive.requests());
   if (!snapshot.isSettled) {
     printer.line(kYellow, "The file kept changing: what is shown may be a mixture.");

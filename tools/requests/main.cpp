@@ -29,6 +29,7 @@ enum ExitCode : int { kSound = 0, kDamaged = 1, kUsage = 2, kUnreadable = 3 };
 
 constexpr const char* kCannotWrite = "orbiq-requests: standard output cannot be written\n";
 constexpr const char* kDirectoryVariable = "ORBIQ_LIBRARY_DIRECTORY";
+constexpr const char* kStandardInput = "-";
 constexpr const char* kFileInLibrary = "/orbiqCache/requests.ser";
 
 struct Options {
@@ -48,7 +49,7 @@ std::string whatIsWrongWithIdentifier(const std::string& identifier) {
 
 void describe(CLI::App& app, Options& options) {
   app.set_version_flag("--version", "orbiq-requests " ORBIQ_VERSION);
-  auto* const file = app.add_option("FILE", options.file, "The requests file");
+  auto* const file = app.add_option("FILE", options.file, "The requests file; - is standard input");
   auto* const directory = app.add_option("--library-directory", options.libraryDirectory,
                                          "Show the file in this library directory of an "
                                          "application (default: $ORBIQ_LIBRARY_DIRECTORY)");
@@ -142,7 +143,8 @@ int run(const Options& options, const std::string& path) {
     std::cerr << kCannotWrite;
     return kUnreadable;
   }
-  const Snapshot snapshot = orbiq::requests::look(path);
+  const Snapshot snapshot =
+      path == kStandardInput ? orbiq::requests::lookAtStandardInput() : orbiq::requests::look(path);
   if (snapshot.failure != 0) {
     std::cerr << "orbiq-requests: " << orbiq::requests::escaped(path) << ": "
               << causeOf(snapshot.failure) << "\n";
@@ -169,6 +171,9 @@ int main(int argc, char** argv) {
     if (!path) {
       throw CLI::RequiredError(std::string("FILE, --library-directory, --bundle-identifier or $") +
                                kDirectoryVariable);
+    }
+    if (options.isFollowing && *path == kStandardInput) {
+      throw CLI::ValidationError("--follow", "cannot follow standard input");
     }
     return run(options, *path);
   } catch (const CLI::ParseError& error) {
