@@ -53,7 +53,8 @@ orbiq_package(tools orbiq-tools devel ""
   "audience measurement for native applications (tools)"
   "orbiq counts audience events."
   "This package has programs for developers, among them orbiq-collector, an"
-  "authorization and hit server for the local machine.")
+  "authorization and hit server for the local machine, and orbiq-doctor, which"
+  "finds out why hits do not arrive.")
 
 orbiq_package(python python3-orbiq python "liborbiq1 (>= ${PROJECT_VERSION}), python3:any"
   "audience measurement for Python applications"

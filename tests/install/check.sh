@@ -116,6 +116,10 @@ for needed in -lcurl -lmnl -luriparser; do
   [[ $(pkg-config --static --libs orbiq) == *$needed* ]] || fail "orbiq.pc does not tell of $needed"
 done
 
+say "the doctor"
+ORBIQ_AUTHORIZATION_SERVER=http://127.0.0.1:$port/auth/ orbiq-doctor --serial ABC \
+  --bundle-identifier tv.example.player --send >doctor.log || { cat doctor.log >&2; fail "the doctor finds a fault"; }
+
 say "upgrading: installing over what is there"
 dpkg -i /orbiq/packages/*.deb >dpkg.log 2>&1 || { cat dpkg.log >&2; fail "no upgrade"; }
 run_hit with-cmake/first-hit
