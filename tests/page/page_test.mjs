@@ -66,7 +66,7 @@ test("switches change the next answer, and follow what others change", async () 
   await visitor.shows("changed", "2 changed");
   assert.match((await collector.get("/auth/S")).body, /^access=half\|/);
   assert.equal((await collector.get("/hit/S")).status, 503);
-  await visitor.shows("hitsLost", "1");
+  await visitor.shows("hitsAnsweredOtherwise", "1");
 
   await page.fill("#delayMs", "-1");
   await visitor.press("Enter");
@@ -115,7 +115,7 @@ test("filter, pause and clear", async () => {
   await page.click("#reset");
   await page.locator("#empty").waitFor();
   await visitor.accounts([]);
-  for (const id of ["hits", "hitsLost", "authorizations"]) await visitor.shows(id, "0");
+  for (const id of ["hits", "hitsAnsweredOtherwise", "hitsUnanswered", "authorizations"]) await visitor.shows(id, "0");
   assert.equal(await page.locator("#bars rect").count(), 0);
   assert.match(await page.innerText("#recipe"), new RegExp(`=${collector.url}/auth/ `));
 });
