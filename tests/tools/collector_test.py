@@ -125,6 +125,8 @@ class CollectorTest(unittest.TestCase):
                 told = [events.news() for _ in range(10)]
             self.assertEqual([name for name, _ in told], ["snapshot"] + 9 * ["exchanges"])
             self.assertEqual([serial for _, part in told for serial in part], serials)
+            with Events(collector, events.position.rpartition(".")[0] + ".2") as events:
+                self.assertEqual(events.news()[0], "snapshot")  # what follows is forgotten
 
     def test_behaviour_changes_the_answers(self):
         with Collector("--access", "denied", "--host", "http://h/", "--date-skew-seconds", "-3600",
