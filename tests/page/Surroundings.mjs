@@ -3,12 +3,18 @@
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { once } from "node:events";
+import fs from "node:fs";
 import http from "node:http";
 import { createRequire } from "node:module";
+import net from "node:net";
+import os from "node:os";
+import path from "node:path";
 import readline from "node:readline";
 
 const [modules, chromiumPath, collectorPath, firstHitPath] = process.argv.slice(2);
-const { chromium } = createRequire(`${modules}/`)("playwright-core");
+const require = createRequire(`${modules}/`);
+const { chromium } = require("playwright-core");
+const axe = fs.readFileSync(require.resolve("axe-core/axe.min.js"), "utf8");
 
 export async function launchBrowser() {
   return chromium.launch({ executablePath: chromiumPath });
@@ -44,6 +50,31 @@ export class Collector {
     return { status: answer.statusCode, body };
   }
 
+  /// Hits of accounts with a prefix and a number, as many at a time as a few connections bear.
+  async flood(prefix, from, to) {
+    const one = async () => {
+      const socket = net.connect(this.port, "127.0.0.1");
+      while (from <= to) {
+        socket.write(`GET /hit/${prefix}${from++} HTTP/1.1\r\nHost: x\r\nUser-Agent: Flood\r\n\r\n`);
+        await once(socket, "data");
+      }
+      socket.end();
+    };
+    await Promise.all([one(), one(), one(), one()]);
+  }
+
+  /// A request whose client leaves before the answer.
+  async leave(path) {
+    const held = async (number) => {
+      while (JSON.parse((await this.get("/api/exchanges")).body).held !== number);
+    };
+    const socket = net.connect(this.port, "127.0.0.1");
+    socket.write(`GET ${path} HTTP/1.1\r\nHost: x\r\n\r\n`);
+    await held(1);
+    socket.destroy();
+    await held(0);
+  }
+
   async behaviour() {
     return JSON.parse((await this.get("/api/behaviour")).body);
   }
@@ -54,7 +85,8 @@ export class Collector {
     assert.equal(answer.status, 200);
   }
 
-  async sendRealHit(directory) {
+  async sendRealHit() {
+    const directory = fs.mkdtempSync(path.join(os.tmpdir(), "orbiq-page-"));
     const environment = { ...process.env };
     for (const name of Object.keys(environment)) {
       if (/_proxy$/i.test(name)) delete environment[name];
@@ -63,6 +95,7 @@ export class Collector {
     environment.ORBIQ_LIBRARY_DIRECTORY = directory;
     const application = spawn(firstHitPath, { stdio: ["ignore", "ignore", "inherit"], env: environment });
     const [code] = await once(application, "exit");
+    fs.rmSync(directory, { recursive: true });
     assert.equal(code, 0);
   }
 }
@@ -71,7 +104,7 @@ export class Collector {
 export class Visitor {
   static async open(browser, collector) {
     const visitor = new Visitor();
-    visitor.page = await browser.newPage();
+    visitor.page = await browser.newPage({ permissions: ["clipboard-read", "clipboard-write"] });
     visitor.faults = [];
     visitor.page.on("pageerror", (error) => visitor.faults.push(String(error)));
     visitor.page.on("console", (message) => {
@@ -80,6 +113,12 @@ export class Visitor {
     visitor.page.on("response", (answer) => {
       if (answer.status() >= 400) visitor.faults.push(`${answer.status()} ${answer.url()}`);
     });
+    await visitor.page.addInitScript(() => {
+      window.longest = 0; // of the page's tasks, in milliseconds, if it is above 50
+      new PerformanceObserver((list) => {
+        for (const { duration } of list.getEntries()) window.longest = Math.max(window.longest, duration);
+      }).observe({ type: "longtask" });
+    });
     await visitor.page.goto(`${collector.url}/`);
     await visitor.connection("live");
     return visitor;
@@ -87,6 +126,19 @@ export class Visitor {
 
   async connection(state) {
     await this.page.locator(`#connection[data-state="${state}"]`).waitFor();
+  }
+
+  /// The browser tells of what it could not load while the collector was away.
+  forgiveLostConnection() {
+    this.faults = this.faults.filter((fault) => !/ERR_(CONNECTION_REFUSED|INCOMPLETE)/.test(fault));
+  }
+
+  /// As if another tab had come before the page.
+  async setHidden(hidden) {
+    await this.page.evaluate((value) => {
+      Object.defineProperty(document, "hidden", { value, configurable: true });
+      document.dispatchEvent(new Event("visibilitychange"));
+    }, hidden);
   }
 
   /// Waits for the text of an element.
@@ -100,6 +152,25 @@ export class Visitor {
       const cells = [...document.querySelectorAll("#rows td:nth-child(3)")];
       return cells.map((each) => each.textContent).join() === expected;
     }, wanted.join());
+  }
+
+  /// What makes the page, as it stands, hard to use for some; in words.
+  async barriers() {
+    // By the debugger: the page itself may run no script from elsewhere.
+    if (!(await this.page.evaluate(() => "axe" in window))) await this.page.evaluate(axe);
+    const found = await this.page.evaluate(() => window.axe.run({ resultTypes: ["violations"] }));
+    const all = found.violations.flatMap(({ id, nodes }) => nodes.map((node) => `${id}: ${node.html}`));
+    return all.concat(await this.page.evaluate(() => {
+      const isCut = (each) => each.checkVisibility() && each.scrollWidth > each.clientWidth;
+      return [document.documentElement, ...document.querySelectorAll("button:not([data-serial]), th, #scroller, .answer > .bad")]
+        .filter(isCut).map((each) => `cut: ${each.outerHTML.slice(0, 80)}`);
+    }));
+  }
+
+  /// The text of the file that a button saves.
+  async download(selector) {
+    const [download] = await Promise.all([this.page.waitForEvent("download"), this.page.click(selector)]);
+    return fs.readFileSync(await download.path(), "utf8");
   }
 
   async press(...keys) {

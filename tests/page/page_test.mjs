@@ -2,11 +2,9 @@
 // Arguments: directory of node_modules, Chromium, orbiq-collector, orbiq-first-hit.
 
 import assert from "node:assert/strict";
+import { spawnSync } from "node:child_process";
 import { once } from "node:events";
-import fs from "node:fs";
 import http from "node:http";
-import os from "node:os";
-import path from "node:path";
 import { after, afterEach, before, beforeEach, test } from "node:test";
 import { Collector, launchBrowser, Visitor } from "./Surroundings.mjs";
 
@@ -29,28 +27,28 @@ afterEach(async () => {
 });
 
 test("a hit of the library appears, and the keyboard alone opens its details", async () => {
-  const directory = fs.mkdtempSync(path.join(os.tmpdir(), "orbiq-page-"));
-  await collector.sendRealHit(directory);
-  fs.rmSync(directory, { recursive: true });
+  await collector.sendRealHit();
   await visitor.accounts(["ABC", "ABC"]);
   await visitor.shows("hits", "1");
   await visitor.shows("authorizations", "1");
-  await page.locator("#bars rect.hit").waitFor({ state: "attached" });
+  await page.locator("#shapes .hit").waitFor({ state: "attached" });
 
   await visitor.tabTo("#rows button");
   await visitor.press("Enter");
-  const details = page.locator(".details");
+  const details = page.locator("#details");
   assert.match(await details.innerText(), /GET \/hit\/ABC HTTP\/1\.1[^]*User-Agent:[^]*\n200 after/);
   await visitor.press("Escape");
-  await details.waitFor({ state: "detached" });
+  await details.waitFor({ state: "hidden" });
   await visitor.press("ArrowDown", "Space");
   assert.match(await details.innerText(), /GET \/auth\/ABC[^]*access=full\|host=/);
 
   // What arrives later takes neither the details nor the focus away.
   await collector.get("/hit/LATER");
   await visitor.accounts(["LATER", "ABC", "ABC"]);
-  assert.equal(await details.count(), 1);
+  assert.equal(await details.isVisible(), true);
   assert.equal(await page.evaluate(() => document.activeElement.ariaExpanded), "true");
+  await visitor.press("ArrowUp");  // open details follow
+  assert.match(await details.innerText(), /GET \/hit\/ABC/);
 });
 
 test("switches change the next answer, and follow what others change", async () => {
@@ -66,7 +64,7 @@ test("switches change the next answer, and follow what others change", async () 
   await visitor.shows("changed", "2 changed");
   assert.match((await collector.get("/auth/S")).body, /^access=half\|/);
   assert.equal((await collector.get("/hit/S")).status, 503);
-  await visitor.shows("hitsLost", "1");
+  await visitor.shows("hitsAnsweredOtherwise", "1");
 
   await page.fill("#delayMs", "-1");
   await visitor.press("Enter");
@@ -92,11 +90,21 @@ test("filter, pause and clear", async () => {
   await collector.get("/hit/GONE");
   await visitor.accounts(["GONE", "RED", "RED", "BLUE", "RED"]);
 
-  await page.fill("#filter", "blue");
+  await visitor.press("/");
+  await page.keyboard.type("blue");
   await visitor.accounts(["BLUE"]);
-  await visitor.shows("shown", "Showing 1 of 5; 1 match the filter.");
-  await page.fill("#filter", "Needle");
+  await visitor.shows("shown", "1 of 5 exchanges match the filter");
+  await page.fill("#filter", "red NEEDLE");
   await visitor.accounts(["RED"]);
+  await page.fill("#filter", '-needle -"gone http"');
+  await visitor.accounts(["RED", "BLUE", "RED"]);
+  await page.reload();  // the address has kept it
+  await visitor.accounts(["RED", "BLUE", "RED"]);
+  await page.click("#accounts summary");
+  await page.waitForFunction(() => document.getElementById("accountRows").innerText ===
+    "RED\t2\t0\t0\t1\nBLUE\t1\t0\t0\t0\nGONE\t0\t1\t0\t0");
+  await page.click("#accountRows button >> nth=2");
+  await visitor.accounts(["GONE"]);
   await page.fill("#filter", "");
   await page.selectOption("#kind", "hit");
   await page.selectOption("#outcome", "good");
@@ -105,9 +113,10 @@ test("filter, pause and clear", async () => {
   await visitor.accounts(["GONE"]);
   await page.selectOption("#outcome", "");
 
-  await page.click("#pause");
+  await page.click("h1");
+  await visitor.press("p");
   await collector.get("/hit/LATER");
-  await visitor.shows("shown", "Showing 4 of 6; 5 match the filter; 1 held back by the pause.");
+  await visitor.shows("shown", "5 of 6 exchanges match the filter; paused, 1 held back");
   await visitor.accounts(["GONE", "RED", "BLUE", "RED"]);
   await page.click("#pause");
   await visitor.accounts(["LATER", "GONE", "RED", "BLUE", "RED"]);
@@ -115,19 +124,79 @@ test("filter, pause and clear", async () => {
   await page.click("#reset");
   await page.locator("#empty").waitFor();
   await visitor.accounts([]);
-  for (const id of ["hits", "hitsLost", "authorizations"]) await visitor.shows(id, "0");
-  assert.equal(await page.locator("#bars rect").count(), 0);
+  for (const id of ["hits", "hitsAnsweredOtherwise", "hitsUnanswered", "authorizations"]) await visitor.shows(id, "0");
+  assert.equal(await page.locator("#shapes rect").count(), 0);
   assert.match(await page.innerText("#recipe"), new RegExp(`=${collector.url}/auth/ `));
 });
 
-test("what comes from outside is text", async () => {
-  const markup = "<img/src=x/onerror=alert(1)>";
+test("what was applied to an answer is marked, and one lost hit among a thousand is seen", async () => {
+  await collector.behave({ malformed: "cut", dateSkewSeconds: -60 });
+  await collector.get("/auth/CUT").catch(() => {});
+  await collector.behave({ malformed: "none", dateSkewSeconds: 0, delayMs: 5 });
+  await collector.get("/hit/LATE");
+  await collector.behave({ delayMs: 0, stall: "hit" });
+  await collector.leave("/hit/HELD");
+  await collector.behave({ stall: "none" });
+  await page.selectOption("#outcome", "marked");
+  await visitor.accounts(["HELD", "LATE", "CUT"]);
+  const answers = await page.locator("#rows .answer").evaluateAll((all) => all.map((each) => each.title));
+  assert.deepEqual(answers, ["no answer, stalled", "200, delayed 5 ms", "200, cut short, clock −60 s"]);
+  await page.click("#rows button >> nth=2");
+  assert.match(await page.innerText("#details"), /Applied by the switches\s+cut short\s+clock −60 s/);
+  await visitor.shows("hitsAnsweredOtherwise", "0");
+  await visitor.shows("hitsUnanswered", "1");
+
+  await collector.flood("S", 1, 1000);
+  await visitor.shows("hits", (1001).toLocaleString("en-US"));
+  const lost = page.locator("#shapes .unanswered");
+  assert.ok((await lost.boundingBox()).height >= 3);
+  const fills = await page.locator(".legend rect").evaluateAll((all) =>
+    all.map((each) => getComputedStyle(each).fill.match(/#.*-pattern|rgb/)[0]));
+  assert.equal(new Set(fills).size, 4);
+  const reading = /^\d\d:\d\d:\d\d–\d\d:\d\d:\d\d: [^]*1 unanswered/;
+  const pointed = async () => {
+    const { x, y } = await lost.boundingBox();
+    await page.mouse.move(x + 2, y + 2);
+    return page.innerText("#reading");
+  };
+  // The bars may just have moved on, but not twice.
+  assert.ok(reading.test(await pointed()) || reading.test(await pointed()));
+  await page.hover("h1");
+  assert.match(await page.innerText("#reading"), /^The last two minutes, at most/);
+  await page.focus("#plot");
+  const text = () => page.getAttribute("#plot", "aria-valuetext");
+  for (let steps = 0; steps < 60 && !reading.test(await text()); ++steps) await visitor.press("ArrowLeft");
+  assert.match(await page.innerText("#reading"), reading);
+});
+
+test("what comes from outside is text, in the page and in what is exported", async () => {
+  const markup = "<img/src=x/onerror=alert(1)>,'\"`$HOME`";
   await collector.behave({ access: markup });
-  await collector.get(`/auth/${markup}`, { "User-Agent": markup });
-  await visitor.accounts([markup]);
+  await collector.get(encodeURI(`/auth/${markup}`), { "User-Agent": markup });
+  await collector.get("/hit/NOT-SHOWN");
+  await page.fill("#filter", "-not-shown");
+  const serial = encodeURI(markup);
+  await visitor.accounts([serial]);
   await page.click("#rows button");
-  assert.equal((await page.innerText(".details")).split(markup).length, 4);
+  assert.equal((await page.innerText("#details")).split(markup).length, 4);
   assert.equal(await page.locator("img").count(), 0);
+
+  await page.click("#curl");
+  await page.locator("#curl:text('Copied')").waitFor();
+  const command = await page.evaluate(() => navigator.clipboard.readText());
+  const shown = spawnSync("sh", ["-c", `curl() { printf '%s\\n' "$@"; }; ${command}`]).stdout.toString();
+  assert.equal(shown.split("\n")[2], `${collector.url}/auth/${serial}`);
+  assert.ok(shown.includes(`\n-H\nUser-Agent: ${markup}\n`), shown);
+
+  const har = JSON.parse(await visitor.download("#har")).log;
+  const { request, response, comment } = har.entries[0];
+  assert.deepEqual([har.version, har.entries.length, request.method, request.url, response.status, comment],
+    ["1.2", 1, "GET", `${collector.url}/auth/${serial}`, 200, `access ${markup}`]);
+  assert.ok(request.headers.some(({ name, value }) => name === "User-Agent" && value === markup));
+  assert.match(response.content.text, /^access=<img/);
+  const lines = (await visitor.download("#csv")).split("\r\n");
+  const quoted = `"${markup.replaceAll('"', '""')}"`;
+  assert.deepEqual([lines.length, lines[1].endsWith(`,"access ${quoted.slice(1)},${quoted}`)], [3, true], lines[1]);
 });
 
 test("a restart on the same port, and a time out of sight, lose and repeat nothing", async () => {
@@ -135,56 +204,103 @@ test("a restart on the same port, and a time out of sight, lose and repeat nothi
   await visitor.accounts(["OLD"]);
   assert.equal(await collector.stop(), 0);
   await visitor.connection("lost");
+  assert.match(await page.innerText("#stale"), /^What stands below is as of \d/);
   await page.selectOption("#stall", "hit");
   await page.waitForFunction(() => document.getElementById("stall").value === "none");
   collector = await Collector.start(collector.port);
   await collector.get("/hit/NEW");
   await visitor.connection("live");
   await visitor.accounts(["NEW"]);
-  visitor.faults = visitor.faults.filter((fault) => !/ERR_(CONNECTION_REFUSED|INCOMPLETE)/.test(fault));
+  assert.equal(await page.isVisible("#stale"), false);
+  visitor.forgiveLostConnection();
 
-  const setHidden = (hidden) => page.evaluate((value) => {
-    Object.defineProperty(document, "hidden", { value, configurable: true });
-    document.dispatchEvent(new Event("visibilitychange"));
-  }, hidden);
   await page.click("#rows button");
-  await setHidden(true);
+  await visitor.setHidden(true);
   await visitor.connection("idle");
   await collector.get("/hit/UNSEEN");
-  await setHidden(false);
+  await visitor.setHidden(false);
   await visitor.accounts(["UNSEEN", "NEW"]);
   // It went on from where it was: a fresh start would have closed the details.
-  assert.equal(await page.locator(".details").count(), 1);
+  assert.equal(await page.isVisible("#details"), true);
 });
 
-test("thousands of hits come in a few rows", async () => {
-  for (let number = 1; number <= 5000; ++number) await collector.get(`/hit/S${number}`);
-  await visitor.shows("hits", (5000).toLocaleString("en-US"));
-  await visitor.shows("shown", "Showing 200 of the newest 2000.");
-  await page.click("#more");
-  await visitor.shows("shown", "Showing 400 of the newest 2000.");
-  const shown = await page.locator("#rows td:nth-child(3)").allInnerTexts();
-  assert.deepEqual([shown.length, shown[0], shown[399]], [400, "S5000", "S4601"]);
-  await page.fill("#filter", "S3001");
-  await visitor.accounts(["S3001"]);
+test("thousands of hits come in a few rows, and whoever reads stays where they are", async (t) => {
+  const began = performance.now();
+  await collector.flood("S", 1, 20000);
+  t.diagnostic(`${Math.round(20000 / (performance.now() - began))} hits a millisecond`);
+  await visitor.shows("hits", (20000).toLocaleString("en-US"));
+  await visitor.shows("shown", "the newest 10,000 exchanges");
+  await page.waitForFunction(() =>
+    Number(document.querySelector("#rows .account")?.textContent.slice(1)) > 19990);
+  t.diagnostic(`longest task of the page: ${await page.evaluate(() => window.longest)} ms`);
+  const inDocument = await page.locator("#rows tr").count();
+  assert.ok(inDocument > 10 && inDocument < 100, String(inDocument));
+  const focused = () => page.evaluate(() => document.activeElement.closest("tr").cells[2].textContent);
+  await page.click("h1");
+  await visitor.press("ArrowDown", "End");
+  assert.match(await focused(), /^S100\d\d$/);
+  await visitor.press("Home", "PageDown", "ArrowDown");
+  const stood = await focused();
+  const place = (serial) => page.locator(`#rows tr:has-text("${serial}")`).boundingBox();
+  const { y } = await place(stood);
+  await collector.flood("T", 1, 500);
+  await visitor.shows("hits", (20500).toLocaleString("en-US"));
+  assert.deepEqual([await focused(), Math.abs((await place(stood)).y - y) < 2], [stood, true]);
 
-  await page.fill("#filter", "");
   await page.click("#pause");
-  for (let number = 5001; number <= 7100; ++number) await collector.get(`/hit/S${number}`);
-  await visitor.shows("hits", (7100).toLocaleString("en-US"));
-  await visitor.shows("shown",
-    "Showing 200 of the newest 4000; 2000 held back by the pause.");
+  await page.fill("#filter", "t500");
+  await visitor.accounts(["T500"]);
+  await collector.flood("T500", 0, 9);
+  await visitor.shows("shown", "11 of the newest 10,010 exchanges match the filter; paused, 10 held back");
   await page.click("#pause");
-  await visitor.shows("shown", "Showing 200 of the newest 2000.");
+  await visitor.shows("shown", "11 of the newest 10,000 exchanges match the filter");
+});
+
+test("no barriers in any state, scheme and width", { timeout: 240_000 }, async () => {
+  const everywhere = async (state) => {
+    for (const colorScheme of ["light", "dark"]) {
+      for (const [width, height] of [[360, 740], [1280, 800], [3840, 2160]]) {
+        await page.emulateMedia({ colorScheme });
+        await page.setViewportSize({ width, height });
+        assert.deepEqual(await visitor.barriers(), [], `${state}, ${colorScheme}, ${width}`);
+      }
+    }
+  };
+  await everywhere("empty");
+  await page.click("#accounts summary");
+  await page.setViewportSize({ width: 1280, height: 800 });
+  await page.fill("#hitStatus", "1");
+  await visitor.press("Enter");
+  await page.locator("#refusal:not(:empty)").waitFor();
+  await collector.behave({ delayMs: 1, malformed: "missing-field", access: "denied", stall: "hit" });
+  await collector.leave("/hit/A-LONG-NAME-OF-AN-ACCOUNT-THAT-HAS-NO-PLACE");
+  await collector.behave({ stall: "none", hitStatus: 404 });
+  for (const path of ["/hit/S", "/auth/S"]) await collector.get(path);
+  await collector.flood("S", 1, 60);
+  await page.click("#rows button >> nth=1");
+  await page.focus("#plot");
+  await visitor.press("ArrowLeft");
+  await everywhere("exchanges, open details, changed and refused switches, accounts");
+  await page.emulateMedia({ forcedColors: "active" });
+  const ink = page.locator("#unanswered-pattern .ink").first();
+  assert.equal(await ink.evaluate((each) => getComputedStyle(each).fill === getComputedStyle(document.body).color), true);
+  await everywhere("forced colours");
+  await page.emulateMedia({ forcedColors: null });
+  await page.fill("#filter", "nothing-has-this");
+  await page.click("#pause");
+  await everywhere("no match, paused");
+  assert.equal(await collector.stop(), 0);
+  await visitor.connection("lost");
+  await everywhere("disconnected");
+  collector = await Collector.start(collector.port);
+  visitor.forgiveLostConnection();
 });
 
 test("more pages than there is room for wait until one leaves", async () => {
   const streams = [];
-  for (;;) {
-    const request = http.get(`${collector.url}/api/events`);
-    const [answer] = await once(request, "response");
-    streams.push(request);
-    if (answer.statusCode !== 200) break;
+  for (let status = 200; status === 200; ) {
+    streams.push(http.get(`${collector.url}/api/events`));
+    status = (await once(streams.at(-1), "response"))[0].statusCode;
   }
   assert.equal(streams.length, 16);
   const late = await browser.newPage();
@@ -202,27 +318,12 @@ test("a page of another origin can neither read nor switch anything", async () =
   await once(elsewhere, "listening");
   const stranger = await browser.newPage();
   await stranger.goto(`http://127.0.0.1:${elsewhere.address().port}/`);
-  const outcome = await stranger.evaluate(async ([url, host]) => {
-    const denied = JSON.stringify({ access: "denied" });
-    const smuggled = `POST /api/behaviour HTTP/1.1\r\nHost: ${host}\r\nContent-Length: ` +
-      `${denied.length}\r\n\r\n${denied}`;
-    // The server reads its input in pieces of a few kilobytes: one of these begins with a request.
-    const bodies = [denied, smuggled, ...[...Array(64).keys()].map((n) => " ".repeat(64 * n) + smuggled)];
-    for (const body of bodies) {
-      for (const type of ["text/plain", "multipart/form-data"]) {
-        await fetch(`${url}/api/behaviour`, { method: "POST", mode: "no-cors", body,
-          headers: { "Content-Type": type } }).catch(() => {});
-      }
-    }
-    const read = await fetch(`${url}/api/exchanges`).then(() => "read", () => "refused");
-    const stream = await new Promise((resolve) => {
-      const source = new EventSource(`${url}/api/events`);
-      source.onopen = () => resolve("open");
-      source.onerror = () => resolve("refused");
-    });
-    return { read, stream };
-  }, [collector.url, new URL(collector.url).host]);
-  assert.deepEqual(outcome, { read: "refused", stream: "refused" });
+  const outcome = await stranger.evaluate(async (url) => {
+    const options = { method: "POST", mode: "no-cors", headers: { "Content-Type": "text/plain" } };
+    await fetch(`${url}/api/behaviour`, { ...options, body: '{"access": "denied"}' }).catch(() => {});
+    return fetch(`${url}/api/exchanges`).then(() => "read", () => "refused");
+  }, collector.url);
+  assert.equal(outcome, "refused");
   assert.equal((await collector.behaviour()).access, "full");
   await stranger.close();
   elsewhere.closeAllConnections();

@@ -6,6 +6,8 @@ import functools
 import http.client
 import json
 import os
+import pathlib
+import re
 import signal
 import socket
 import subprocess
@@ -15,10 +17,13 @@ import threading
 import time
 import unittest
 
+import jsonschema
+
 import collector
 
 COLLECTOR = sys.argv.pop(1)
 Collector = functools.partial(collector.Collector, COLLECTOR)
+MANUAL = pathlib.Path(__file__).parents[2] / "docs/man/orbiq-collector.1"
 
 
 class Events:
@@ -31,6 +36,7 @@ class Events:
         self.answer = self.connection.getresponse()
         self.position = None
         self.totals = {}
+        self.state = {}
 
     def __enter__(self):
         return self
@@ -47,10 +53,12 @@ class Events:
             while line := self.answer.readline().decode().rstrip("\n"):
                 name, _, value = line.partition(": ")
                 event[name] = value
+            if event.get("event") == "state":
+                self.state = json.loads(event["data"])
         self.position = event["id"]
-        data = json.loads(event["data"])
-        self.totals = data["totals"]
-        return event["event"], [exchange["serial"] for exchange in data["exchanges"]]
+        self.data = json.loads(event["data"])
+        self.totals = self.data["totals"]
+        return event["event"], [exchange["serial"] for exchange in self.data["exchanges"]]
 
 
 def fields(body):
@@ -58,8 +66,9 @@ def fields(body):
 
 
 class CollectorTest(unittest.TestCase):
-    def test_answers_counts_and_forgets(self):
-        with Collector() as collector:
+    def test_answers_counts_records_and_forgets(self):
+        with tempfile.NamedTemporaryFile() as record, \
+                Collector("--record", record.name) as collector:
             own = f"http://127.0.0.1:{collector.port}/hit/"
             self.assertEqual(collector.first_line,
                              f"listening on http://127.0.0.1:{collector.port}/")
@@ -79,13 +88,16 @@ class CollectorTest(unittest.TestCase):
 
             seen = collector.seen()
             self.assertEqual(seen["counts"], {"total": 22, "authorizations": {"S1": 2},
-                                              "hits": {"S%201?x": 20}, "hitsLost": {}})
+                                              "hits": {"S%201?x": 20}, "hitsAnsweredOtherwise": {},
+                                              "hitsUnanswered": {}})
             last = seen["exchanges"][-1]
             self.assertEqual((len(seen["exchanges"]), last["kind"], last["serial"], last["status"],
                               last["userAgent"]), (22, "hit", "S%201?x", 200, "P\t\ufffd"))
             # Debian 13's server library refuses this one itself.
             malformed = collector.ask("GET", "/hit/E", headers={"User-Agent": "P\x1b[2J"})[0]
-            last = collector.seen()["exchanges"][-1]
+            exchanges = collector.seen()["exchanges"]
+            last = exchanges[-1]
+            self.assertEqual([json.loads(line) for line in record], exchanges)
             self.assertEqual((last["number"], last["serial"], last["status"]),
                              (23, "E", malformed))
             self.assertEqual(collector.ask("POST", "/api/reset")[0], 200)
@@ -109,6 +121,12 @@ class CollectorTest(unittest.TestCase):
             self.assertEqual((len(serials), serials[0], serials[-1]), (10_000, "S3", "S10002"))
             self.assertEqual(seen["counts"]["total"], 10_003)
             self.assertEqual(seen["counts"]["hits"]["(others)"], 3)
+            with Events(collector) as events:
+                told = [events.news() for _ in range(10)]
+            self.assertEqual([name for name, _ in told], ["snapshot"] + 9 * ["exchanges"])
+            self.assertEqual([serial for _, part in told for serial in part], serials)
+            with Events(collector, events.position.rpartition(".")[0] + ".2") as events:
+                self.assertEqual(events.news()[0], "snapshot")  # what follows is forgotten
 
     def test_behaviour_changes_the_answers(self):
         with Collector("--access", "denied", "--host", "http://h/", "--date-skew-seconds", "-3600",
@@ -119,7 +137,8 @@ class CollectorTest(unittest.TestCase):
             skew = email.utils.parsedate_to_datetime(headers["Date"]).timestamp() - time.time()
             self.assertLess(abs(skew + 3600), 30)
             self.assertEqual(collector.ask("GET", "/hit/S")[0], 404)
-            self.assertEqual(collector.counts()["hitsLost"], {"S": 1})
+            self.assertEqual(collector.counts()["hitsAnsweredOtherwise"], {"S": 1})
+            self.assertEqual(collector.seen()["exchanges"][-1]["applied"], {"hitStatus": 404})
 
             status, now = collector.behave(access="é\"", host=None, authStatus=200)
             self.assertEqual((status, now["access"], now["host"], now["hitStatus"]),
@@ -129,7 +148,9 @@ class CollectorTest(unittest.TestCase):
                              ("é\"", f"http://127.0.0.1:{collector.port}/hit/"))
             self.assertEqual(collector.behave(delayMs=300)[0], 200)
             collector.ask("GET", "/hit/S")
-            self.assertGreaterEqual(collector.seen()["exchanges"][-1]["tookMs"], 300)
+            last = collector.seen()["exchanges"][-1]
+            self.assertGreaterEqual(last["tookMs"], 300)
+            self.assertEqual(last["applied"], {"hitStatus": 404, "delayMs": 300})
 
     def test_goes_on_when_nobody_reads_its_lines(self):
         ours, theirs = os.pipe()
@@ -150,35 +171,49 @@ class CollectorTest(unittest.TestCase):
             self.assertRegex(lines.read(), r"\(\d+ lines were not read\)\n[^\n]* hit last 200")
 
     def test_malformed_answers(self):
-        with Collector() as collector:
+        with Collector("--access", "denied", "--date-skew-seconds", "60") as collector:
             def malformed(kind):
                 self.assertEqual(collector.behave(malformed=kind)[0], 200)
                 return collector.ask("GET", "/auth/S")
 
+            def marks():
+                return collector.seen()["exchanges"][-1]["applied"]
+
             self.assertEqual(set(fields(malformed("missing-field")[2])), {"access", "host"})
             self.assertNotIn("Date", malformed("no-date")[1])
+            self.assertEqual(marks(), {"malformed": "no-date", "access": "denied"})
             self.assertIsNone(email.utils.parsedate(malformed("bad-date")[1]["Date"]))
             self.assertRaises(UnicodeDecodeError, malformed("not-utf8")[2].decode)
             self.assertEqual(malformed("empty")[2], b"")
+            self.assertEqual(marks(), {"malformed": "empty", "dateSkewSeconds": 60})
             with self.assertRaises(http.client.IncompleteRead) as cut:
                 malformed("cut")
-            self.assertEqual(fields(cut.exception.partial)["access"], "full")
+            self.assertEqual(fields(cut.exception.partial)["access"], "denied")
+            self.assertEqual(marks()["malformed"], "cut")
             self.assertIn("cmsVI", fields(malformed("none")[2]))
 
     def test_stalls_until_released_and_forgets_clients_that_leave(self):
         with Collector() as collector:
             collector.behave(stall="hit")
             self.assertEqual(collector.ask("GET", "/auth/S")[0], 200)
-            for _ in range(100):  # more than the server has threads
-                collector.hold("/hit/gone").close()
+            with contextlib.ExitStack() as clients:
+                # However many are stalled or idle, the next one is answered.
+                for _ in range(150):
+                    clients.enter_context(collector.hold("/hit/gone"))
+                    clients.enter_context(socket.create_connection((collector.host, collector.port)))
+                while collector.seen()["held"] != 150:
+                    pass
             held = collector.hold("/hit/S")
-            while collector.counts()["hitsLost"].get("gone") != 100:
+            while collector.counts()["hitsUnanswered"].get("gone") != 150:
                 pass
             self.assertEqual(collector.counts()["hits"], {})
             collector.behave(stall="auth")
             self.assertTrue(held.recv(100).startswith(b"HTTP/1.1 200"))
             held.close()
-            self.assertEqual(collector.counts()["hits"], {"S": 1})
+            seen = collector.seen()
+            self.assertEqual(seen["counts"]["hits"], {"S": 1})
+            self.assertEqual([seen["exchanges"][at]["applied"] for at in (0, 1, -1)],
+                             [{}, {"stall": "hit"}, {"stall": "hit"}])
 
     def test_ends_promptly_on_a_signal(self):
         for number in (signal.SIGINT, signal.SIGTERM):
@@ -237,13 +272,11 @@ class CollectorTest(unittest.TestCase):
         with Collector() as collector:
             own = f"127.0.0.1:{collector.port}"
             for allowed, headers in (
-                    (True, {}), (True, {"Origin": "http://" + own, "Sec-Fetch-Site": "same-origin"}),
-                    (True, {"Host": f"localhost:{collector.port}"}),
-                    (False, {"Origin": "http://evil.example"}), (False, {"Origin": "null"}),
+                    (True, {"Origin": "http://" + own, "Sec-Fetch-Site": "same-origin"}),
+                    (True, {"Host": f"localhost:{collector.port}"}), (False, {"Origin": "null"}),
                     (False, {"Origin": f"http://localhost:{collector.port}"}),
                     (False, {"Sec-Fetch-Site": "cross-site"}),
-                    (False, {"Host": f"evil.example:{collector.port}"}),
-                    (False, {"Host": "127.0.0.1"})):
+                    (False, {"Host": f"evil.example:{collector.port}"})):
                 status = collector.ask("GET", "/%61pi/exchanges", headers=headers)[0]
                 self.assertEqual(status, 200 if allowed else 403, headers)
                 if allowed:
@@ -254,6 +287,36 @@ class CollectorTest(unittest.TestCase):
             status, headers, _ = collector.ask("GET", "/", headers={"Sec-Fetch-Site": "cross-site"})
             self.assertEqual(status, 200)
             self.assertIn("default-src 'none'", headers["Content-Security-Policy"])
+
+    def test_interface_is_what_its_description_says(self):
+        with Collector("--stall", "hit") as collector:
+            described = json.loads(collector.ask("GET", "/api/openapi.json")[2])
+            operations = [(path, method) for path in described["paths"]
+                          for method in described["paths"][path]]
+
+            def check(schema, value):
+                schema = {"allOf": [schema], "components": described["components"]}
+                jsonschema.Draft202012Validator(schema).validate(value)
+
+            collector.ask("GET", "/auth/S")
+            collector.hold("/hit/S").close()
+            while not collector.counts()["hitsUnanswered"]:
+                pass
+            with Events(collector) as events:
+                events.news()
+                for name, value in (("News", events.data), ("State", events.state)):
+                    check({"$ref": "#/components/schemas/" + name}, value)
+            for path, method in operations:
+                if path == "/api/events":
+                    continue
+                answers = described["paths"][path][method]["responses"]
+                for body in ("{}", "[]") if "400" in answers else ("{}",):
+                    status, _, text = collector.ask(method.upper(), path, body)
+                    self.assertEqual(status, 200 if body == "{}" else 400, path)
+                    check(answers[str(status)]["content"]["application/json"]["schema"],
+                          json.loads(text))
+            pages = re.findall(r"^\.It Cm (GET|POST) Pa (/api/\S+)", MANUAL.read_text(), re.MULTILINE)
+            self.assertEqual(sorted(pages), sorted((m.upper(), p) for p, m in operations))
 
     def test_refuses_what_it_does_not_know_and_changes_nothing(self):
         with Collector("--access", "restricted") as collector:
@@ -280,15 +343,21 @@ class CollectorTest(unittest.TestCase):
             self.assertEqual(fields(body)["host"], f"http://[::1]:{collector.port}/hit/")
             with open(directory + "/port", encoding="ascii") as file:
                 self.assertEqual(int(file.read()), collector.port)
-            for flags, text in (
-                    (["--port", str(collector.port), "--address", "::1"], "cannot listen"),
-                    (["--address", "0.0.0.0"], "0.0.0.0"), (["--port", "65536"], "65536"),
-                    (["--stall", "all"], "stall must be one of"),
-                    (["--access", os.fsdecode(b"\xff")], "access must be a text in UTF-8"),
-                    (["--port", "0", "--port-file", directory + "/no/port"], "cannot write")):
+            for code, flags, text in (
+                    (1, ["--port", str(collector.port), "--address", "::1"], "cannot listen"),
+                    (1, ["--port", "0", "--port-file", directory + "/no/port"], "cannot write"),
+                    (1, ["--port", "0", "--record", directory], "cannot write"),
+                    (2, ["--address", "0.0.0.0"], "0.0.0.0"), (2, ["--port", "65536"], "65536"),
+                    (2, ["--stall", "all"], "stall must be one of"), (2, ["--colour"], "colour"),
+                    (2, ["--access", os.fsdecode(b"\xff")], "access must be a text in UTF-8")):
                 ended = subprocess.run([COLLECTOR, *flags], capture_output=True, timeout=30)
-                self.assertNotEqual(ended.returncode, 0, flags)
+                self.assertEqual(ended.returncode, code, flags)
                 self.assertIn(text, ended.stderr.decode(errors="replace"))
+            said = subprocess.check_output([COLLECTOR, "--version"], text=True)
+            self.assertRegex(said, r"^orbiq-collector \d+\.\d+\.\d+\n$")
+        with Collector("--record", "/dev/full") as collector:
+            collector.ask("GET", "/hit/S")
+            self.assertEqual(collector.stop()[0], 1)  # the record is not whole
 
 
 if __name__ == "__main__":

@@ -123,6 +123,30 @@ json toJson(const Behaviour& behaviour) {
   };
 }
 
+json applied(const Behaviour& behaviour, Kind kind) {
+  static const json healthy = toJson(Behaviour());
+  json all = toJson(behaviour);
+  json effective = json::object();
+  const auto keep = [&](const char* key) {
+    if (all[key] != healthy[key]) effective[key] = std::move(all[key]);
+  };
+  keep("delayMs");
+  keep("stall");
+  if (kind == Kind::Hit) {
+    keep("hitStatus");
+    return effective;
+  }
+  keep("authStatus");
+  keep("malformed");
+  const Malformed malformed = behaviour.malformed;
+  if (malformed != Malformed::NoDate && malformed != Malformed::BadDate) keep("dateSkewSeconds");
+  if (malformed != Malformed::Empty) {
+    keep("access");
+    keep("host");
+  }
+  return effective;
+}
+
 Behaviour changed(Behaviour behaviour, const json& changes) {
   if (!changes.is_object()) throw std::invalid_argument("the behaviour must be a JSON object");
   for (const auto& [key, value] : changes.items()) {

@@ -46,6 +46,10 @@ struct Behaviour {
 
 nlohmann::json toJson(const Behaviour& behaviour);
 
+/// What of a behaviour made an answer of this kind other than a healthy server's: those of its keys
+/// that had an effect, with their values.
+nlohmann::json applied(const Behaviour& behaviour, Kind kind);
+
 /// The behaviour with the members of an object of changes applied; what it does not name stays.
 /// Throws `std::invalid_argument`, whose text names the key and what it takes, for anything that is
 /// unknown or out of range.

@@ -11,8 +11,8 @@ namespace orbiq::collector {
 /// ends them. Thread-safe.
 class Changes {
  public:
-  /// Each stream holds one of the server's threads, of which the exchanges need most. One browser
-  /// has no more than about five: it opens six connections to a server.
+  /// Each stream is served up to twenty times a second. One browser has no more than about five: it
+  /// opens six connections to a server.
   static constexpr int kStreams = 16;
 
   void announce();

@@ -78,8 +78,8 @@ void answerText(httplib::Response& response, const std::string& body, std::size_
 }  // namespace
 
 CollectorServer::CollectorServer(const std::string& address, int port, Behaviour behaviour,
-                                 std::ostream& lines)
-    : _log(lines, _changes),
+                                 std::ostream& lines, Record* record)
+    : _log(lines, _changes, record),
       _gate(std::move(behaviour), _changes),
       _http(makeHttpServer(address, port)) {
   const bool isIPv6 = address.find(':') != std::string::npos;
@@ -107,6 +107,8 @@ void CollectorServer::addApi() {
     seen["held"] = _gate.held();
     answerJson(response, seen);
   });
+  server.Get("/api/counts",
+             [this](const auto&, auto& response) { answerJson(response, _log.countsJson()); });
   server.Post("/api/reset", [this](const auto&, auto& response) {
     _log.reset();
     answerJson(response, json::object());
@@ -183,15 +185,22 @@ httplib::Server::HandlerResponse CollectorServer::screen(const httplib::Request&
 
 void CollectorServer::exchange(Exchange& seen, const httplib::Request& request,
                                httplib::Response& response) {
-  const auto connection = [&] { return connectionFrom(request.remote_port, port()); };
-  const auto behaviour = _gate.pass(seen.kind, [&] { return clientHasGone(connection()); });
-  if (!behaviour) {
+  // Looked for once, and only if need be: it takes a look at every open connection.
+  int found = -1;
+  const auto connection = [&] {
+    if (found < 0) found = connectionFrom(request.remote_port, port());
+    return found;
+  };
+  const auto passage = _gate.pass(seen.kind, [&] { return clientHasGone(connection()); });
+  seen.applied = applied(passage.behaviour, seen.kind);
+  if (!passage.isAnswered) {
     // The server wants to write an answer in any case; it finds the connection at its end.
     shutdown(connection(), SHUT_RDWR);
     return;
   }
-  if (seen.kind == Kind::Auth) seen.answer = authorize(*behaviour, response);
-  seen.status = seen.kind == Kind::Auth ? behaviour->authStatus : behaviour->hitStatus;
+  const bool isAuth = seen.kind == Kind::Auth;
+  if (isAuth) seen.answer = authorize(passage.behaviour, response);
+  seen.status = isAuth ? passage.behaviour.authStatus : passage.behaviour.hitStatus;
   response.status = seen.status;
 }
 

@@ -10,6 +10,7 @@
 #include "tools/collector/ExchangeLog.h"
 #include "tools/collector/Gate.h"
 #include "tools/collector/HttpServerFactory.h"
+#include "tools/collector/Record.h"
 
 namespace orbiq::collector {
 
@@ -18,8 +19,10 @@ namespace orbiq::collector {
 /// web page but this one.
 class CollectorServer {
  public:
-  /// Listens at once; throws as `makeHttpServer` does. One line per exchange goes to `lines`.
-  CollectorServer(const std::string& address, int port, Behaviour behaviour, std::ostream& lines);
+  /// Listens at once; throws as `makeHttpServer` does. One line per exchange goes to `lines`, and
+  /// one to `record` if there is one.
+  CollectorServer(const std::string& address, int port, Behaviour behaviour, std::ostream& lines,
+                  Record* record = nullptr);
 
   int port() const { return _http.port; }
   /// Without a path: "http://127.0.0.1:8080".

@@ -28,7 +28,7 @@ EventStream::EventStream(const ExchangeLog& log, const Gate& gate, const Changes
 std::optional<std::string> EventStream::next() {
   const bool first = _seen == 0;
   if (!first && _changes.ended(kApart)) return std::nullopt;
-  _seen = _changes.wait(_seen, kLook);
+  if (!_isBehind) _seen = _changes.wait(_seen, kLook);
   if (_changes.ended({})) return std::nullopt;
 
   std::string text;
@@ -45,6 +45,7 @@ std::optional<std::string> EventStream::next() {
     text += std::string("event: ") + (news.anew ? "snapshot" : "exchanges") +
             "\nid: " + news.position + "\ndata: " + textOf(toJson(news)) + "\n\n";
     _position = std::move(news.position);
+    _isBehind = news.isMore;
   }
   if (text.empty() && SteadyClock::now() - _told > kQuiet) text = ":\n\n";
   if (!text.empty()) _told = SteadyClock::now();

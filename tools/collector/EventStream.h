@@ -12,9 +12,9 @@
 namespace orbiq::collector {
 
 /// What one open page is told, as server-sent events: `state` (behaviour, held requests) and, with
-/// a position as their identifiers, `snapshot` (everything anew) or `exchanges` (what has come
-/// since). It keeps no queue: a reader that is slow is told less often, and one that has fallen far
-/// behind gets a snapshot.
+/// a position as their identifiers, `snapshot` (begin anew) or `exchanges` (what comes after). It
+/// keeps no queue: a reader that is slow is told less often, and one that has fallen behind what
+/// the log still has begins anew.
 class EventStream {
  public:
   /// `lastEventId` is the position that the page has reached already, or empty.
@@ -32,6 +32,8 @@ class EventStream {
   std::string _position;
   std::string _state;
   std::uint64_t _seen = 0;
+  /// The log has more than was told so far.
+  bool _isBehind = false;
   std::chrono::steady_clock::time_point _told;
 };
 

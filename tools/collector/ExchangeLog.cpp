@@ -12,6 +12,21 @@ namespace {
 
 using nlohmann::json;
 
+constexpr std::array<const char*, ExchangeLog::kOutcomes> kOutcomeNames{
+    "authorizations", "hits", "hitsAnsweredOtherwise", "hitsUnanswered"};
+
+std::size_t outcomeOf(const Exchange& exchange) {
+  Outcome outcome = Outcome::HitAnsweredOtherwise;
+  if (exchange.kind == Kind::Auth) {
+    outcome = Outcome::Authorization;
+  } else if (exchange.status == 200) {
+    outcome = Outcome::Hit;
+  } else if (exchange.status == 0) {
+    outcome = Outcome::HitUnanswered;
+  }
+  return static_cast<std::size_t>(outcome);
+}
+
 std::string timeText(std::chrono::system_clock::time_point time) {
   const auto milliseconds =
       std::chrono::duration_cast<std::chrono::milliseconds>(time.time_since_epoch()).count();
@@ -49,6 +64,7 @@ json jsonOf(const Exchange& exchange, std::uint64_t number) {
       {"tookMs", static_cast<double>(exchange.took.count()) / 1000},
       {"request", exchange.request},
       {"answer", exchange.answer},
+      {"applied", exchange.applied},
   };
 }
 
@@ -58,8 +74,8 @@ std::uint64_t now() {
 
 }  // namespace
 
-ExchangeLog::ExchangeLog(std::ostream& lines, Changes& changes)
-    : _lines(lines), _changes(changes), _born(now()) {}
+ExchangeLog::ExchangeLog(std::ostream& lines, Changes& changes, Record* record)
+    : _lines(lines), _changes(changes), _record(record), _born(now()) {}
 
 void ExchangeLog::add(Exchange exchange) {
   const std::string line = lineFor(exchange);
@@ -68,13 +84,10 @@ void ExchangeLog::add(Exchange exchange) {
     // Under the lock, so that the lines stand in the order of the counts and none cuts another.
     _lines << line << std::endl;
     ++_total;
-    if (exchange.kind == Kind::Auth) {
-      ++_totals.authorizations;
-      count(_authorizations, exchange.serial);
-    } else {
-      ++(exchange.status == 200 ? _totals.hits : _totals.hitsLost);
-      count(exchange.status == 200 ? _hits : _hitsLost, exchange.serial);
-    }
+    if (_record != nullptr) _record->add(jsonOf(exchange, _total));
+    const std::size_t outcome = outcomeOf(exchange);
+    ++_totals[outcome];
+    count(_counts[outcome], exchange.serial);
     _newest.push_back(std::move(exchange));
     if (_newest.size() > kNewest) _newest.pop_front();
   }
@@ -93,11 +106,22 @@ void ExchangeLog::reset() {
     _total = 0;
     ++_resets;
     _totals = {};
-    _authorizations.clear();
-    _hits.clear();
-    _hitsLost.clear();
+    _counts = {};
   }
   _changes.announce();
+}
+
+json ExchangeLog::counts() const {
+  json counts{{"total", _total}};
+  for (std::size_t outcome = 0; outcome < kOutcomes; ++outcome) {
+    counts[kOutcomeNames[outcome]] = _counts[outcome];
+  }
+  return counts;
+}
+
+json ExchangeLog::countsJson() const {
+  const Lock lock(_mutex);
+  return counts();
 }
 
 json ExchangeLog::toJson() const {
@@ -107,16 +131,7 @@ json ExchangeLog::toJson() const {
   for (const Exchange& exchange : _newest) {
     exchanges.push_back(jsonOf(exchange, ++number));
   }
-  return {
-      {"counts",
-       {
-           {"total", _total},
-           {"authorizations", json(_authorizations)},
-           {"hits", json(_hits)},
-           {"hitsLost", json(_hitsLost)},
-       }},
-      {"exchanges", std::move(exchanges)},
-  };
+  return {{"counts", counts()}, {"exchanges", std::move(exchanges)}};
 }
 
 std::string ExchangeLog::positionPrefix() const {
@@ -136,14 +151,19 @@ std::optional<std::uint64_t> ExchangeLog::totalAt(const std::string& position) c
 ExchangeLog::News ExchangeLog::since(const std::string& position) const {
   const Lock lock(_mutex);
   const std::optional<std::uint64_t> known = totalAt(position);
+  const std::uint64_t forgotten = _total - _newest.size();
   News news;
-  news.anew = !known || _total - *known > kNews;
-  const std::uint64_t wanted =
-      news.anew ? std::min<std::uint64_t>(kNews, _newest.size()) : _total - *known;
-  news.position = positionPrefix() + std::to_string(_total);
+  news.anew = !known || *known < forgotten;
+  const std::uint64_t from = news.anew ? forgotten : *known;
+  const std::uint64_t to = std::min<std::uint64_t>(from + kNews, _total);
+  news.isMore = to < _total;
+  news.position = positionPrefix() + std::to_string(to);
   news.totals = _totals;
-  news.first = _total - wanted + 1;
-  news.exchanges.assign(_newest.end() - static_cast<std::ptrdiff_t>(wanted), _newest.end());
+  news.first = from + 1;
+  const auto at = [forgotten, oldest = _newest.begin()](std::uint64_t total) {
+    return oldest + static_cast<std::ptrdiff_t>(total - forgotten);
+  };
+  news.exchanges.assign(at(from), at(to));
   return news;
 }
 
@@ -151,13 +171,11 @@ json toJson(const ExchangeLog::News& news) {
   json exchanges = json::array();
   std::uint64_t number = news.first;
   for (const Exchange& exchange : news.exchanges) exchanges.push_back(jsonOf(exchange, number++));
-  return {
-      {"totals",
-       {{"authorizations", news.totals.authorizations},
-        {"hits", news.totals.hits},
-        {"hitsLost", news.totals.hitsLost}}},
-      {"exchanges", std::move(exchanges)},
-  };
+  json totals = json::object();
+  for (std::size_t outcome = 0; outcome < kOutcomeNames.size(); ++outcome) {
+    totals[kOutcomeNames[outcome]] = news.totals[outcome];
+  }
+  return {{"totals", std::move(totals)}, {"exchanges", std::move(exchanges)}};
 }
 
 }  // namespace orbiq::collector

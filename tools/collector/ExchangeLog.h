@@ -1,5 +1,6 @@
 #pragma once
 
+#include <array>
 #include <chrono>
 #include <cstddef>
 #include <cstdint>
@@ -14,6 +15,7 @@
 #include "orbiq/services/platform/threads/Mutex.h"
 #include "tools/collector/Behaviour.h"
 #include "tools/collector/Changes.h"
+#include "tools/collector/Record.h"
 
 namespace orbiq::collector {
 
@@ -30,62 +32,69 @@ struct Exchange {
   /// Request line and headers, and what was answered, as texts for people; long ones are cut.
   std::string request;
   std::string answer;
+  /// As the function `applied` gives it.
+  nlohmann::json applied = nlohmann::json::object();
 };
 
-/// What the collector saw: one line of text per exchange, the newest exchanges, and counts. A hit
-/// counts as such when it was answered with 200, every other one as lost. Bounded in memory and
-/// thread-safe.
+/// What became of an exchange. A hit that is answered has left the library, whatever the status;
+/// one that goes unanswered is still there and is tried again.
+enum class Outcome { Authorization, Hit, HitAnsweredOtherwise, HitUnanswered };
+
+/// What the collector saw: one line of text per exchange, the newest exchanges, and counts by
+/// outcome. Bounded in memory and thread-safe.
 class ExchangeLog {
  public:
   static constexpr std::size_t kNewest = 10'000;
   /// Serials that are counted by name; those that come later are counted together.
   static constexpr std::size_t kSerials = 10'000;
   /// What one piece of news holds at most.
-  static constexpr std::size_t kNews = 2'000;
+  static constexpr std::size_t kNews = 1'000;
+  static constexpr std::size_t kOutcomes = 4;
 
-  struct Totals {
-    std::uint64_t authorizations = 0;
-    std::uint64_t hits = 0;
-    std::uint64_t hitsLost = 0;
-  };
-  /// What has come since a position, or, if that is not known or too far back, all there is anew.
+  /// By outcome.
+  using Totals = std::array<std::uint64_t, kOutcomes>;
+  /// What comes after a position, or, if that is not known or too far back, all there is anew.
   struct News {
     bool anew = false;
+    /// There is more after the position that these end at.
+    bool isMore = false;
     std::string position;
-    Totals totals;
+    Totals totals{};
     /// The number of the first of the exchanges.
     std::uint64_t first = 0;
     std::vector<Exchange> exchanges;
   };
 
-  /// Announces each exchange and each reset to `changes`.
-  ExchangeLog(std::ostream& lines, Changes& changes);
+  /// Announces each exchange and each reset to `changes`. Each exchange is also added to `record`.
+  ExchangeLog(std::ostream& lines, Changes& changes, Record* record = nullptr);
 
   void add(Exchange exchange);
   void reset();
   nlohmann::json toJson() const;
+  /// The counts alone, by outcome and serial.
+  nlohmann::json countsJson() const;
   /// Positions are those of earlier news. They do not outlive a reset, nor this log.
   News since(const std::string& position) const;
 
  private:
   using Counts = std::map<std::string, std::uint64_t>;
   static void count(Counts& counts, const std::string& serial);
+  nlohmann::json counts() const ORBIQ_REQUIRES(_mutex);
   /// The number of exchanges at a position of this log since its last reset; none for any other.
   std::optional<std::uint64_t> totalAt(const std::string& position) const ORBIQ_REQUIRES(_mutex);
   std::string positionPrefix() const ORBIQ_REQUIRES(_mutex);
 
   std::ostream& _lines;
   Changes& _changes;
+  Record* const _record;
   /// Tells this log's positions from those of an earlier process.
   const std::uint64_t _born;
   mutable Mutex _mutex;
   std::deque<Exchange> _newest ORBIQ_GUARDED_BY(_mutex);
   std::uint64_t _total ORBIQ_GUARDED_BY(_mutex) = 0;
   std::uint64_t _resets ORBIQ_GUARDED_BY(_mutex) = 0;
-  Totals _totals ORBIQ_GUARDED_BY(_mutex);
-  Counts _authorizations ORBIQ_GUARDED_BY(_mutex);
-  Counts _hits ORBIQ_GUARDED_BY(_mutex);
-  Counts _hitsLost ORBIQ_GUARDED_BY(_mutex);
+  Totals _totals ORBIQ_GUARDED_BY(_mutex){};
+  std::array<Counts, kOutcomes> _counts ORBIQ_GUARDED_BY(_mutex);
 };
 
 nlohmann::json toJson(const ExchangeLog::News& news);

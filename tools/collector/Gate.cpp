@@ -32,16 +32,23 @@ void Gate::close() {
   _condition.broadcast();
 }
 
-std::optional<Behaviour> Gate::pass(Kind kind, const std::function<bool()>& clientHasGone) {
+Gate::Passage Gate::pass(Kind kind, const std::function<bool()>& clientHasGone) {
   const Lock lock(_condition);
+  Behaviour held;
+  held.delay = _behaviour.delay;
   const SteadyClock::time_point due = SteadyClock::now() + _behaviour.delay;
   for (bool isHeld = false;; isHeld = true) {
     const SteadyClock::duration left = due - SteadyClock::now();
     const bool stalls = _behaviour.stalls(kind);
+    if (stalls) held.stall = _behaviour.stall;
     const bool isDue = !stalls && left <= SteadyClock::duration::zero();
     if (isDue || _closed || clientHasGone()) {
       if (isHeld) addHeld(-1);
-      return isDue && !_closed ? std::optional(_behaviour) : std::nullopt;
+      if (!isDue || _closed) return {false, held};
+      Passage passage{true, _behaviour};
+      passage.behaviour.delay = held.delay;
+      passage.behaviour.stall = held.stall;
+      return passage;
     }
     if (!isHeld) addHeld(1);
     _condition.waitFor(stalls ? kLook : std::min<SteadyClock::duration>(kLook, left));

@@ -2,7 +2,6 @@
 
 #include <functional>
 #include <nlohmann/json.hpp>
-#include <optional>
 #include <utility>
 
 #include "orbiq/services/platform/threads/Mutex.h"
@@ -25,10 +24,15 @@ class Gate {
   /// Lets every held request go unanswered, now and from now on.
   void close();
 
+  struct Passage {
+    /// False if the request must go unanswered: the gate was closed, or its client has gone.
+    bool isAnswered = false;
+    /// The behaviour to answer it with, or a healthy one. Delay and stall are those that held it.
+    Behaviour behaviour;
+  };
   /// Waits as long as the behaviour holds a request of this kind, and now and then asks after its
-  /// client. The behaviour to answer it with, or none if it must go unanswered: the gate was
-  /// closed, or its client has gone.
-  std::optional<Behaviour> pass(Kind kind, const std::function<bool()>& clientHasGone);
+  /// client.
+  Passage pass(Kind kind, const std::function<bool()>& clientHasGone);
   /// How many requests wait in `pass`.
   int held() const;
 

@@ -5,11 +5,11 @@
 #include <limits>
 #include <stdexcept>
 
+#include "tools/collector/ConnectionThreads.h"
+
 namespace orbiq::collector {
 namespace {
 
-/// A connection holds a thread while it lasts, a stalled one included.
-constexpr std::size_t kThreads = 64;
 constexpr std::time_t kKeepAliveSeconds = 60;
 constexpr std::size_t kLargestBody = 65'536;
 
@@ -17,7 +17,7 @@ constexpr std::size_t kLargestBody = 65'536;
 
 BoundHttpServer makeHttpServer(const std::string& address, int port) {
   auto server = std::make_unique<httplib::Server>();
-  server->new_task_queue = [] { return new httplib::ThreadPool(kThreads); };
+  server->new_task_queue = [] { return new ConnectionThreads; };
   // Its defaults delay every second answer by the peer's late acknowledgement, and close a
   // connection after five requests.
   server->set_tcp_nodelay(true);

@@ -9,6 +9,7 @@ namespace {
 const char* typeOf(std::string_view name) {
   if (name.ends_with(".html")) return "text/html; charset=utf-8";
   if (name.ends_with(".css")) return "text/css; charset=utf-8";
+  if (name.ends_with(".json")) return "application/json";
   if (name.ends_with(".js")) return "text/javascript; charset=utf-8";
   if (name.ends_with(".svg")) return "image/svg+xml";
   throw std::logic_error("no type for " + std::string(name));
@@ -36,7 +37,8 @@ void addPage(httplib::Server& server) {
   for (const PageFile& file : pageFiles()) {
     if (file.name == "index.html") serveAt(server, "/", file);
     if (file.name == "favicon.svg") serveAt(server, "/favicon.ico", file);
-    serveAt(server, std::string("/").append(file.name), file);
+    serveAt(server, std::string(file.name == "openapi.json" ? "/api/" : "/").append(file.name),
+            file);
   }
 }
 

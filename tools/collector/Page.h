@@ -16,7 +16,7 @@ struct PageFile {
 /// The files of the directory `page`; the build writes this function.
 std::span<const PageFile> pageFiles();
 
-/// Serves the page at "/" and the files that it needs beside it.
+/// Serves the page at "/", the files that it needs beside it, and the interface's description.
 void addPage(httplib::Server& server);
 
 }  // namespace orbiq::collector

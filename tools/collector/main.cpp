@@ -7,23 +7,30 @@
 #include <exception>
 #include <fstream>
 #include <iostream>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <thread>
 
 #include "tools/collector/CollectorServer.h"
+#include "tools/collector/ConnectionThreads.h"
 #include "tools/collector/LineBuffer.h"
+#include "tools/collector/Record.h"
 
 namespace {
 
 using orbiq::collector::Behaviour;
 using orbiq::collector::CollectorServer;
 using orbiq::collector::LineBuffer;
+using orbiq::collector::Record;
+
+enum ExitCode : int { kFailed = 1, kUsage = 2 };
 
 struct Options {
   std::string address = "127.0.0.1";
   int port = 8080;
   std::string portFile;
+  std::string record;
   /// In the form of the run-time interface, so that both are checked by the same rules.
   nlohmann::json behaviour = nlohmann::json::object();
 };
@@ -36,6 +43,7 @@ void addBehaviour(CLI::App& app, Options& options, const std::string& flag, cons
 }
 
 void describe(CLI::App& app, Options& options) {
+  app.set_version_flag("--version", "orbiq-collector " ORBIQ_VERSION);
   app.add_option("--address", options.address, "Loopback address to listen on")
       ->check(CLI::IsMember({"127.0.0.1", "::1"}))
       ->capture_default_str();
@@ -43,6 +51,8 @@ void describe(CLI::App& app, Options& options) {
       ->check(CLI::Range(0, 65535))
       ->capture_default_str();
   app.add_option("--port-file", options.portFile, "File that gets the port once it listens");
+  app.add_option("--record", options.record,
+                 "File to which each exchange is added, as a line of JSON");
   addBehaviour<std::string>(app, options, "--access", "access",
                             "Field \"access\": full, denied, restricted or any text");
   addBehaviour<std::string>(app, options, "--host", "host",
@@ -70,7 +80,7 @@ void writePort(const std::string& path, int port) {
   }
 }
 
-int serve(const Options& options) {
+int serve(const Options& options, const Behaviour& behaviour) {
   // Before any thread starts, so that only the one that waits for them gets these signals.
   sigset_t ending;
   sigemptyset(&ending);
@@ -78,10 +88,13 @@ int serve(const Options& options) {
   sigaddset(&ending, SIGTERM);
   pthread_sigmask(SIG_BLOCK, &ending, nullptr);
 
+  orbiq::collector::raiseConnectionLimit();
+  std::optional<Record> record;
+  if (!options.record.empty()) record.emplace(options.record);
   LineBuffer buffer(STDOUT_FILENO);
   std::ostream lines(&buffer);
-  CollectorServer server(options.address, options.port, changed(Behaviour(), options.behaviour),
-                         lines);
+  CollectorServer server(options.address, options.port, behaviour, lines,
+                         record ? &*record : nullptr);
   lines << "listening on " << server.baseUrl() << "/" << std::endl;
   if (!options.portFile.empty()) writePort(options.portFile, server.port());
 
@@ -94,7 +107,12 @@ int serve(const Options& options) {
   if (!stopped) pthread_kill(waiter.native_handle(), SIGINT);
   waiter.join();
   if (!stopped) throw std::runtime_error("the server ended by itself");
-  return 0;
+  return !record || record->isWhole() ? 0 : kFailed;
+}
+
+int failed(const std::exception& error, ExitCode code) {
+  std::cerr << "orbiq-collector: " << error.what() << "\n";
+  return code;
 }
 
 }  // namespace
@@ -105,11 +123,12 @@ int main(int argc, char** argv) {
   describe(app, options);
   try {
     app.parse(argc, argv);
-    return serve(options);
+    return serve(options, changed(Behaviour(), options.behaviour));
   } catch (const CLI::ParseError& error) {
-    return app.exit(error);
+    return app.exit(error) == 0 ? 0 : kUsage;
+  } catch (const std::invalid_argument& error) {
+    return failed(error, kUsage);
   } catch (const std::exception& error) {
-    std::cerr << "orbiq-collector: " << error.what() << "\n";
-    return 1;
+    return failed(error, kFailed);
   }
 }

@@ -151,13 +151,13 @@ class Demo:
     def audience(self):
         say("1. One hit, ten lines of code")
         self.run("first-hit")
-        self.expect(authorizations={"ABC": 1}, hits={"ABC": 1}, hitsLost={})
+        self.expect(authorizations={"ABC": 1}, hits={"ABC": 1}, hitsUnanswered={})
 
         say("2. Five hits for each of two accounts, step by step")
         self.ask("/api/reset", {})
         self.run("demo", "hits")
         self.expect(authorizations={"DEMO-1": 1, "DEMO-2": 1}, hits={"DEMO-1": 5, "DEMO-2": 5},
-                    hitsLost={})
+                    hitsUnanswered={})
 
     def survival(self):
         say("3. A streaming request that the server takes and does not answer")
@@ -176,7 +176,7 @@ class Demo:
         say("4. The application is killed")
         application.kill()
         wait_until("the collector to see it gone", lambda: self.ask("/api/exchanges")["held"] == 0)
-        self.expect(hits={}, hitsLost={"DEMO-STREAM": 1})
+        self.expect(hits={}, hitsUnanswered={"DEMO-STREAM": 1})
 
         say("5. It starts again, and the server answers: the saved request is sent")
         self.ask("/api/behaviour", {"stall": "none"})

@@ -4,7 +4,7 @@
 packages_demo=(g++ cmake ninja-build pkg-config libcurl4-openssl-dev libmnl-dev liburiparser-dev
   libcpp-httplib-dev libssl-dev libcli11-dev nlohmann-json3-dev python3 iproute2 util-linux)
 packages_test=("${packages_demo[@]}" clang libclang-rt-dev libgtest-dev libgmock-dev libplist-dev
-  libglib2.0-dev python3-prometheus-client)
+  libglib2.0-dev python3-prometheus-client python3-jsonschema)
 packages_bench=("${packages_demo[@]}" libplist-dev python3-matplotlib)
 packages_instructions=("${packages_bench[@]}" valgrind)
 # Of one version on every release, so that all agree on the form of the code.
