@@ -128,6 +128,13 @@ function(orbiq_install)
   if(ORBIQ_BUILD_TOOLS)
     file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.1)
     install(FILES ${pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT tools)
+    set(completions ${PROJECT_SOURCE_DIR}/tools/completions)
+    foreach(tool collector doctor requests)
+      install(FILES ${completions}/orbiq.bash RENAME orbiq-${tool} COMPONENT tools
+        DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions)
+    endforeach()
+    install(FILES ${completions}/_orbiq COMPONENT tools
+      DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions)
   endif()
 
   if(PROJECT_IS_TOP_LEVEL)

@@ -1,4 +1,4 @@
-"""Compares the manual pages with what the tools say of themselves.
+"""Compares manual pages and completions with what the tools say of themselves.
 
 Its arguments are the directory of the pages and the paths of the tools.
 """
@@ -23,6 +23,11 @@ class ManualsTest(unittest.TestCase):
             written = set(re.findall(r"(?:^|Fl )-([\w-]+)", "\n".join(lines), re.MULTILINE))
             self.assertIn("help", said)
             self.assertEqual(written, said, tool.name)
+            completed = subprocess.run(
+                ["bash", "-c", 'source "$0"; _orbiq "$1" --; printf "%s\n" "${COMPREPLY[@]#--}"',
+                 PAGES.parents[1] / "tools/completions/orbiq.bash", tool],
+                capture_output=True, text=True, check=True)
+            self.assertEqual(sorted(completed.stdout.split()), sorted(said))
 
 
 if __name__ == "__main__":

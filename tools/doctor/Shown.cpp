@@ -58,7 +58,7 @@ std::string shownProxy(const std::string& text) {
 }
 
 std::string quoted(std::string_view text) {
-  return "\"" + requests::shortened(std::string(text), kMostColumns) + "\"";
+  return std::string("\"").append(requests::shortened(std::string(text), kMostColumns)) + "\"";
 }
 
 std::string shownDuration(double seconds) {
