@@ -13,9 +13,9 @@ from prometheus_client import parser
 
 import collector
 
-COLLECTOR, FIRST_HIT_C, PROMETHEUS = sys.argv[1:4]
+COLLECTOR, FIRST_HIT_C, PROMETHEUS, PLAYER = sys.argv[1:5]
 # To be linked by other compilers; left out where these could not.
-LIBRARY = pathlib.Path(sys.argv[4]) if len(sys.argv) > 4 else None
+LIBRARY = pathlib.Path(sys.argv[5]) if len(sys.argv) > 5 else None
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 DEBIAN = "/usr/bin:" + os.environ["PATH"]
 del sys.argv[1:]
@@ -59,6 +59,21 @@ class ExamplesTest(unittest.TestCase):
                                 source], env=environment, check=True, timeout=300)
                 self.assertEqual(run(server, program, **environment).returncode, 0)
                 self.assertEqual(server.counts()["hits"], {"ABC": 1})
+
+    def test_the_player_counts_each_start(self):
+        if not PLAYER:
+            self.skipTest("there is no GStreamer")
+        scratch = self.enterContext(tempfile.TemporaryDirectory())
+        subprocess.run(["gst-launch-1.0", "-q", "audiotestsrc", "num-buffers=20", "!", "vorbisenc",
+                        "!", "oggmux", "!", "filesink", f"location={scratch}/a.ogg"], check=True)
+        heard, missing = f"file://{scratch}/a.ogg", f"file://{scratch}/none.ogg"
+        environment = {"GST_REGISTRY": f"{scratch}/registry"}
+        for media, code in ((3 * [heard], 0), ([heard, missing, heard], 1)):
+            with collector.Collector(COLLECTOR) as server:
+                ended = run(server, PLAYER, "--silent", *media, **environment)
+                self.assertEqual(ended.returncode, code, ended.stderr)
+                self.assertEqual(server.counts()["hits"], {"PLAYER": media.index(missing)
+                                                           if code else len(media)})
 
     def test_the_statistics_as_prometheus_reads_them(self):
         with collector.Collector(COLLECTOR) as server, tempfile.TemporaryDirectory() as directory:

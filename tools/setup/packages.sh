@@ -19,10 +19,12 @@ packages_qt=('qt6-base-dev|qtbase5-dev')
 packages_keyring=(libsecret-1-dev gnome-keyring dbus)
 packages_page=(chromium nodejs)
 packages_languages=(rustc golang-go)
+packages_player=(libgstreamer1.0-dev gstreamer1.0-plugins-base gstreamer1.0-tools)
 command -v npm >/dev/null || packages_page+=(npm)  # some packages of nodejs bring their own
 declare -A without=(
   [qt]='the example of a Qt main loop and its test'
   [keyring]="orbiq::secretservice, its tests and that of the pages' samples"
+  [player]='the example of a media player and its test'
   [languages]='the test of the examples in Rust and Go'
   [page]="the test of the collector's page in a browser"
 )
@@ -30,7 +32,7 @@ declare -A without=(
 # What the benchmarks need is among them.
 packages_all=("${packages_lint[@]}" "${packages_instructions[@]}" "${packages_install[@]}"
   "${packages_docs[@]}" valgrind)
-parts_all=("${parts_test[@]}" languages)
+parts_all=("${parts_test[@]}" languages player)
 parts_lint=("${parts_test[@]}")
 
 is_installed() {
