@@ -11,7 +11,8 @@ packages_instructions=("${packages_bench[@]}" valgrind)
 packages_lint=("${packages_test[@]}" libsecret-1-dev clang-format-19 clang-tidy-19 mandoc mypy)
 packages_package=("${packages_demo[@]}" libsecret-1-dev dpkg-dev lintian)
 packages_install=("${packages_package[@]}" mmdebstrap)
-packages_docs=("${packages_demo[@]}" libsecret-1-dev doxygen graphviz shellcheck)
+packages_docs=("${packages_demo[@]}" libsecret-1-dev doxygen python3-sphinx
+  python3-myst-parser furo python3-breathe shellcheck)
 
 # Parts of the tests that can be left out.
 parts_test=(qt keyring page)
