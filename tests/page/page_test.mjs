@@ -126,7 +126,8 @@ test("filter, pause and clear", async () => {
   await visitor.accounts([]);
   for (const id of ["hits", "hitsAnsweredOtherwise", "hitsUnanswered", "authorizations"]) await visitor.shows(id, "0");
   assert.equal(await page.locator("#shapes rect").count(), 0);
-  assert.match(await page.innerText("#recipe"), new RegExp(`=${collector.url}/auth/ `));
+  assert.match(await page.innerText("#empty"),
+    new RegExp(`=${collector.url}/auth/ [^]*\norbiq-doctor --server ${collector.url}/auth/ --serial`));
 });
 
 test("what was applied to an answer is marked, and one lost hit among a thousand is seen", async () => {

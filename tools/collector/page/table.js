@@ -36,7 +36,7 @@ export class Table {
     });
     const address = `${location.origin}/`;
     element("recipe").textContent = `ORBIQ_AUTHORIZATION_SERVER=${address}auth/ your-application`;
-    element("trial").textContent = `curl ${address}hit/ABC`;
+    element("trial").textContent = `orbiq-doctor --server ${address}auth/ --serial ABC --send`;
   }
 
   pause(paused) {
