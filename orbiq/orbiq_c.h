@@ -11,7 +11,7 @@
 ///     orbiq_tagger* tagger = NULL;
 ///     if (orbiq_tagger_with_serial("ABC", &tagger) == ORBIQ_OK) orbiq_tagger_send_hit(tagger);
 ///
-/// Everything holds for all functions unless they say otherwise:
+/// The following holds for all functions unless they say otherwise:
 ///
 /// - They may be called from any thread, and what goes wrong is their return value. Nothing throws.
 /// - Texts are UTF-8 and end in a zero byte. What is handed in is copied and may be freed after the
@@ -105,7 +105,7 @@ ORBIQ_EXPORT void orbiq_host_free(orbiq_host* host);
 ORBIQ_EXPORT orbiq_status orbiq_host_set_text(orbiq_host* host, orbiq_host_text which,
                                               const char* text);
 /// The main screen: width and height in points, scale, and the native scale or 0 if the device does
-/// not tell it. Numbers below 0, or that are none, are argument errors.
+/// not tell it. Negative numbers, infinities and NaN are argument errors.
 ORBIQ_EXPORT orbiq_status orbiq_host_set_main_screen(orbiq_host* host, double width, double height,
                                                      double scale, double nativeScale);
 /// 0 phone, 1 pad, 2 television.
@@ -155,8 +155,8 @@ enum {
 };
 
 /// Sets `*tagger` to the process's one tagger of that serial, or to null if the call fails. A null
-/// or empty serial is an argument error. The first call of all reads the requests file, starts the
-/// library's threads; from then on `orbiq_host_describe` is refused.
+/// or empty serial is an argument error. The first call of all reads the requests file and starts
+/// the library's threads; from then on `orbiq_host_describe` is refused.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_with_serial(const char* serial, orbiq_tagger** tagger);
 
 /// Counts one event. Returns at once: what becomes of the hit, the statistics tell.

@@ -95,6 +95,28 @@ int useLast(const std::vector<std::string>& arguments) {
 }
 const RoleRegistration kLast("use-last", useLast);
 
+/// A thread waits for a hit that is never answered, and is joined by a destructor.
+const RoleRegistration kFlushing("exit-while-flushing", [](const auto& arguments) {
+  static std::thread waits;
+  static const struct Join {
+    ~Join() { waits.join(); }
+  } join;
+  static Application application(arguments.at(0));
+  Application::tagger("ABC")->sendHit();
+  static std::promise<void> begins;
+  waits = std::thread([] {
+    begins.set_value();
+    orbiqAgent::sharedAgent().flush(std::chrono::hours(1));
+  });
+  begins.get_future().wait();
+  return 7;
+});
+
+TEST(Leaving, AFlushEndsWithTheProcess) {
+  const ScriptedServer server({{steps::untilPeerCloses()}});
+  EXPECT_EQ(RoleProcess("exit-while-flushing", {server.url("/")}).wait(), 7);
+}
+
 TEST(Leaving, DestructorsThatComeLateMayUseTheLibrary) {
   for (const std::string when : {"thread", "exit, first made", "exit, last made"}) {
     AccountServer server;

@@ -100,13 +100,21 @@ bool HitLedger::waitUntilSettled(std::chrono::milliseconds timeout) {
   Waiter waiter{_accepted, pending(), _waiters};
   _waiters = &waiter;
   try {
-    while (waiter.pending != 0 && Clock::now() < end) _lock.waitFor(end - Clock::now());
+    while (waiter.pending != 0 && !_isOver && Clock::now() < end) {
+      _lock.waitFor(end - Clock::now());
+    }
   } catch (...) {  // the thread is cancelled
     leave(waiter);
     throw;
   }
   leave(waiter);
   return waiter.pending == 0;
+}
+
+void HitLedger::endWaits() {
+  const Lock lock(_lock);
+  _isOver = true;
+  _lock.broadcast();
 }
 
 void HitLedger::leave(const Waiter& waiter) {

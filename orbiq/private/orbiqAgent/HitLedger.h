@@ -47,6 +47,8 @@ class HitLedger {
   Statistics statistics() const;
   /// Waits until no hit accepted before the call is pending; false if the time is over first.
   bool waitUntilSettled(std::chrono::milliseconds timeout);
+  /// Nothing is settled any more: ends the waits, those to come too.
+  void endWaits();
 
  private:
   /// A call of `waitUntilSettled`; lies on its caller's stack.
@@ -79,6 +81,7 @@ class HitLedger {
   std::uint64_t _additionsWaiting ORBIQ_GUARDED_BY(_lock) = 0;
   std::uint64_t _additionsWaitingHighWater ORBIQ_GUARDED_BY(_lock) = 0;
   Waiter* _waiters ORBIQ_GUARDED_BY(_lock) = nullptr;
+  bool _isOver ORBIQ_GUARDED_BY(_lock) = false;
 };
 
 }  // namespace orbiq

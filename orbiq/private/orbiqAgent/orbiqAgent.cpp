@@ -1,6 +1,7 @@
 // The agent's life, and what others call.
 #include "orbiq/private/orbiqAgent/orbiqAgent.h"
 
+#include <cstdlib>
 #include <exception>
 #include <new>
 #include <string>
@@ -13,7 +14,6 @@
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
 #include "orbiq/services/platform/log/InLogSink.h"
-#include "orbiq/services/platform/threads/ProcessExit.h"
 #include "orbiq/services/platform/threads/Thread.h"
 
 orbiqAgent& orbiqAgent::sharedAgent() {
@@ -58,6 +58,13 @@ void orbiqAgent::State::makeParts() {
   }
   orbiq::prepareHttpForProcess();
   orbiq::armForkGuard();
+  // Before the sender stops. What waits longer than the process's exit would hold it up.
+  static const bool isTold = std::atexit([] {
+                               if (!orbiq::inForkedChild()) sharedAgent().state.ledger.endWaits();
+                             }) == 0
+                                 ? true
+                                 : throw std::bad_alloc();
+  static_cast<void>(isTold);
 
   if (!reachability) reachability = orbiqReachability::reachabilityForInternetConnection();
   if (!reachability) throw std::bad_alloc();
@@ -120,9 +127,7 @@ orbiq::Statistics orbiqAgent::statistics() const {
 
 bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
   if (isForkedAway() || orbiq::isLibraryThread() || orbiq::isInLogSink()) return false;
-  // The sender has stopped by then.
-  return state.ledger.waitUntilSettled(orbiq::isProcessExiting() ? std::chrono::milliseconds(0)
-                                                                 : timeout);
+  return state.ledger.waitUntilSettled(timeout);
 }
 
 void orbiqAgent::countRefusedHit() { state.ledger.countHit(orbiq::HitFate::Refused); }

@@ -43,10 +43,11 @@ class ORBIQ_EXPORT orbiqAgent {
   orbiq::Statistics statistics() const;
   /// Waits until every hit that was accepted before the call is settled, that is, no longer
   /// pending: true then, false when `timeout` is over first. It sends nothing earlier: a hit that
-  /// waits for its next attempt or for the network goes on waiting. A negative timeout is none, and
-  /// more than a year is a year. Any thread, several at once. Never waits, and returns false, in a
-  /// log sink, on the library's own threads and in a forked child; on an adopted main loop it holds
-  /// up the loop. Once the process's exit has reached the library it only looks.
+  /// waits for its next attempt or for the network goes on waiting. A negative timeout counts as 0,
+  /// one of more than a year as a year. Any thread, several at once. Never waits, and returns
+  /// false, in a log sink, on the library's own threads and in a forked child; on an adopted main
+  /// loop it blocks the loop. Once the process's exit has reached the library, it checks without
+  /// waiting.
   bool flush(std::chrono::milliseconds timeout);
   /// Counts a hit that its cached access refused before it was queued. Any thread.
   void countRefusedHit();

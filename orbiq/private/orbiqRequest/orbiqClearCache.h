@@ -13,8 +13,7 @@ class ORBIQ_EXPORT orbiqClearCache final : public orbiqRequest {
   /// An empty marker, whatever the archive holds.
   explicit orbiqClearCache(orbiq::KeyedUnarchiver& coder);
 
-  /// Every marker equals every other one, so that the queue is found to hold one. No request equals
-  /// a marker.
+  /// All markers are equal, so that the queue can be searched for one. No request equals a marker.
   bool isEqual(const orbiq::Object* other) const override;
 
   /// How archives name the class.

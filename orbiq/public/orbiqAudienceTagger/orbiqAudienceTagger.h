@@ -14,7 +14,7 @@ class orbiqTaggerID;
 class ORBIQ_EXPORT orbiqAudienceTagger : public orbiqTagger {
  public:
   /// The process's one tagger of that serial, made at the first call and kept for good. Any thread.
-  /// The first call of all makes the agent: it reads the requests file, starts the library's
+  /// The first call of all makes the agent: it reads the requests file and starts the library's
   /// threads; from then on `HostApplication::describe` is refused. Null only if memory has run out.
   static std::shared_ptr<orbiqAudienceTagger> orbiqAudienceTaggerWithSerial(
       const orbiq::String& serial);

@@ -53,7 +53,7 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
  public:
   /// A watched target; may be null.
   using Handle = std::shared_ptr<orbiq::NetworkReachability>;
-  /// What is called after a change; what it throws ends with it.
+  /// What is called after a change; an exception that it throws is caught and dropped.
   using Block = std::function<void(orbiqReachability& monitor)>;
 
   /// A monitor of a host by name; null for a null or empty name.

@@ -21,7 +21,7 @@ class ORBIQ_EXPORT orbiqAuth : public orbiq::Archivable {
   /// Reads a record out of an archive; what is missing there is null or false.
   explicit orbiqAuth(orbiq::KeyedUnarchiver& coder);
 
-  /// True only for a record that was decoded so.
+  /// True only for a record that was read from an archive with this value.
   bool isDefaultValues() const { return defaultValues; }
   /// Null if there is none.
   std::shared_ptr<orbiqSession> currentSession() const { return _currentSession; }

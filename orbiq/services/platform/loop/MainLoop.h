@@ -16,12 +16,13 @@ namespace orbiq {
 /// without one may call `adopt()` and `run()`.
 ///
 /// Callbacks run one at a time and under no lock of the library, so they may use the loop as they
-/// like, themselves included; what one throws ends with it. Where the process has no descriptors
-/// left, the library's thread runs posts and timers without them. What cannot be watched for want
-/// of descriptors or memory is tried again once a second; where no thread can be had, everything
-/// waits for the next use of the loop. In a forked child nothing runs and nothing is kept. When the
-/// process exits, the library's thread begins nothing more, and the item in progress has a quarter
-/// of a second to end: what the host made before its first use of the loop is destroyed after that.
+/// like, themselves included; an exception that one throws is caught and dropped. Where the process
+/// has no descriptors left, the library's thread runs posts and timers without them. What cannot be
+/// watched for want of descriptors or memory is tried again once a second; where no thread can be
+/// had, everything waits for the next use of the loop. In a forked child nothing runs and nothing
+/// is kept. When the process exits, the library's thread begins nothing more, and the item in
+/// progress has a quarter of a second to end: what the host made before its first use of the loop
+/// is destroyed after that.
 class ORBIQ_EXPORT MainLoop {
  public:
   /// The process's one loop. Any thread.

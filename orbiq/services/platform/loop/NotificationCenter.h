@@ -32,16 +32,17 @@ class ORBIQ_EXPORT NotificationCenter {
   NotificationCenter& operator=(const NotificationCenter&) = delete;
 
   /// Calls `call` for every notification of that name, on the thread that posts it. `observer` is
-  /// only the token for `removeObserver`. Adding twice calls twice. One that is added while a
-  /// notification is being told is not told of that one. False if there was no memory for it, and
-  /// in a forked child.
+  /// only the token for `removeObserver`. An observer that is added twice is called twice. One that
+  /// is added while a notification is being posted does not get that notification. False if there
+  /// was no memory for it, and in a forked child.
   bool addObserver(const void* observer, const std::string& name,
                    std::function<void(const Notification&)> call);
   /// After this has returned no call begins for that observer and name; one in progress on another
   /// thread may still end.
   void removeObserver(const void* observer, const std::string& name);
-  /// Runs the calls in the order of their addition and returns when all have ended. What a call
-  /// throws ends with it. Without memory for the notification nothing is called, which is logged.
+  /// Runs the calls in the order of their addition and returns when all have ended. An
+  /// exception that a call throws is caught and dropped. Without memory for the notification
+  /// nothing is called, which is logged.
   void postNotificationName(const std::string& name, std::shared_ptr<Object> object = nullptr);
 
  private:

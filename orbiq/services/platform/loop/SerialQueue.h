@@ -12,8 +12,8 @@ namespace orbiq {
 /// Runs tasks one at a time, in the order in which they were given, on a thread that exists only
 /// while there is work: the first task starts it, two idle seconds end it, and where it cannot be
 /// started the next task tries again. Tasks given before the queue is destroyed still run (only if
-/// no thread can be had even then are they dropped). What a task throws ends with that task.
-/// Thread-safe. In a forked child nothing runs.
+/// no thread can be had even then are they dropped). An exception that a task throws is caught and
+/// dropped. Thread-safe. In a forked child nothing runs.
 class ORBIQ_EXPORT SerialQueue {
  public:
   /// The label becomes the thread's name, the kind says how it is scheduled. `onIdle` runs like a

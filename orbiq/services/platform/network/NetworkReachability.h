@@ -21,11 +21,11 @@ enum NetworkReachabilityFlags : std::uint32_t {
   kSCNetworkReachabilityFlagsReachable = 2,
   /// A connection would first have to be made.
   kSCNetworkReachabilityFlagsConnectionRequired = 4,
-  /// Traffic makes it.
+  /// Traffic makes that connection.
   kSCNetworkReachabilityFlagsConnectionOnTraffic = 8,
-  /// The user has to do something for it.
+  /// The user has to do something to make that connection.
   kSCNetworkReachabilityFlagsInterventionRequired = 16,
-  /// It is made on demand.
+  /// That connection is made on demand.
   kSCNetworkReachabilityFlagsConnectionOnDemand = 32,
   /// An address of this machine.
   kSCNetworkReachabilityFlagsIsLocalAddress = 65536,
