@@ -330,9 +330,10 @@ TEST(DoctorOfServers, ListsWhatIsOutOfOrder) {
 }
 
 TEST(DoctorForPeople, WritesInColoursOnlyOnATerminalThatWantsThem) {
-  const std::vector<std::string> plain{"TERM=xterm", "--server", "x\x1b[2Jy", "--serial", "S"};
+  const std::vector<std::string> plain{"NO_COLOR=", "TERM=xterm", "--server",
+                                       "x\x1b[2Jy", "--serial",   "S"};
   std::vector<std::string> withoutColours = plain;
-  withoutColours.insert(withoutColours.begin(), "NO_COLOR=1");
+  withoutColours.front() = "NO_COLOR=1";
   const Report piped = reportOf(plain);
   EXPECT_EQ(piped.text.find('\x1b'), std::string::npos) << piped.text;
   EXPECT_NE(piped.text.find("FAILED    Description and environment\n"), std::string::npos)

@@ -3,10 +3,10 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <memory>
 #include <optional>
 #include <unordered_map>
+#include <vector>
 
 #include "orbiq/private/orbiqAgent/HandlerWork.h"
 #include "orbiq/private/orbiqAgent/HitLedger.h"
@@ -105,7 +105,7 @@ struct orbiqAgent::State {
   orbiq::FairCondition requestsProtector;
   std::optional<orbiq::RequestQueue> requestQueue ORBIQ_GUARDED_BY(requestsProtector);
   /// Of the hits in the queue, one for each place.
-  std::deque<orbiq::HitLedger::Number> numbers ORBIQ_GUARDED_BY(requestsProtector);
+  std::vector<orbiq::HitLedger::Number> numbers ORBIQ_GUARDED_BY(requestsProtector);
   // In the queue. Counted, so that an addition need not look through it.
   std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
   std::size_t pendingStreaming ORBIQ_GUARDED_BY(requestsProtector) = 0;
