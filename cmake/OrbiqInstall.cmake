@@ -1,7 +1,8 @@
 # What is installed, and where. A new public header is one line in the list below, a new tool one
 # line `orbiq_install_tool(TARGET)` beside its target, a new manual page one file in docs/man.
 #
-# Components, one per package: library, secretservice, development, tools, python.
+# Components, one per package: library, secretservice, development and secretservice_development,
+# tools, python.
 
 # What an application may include, and what that includes in turn. Nothing else is installed.
 set(ORBIQ_PUBLIC_HEADERS
@@ -64,51 +65,52 @@ function(orbiq_install_tool target)
 endfunction()
 
 # Each library in an export set of its own, so that who links one need not have what another needs.
-function(orbiq_install_library target component)
+function(orbiq_install_library target component development)
   add_dependencies(orbiq_installed ${target})
   install(TARGETS ${target} EXPORT ${target}
-    LIBRARY COMPONENT ${component} NAMELINK_COMPONENT development
-    ARCHIVE COMPONENT development)
+    LIBRARY COMPONENT ${component} NAMELINK_COMPONENT ${development}
+    ARCHIVE COMPONENT ${development})
   install(EXPORT ${target} FILE ${target}-targets.cmake NAMESPACE orbiq::
-    DESTINATION ${ORBIQ_INSTALL_CMAKEDIR} COMPONENT development)
+    DESTINATION ${ORBIQ_INSTALL_CMAKEDIR} COMPONENT ${development})
 endfunction()
 
 # In the tree as in the source, where includes are written from the root.
-function(orbiq_install_headers)
+function(orbiq_install_headers development)
   foreach(header ${ARGN})
     cmake_path(GET header PARENT_PATH directory)
     install(FILES ${PROJECT_SOURCE_DIR}/${header}
-      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${directory} COMPONENT development)
+      DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/${directory} COMPONENT ${development})
   endforeach()
 endfunction()
 
-# orbiq_install_pkgconfig(NAME DESCRIPTION REQUIRES PRIVATELY LIBRARY)
-function(orbiq_install_pkgconfig name description requires privately library)
+# orbiq_install_pkgconfig(COMPONENT NAME DESCRIPTION REQUIRES PRIVATELY LIBRARY)
+function(orbiq_install_pkgconfig development name description requires privately library)
   # Relative to the file itself, so that the tree can be moved.
   set(directory ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
   file(RELATIVE_PATH prefix ${CMAKE_INSTALL_PREFIX}/${directory} ${CMAKE_INSTALL_PREFIX})
   string(REGEX REPLACE "/$" "" prefix "\${pcfiledir}/${prefix}")
   configure_file(${PROJECT_SOURCE_DIR}/cmake/orbiq.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${directory} COMPONENT development)
+  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${directory} COMPONENT ${development})
 endfunction()
 
 function(orbiq_install)
   include(CMakePackageConfigHelpers)
   set(core "libcurl, libmnl, liburiparser")
-  orbiq_install_headers(${ORBIQ_PUBLIC_HEADERS})
-  orbiq_install_library(orbiq library)
-  orbiq_install_library(orbiq_static development)
-  orbiq_install_pkgconfig(orbiq "audience measurement for native applications" "" "${core}" -lorbiq)
+  orbiq_install_headers(development ${ORBIQ_PUBLIC_HEADERS})
+  orbiq_install_library(orbiq library development)
+  orbiq_install_library(orbiq_static development development)
+  orbiq_install_pkgconfig(development orbiq "audience measurement for native applications" "" "${core}" -lorbiq)
   # The archive with everything else shared: `--static` would ask for all that libcurl may need.
-  orbiq_install_pkgconfig(orbiq-static "audience measurement, linked into the application"
+  orbiq_install_pkgconfig(development orbiq-static "audience measurement, linked into the application"
     "${core}" "" -l:liborbiq.a)
   if(TARGET orbiq_secretservice)
-    orbiq_install_headers(${ORBIQ_SECRETSERVICE_HEADERS})
-    orbiq_install_library(orbiq_secretservice secretservice)
-    orbiq_install_library(orbiq_secretservice_static development)
-    orbiq_install_pkgconfig(orbiq-secretservice "device identifier in the user's keyring"
+    set(keyring secretservice_development)
+    orbiq_install_headers(${keyring} ${ORBIQ_SECRETSERVICE_HEADERS})
+    orbiq_install_library(orbiq_secretservice secretservice ${keyring})
+    orbiq_install_library(orbiq_secretservice_static ${keyring} ${keyring})
+    orbiq_install_pkgconfig(${keyring} orbiq-secretservice "device identifier in the user's keyring"
       "orbiq = ${PROJECT_VERSION}" libsecret-1 -lorbiq_secretservice)
-    orbiq_install_pkgconfig(orbiq-secretservice-static
+    orbiq_install_pkgconfig(${keyring} orbiq-secretservice-static
       "device identifier in the user's keyring, linked into the application"
       "orbiq-static = ${PROJECT_VERSION}, libsecret-1" "" -l:liborbiq_secretservice.a)
   endif()

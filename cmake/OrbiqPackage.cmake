@@ -8,7 +8,7 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_COMPONENTS_ALL library development tools python)
 if(TARGET orbiq_secretservice)
-  list(APPEND CPACK_COMPONENTS_ALL secretservice)
+  list(APPEND CPACK_COMPONENTS_ALL secretservice secretservice_development)
 endif()
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
@@ -67,16 +67,22 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${CPACK_ORBIQ_PACKAGING}/python/po
 
 set(development_depends "liborbiq1 (${same_version})"
   "libcurl4-openssl-dev | libcurl4-gnutls-dev" libmnl-dev liburiparser-dev)
-if(TARGET orbiq_secretservice)
-  list(APPEND development_depends "liborbiq-secretservice1 (${same_version})" libsecret-1-dev)
-endif()
 list(JOIN development_depends ", " development_depends)
 orbiq_package(development liborbiq-dev libdevel "${development_depends}"
   "audience measurement for native applications (development)"
   "orbiq counts audience events."
   "This package has the headers, the archives for static linking, and what CMake"
   "and pkg-config need to find them.")
+set(keyring_depends "liborbiq-dev (${same_version})" "liborbiq-secretservice1 (${same_version})"
+  libsecret-1-dev)
+list(JOIN keyring_depends ", " keyring_depends)
+orbiq_package(secretservice_development liborbiq-secretservice-dev libdevel "${keyring_depends}"
+  "audience measurement for native applications (keyring, development)"
+  "orbiq counts audience events."
+  "This package has what applications need that keep the device identifier in"
+  "the user's keyring.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_SECRETSERVICE_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS ca-certificates)
 foreach(upper LIBRARY SECRETSERVICE)

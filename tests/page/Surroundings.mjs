@@ -105,6 +105,7 @@ export class Visitor {
   static async open(browser, collector) {
     const visitor = new Visitor();
     visitor.page = await browser.newPage({ permissions: ["clipboard-read", "clipboard-write"] });
+    visitor.page.setDefaultTimeout(100_000);  // as a sanitizer's collector beside other builds needs
     visitor.faults = [];
     visitor.page.on("pageerror", (error) => visitor.faults.push(String(error)));
     visitor.page.on("console", (message) => {

@@ -35,7 +35,7 @@ void examineForm(std::string_view body, Finding& finding) {
     const std::size_t equals = piece.find('=');
     if (equals == std::string_view::npos) {
       finding.warn("piece-without-equals",
-                   "The piece " + quoted(piece) +
+                   "The piece " + inQuotes(piece) +
                        " has no \"=\", and is "
                        "ignored.",
                    "Send pieces of the form key=value, with \"|\" between them.");
@@ -43,30 +43,33 @@ void examineForm(std::string_view body, Finding& finding) {
     }
     const std::string_view key = piece.substr(0, equals);
     if (!isField(key)) {
-      finding.isFine("The field " + quoted(key) + " is ignored, as every field but three.");
+      finding.isFine("The field " + inQuotes(key) + " is ignored, as every field but three.");
       continue;
     }
     if (std::ranges::find(seen, key) != seen.end()) {
-      finding.warn("field-repeated", "The field " + quoted(key) + " comes twice; the last counts.",
+      finding.warn("field-repeated",
+                   "The field " + inQuotes(key) + " comes twice; the last counts.",
                    "Send it once.");
     }
     seen.push_back(key);
     if (piece.find('=', equals + 1) != std::string_view::npos) {
-      finding.warn("value-cut",
-                   "The value of " + quoted(key) + " is cut at its \"=\", and so the rest is lost.",
-                   "Name a host without \"=\".");
+      finding.warn(
+          "value-cut",
+          "The value of " + inQuotes(key) + " is cut at its \"=\", and so the rest is lost.",
+          "Name a host without \"=\".");
     }
   }
 }
 
 void examineValue(const std::string& key, const std::string& value, Finding& finding) {
   if (value.empty() && key != "host") {
-    finding.warn("field-empty", "The field " + quoted(key) + " is empty, which counts as present.",
+    finding.warn("field-empty",
+                 "The field " + inQuotes(key) + " is empty, which counts as present.",
                  "Give it a value.");
   }
   if (value.find_first_of("\r\n\t ") != std::string::npos) {
     finding.warn("field-has-blanks",
-                 "The value of " + quoted(key) +
+                 "The value of " + inQuotes(key) +
                      " has blanks or a line's end in it; nothing is "
                      "trimmed.",
                  "Send no blanks around a value, and no line's end behind the last one.");
@@ -74,15 +77,16 @@ void examineValue(const std::string& key, const std::string& value, Finding& fin
 }
 
 void examineMode(const std::string& access, Finding& finding) {
-  finding.isFine("The field access is " + quoted(access) + ".");
+  finding.isFine("The field access is " + inQuotes(access) + ".");
   if (accessModeFromString(access) != AccessModeFull) return;
   std::string lower = access;
   std::ranges::transform(lower, lower.begin(), asciiLowerCase);
   for (const char* const meant : {"denied", "restricted"}) {
     if (lower.find(meant) == std::string::npos) continue;
-    finding.warn("access-misspelt",
-                 quoted(access) + " is not exactly \"" + meant + "\", so it counts as full access.",
-                 "Send the word in lower case and with nothing around it.");
+    finding.warn(
+        "access-misspelt",
+        inQuotes(access) + " is not exactly \"" + meant + "\", so it counts as full access.",
+        "Send the word in lower case and with nothing around it.");
   }
 }
 
@@ -93,7 +97,7 @@ void examineHost(const std::string& host, Finding& finding) {
                         "nothing can be sent.",
                         "Send the URL to which the account is appended.");
   }
-  finding.isFine("The field host is " + quoted(shownUrl(host)) + ".");
+  finding.isFine("The field host is " + inQuotes(shownUrl(host)) + ".");
   if (std::string_view("/=?&").find(host.back()) != std::string_view::npos) return;
   finding.warn("host-without-slash",
                "The host does not end in \"/\", and the account follows it with nothing between.",

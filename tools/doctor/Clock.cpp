@@ -26,7 +26,7 @@ Finding examineClock(Context& context) {
   const std::optional<Date> date = parseHttpDate(*text);
   if (!date) {
     finding.warn("date-unreadable",
-                 "The Date " + quoted(*text) + " cannot be read, so the clocks count as equal.",
+                 "The Date " + inQuotes(*text) + " cannot be read, so the clocks count as equal.",
                  "Send it as \"Sun, 01 Mar 2026 12:00:00 GMT\".");
     return finding;
   }

@@ -92,7 +92,7 @@ void examineServer(Context& context, Finding& finding) {
   if (context.url) return;
   context.obstacle = "the account makes no URL.";
   finding.fail("serial-makes-no-url",
-               "The account " + quoted(serial) + " makes no URL of the authorization server.",
+               "The account " + inQuotes(serial) + " makes no URL of the authorization server.",
                "Percent-escape what a URL cannot hold, or ask for another serial.");
 }
 
@@ -104,7 +104,7 @@ void examineProxies(Finding& finding) {
   }
   for (const char* const name : {"no_proxy", "NO_PROXY"}) {
     const std::string value = variable(name);
-    if (!value.empty()) finding.isFine(name + (" is " + quoted(value)) + ".");
+    if (!value.empty()) finding.isFine(name + (" is " + inQuotes(value)) + ".");
   }
   if (!variable("HTTP_PROXY").empty() && variable("http_proxy").empty()) {
     finding.warn("upper-case-proxy", "HTTP_PROXY is set, which is not read.",

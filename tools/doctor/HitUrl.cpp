@@ -25,7 +25,7 @@ Finding examineHitUrl(Context& context) {
   const std::string shown = shownUrl(context.hit->text());
   if (!context.hit->isHttp() || context.hit->host().empty()) {
     finding.fail("hit-has-no-address",
-                 "A hit's URL would be " + quoted(shown) +
+                 "A hit's URL would be " + inQuotes(shown) +
                      ", where nothing can be sent: it would "
                      "wait, and everything behind it.",
                  "Have the server name an http or https URL as the host.");

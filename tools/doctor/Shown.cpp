@@ -57,7 +57,7 @@ std::string shownProxy(const std::string& text) {
   return requests::shortened(shown, kMostColumns);
 }
 
-std::string quoted(std::string_view text) {
+std::string inQuotes(std::string_view text) {
   return std::string("\"").append(requests::shortened(std::string(text), kMostColumns)) + "\"";
 }
 

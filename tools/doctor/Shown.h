@@ -14,7 +14,7 @@ std::string shownUrl(std::string_view text);
 /// A proxy as its variable names it, without user and password.
 std::string shownProxy(const std::string& text);
 /// Any other text in quotation marks, cut if it is long.
-std::string quoted(std::string_view text);
+std::string inQuotes(std::string_view text);
 /// "2 days", "1 hour", "90 seconds".
 std::string shownDuration(double seconds);
 /// "2026-03-01 12:00:00 UTC".

@@ -32,7 +32,7 @@ bool isJudged(const Connected& connected) {
 void explainChain(const Connected& connected, const std::string& error, Finding& finding) {
   const Date now = Platform::now();
   for (const Certificate& each : connected.chain) {
-    const std::string which = "The certificate of " + quoted(each.subject);
+    const std::string which = "The certificate of " + inQuotes(each.subject);
     if (isOver(each, now)) {
       return finding.fail("expired",
                           which + " expired on " + shownTime(*each.validUntil) + "." + asNow(now),
@@ -50,7 +50,7 @@ void explainChain(const Connected& connected, const std::string& error, Finding&
   finding.fail("unknown-authority",
                "Nobody whom this machine trusts vouches for the server's certificate, which was "
                "issued by " +
-                   quoted(issuer) + ": " + error + ".",
+                   inQuotes(issuer) + ": " + error + ".",
                "Install ca-certificates; have the server send its intermediate certificates; or "
                "set HostDescription::caBundle (here: --ca-bundle) to the authority's certificate.");
 }
@@ -59,10 +59,10 @@ void describeChain(const Connected& connected, Finding& finding) {
   if (connected.chain.empty()) return finding.isFine("The server's certificate is trusted.");
   const Certificate& own = connected.chain.front();
   const std::string until = own.validUntil ? shownTime(*own.validUntil) : "an unknown date";
-  finding.isFine("The certificate of " + quoted(own.subject) + " is trusted and valid until " +
+  finding.isFine("The certificate of " + inQuotes(own.subject) + " is trusted and valid until " +
                  until + "; the server sends " + std::to_string(connected.chain.size()) +
-                 " in all. Its names are " + quoted(own.names) + ", its issuer is " +
-                 quoted(own.issuer) + ".");
+                 " in all. Its names are " + inQuotes(own.names) + ", its issuer is " +
+                 inQuotes(own.issuer) + ".");
   const double left = own.validUntil ? own.validUntil->secondsSince(Platform::now()) : kSoon;
   if (left < kSoon) {
     finding.warn("expires-soon", "It expires in " + shownDuration(left) + ".",
@@ -90,7 +90,7 @@ void examineTlsOf(const Url& url, const Connected& connected, const std::string&
     const std::string names = connected.chain.empty() ? "" : connected.chain.front().names;
     finding.fail("wrong-name",
                  "The server's certificate is not for " + url.host() + ", but for " +
-                     (names.empty() ? "no name at all" : quoted(names)) + ".",
+                     (names.empty() ? "no name at all" : inQuotes(names)) + ".",
                  "Name the server as its certificate does, or have the certificate name it.");
   }
   if (finding.level() != Level::kFailure) describeChain(connected, finding);
