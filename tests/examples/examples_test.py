@@ -61,8 +61,8 @@ class ExamplesTest(unittest.TestCase):
                 self.assertEqual(server.counts()["hits"], {"ABC": 1})
 
     def test_the_player_counts_each_start(self):
-        if not PLAYER:
-            self.skipTest("there is no GStreamer")
+        if PLAYER == "none":
+            self.skipTest("there is no GStreamer, or none that a sanitizer could look into")
         scratch = self.enterContext(tempfile.TemporaryDirectory())
         subprocess.run(["gst-launch-1.0", "-q", "audiotestsrc", "num-buffers=20", "!", "vorbisenc",
                         "!", "oggmux", "!", "filesink", f"location={scratch}/a.ogg"], check=True)
