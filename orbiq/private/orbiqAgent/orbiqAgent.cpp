@@ -59,8 +59,9 @@ void orbiqAgent::State::makeParts() {
   orbiq::prepareHttpForProcess();
   orbiq::armForkGuard();
   // Before the sender stops. What waits longer than the process's exit would hold it up.
+  static orbiq::HitLedger* const told = &ledger;
   static const bool isTold = std::atexit([] {
-                               if (!orbiq::inForkedChild()) sharedAgent().state.ledger.endWaits();
+                               if (!orbiq::inForkedChild()) told->endWaits();
                              }) == 0
                                  ? true
                                  : throw std::bad_alloc();
@@ -130,8 +131,12 @@ bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
   return state.ledger.waitUntilSettled(timeout);
 }
 
-void orbiqAgent::countRefusedHit() { state.ledger.countHit(orbiq::HitFate::Refused); }
+void orbiqAgent::countRefusedHit() {
+  if (!isForkedAway()) state.ledger.countHit(orbiq::HitFate::Refused);
+}
 
-void orbiqAgent::countLostHit() { state.ledger.countHit(orbiq::HitFate::GivenUp); }
+void orbiqAgent::countLostHit() {
+  if (!isForkedAway()) state.ledger.countHit(orbiq::HitFate::GivenUp);
+}
 
 bool orbiqAgent::isForkedAway() { return orbiq::isForkedAway(); }

@@ -165,6 +165,7 @@ bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
   if (pendingMarkers == 0) {
     request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
     if (request->shouldRenewSessionAfter()) renewSession(*request);
+    requestsFile->changed(*request);  // it may be in the queue already
   }
   enqueue(item);
   if (requestQueue->size() > orbiq::SendingRules::kMostRequests) {

@@ -287,7 +287,7 @@ TEST_F(RouteReachabilityTest, WhoSawTheNetworkAwayIsToldOfItsReturn) {
         {"forget", [&] { deliveries = std::make_shared<std::string>(); }},
         {"up", [&] { setGate(isUp = true); }},
         {"down", [&] { setGate(isUp = false); }},
-        {"read", [&, &script = script] { EXPECT_EQ(read(internet), isUp ? 'R' : '-') << script; }},
+        {"read", [&, &text = script] { EXPECT_EQ(read(internet), isUp ? 'R' : '-') << text; }},
         {"look", [&] { awaitLook(); }},
         {"hold", [&] { slow->async([&] { released.get_future().wait(); }), isHeld = true; }},
         {"release", [&] { released.set_value(), isHeld = false; }},
