@@ -28,8 +28,8 @@ bool isValid(const std::optional<Date>& creationDate, const Date& now, double of
 
   const auto today = CalendarComponents::dayOf(serverNow);
   if (today.isSameDayAs(CalendarComponents::dayOf(created))) return true;
-  // The hour is read from components that were taken without one, so this is never true. It is
-  // meant.
+  // The hour is read from components that were taken without one, so this is never true: a request
+  // of a later day is dropped in the night hours, too.
   return today.isSameDayAs(CalendarComponents::dayAfter(created)) && today.hour < kHourLimit;
 }
 
