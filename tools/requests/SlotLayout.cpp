@@ -42,6 +42,8 @@ class Finder {
       at = _reader.endOf(object);
       if (object.kind == Kind::kUid) ++_frameUids;
       if (leadsToTable(object)) {
+        // Damaged bytes may lead there too early.
+        if (_found.offsets.size() <= Layout::kTable) return false;
         _found.offsets[Layout::kRootArray] = at;
         return true;
       }
