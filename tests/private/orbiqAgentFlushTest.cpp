@@ -3,8 +3,10 @@
 
 #include <chrono>
 #include <cmath>
+#include <cstdint>
 #include <future>
 #include <string>
+#include <vector>
 
 #include "orbiq/orbiq_c.h"
 #include "tests/support/Application.h"
@@ -36,6 +38,22 @@ TEST(Flush, EndsWithItsHitsOrItsTime) {
   gate.open();
   EXPECT_EQ(orbiq_flush(HUGE_VAL), ORBIQ_OK);
   EXPECT_TRUE(another.get());
+}
+
+TEST(Flush, EndsWhenTheFileNoLongerHasTheHit) {
+  AccountServer server;
+  std::vector<std::uint64_t> sentAtSaves;
+  const Application application(
+      server.authorizationServer(), [&](HostDescription& host, Platform& /*platform*/) {
+        host.logSink = [&](const LogLine& line) {
+          if (line.text.ends_with("Saving requests to cache"))
+            sentAtSaves.push_back(orbiqAgent::sharedAgent().statistics().sent);
+        };
+      });
+  orbiqLogger::sharedLogger().setLoggingMode(LoggingModeInfo);
+  Application::tagger("ABC")->sendHit();
+  EXPECT_TRUE(flush(hours(1)));
+  EXPECT_EQ(sentAtSaves, std::vector<std::uint64_t>(2));
 }
 
 TEST(Flush, WaitsForNoLaterHits) {

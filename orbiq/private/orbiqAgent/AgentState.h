@@ -70,11 +70,13 @@ struct orbiqAgent::State {
   bool append(const orbiq::HandlerWork::Item& item) ORBIQ_REQUIRES(requestsProtector);
   void enqueue(const orbiq::HandlerWork::Item& item) ORBIQ_REQUIRES(requestsProtector);
   void dequeue(std::size_t index) ORBIQ_REQUIRES(requestsProtector);
-  template <class IsUnwanted, class Count>
-  void removeIf(const IsUnwanted& isUnwanted, const Count& count) ORBIQ_REQUIRES(requestsProtector);
-  void removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
-                              std::optional<orbiq::HitFate> fate, const orbiq::String& failure = {})
+  void countDequeued(orbiq::HitFate fate, const orbiq::String& failure = {})
       ORBIQ_REQUIRES(requestsProtector);
+  template <class IsUnwanted>
+  void removeIf(const IsUnwanted& isUnwanted) ORBIQ_REQUIRES(requestsProtector);
+  /// A marker's fate is not counted.
+  void removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request, orbiq::HitFate fate,
+                              const orbiq::String& failure = {}) ORBIQ_REQUIRES(requestsProtector);
   void discardAudienceRequests() ORBIQ_REQUIRES(requestsProtector);
   static void renewSession(const orbiqRequest& request);
 
@@ -104,7 +106,8 @@ struct orbiqAgent::State {
   // Fair, so that additions get in between two sends of a long queue.
   orbiq::FairCondition requestsProtector;
   std::optional<orbiq::RequestQueue> requestQueue ORBIQ_GUARDED_BY(requestsProtector);
-  /// Of the hits in the queue, one for each place.
+  /// One for each place of the queue. Behind them those of dequeued requests until they are
+  /// counted.
   std::vector<orbiq::HitLedger::Number> numbers ORBIQ_GUARDED_BY(requestsProtector);
   // In the queue. Counted, so that an addition need not look through it.
   std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;

@@ -3,10 +3,12 @@
 #include <algorithm>
 #include <numeric>
 
+#include "orbiq/services/platform/host/Platform.h"
+
 namespace orbiq {
 namespace {
 
-using Clock = std::chrono::steady_clock;
+using SteadyClock = std::chrono::steady_clock;
 
 // Far below what the clock can count to.
 constexpr std::chrono::hours kLongestWait{24 * 365};
@@ -25,16 +27,16 @@ void HitLedger::countHit(HitFate fate) {
   ++countOf(fate);
 }
 
-void HitLedger::countFate(HitFate fate, Number hit) {
+void HitLedger::countFate(HitFate fate, Number hit, const String& failure) {
+  if (hit == kNoHit) return;
+  const Date now = Platform::now();
   const Lock lock(_lock);
-  settle(fate, hit);
-}
-
-void HitLedger::attemptEnds(HitFate fate, Number hit, const String& failure, const Date& now) {
-  const Lock lock(_lock);
-  settle(fate, hit);
+  ++countOf(fate);
   if (fate == HitFate::Sent) _lastSuccess = now;
   if (!failure.isNull()) _lastFailure = failure;
+  for (Waiter* waiter = _waiters; waiter != nullptr; waiter = waiter->next) {
+    if (hit <= waiter->last && --waiter->pending == 0) _lock.broadcast();
+  }
 }
 
 void HitLedger::noteFailure(const String& text) {
@@ -42,18 +44,11 @@ void HitLedger::noteFailure(const String& text) {
   _lastFailure = text;
 }
 
-void HitLedger::settle(HitFate fate, Number hit) {
-  ++countOf(fate);
-  for (Waiter* waiter = _waiters; waiter != nullptr; waiter = waiter->next) {
-    if (hit <= waiter->last && --waiter->pending == 0) _lock.broadcast();
-  }
-}
-
-HitLedger::Number HitLedger::additionBegins(bool isCounted) {
+HitLedger::Number HitLedger::additionBegins(bool isHit) {
   const Lock lock(_lock);
   ++_additionsWaiting;
   noteWaiting();
-  return isCounted ? ++_accepted : 0;
+  return isHit ? ++_accepted : kNoHit;
 }
 
 void HitLedger::setSending(bool isSending) {
@@ -95,13 +90,13 @@ std::uint64_t HitLedger::pending() const {
 }
 
 bool HitLedger::waitUntilSettled(std::chrono::milliseconds timeout) {
-  const auto end = Clock::now() + std::clamp<std::chrono::milliseconds>(timeout, {}, kLongestWait);
+  const auto end = SteadyClock::now() + std::clamp<std::chrono::milliseconds>(timeout, {}, kLongestWait);
   const Lock lock(_lock);
   Waiter waiter{_accepted, pending(), _waiters};
   _waiters = &waiter;
   try {
-    while (waiter.pending != 0 && !_isOver && Clock::now() < end) {
-      _lock.waitFor(end - Clock::now());
+    while (waiter.pending != 0 && !_isOver && SteadyClock::now() < end) {
+      _lock.waitFor(end - SteadyClock::now());
     }
   } catch (...) {  // the thread is cancelled
     leave(waiter);

@@ -18,20 +18,20 @@ namespace orbiq {
 /// thread.
 class HitLedger {
  public:
-  /// Which of the accepted hits one is, from 1 on. 0 stands for one of the file's, and for what is
-  /// no hit.
+  /// Which of the accepted hits one is, from 1 on. 0 stands for one of the file's.
   using Number = std::uint64_t;
+  /// A marker's: it is not counted.
+  static constexpr Number kNoHit = UINT64_MAX;
 
   /// Hits that the file held, some of which are discarded.
   void countLoaded(std::uint64_t hits, std::uint64_t discarded);
   /// A hit that never comes to the queue.
   void countHit(HitFate fate);
-  /// A request is on its way to the queue; a marker is not counted as accepted.
-  Number additionBegins(bool isCounted);
+  /// A request is on its way to the queue.
+  Number additionBegins(bool isHit);
   void additionEnds();
-  void countFate(HitFate fate, Number hit);
-  /// The same at the end of an attempt. A null failure leaves the last one known.
-  void attemptEnds(HitFate fate, Number hit, const String& failure, const Date& now);
+  /// A null failure leaves the last one known.
+  void countFate(HitFate fate, Number hit, const String& failure = {});
   void noteFailure(const String& text);
   /// A send is under way as long as it lives.
   class Sending {
@@ -67,7 +67,6 @@ class HitLedger {
   }
 
   std::uint64_t pending() const ORBIQ_REQUIRES(_lock);
-  void settle(HitFate fate, Number hit) ORBIQ_REQUIRES(_lock);
   void leave(const Waiter& waiter) ORBIQ_REQUIRES(_lock);
   void setSending(bool isSending);
   void noteWaiting() ORBIQ_REQUIRES(_lock);

@@ -1,6 +1,7 @@
 // The agent's queue and its file.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <new>
@@ -14,7 +15,6 @@
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/files/Directories.h"
 #include "orbiq/services/platform/host/LibraryDirectory.h"
-#include "orbiq/services/platform/host/Platform.h"
 
 namespace {
 
@@ -80,6 +80,7 @@ void orbiqAgent::State::loadRequests() {
   pendingMarkers = isMarked ? 1 : 0;
   pendingStreaming = kept.size() - pendingMarkers;
   numbers.assign(kept.size(), 0);
+  if (isMarked) numbers.back() = orbiq::HitLedger::kNoHit;
   requestQueue = std::move(kept);
   ledger.countLoaded(accepted, discarded);
 }
@@ -104,21 +105,20 @@ void orbiqAgent::State::syncAtRest() {
 
 void orbiqAgent::State::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
   if (!request) return;
-  const bool isHit = !isMarker(*request);
-  const orbiq::HitLedger::Number number = ledger.additionBegins(isHit);
+  const orbiq::HitLedger::Number number = ledger.additionBegins(!isMarker(*request));
   if (isStarted.load(std::memory_order_acquire) &&
       giveWork({.added = std::move(request), .number = number})) {
     return;
   }
   ledger.additionEnds();
-  if (isHit) ledger.countFate(orbiq::HitFate::GivenUp, number);
+  ledger.countFate(orbiq::HitFate::GivenUp, number);
 }
 
 bool orbiqAgent::State::giveWork(const orbiq::HandlerWork::Item& item) try {
   const orbiq::HandlerWork::Given given = handlerWork.give(item);
   if (const auto& [request, number, trigger] = given.pushedOut; request) {
     ledger.additionEnds();
-    if (!isMarker(*request)) ledger.countFate(orbiq::HitFate::PushedOut, number);
+    ledger.countFate(orbiq::HitFate::PushedOut, number);
   }
   if (!given.needsTaker) {
     requestHandler->resume();  // the one who was sent for may have got no thread
@@ -150,10 +150,7 @@ void orbiqAgent::State::add(const orbiq::HandlerWork::Item& item) {
   orbiqLogger::log_withMode("Adding a request in queue", orbiq::LoggingModeInfo);
   const orbiq::Lock lock(requestsProtector);
   ledger.additionEnds();
-  if (!append(item)) {
-    if (!isMarker(*item.added)) ledger.countFate(orbiq::HitFate::GivenUp, item.number);
-    return;
-  }
+  if (!append(item)) return ledger.countFate(orbiq::HitFate::GivenUp, item.number);
   saveRequests();
   logQueueLength(requestQueue->size());
   requestsProtector.signal();
@@ -169,10 +166,8 @@ bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
   }
   enqueue(item);
   if (requestQueue->size() > orbiq::SendingRules::kMostRequests) {
-    if (!isMarker(*requestQueue->front())) {
-      ledger.countFate(orbiq::HitFate::PushedOut, numbers.front());
-    }
     dequeue(0);
+    countDequeued(orbiq::HitFate::PushedOut);
   }
   return true;
 } catch (const std::bad_alloc& error) {
@@ -199,20 +194,25 @@ void orbiqAgent::State::dequeue(std::size_t index) {
   if (isMarker(**request)) --pendingMarkers;
   if (isStreaming(**request)) --pendingStreaming;
   requestsFile->removed(index);
-  numbers.erase(numbers.begin() + static_cast<std::ptrdiff_t>(index));
+  const auto number = numbers.begin() + static_cast<std::ptrdiff_t>(index);
+  std::rotate(number, number + 1, numbers.end());
   requestQueue->erase(request);
 }
 
-template <class IsUnwanted, class Count>
-void orbiqAgent::State::removeIf(const IsUnwanted& isUnwanted, const Count& count) {
+void orbiqAgent::State::countDequeued(orbiq::HitFate fate, const orbiq::String& failure) {
+  for (; numbers.size() > requestQueue->size(); numbers.pop_back()) {
+    ledger.countFate(fate, numbers.back(), failure);
+  }
+}
+
+template <class IsUnwanted>
+void orbiqAgent::State::removeIf(const IsUnwanted& isUnwanted) {
   for (std::size_t index = 0; index < requestQueue->size();) {
-    const orbiqRequest& request = *(*requestQueue)[index];
-    if (!isUnwanted(request)) {
+    if (isUnwanted(*(*requestQueue)[index])) {
+      dequeue(index);
+    } else {
       ++index;
-      continue;
     }
-    if (!isMarker(request)) count(numbers[index]);
-    dequeue(index);
   }
 }
 
@@ -222,24 +222,20 @@ void orbiqAgent::State::renewSession(const orbiqRequest& request) {
 }
 
 void orbiqAgent::State::removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request,
-                                               std::optional<orbiq::HitFate> fate,
-                                               const orbiq::String& failure) {
+                                               orbiq::HitFate fate, const orbiq::String& failure) {
   if (!request) return;
   orbiqLogger::log_withMode("Removing request from queue", orbiq::LoggingModeInfo);
-  removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); },
-           [&](orbiq::HitLedger::Number number) {
-             if (fate) ledger.attemptEnds(*fate, number, failure, orbiq::Platform::now());
-           });
+  removeIf([&](const orbiqRequest& queued) { return request->isEqual(&queued); });
   saveRequests();
+  // Only now: whoever waits for the hits may end the process, and what the file still has is sent
+  // again.
+  countDequeued(fate, failure);
   logQueueLength(requestQueue->size());
 }
 
 void orbiqAgent::State::discardAudienceRequests() {
-  removeIf(
-      [](const orbiqRequest& request) {
-        return orbiq::SendingRules::isDroppedLate(request.requestType());
-      },
-      [&](orbiq::HitLedger::Number number) {
-        ledger.countFate(orbiq::HitFate::DiscardedAtNetworkReturn, number);
-      });
+  removeIf([](const orbiqRequest& request) {
+    return orbiq::SendingRules::isDroppedLate(request.requestType());
+  });
+  countDequeued(orbiq::HitFate::DiscardedAtNetworkReturn);
 }

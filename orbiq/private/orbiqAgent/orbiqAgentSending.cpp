@@ -128,7 +128,7 @@ void orbiqAgent::State::handleHead() {
   const std::shared_ptr<orbiqRequest> head = requestQueue->front();
   if (dynamic_cast<const orbiqClearCache*>(head.get()) != nullptr) {
     orbiqAuthManager::manager().clearCache();
-    removeRequestFromQueue(head, std::nullopt);
+    removeRequestFromQueue(head, HitFate::GivenUp);
     return;
   }
   if (!isValid(*head)) {
@@ -148,7 +148,7 @@ void orbiqAgent::State::handleHead() {
     return;
   }
   logAbout(*head, " handling done", orbiq::LoggingModeInfo);
-  removeRequestFromQueue(head, result.fate, result.failure);
+  removeRequestFromQueue(head, *result.fate, result.failure);
   if (head->shouldRenewSessionAfter() && head->sendingMode() == orbiq::SendingModeSerialWithStop) {
     sendStopCopyOf(head);
   }
