@@ -2,7 +2,7 @@
 # line `orbiq_install_tool(TARGET)` beside its target, a new manual page one file in docs/man.
 #
 # Components, one per package: library, secretservice, development and secretservice_development,
-# tools, python.
+# tools, python, documentation.
 
 # What an application may include, and what that includes in turn. Nothing else is installed.
 set(ORBIQ_PUBLIC_HEADERS
@@ -51,6 +51,8 @@ if(NOT CMAKE_INSTALL_PREFIX STREQUAL "/usr")
   set(python python${Python3_VERSION_MAJOR}.${Python3_VERSION_MINOR})
 endif()
 set(ORBIQ_INSTALL_PYTHONDIR lib/${python}/dist-packages CACHE STRING "Place of the Python module")
+
+set(ORBIQ_SITE "" CACHE PATH "Where ./dev docs made the site; it is installed beside the examples")
 
 # Builds what is installed, and nothing else.
 if(ORBIQ_INSTALL)
@@ -126,6 +128,12 @@ function(orbiq_install)
 
   install(DIRECTORY ${PROJECT_SOURCE_DIR}/python/orbiq DESTINATION ${ORBIQ_INSTALL_PYTHONDIR}
     COMPONENT python FILES_MATCHING PATTERN "*.py" PATTERN py.typed PATTERN __pycache__ EXCLUDE)
+
+  set(documentation ${CMAKE_INSTALL_DATADIR}/doc/liborbiq-doc)
+  install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples DESTINATION ${documentation} COMPONENT documentation)
+  if(ORBIQ_SITE)
+    install(DIRECTORY ${ORBIQ_SITE}/ DESTINATION ${documentation}/html COMPONENT documentation)
+  endif()
 
   if(ORBIQ_BUILD_TOOLS)
     file(GLOB pages CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/docs/man/*.1)

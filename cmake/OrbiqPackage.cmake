@@ -6,7 +6,7 @@ set(CPACK_PACKAGE_CONTACT "orbiq maintainers <maintainers@users.noreply.orbiq.de
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
-set(CPACK_COMPONENTS_ALL library development tools python)
+set(CPACK_COMPONENTS_ALL library development tools python documentation)
 if(TARGET orbiq_secretservice)
   list(APPEND CPACK_COMPONENTS_ALL secretservice secretservice_development)
 endif()
@@ -64,6 +64,14 @@ set(CPACK_DEBIAN_PYTHON_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_ARCHITECTURE all)
 set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA ${CPACK_ORBIQ_PACKAGING}/python/postinst
   ${CPACK_ORBIQ_PACKAGING}/python/prerm)
+
+orbiq_package(documentation liborbiq-doc doc ""
+  "audience measurement for native applications (documentation)"
+  "orbiq counts audience events."
+  "This package has the documentation as a site for the browser, and examples in"
+  "C++, C, Rust and Go.")
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
 
 set(development_depends "liborbiq1 (${same_version})"
   "libcurl4-openssl-dev | libcurl4-gnutls-dev" libmnl-dev liburiparser-dev)

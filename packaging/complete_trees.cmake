@@ -9,6 +9,10 @@ foreach(component ${CPACK_COMPONENTS_ALL})
   file(COPY ${CPACK_ORBIQ_PACKAGING}/copyright DESTINATION ${documents}
     FILE_PERMISSIONS OWNER_READ OWNER_WRITE GROUP_READ WORLD_READ)
   configure_file(${CPACK_ORBIQ_PACKAGING}/changelog ${documents}/changelog.Debian COPYONLY)
+  set(overrides ${CPACK_ORBIQ_PACKAGING}/${CPACK_DEBIAN_${upper}_PACKAGE_NAME}.overrides)
+  if(EXISTS ${overrides})
+    configure_file(${overrides} ${tree}/share/lintian/overrides/${CPACK_DEBIAN_${upper}_PACKAGE_NAME} COPYONLY)
+  endif()
   file(GLOB pages ${tree}/share/man/man1/*.1)
   execute_process(COMMAND ${GZIP} -9nf ${documents}/changelog.Debian ${pages}
     COMMAND_ERROR_IS_FATAL ANY)

@@ -10,9 +10,11 @@ package_flags() {
 
 dev_package() {
   need package
+  dev_docs
   say "packages: building"
   package_flags
-  configure build-package g++ -DORBIQ_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr "${packaged[@]}"
+  configure build-package g++ -DORBIQ_BUILD_TESTS=OFF -DCMAKE_INSTALL_PREFIX=/usr \
+    -DORBIQ_SITE="$PWD/build/docs/html" "${packaged[@]}"
   compile build-package --target orbiq_installed
   rm -rf build-package/packages
   say "packages: packing"

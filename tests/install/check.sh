@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # In an empty Debian, as root: installs the library's packages from /orbiq/packages, builds
-# applications against them, runs these against the packaged collector, and removes it all again.
-# The source is in /orbiq/source.
+# the packaged examples and other applications with them, runs these against the packaged collector,
+# and removes it all again. The source is in /orbiq/source.
 set -euo pipefail
 export LC_ALL=C HOME=/orbiq/home DBUS_SESSION_BUS_ADDRESS=unix:path=/nowhere
 source=/orbiq/source
 consumer=$source/tests/install/consumer
-first_hit=$source/examples/first-hit/main.cpp
+examples=/usr/share/doc/liborbiq-doc/examples
+first_hit=$examples/first-hit/main.cpp
 mkdir -p "$HOME" /orbiq/work
 cd /orbiq/work
 
@@ -54,7 +55,8 @@ depends=$(for package in /orbiq/packages/*.deb; do dpkg-deb -f "$package" Depend
   sed 's/^[A-Za-z]*: //' | tr ',' '\n' | grep -v orbiq | paste -sd,)
 {
   apt-get update -qq
-  apt-get install -y -qq --no-install-recommends g++ cmake ninja-build pkg-config
+  apt-get install -y -qq --no-install-recommends g++ cmake ninja-build pkg-config \
+    rustc golang-go iproute2 openssl
   apt-get satisfy -y -qq --no-install-recommends "$depends"
 } >apt.log 2>&1 || { cat apt.log >&2; fail "what is needed does not install"; }
 
@@ -82,6 +84,12 @@ for kind in '' -static; do
   run_keyring "with-cmake/keyring$kind"
 done
 
+say "CMake and the examples where they lie"
+cmake -G Ninja -S "$examples" -B examples >cmake.log 2>&1 || { cat cmake.log >&2; fail "cmake failed"; }
+cmake --build examples >build.log 2>&1 || { cat build.log >&2; fail "the build failed"; }
+run_hit examples/orbiq-first-hit
+run_hit examples/orbiq-first-hit-c
+
 say "pkg-config alone"
 mkdir with-pkgconfig
 for kind in '' -static; do
@@ -93,13 +101,16 @@ for kind in '' -static; do
   run_hit "with-pkgconfig/first-hit$kind"
   run_keyring "with-pkgconfig/keyring$kind"
 done
-for example in demo prometheus; do
-  with_pkgconfig "with-pkgconfig/$example" "$source/examples/$example/main.cpp" orbiq
-done
 # shellcheck disable=SC2046
-gcc -std=c11 -pedantic -Wall -Wextra -Werror "$source/examples/first-hit-c/main.c" \
+gcc -std=c11 -pedantic -Wall -Wextra -Werror "$examples/first-hit-c/main.c" \
   -o with-pkgconfig/first-hit-c $(pkg-config --cflags --libs orbiq)
 run_hit with-pkgconfig/first-hit-c
+
+say "other languages"
+rustc --edition 2021 -D warnings "$examples/first-hit-rust/main.rs" -o first-hit-rust
+run_hit ./first-hit-rust
+go build -o first-hit-go "$examples/first-hit-go/main.go"
+run_hit ./first-hit-go
 cat >first-hit.py <<'PROGRAM'
 #!/usr/bin/python3
 import orbiq
@@ -119,6 +130,7 @@ done
 say "the doctor"
 ORBIQ_AUTHORIZATION_SERVER=http://127.0.0.1:$port/auth/ orbiq-doctor --serial ABC \
   --bundle-identifier tv.example.player --send >doctor.log || { cat doctor.log >&2; fail "the doctor finds a fault"; }
+"$source/tests/install/doctor_check.py" || fail "the doctor does not find what is broken"
 
 say "upgrading: installing over what is there"
 dpkg -i /orbiq/packages/*.deb >dpkg.log 2>&1 || { cat dpkg.log >&2; fail "no upgrade"; }
@@ -134,6 +146,7 @@ diff before after || fail "the packages leave files behind, or take some along"
   fail "removing the packages took the user's data along"
 
 say "CMake and FetchContent, from the source"
+first_hit=$source/examples/first-hit/main.cpp
 configure -B with-source -DORBIQ_SOURCE="$source" -DCMAKE_BUILD_TYPE=None
 cmake --build with-source --target first-hit >build.log 2>&1 || { cat build.log >&2; fail "the build failed"; }
 run_hit with-source/first-hit

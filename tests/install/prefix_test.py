@@ -14,7 +14,7 @@ import unittest
 
 BUILD, SOURCE, COMPILER = sys.argv[1:]
 COMPONENTS = ("library", "secretservice", "development", "secretservice_development", "tools",
-              "python")
+              "python", "documentation")
 WARNINGS = ("-Wall", "-Wextra", "-Wpedantic", "-Wshadow", "-Wconversion", "-Werror")
 # Who may own what the headers include: the C library, the kernel's headers, the compiler's.
 SYSTEM_PACKAGES = re.compile(r"(libc6-dev|linux-libc-dev|lib(stdc\+\+|gcc)-\d+-dev|"

@@ -9,10 +9,10 @@ packages_bench=("${packages_demo[@]}" libplist-dev python3-matplotlib)
 packages_instructions=("${packages_bench[@]}" valgrind)
 # Of one version on every release, so that all agree on the form of the code.
 packages_lint=("${packages_test[@]}" libsecret-1-dev clang-format-19 clang-tidy-19 mandoc mypy)
-packages_package=("${packages_demo[@]}" libsecret-1-dev dpkg-dev lintian)
-packages_install=("${packages_package[@]}" mmdebstrap)
 packages_docs=("${packages_demo[@]}" libsecret-1-dev doxygen python3-sphinx
   python3-myst-parser furo python3-breathe shellcheck)
+packages_package=("${packages_docs[@]}" dpkg-dev lintian)
+packages_install=("${packages_package[@]}" mmdebstrap)
 
 # Parts of the tests that can be left out.
 parts_test=(qt keyring page)
