@@ -80,14 +80,14 @@ class ORBIQ_EXPORT orbiqTagger {
   /// Every field zero; the defaults of a usable tagger come from its own class.
   orbiqTagger() = default;
 
-  /// What the getters of the same names return.
-  /// @{
+  /// @cond
+  // What the getters of the same names return.
   orbiq::String _serial;
   orbiq::String _customerData;
   bool _canSend = false;
   std::atomic<bool> _useIDFA{false};
   orbiq::LoggingMode _loggingMode = orbiq::LoggingModeInfo;
-  /// @}
+  /// @endcond
 
  private:
   orbiq::String _newLevel1;
