@@ -128,9 +128,11 @@ orbiq_status orbiq_device_identifier_reset() {
     if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
     orbiqKWDXUUIDHandler::reset();
     // The reset itself only logs its failure.
-    const orbiq::KeychainMatch left =
-        orbiq::Platform::currentKeychain().copyMatching(orbiqCreateKeychainQueryDictionary());
-    return left.status == orbiq::errSecItemNotFound ? ORBIQ_OK : ORBIQ_ERROR_KEYCHAIN;
+    orbiq::Keychain* const keychain = orbiq::Platform::currentKeychain();
+    const auto query = orbiqCreateKeychainQueryDictionary();
+    const bool isGone =
+        keychain != nullptr && keychain->copyMatching(query).status == orbiq::errSecItemNotFound;
+    return isGone ? ORBIQ_OK : ORBIQ_ERROR_KEYCHAIN;
   });
 }
 

@@ -38,9 +38,11 @@ State& state() {
 
 /// Calls the keychain, which may be the host's: what it throws ends here.
 template <class Call>
-auto ask(const Call& call) -> decltype(call(Platform::currentKeychain())) {
+auto ask(const Call& call) -> decltype(call(*Platform::currentKeychain())) {
   try {
-    return call(Platform::currentKeychain());
+    Keychain* const keychain = Platform::currentKeychain();
+    if (keychain == nullptr) return {errSecNotAvailable};
+    return call(*keychain);
   } catch (const abi::__forced_unwind&) {
     throw;  // the caller's thread was cancelled
   } catch (...) {

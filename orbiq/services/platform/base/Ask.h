@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <type_traits>
 #include <utility>
@@ -8,15 +9,10 @@ namespace orbiq {
 
 /// Asks an object that may be absent. An absent object answers false, 0 or null, whatever it is
 /// asked: `ask(access, &orbiqAccess::host)`.
-template <class Answer, class Class, class Subject, class... Arguments>
-Answer ask(const std::shared_ptr<Subject>& object, Answer (Class::*question)(Arguments...) const,
-           std::type_identity_t<Arguments>... arguments) {
-  return object ? (object.get()->*question)(std::forward<Arguments>(arguments)...) : Answer{};
-}
-template <class Answer, class Class, class Subject, class... Arguments>
-Answer ask(const std::shared_ptr<Subject>& object, Answer (Class::*question)(Arguments...),
-           std::type_identity_t<Arguments>... arguments) {
-  return object ? (object.get()->*question)(std::forward<Arguments>(arguments)...) : Answer{};
+template <class Subject, class Question, class... Arguments>
+auto ask(const std::shared_ptr<Subject>& object, Question question, Arguments&&... arguments) {
+  using Answer = std::invoke_result_t<Question, Subject&, Arguments...>;
+  return object ? std::invoke(question, *object, std::forward<Arguments>(arguments)...) : Answer{};
 }
 
 }  // namespace orbiq

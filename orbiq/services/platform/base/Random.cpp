@@ -1,9 +1,8 @@
 #include "orbiq/services/platform/base/Random.h"
 
-#include <sys/random.h>
+#include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstddef>
 #include <cstring>
 #include <random>
@@ -14,18 +13,12 @@
 namespace orbiq {
 namespace {
 
+/// At most 256 bytes.
 void fillRandom(std::span<unsigned char> bytes) {
-  while (!bytes.empty()) {
-    const ssize_t count = getrandom(bytes.data(), bytes.size(), 0);
-    if (count > 0) {
-      bytes = bytes.subspan(static_cast<std::size_t>(count));
-    } else if (errno != EINTR) {
-      // A sandbox that forbids the call: the library's own source is the next best.
-      std::random_device source;
-      for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(source());
-      return;
-    }
-  }
+  if (getentropy(bytes.data(), bytes.size()) == 0) return;
+  // A sandbox that forbids the call: the library's own source is the next best.
+  std::random_device source;
+  for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(source());
 }
 
 /// A thread's store: asking the kernel for one number costs more than composing a hit.

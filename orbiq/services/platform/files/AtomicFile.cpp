@@ -22,12 +22,6 @@ int syncDirectory(const std::string& path) {
 
 }  // namespace
 
-void AtomicFile::Version::swap(Version& other) noexcept {
-  _descriptor.swap(other._descriptor);
-  std::swap(_state, other._state);
-  std::swap(stale, other.stale);
-}
-
 int AtomicFile::Version::create(int directory, const std::string& name) {
   const auto open = [&] {
     return Descriptor(
@@ -109,7 +103,7 @@ int AtomicFile::write(std::string_view bytes, bool mayExchange, bool synced) {
     if (renameat(directory, spare, directory, name) != 0) return errno;
     _current.close();
   }
-  _current.swap(_spare);
+  std::swap(_current, _spare);
   return 0;
 }
 

@@ -30,7 +30,6 @@ class AtomicFile {
   /// A file of ours under one of the two names.
   class Version {
    public:
-    void swap(Version& other) noexcept;
     void close() { _descriptor = {}; }
 
     /// Makes the file, in place of whatever may have been left there.

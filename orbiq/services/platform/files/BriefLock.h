@@ -3,7 +3,6 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <chrono>
@@ -20,12 +19,12 @@ class BriefLock {
  public:
   /// Takes the name as `openat` does. Waits for at most `limit`: the holder may have been stopped.
   BriefLock(int directory, const std::string& name, std::chrono::milliseconds limit)
-      : _file(aboveStandard(openat(directory, name.c_str(),
-                                   O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600))) {
+      : _file(openat(directory, name.c_str(),
+                     O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600)) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
     std::chrono::milliseconds pause{1};
-    while (_file >= 0 && !_isHeld) {
-      _isHeld = flock(_file, LOCK_EX | LOCK_NB) == 0;
+    while (_file.isOpen() && !_isHeld) {
+      _isHeld = flock(_file.number(), LOCK_EX | LOCK_NB) == 0;
       if (_isHeld || (errno != EWOULDBLOCK && errno != EINTR)) break;
       if (std::chrono::steady_clock::now() >= deadline) break;
       std::this_thread::sleep_for(pause);
@@ -34,8 +33,7 @@ class BriefLock {
   }
   ~BriefLock() {
     // Closing would leave the lock to a child that was forked meanwhile.
-    if (_isHeld) flock(_file, LOCK_UN);
-    if (_file >= 0) close(_file);
+    if (_isHeld) flock(_file.number(), LOCK_UN);
   }
   BriefLock(const BriefLock&) = delete;
   BriefLock& operator=(const BriefLock&) = delete;
@@ -43,7 +41,7 @@ class BriefLock {
   bool isHeld() const { return _isHeld; }
 
  private:
-  int _file;
+  Descriptor _file;
   bool _isHeld = false;
 };
 

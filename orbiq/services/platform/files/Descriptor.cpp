@@ -43,10 +43,6 @@ StandardNumbersHeld::~StandardNumbersHeld() {
   }
 }
 
-Descriptor::~Descriptor() {
-  if (isOpen()) ::close(_number);
-}
-
 int writeAll(const Descriptor& file, std::string_view bytes, std::size_t from) {
   while (from < bytes.size()) {
     const ssize_t count =

@@ -45,7 +45,9 @@ class Descriptor {
   Descriptor() = default;
   /// Moves it above those of standard input, output and error.
   explicit Descriptor(int number) : _number(aboveStandard(number)) {}
-  ~Descriptor();
+  ~Descriptor() {
+    if (isOpen()) ::close(_number);
+  }
   Descriptor(Descriptor&& other) noexcept { swap(other); }
   Descriptor& operator=(Descriptor other) noexcept {
     swap(other);

@@ -3,7 +3,6 @@
 #include <exception>
 #include <utility>
 
-#include "orbiq/services/platform/base/NeverDestroyed.h"
 #include "orbiq/services/platform/base/OfThisThread.h"
 #include "orbiq/services/platform/host/HostApplication.h"
 #include "orbiq/services/platform/host/LibraryDirectory.h"
@@ -12,16 +11,6 @@
 namespace orbiq {
 namespace {
 
-/// Stands in for the one that a description that was refused may have named, or named the place of.
-class NoKeychain final : public Keychain {
- public:
-  KeychainMatch copyMatching(const KeychainQuery&) override { return {}; }
-  KeychainStatus add(const KeychainQuery&) override { return errSecNotAvailable; }
-  KeychainStatus update(const KeychainQuery&, const KeychainAttributes&) override {
-    return errSecNotAvailable;
-  }
-  KeychainStatus deleteMatching(const KeychainQuery&) override { return errSecNotAvailable; }
-};
 /// None of libcurl's.
 constexpr int kNoClient = -1;
 
@@ -60,32 +49,29 @@ const Platform& Platform::current() {
 }
 
 HttpResult Platform::send(const HttpRequest& request) {
-  struct Client {
-    std::unique_ptr<HttpClient> kept;
-  };
+  using Client = std::unique_ptr<HttpClient>;
   Client forThisOne;
   Client* client = nullptr;
   try {
     client = ofThisThread<Client>();
     if (client == nullptr) client = &forThisOne;
-    if (!client->kept) client->kept = current().makeHttpClient();
+    if (!*client) *client = current().makeHttpClient();
   } catch (const std::exception&) {
     // Out of memory, most likely.
   }
-  if (client == nullptr || !client->kept)
-    return {{}, {}, HttpError{kNoClient, "out of memory", true}};
-  return client->kept->send(request);
+  if (client == nullptr || !*client) return {{}, {}, HttpError{kNoClient, "out of memory", true}};
+  return (*client)->send(request);
 }
 
-Keychain& Platform::currentKeychain() {
-  if (Keychain* const replacement = current().keychain.get()) return *replacement;
+Keychain* Platform::currentKeychain() {
+  if (Keychain* const replacement = current().keychain.get()) return replacement;
   // A keychain that changed between two calls would make a new identifier.
   HostApplication::settle();
-  if (Keychain* const hosts = HostApplication::current().keychain.get()) return *hosts;
-  static NeverDestroyed<NoKeychain> none;
-  if (HostApplication::wasOnlyRefused()) return *none;
+  if (Keychain* const hosts = HostApplication::current().keychain.get()) return hosts;
+  // The description that was refused may have named another one, or another place.
+  if (HostApplication::wasOnlyRefused()) return nullptr;
   static auto* const store = new FileKeychain(libraryDirectory() + "/orbiqKeychain");
-  return *store;
+  return store;
 }
 
 }  // namespace orbiq

@@ -28,9 +28,9 @@ struct Platform {
   /// alone where a thread that is ending has destroyed its own. A client that cannot be made is an
   /// error of this request, and the next one tries again.
   static HttpResult send(const HttpRequest& request);
-  /// The keychain to use. Where it comes from or gets its place from the description of the
-  /// application, that is settled by the call.
-  static Keychain& currentKeychain();
+  /// The keychain to use; null where descriptions were only refused. Where it comes from or gets
+  /// its place from the description of the application, that is settled by the call.
+  static Keychain* currentKeychain();
 };
 
 }  // namespace orbiq

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <map>
 #include <memory>
@@ -9,6 +10,7 @@
 
 #include "orbiq/services/platform/text/String.h"
 #include "orbiq/services/platform/text/Url.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq {
 
@@ -26,14 +28,19 @@ struct HttpRequest {
 struct HttpResponse {
   struct IgnoreCase {
     using is_transparent = void;
-    bool operator()(std::string_view left, std::string_view right) const noexcept;
+    bool operator()(std::string_view left, std::string_view right) const noexcept {
+      return std::ranges::lexicographical_compare(left, right, {}, asciiLowerCase, asciiLowerCase);
+    }
   };
   int status = 0;
   /// Of the last hop; of a repeated name the last value.
   std::map<std::string, std::string, IgnoreCase> headers;
 
   /// The value of a header, whatever the case of its name; null if it is not there.
-  const std::string* header(std::string_view name) const;
+  const std::string* header(std::string_view name) const {
+    const auto found = headers.find(name);
+    return found == headers.end() ? nullptr : &found->second;
+  }
 };
 
 /// Why a transfer did not end well, or why a redirect was not followed. Its codes are the HTTP

@@ -50,7 +50,7 @@ void onProcessExit() {
   if (inForkedChild()) return;
   {
     Lock lock(stays().changed);
-    noteProcessExit();
+    exitHandlerRuns = true;
     stays().exitingThread = std::this_thread::get_id();
     for (const auto* stay = stays().first; stay != nullptr; stay = stay->next) {
       if (stay->multi != nullptr) curl_multi_wakeup(stay->multi);

@@ -146,62 +146,49 @@ KeychainMatch FileKeychain::copyMatching(const KeychainQuery& query) try {
   return {};
 }
 
-KeychainStatus FileKeychain::add(const KeychainQuery& query) try {
+/// Calls `operation` with the directory and the item's name, alone among threads and processes, and
+/// syncs what it did with success.
+template <class Operation>
+KeychainStatus FileKeychain::change(const KeychainQuery& query, bool makesDirectory,
+                                    const Operation& operation) const try {
+  if (makesDirectory && makeDirectories(_directory) != 0) return errSecNotAvailable;
   Descriptor directory;
-  if (makeDirectories(_directory) != 0 || openDirectory(_directory, directory) != errSecSuccess) {
-    return errSecNotAvailable;
-  }
+  KeychainStatus status = openDirectory(_directory, directory);
+  if (status != errSecSuccess) return makesDirectory ? errSecNotAvailable : status;
   const BriefLock lock(directory.number(), kLockName, _lockLimit);
   if (!lock.isHeld()) return errSecNotAvailable;
-
-  KeychainStatus status = errSecNotAvailable;
-  if (writeSpare(directory, query.valueData.value_or(""))) {
-    status = addSpareAs(directory, nameOf(query));
-  }
+  status = operation(directory, nameOf(query));
+  // What a killed writer left behind may be the same item.
   unlinkat(directory.number(), kSpareName, 0);
   return status == errSecSuccess ? syncDirectory(directory) : status;
 } catch (const std::bad_alloc&) {
   return errSecNotAvailable;
 }
 
-KeychainStatus FileKeychain::update(const KeychainQuery& query,
-                                    const KeychainAttributes& changes) try {
-  Descriptor directory;
-  KeychainStatus status = openDirectory(_directory, directory);
-  if (status != errSecSuccess) return status;
-  const BriefLock lock(directory.number(), kLockName, _lockLimit);
-  if (!lock.isHeld()) return errSecNotAvailable;
-
-  const std::string name = nameOf(query);
-  std::string data;
-  status = readItem(directory, name, data);
-  if (status != errSecSuccess || !changes.valueData) return status;
-  const int number = directory.number();
-  if (!writeSpare(directory, *changes.valueData) ||
-      renameat(number, kSpareName, number, name.c_str()) != 0) {
-    unlinkat(number, kSpareName, 0);
-    return errSecNotAvailable;
-  }
-  return syncDirectory(directory);
-} catch (const std::bad_alloc&) {
-  return errSecNotAvailable;
+KeychainStatus FileKeychain::add(const KeychainQuery& query) {
+  return change(query, true, [&](const Descriptor& directory, const std::string& name) {
+    return writeSpare(directory, query.valueData.value_or("")) ? addSpareAs(directory, name)
+                                                               : errSecNotAvailable;
+  });
 }
 
-KeychainStatus FileKeychain::deleteMatching(const KeychainQuery& query) try {
-  Descriptor directory;
-  const KeychainStatus status = openDirectory(_directory, directory);
-  if (status != errSecSuccess) return status;
-  const BriefLock lock(directory.number(), kLockName, _lockLimit);
-  if (!lock.isHeld()) return errSecNotAvailable;
+KeychainStatus FileKeychain::update(const KeychainQuery& query, const KeychainAttributes& changes) {
+  return change(query, false, [&](const Descriptor& directory, const std::string& name) {
+    std::string data;
+    const KeychainStatus status = readItem(directory, name, data);
+    if (status != errSecSuccess || !changes.valueData) return status;
+    const int number = directory.number();
+    const bool isDone = writeSpare(directory, *changes.valueData) &&
+                        renameat(number, kSpareName, number, name.c_str()) == 0;
+    return isDone ? errSecSuccess : errSecNotAvailable;
+  });
+}
 
-  // What a killed writer left behind may be the same item.
-  unlinkat(directory.number(), kSpareName, 0);
-  if (unlinkat(directory.number(), nameOf(query).c_str(), 0) != 0) {
+KeychainStatus FileKeychain::deleteMatching(const KeychainQuery& query) {
+  return change(query, false, [](const Descriptor& directory, const std::string& name) {
+    if (unlinkat(directory.number(), name.c_str(), 0) == 0) return errSecSuccess;
     return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
-  }
-  return syncDirectory(directory);
-} catch (const std::bad_alloc&) {
-  return errSecNotAvailable;
+  });
 }
 
 }  // namespace orbiq

@@ -27,6 +27,10 @@ class FileKeychain final : public Keychain {
   KeychainStatus deleteMatching(const KeychainQuery& query) override;
 
  private:
+  template <class Operation>
+  KeychainStatus change(const KeychainQuery& query, bool makesDirectory,
+                        const Operation& operation) const;
+
   const std::string _directory;
   const std::chrono::milliseconds _lockLimit;
 };

@@ -84,7 +84,7 @@ std::string prefix(const Date& time) {
 
 void print(std::string_view text, const Date& time) try {
   // A log that cannot be written has nowhere to say so.
-  writeToStandardError(prefix(time).append(printable(text)).append("\n"));
+  writeToStandardError(printable(prefix(time).append(text)).append("\n"));
 } catch (const std::bad_alloc&) {
   writeToStandardError("(ERROR) : There is not enough memory for a line of the log\n");
 }

@@ -6,8 +6,6 @@
 #include <sys/timerfd.h>
 #include <unistd.h>
 
-#include "orbiq/services/platform/files/Descriptor.h"
-
 namespace orbiq {
 namespace {
 
@@ -23,21 +21,16 @@ bool addTo(int set, int descriptor, std::uint64_t key) {
 
 bool LoopDescriptors::open() {
   if (areOpen()) return true;
-  const int set = aboveStandard(epoll_create1(EPOLL_CLOEXEC));
-  const int event = aboveStandard(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-  const int alarm = aboveStandard(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
-  const bool isComplete = set >= 0 && event >= 0 && alarm >= 0 &&
-                          addTo(set, event, static_cast<std::uint64_t>(event)) &&
-                          addTo(set, alarm, static_cast<std::uint64_t>(alarm));
-  if (!isComplete) {
-    for (const int descriptor : {set, event, alarm}) {
-      if (descriptor >= 0) close(descriptor);
-    }
-    return false;
+  Descriptor set(epoll_create1(EPOLL_CLOEXEC));
+  Descriptor event(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  Descriptor alarm(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK));
+  for (const Descriptor* each : {&event, &alarm}) {
+    const auto key = static_cast<std::uint64_t>(each->number());
+    if (!each->isOpen() || !addTo(set.number(), each->number(), key)) return false;
   }
-  _set = set;
-  _event = event;
-  _alarm = alarm;
+  _set.swap(set);
+  _event.swap(event);
+  _alarm.swap(alarm);
   return true;
 }
 
@@ -45,8 +38,8 @@ void LoopDescriptors::raise(bool wanted) {
   if (wanted == _isRaised) return;
   // Neither can fail: the counter goes from 0 to 1 and back.
   std::uint64_t count = 1;
-  [[maybe_unused]] const ssize_t moved =
-      wanted ? write(_event, &count, sizeof count) : read(_event, &count, sizeof count);
+  [[maybe_unused]] const ssize_t moved = wanted ? write(_event.number(), &count, sizeof count)
+                                                : read(_event.number(), &count, sizeof count);
   _isRaised = wanted;
 }
 
@@ -56,16 +49,16 @@ void LoopDescriptors::setAlarm(std::chrono::nanoseconds time) {
   itimerspec setting{};
   setting.it_value.tv_sec = static_cast<time_t>(seconds.count());
   setting.it_value.tv_nsec = static_cast<long>((time - seconds).count());
-  timerfd_settime(_alarm, TFD_TIMER_ABSTIME, &setting, nullptr);
+  timerfd_settime(_alarm.number(), TFD_TIMER_ABSTIME, &setting, nullptr);
   _alarmTime = time;
 }
 
 bool LoopDescriptors::add(int descriptor, std::uint64_t key) {
-  return addTo(_set, descriptor, key) || (errno != ENOMEM && errno != ENOSPC);
+  return addTo(_set.number(), descriptor, key) || (errno != ENOMEM && errno != ENOSPC);
 }
 
 void LoopDescriptors::remove(int descriptor) {
-  epoll_ctl(_set, EPOLL_CTL_DEL, descriptor, nullptr);
+  epoll_ctl(_set.number(), EPOLL_CTL_DEL, descriptor, nullptr);
 }
 
 }  // namespace orbiq

@@ -3,21 +3,19 @@
 #include <chrono>
 #include <cstdint>
 
+#include "orbiq/services/platform/files/Descriptor.h"
+
 namespace orbiq {
 
 /// What a loop waits with: one pollable set of an event, an alarm and the descriptors that are
 /// watched. Never closed again. It has no lock: the caller guards it.
 class LoopDescriptors {
  public:
-  LoopDescriptors() = default;
-  LoopDescriptors(const LoopDescriptors&) = delete;
-  LoopDescriptors& operator=(const LoopDescriptors&) = delete;
-
   /// Makes them, unless they are there. False if not all can be had; then there is none.
   bool open();
-  bool areOpen() const { return _set >= 0; }
+  bool areOpen() const { return _set.isOpen(); }
   /// What can be polled; -1 if they are not open.
-  int set() const { return _set; }
+  int set() const { return _set.number(); }
 
   // Only while they are open.
 
@@ -31,9 +29,9 @@ class LoopDescriptors {
   void remove(int descriptor);
 
  private:
-  int _set = -1;
-  int _event = -1;
-  int _alarm = -1;
+  Descriptor _set;
+  Descriptor _event;
+  Descriptor _alarm;
   /// What the kernel was last told.
   bool _isRaised = false;
   std::chrono::nanoseconds _alarmTime{0};

@@ -34,10 +34,6 @@ std::optional<IpAddress> IpAddress::fromSocketAddress(const sockaddr* address) {
   return result;
 }
 
-bool IpAddress::isUnspecified() const {
-  return std::all_of(bytes.begin(), bytes.end(), [](std::uint8_t byte) { return byte == 0; });
-}
-
 std::vector<IpAddress> resolve(const std::string& name) {
   const StandardNumbersHeld held;  // the resolver opens sockets
   addrinfo hints{};

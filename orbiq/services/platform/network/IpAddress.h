@@ -21,7 +21,7 @@ struct IpAddress {
   /// Nothing for a null pointer or another family.
   static std::optional<IpAddress> fromSocketAddress(const sockaddr* address);
   /// True for 0.0.0.0 and ::.
-  bool isUnspecified() const;
+  bool isUnspecified() const { return bytes == decltype(bytes){}; }
   bool operator==(const IpAddress&) const = default;
 };
 

@@ -84,7 +84,7 @@ class RouteSource : public NetworkReachabilitySource,
   /// Opens the sockets where that has not been done, or failed for a reason that may pass.
   bool isOpen() ORBIQ_REQUIRES(mutex) {
     if (_sockets != Sockets::kClosed) return _sockets == Sockets::kOpen;
-    int error = _lookup.open();
+    int error = lookup.open();
     if (error == 0) error = _reports.open();
     if (mayPass(error)) return false;
     _error = error;
@@ -92,12 +92,9 @@ class RouteSource : public NetworkReachabilitySource,
     requestLook();  // somebody may have registered before
     return error == 0;
   }
-  std::optional<Route> lookUp(const IpAddress& address) ORBIQ_REQUIRES(mutex) {
-    return _lookup.lookUp(address);
-  }
   /// Over which the way to the internet leads, as far as is known.
   int internetLink() ORBIQ_REQUIRES(mutex) {
-    if (const auto way = _lookup.lookUp(IpAddress())) _internetLink = way->link;
+    if (const auto way = lookup.lookUp(IpAddress())) _internetLink = way->link;
     return _internetLink;
   }
   /// Has the main loop look. A look that could not be posted is made up for at the next call, even
@@ -115,6 +112,7 @@ class RouteSource : public NetworkReachabilitySource,
   Mutex mutex;
   /// Those that have a callback.
   std::set<std::weak_ptr<RouteTarget>, std::owner_less<>> registered ORBIQ_GUARDED_BY(mutex);
+  RouteLookup lookup ORBIQ_GUARDED_BY(mutex);
 
  private:
   enum class Sockets { kClosed, kOpen, kGivenUp };
@@ -143,7 +141,6 @@ class RouteSource : public NetworkReachabilitySource,
   Sockets _sockets ORBIQ_GUARDED_BY(mutex);
   /// Why they were given up.
   int _error ORBIQ_GUARDED_BY(mutex) = 0;
-  RouteLookup _lookup ORBIQ_GUARDED_BY(mutex);
   int _internetLink ORBIQ_GUARDED_BY(mutex) = 0;
   Look _look ORBIQ_GUARDED_BY(mutex) = Look::kNone;
 
@@ -229,7 +226,7 @@ class RouteTarget : public NetworkReachability, public std::enable_shared_from_t
     std::optional<std::chrono::milliseconds> lifetime;
     std::uint32_t flags = 0;
     for (const IpAddress& address : _addresses) {
-      const auto route = _source->lookUp(address);
+      const auto route = _source->lookup.lookUp(address);
       lifetime = route ? route->lifetime : kLookAgainInterval;
       flags = route ? flagsOfRoute(address, *route) : _flags;
       if (!route || flags != 0) break;

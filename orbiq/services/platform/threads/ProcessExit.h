@@ -1,12 +1,14 @@
 #pragma once
 
+#include <atomic>
+
 namespace orbiq {
 
-/// True once the process's exit has reached the library's exit handler. Any thread, any time; false
-/// in a forked child.
-bool isProcessExiting() noexcept;
+/// For the library's exit handler alone to set.
+inline constinit std::atomic<bool> exitHandlerRuns{false};
 
-/// For that handler alone.
-void noteProcessExit() noexcept;
+/// True once the process's exit has reached that handler. Any thread, any time; false in a forked
+/// child.
+inline bool isProcessExiting() noexcept { return exitHandlerRuns; }
 
 }  // namespace orbiq

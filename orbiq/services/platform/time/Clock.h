@@ -1,5 +1,7 @@
 #pragma once
 
+#include <chrono>
+
 #include "orbiq/services/platform/time/Date.h"
 
 namespace orbiq {
@@ -14,7 +16,10 @@ class Clock {
 /// The machine's real-time clock.
 class SystemClock final : public Clock {
  public:
-  Date now() const override;
+  Date now() const override {
+    const auto sinceEpoch = std::chrono::system_clock::now().time_since_epoch();
+    return Date::since1970(std::chrono::duration<double>(sinceEpoch).count());
+  }
 };
 
 }  // namespace orbiq

@@ -14,40 +14,18 @@ locale_t englishNames() {
   return names;
 }
 
-bool takeDigits(std::string_view& text, std::size_t count, int& number) {
-  if (text.size() < count) return false;
-  number = 0;
-  for (const char digit : text.substr(0, count)) {
-    if (digit < '0' || digit > '9') return false;
-    number = 10 * number + (digit - '0');
+/// The offset in seconds, as "+0100", "+01:00" or "Z", alone or behind a name that says the same.
+std::optional<int> parseZone(const char* text) {
+  for (const std::string_view name : {"GMT", "UTC", "UT"}) {
+    if (!std::string_view(text).starts_with(name)) continue;
+    text += name.size();
+    if (*text == '\0') return 0;
+    break;
   }
-  text.remove_prefix(count);
-  return true;
-}
-
-/// "+0100" or "+01:00" in seconds.
-std::optional<int> parseOffset(std::string_view text) {
-  const bool negative = text.starts_with('-');
-  if (!negative && !text.starts_with('+')) return std::nullopt;
-  text.remove_prefix(1);
-  int hours = 0;
-  int minutes = 0;
-  if (!takeDigits(text, 2, hours)) return std::nullopt;
-  if (text.starts_with(':')) text.remove_prefix(1);
-  if (!takeDigits(text, 2, minutes) || !text.empty() || hours > 23 || minutes > 59) {
-    return std::nullopt;
-  }
-  const int seconds = hours * 3600 + minutes * 60;
-  return negative ? -seconds : seconds;
-}
-
-std::optional<int> parseZone(std::string_view text) {
-  for (const std::string_view name : {"GMT", "UTC", "UT", "Z"}) {
-    if (!text.starts_with(name)) continue;
-    if (text.size() == name.size()) return 0;
-    return parseOffset(text.substr(name.size()));
-  }
-  return parseOffset(text);
+  std::tm parts{};
+  const char* const end = strptime(text, "%z", &parts);
+  if (end == nullptr || *end != '\0') return std::nullopt;
+  return static_cast<int>(parts.tm_gmtoff);
 }
 
 }  // namespace

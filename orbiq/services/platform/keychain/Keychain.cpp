@@ -1,7 +1,0 @@
-#include "orbiq/services/platform/keychain/Keychain.h"
-
-namespace orbiq {
-
-Keychain::~Keychain() = default;
-
-}  // namespace orbiq
