@@ -17,6 +17,7 @@
 #include "bench/Surroundings.h"
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
 #include "orbiq/services/platform/host/Platform.h"
 #include "orbiq/services/platform/log/SystemLog.h"
@@ -157,7 +158,7 @@ int authorize(const std::vector<std::string>& /*arguments*/) {
     read.push_back(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
         orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, fields.at("cmsVI")),
         orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
-            serial, accessModeFromString(fields.at("access")), fields.at("host")),
+            serial, orbiqAuthManager::accessModeFromString(fields.at("access")), fields.at("host")),
         false));
   }
   end();

@@ -3,20 +3,14 @@
 #include <algorithm>
 #include <string_view>
 
-#include "orbiq/services/platform/text/Utf8.h"
-
 namespace orbiq::c {
 namespace {
 
-/// The most bytes, not above `room`, that end no character halfway.
+/// The most bytes, not above `room`, that end no character of UTF-8 halfway.
 std::size_t wholeCharacters(std::string_view text, std::size_t room) {
   if (text.size() <= room) return text.size();
-  std::size_t bytes = 0;
-  while (true) {
-    const std::size_t next = bytes + orbiq::decodeUtf8(text.substr(bytes)).byteCount;
-    if (next > room) return bytes;
-    bytes = next;
-  }
+  while (room > 0 && (text[room] & 0xC0) == 0x80) --room;  // inside a character
+  return room;
 }
 
 }  // namespace

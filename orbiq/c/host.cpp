@@ -24,42 +24,19 @@ struct orbiq_host {
 
 namespace {
 
-/// Through which every line goes to a sink of C's. What the sink needs may go away before the
-/// process ends, so it can be closed. Without a lock, which a forked child might find taken.
-class SinkGate {
- public:
-  static SinkGate& shared() {
-    static constinit SinkGate only;  // has nothing to destroy
-    return only;
+// What a sink of C's needs may go away before the process ends, so the way to it can be closed.
+// Without a lock, which a forked child might find taken.
+constinit std::atomic<bool> sinksAreClosed{false};
+constinit std::atomic<std::uint32_t> callsInSinks{0};
+
+/// A call's time in a sink, however the sink ends it.
+struct StayInSink {
+  StayInSink() { ++callsInSinks; }
+  ~StayInSink() {
+    if (--callsInSinks == 0) callsInSinks.notify_all();
   }
-
-  void closeAndWait() {
-    _isClosed = true;
-    if (orbiq::inForkedChild()) return;  // who was inside at the fork is not here
-    for (std::uint32_t inside = _inside; inside > 0; inside = _inside) _inside.wait(inside);
-  }
-
-  bool isClosed() const { return _isClosed; }
-
-  /// A call's time in the sink, however the sink ends it.
-  class Stay {
-   public:
-    explicit Stay(SinkGate& gate) : _gate(gate) { ++_gate._inside; }
-    ~Stay() {
-      if (--_gate._inside == 0) _gate._inside.notify_all();
-    }
-    Stay(const Stay&) = delete;
-    Stay& operator=(const Stay&) = delete;
-    /// False if the gate is closed.
-    bool entered() const { return !_gate._isClosed; }
-
-   private:
-    SinkGate& _gate;
-  };
-
- private:
-  std::atomic<bool> _isClosed{false};
-  std::atomic<std::uint32_t> _inside{0};
+  StayInSink(const StayInSink&) = delete;
+  StayInSink& operator=(const StayInSink&) = delete;
 };
 
 constexpr orbiq::String orbiq::HostDescription::* kHostTexts[] = {
@@ -126,8 +103,8 @@ orbiq_status orbiq_host_set_log_sink(orbiq_host* host, orbiq_log_sink sink, void
     if (sink == nullptr) return ORBIQ_OK;
     host->description.logSink = [sink, context](const orbiq::LogLine& line) {
       const std::string text(line.text);  // for the zero byte at its end
-      const SinkGate::Stay stay(SinkGate::shared());
-      if (!stay.entered()) return;
+      const StayInSink stay;
+      if (sinksAreClosed) return;
       sink(context, static_cast<orbiq_logging_mode>(line.mode), text.c_str(), text.size(),
            line.time.secondsSince1970());
     };
@@ -161,7 +138,7 @@ orbiq_status orbiq_host_describe(const orbiq_host* host, char* reason, size_t ca
     giveOut(std::string_view(orbiq_status_text(ORBIQ_ERROR_MEMORY)), reason, capacity, nullptr);
     orbiq::HostDescription description = host->description;
     // A sink that was taken away is so for good.
-    if (SinkGate::shared().isClosed()) description.logSink = {};
+    if (sinksAreClosed) description.logSink = {};
     const orbiq::String refusal = orbiq::HostApplication::describe(description);
     giveOut(refusal, reason, capacity, nullptr);
     if (refusal.isSameObjectAs(orbiq::String::outOfMemory())) return ORBIQ_ERROR_MEMORY;
@@ -172,7 +149,9 @@ orbiq_status orbiq_host_describe(const orbiq_host* host, char* reason, size_t ca
 orbiq_status orbiq_remove_log_sink() {
   return guarded([]() -> orbiq_status {
     orbiq::SystemLog::setSink({});
-    SinkGate::shared().closeAndWait();
+    sinksAreClosed = true;
+    if (orbiq::inForkedChild()) return ORBIQ_OK;  // who was inside at the fork is not here
+    while (const std::uint32_t inside = callsInSinks) callsInSinks.wait(inside);
     return ORBIQ_OK;
   });
 }

@@ -1,9 +1,8 @@
 // What concerns the process as a whole.
 #include <algorithm>
 #include <chrono>
-#include <cmath>
-#include <cstdint>
 #include <cstring>
+#include <utility>
 
 #include "orbiq/c/Calls.h"
 #include "orbiq/orbiqVersion.h"
@@ -19,30 +18,22 @@ using orbiq::c::guarded;
 using orbiq::c::withAgent;
 
 const char* orbiq_status_text(orbiq_status status) {
-  switch (status) {
-    case ORBIQ_OK:
-      return "done";
-    case ORBIQ_NONE:
-      return "there is none";
-    case ORBIQ_ERROR_ARGUMENT:
-      return "an argument is null or out of range";
-    case ORBIQ_ERROR_REFUSED:
-      return "the description was refused";
-    case ORBIQ_ERROR_BUFFER:
-      return "the text does not fit the buffer";
-    case ORBIQ_ERROR_MEMORY:
-      return "memory has run out";
-    case ORBIQ_ERROR_KEYCHAIN:
-      return "the keychain could not do it";
-    case ORBIQ_ERROR_FORKED:
-      return "the library does nothing in a forked process";
-    case ORBIQ_ERROR_SYSTEM:
-      return "the system refused a resource";
-    case ORBIQ_ERROR_TIMEOUT:
-      return "the time is over";
-    default:
-      return "unknown status";
+  static constexpr std::pair<orbiq_status, const char*> kTexts[] = {
+      {ORBIQ_OK, "done"},
+      {ORBIQ_NONE, "there is none"},
+      {ORBIQ_ERROR_ARGUMENT, "an argument is null or out of range"},
+      {ORBIQ_ERROR_REFUSED, "the description was refused"},
+      {ORBIQ_ERROR_BUFFER, "the text does not fit the buffer"},
+      {ORBIQ_ERROR_MEMORY, "memory has run out"},
+      {ORBIQ_ERROR_KEYCHAIN, "the keychain could not do it"},
+      {ORBIQ_ERROR_FORKED, "the library does nothing in a forked process"},
+      {ORBIQ_ERROR_SYSTEM, "the system refused a resource"},
+      {ORBIQ_ERROR_TIMEOUT, "the time is over"},
+  };
+  for (const auto& [known, text] : kTexts) {
+    if (known == status) return text;
   }
+  return "unknown status";
 }
 
 const char* orbiq_version() { return orbiq_iOSVersionString; }
@@ -59,9 +50,9 @@ orbiq_status orbiq_post_will_enter_foreground() {
 orbiq_status orbiq_flush(double seconds) {
   if (!(seconds >= 0)) return ORBIQ_ERROR_ARGUMENT;
   return withAgent([&](orbiqAgent& agent) -> orbiq_status {
-    constexpr double kMost = 1e9;
-    const auto milliseconds = static_cast<std::int64_t>(std::ceil(std::min(seconds, kMost) * 1000));
-    return agent.flush(std::chrono::milliseconds(milliseconds)) ? ORBIQ_OK : ORBIQ_ERROR_TIMEOUT;
+    const std::chrono::duration<double> bounded(std::min(seconds, 1e9));
+    const auto timeout = std::chrono::ceil<std::chrono::milliseconds>(bounded);
+    return agent.flush(timeout) ? ORBIQ_OK : ORBIQ_ERROR_TIMEOUT;
   });
 }
 
@@ -82,9 +73,8 @@ orbiq_status orbiq_get_statistics(orbiq_statistics* statistics, size_t size) {
         .additions_waiting_high_water = counts.additionsWaitingHighWater,
         .last_success = counts.lastSuccess ? counts.lastSuccess->secondsSince1970() : 0,
     };
-    auto* const bytes = reinterpret_cast<unsigned char*>(statistics);
-    std::fill_n(bytes, size, static_cast<unsigned char>(0));
-    std::memcpy(bytes, &all, std::min(size, sizeof all));
+    std::memset(statistics, 0, size);
+    std::memcpy(statistics, &all, std::min(size, sizeof all));
     return ORBIQ_OK;
   });
 }

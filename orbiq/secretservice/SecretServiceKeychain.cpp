@@ -27,34 +27,21 @@ struct Unref {
 template <class T>
 using Held = std::unique_ptr<T, Unref>;
 
-/// Takes the error of a call, if there is one.
-class Error {
- public:
-  Error() = default;
-  ~Error() { g_clear_error(&_error); }
-  Error(const Error&) = delete;
-  Error& operator=(const Error&) = delete;
+/// Of a call that left this error, or none.
+KeychainStatus statusOf(const GError* error) {
+  if (!error) return errSecSuccess;
+  const bool isLocked = g_error_matches(error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED) != 0;
+  return isLocked ? errSecInteractionNotAllowed : errSecNotAvailable;
+}
 
-  GError** out() {
-    g_clear_error(&_error);
-    return &_error;
-  }
-  KeychainStatus status() const {
-    if (!_error) return errSecSuccess;
-    const bool isLocked = g_error_matches(_error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED) != 0;
-    return isLocked ? errSecInteractionNotAllowed : errSecNotAvailable;
-  }
-
- private:
-  GError* _error = nullptr;
-};
+constinit Mutex turn;
 
 /// The connection that GLib shares in the process, which libsecret takes and the host may have,
 /// too. One visitor at a time; to be made before anything that changes the thread's main context,
 /// as the connection keeps the one it is made with.
 class SharedBus {
  public:
-  SharedBus() : _turn(turn()), _connection(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)) {
+  SharedBus() : _connection(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)) {
     if (!_connection) return;
     // The end of a bus that nobody but this visit asked for must not be the end of the process.
     _endsProcess = g_dbus_connection_get_exit_on_close(_connection.get());
@@ -69,12 +56,7 @@ class SharedBus {
   GDBusConnection* get() const { return _connection.get(); }
 
  private:
-  static Mutex& turn() {
-    static auto* const only = new Mutex();
-    return *only;
-  }
-
-  const Lock<Mutex> _turn;
+  const Lock<Mutex> _turn{turn};
   const Held<GDBusConnection> _connection;
   gboolean _endsProcess = FALSE;
 };
@@ -83,18 +65,14 @@ class SharedBus {
 class OwnMainContext {
  public:
   OwnMainContext() { g_main_context_push_thread_default(_context); }
+  /// Runs what is left first, such as releasing memory.
   ~OwnMainContext() {
+    while (g_main_context_iteration(_context, FALSE)) continue;
     g_main_context_pop_thread_default(_context);
     g_main_context_unref(_context);
   }
   OwnMainContext(const OwnMainContext&) = delete;
   OwnMainContext& operator=(const OwnMainContext&) = delete;
-
-  /// Runs what is left, such as releasing memory.
-  void drain() const {
-    while (g_main_context_iteration(_context, FALSE)) {
-    }
-  }
 
  private:
   GMainContext* const _context = g_main_context_new();
@@ -157,60 +135,37 @@ Value valueOf(const std::string& data) {
   return Value(secret_value_new(data.data(), static_cast<gssize>(data.size()), "text/plain"));
 }
 
-/// One visit to the keyring. `status` is success only if the default keyring is unlocked.
+/// One visit to the keyring. `_status` is success only if the default keyring is unlocked.
 class Visit {
  public:
-  Visit();
-  ~Visit();
-  Visit(const Visit&) = delete;
-  Visit& operator=(const Visit&) = delete;
-
-  KeychainStatus status() const { return _status; }
   /// Finds the item in all keyrings; more than one only if somebody else made copies, or another
   /// keyring was the default one. Success means at least one, and all of them unlocked.
   KeychainStatus find(const KeychainQuery& query, std::vector<Held<SecretItem>>& items);
   KeychainStatus create(const KeychainQuery& query);
 
  private:
-  KeychainStatus connect();
-  KeychainStatus openDefaultKeyring();
+  KeychainStatus open();
   KeychainStatus search(SecretCollection* keyring, GHashTable* attributes,
                         std::vector<Held<SecretItem>>& items);
   std::vector<Held<SecretCollection>> keyrings() const;
 
   const StandardNumbersHeld _held;  // GLib opens sockets and events
   const SharedBus _bus;
-  const OwnMainContext _context;
+  const OwnMainContext _context;  // before those that leave it something
   Held<SecretService> _service;
   Held<SecretCollection> _keyring;
-  KeychainStatus _status;
+  KeychainStatus _status = open();
 };
 
-Visit::Visit() : _status(connect()) {
-  if (_status == errSecSuccess) _status = openDefaultKeyring();
-}
-
-Visit::~Visit() {
-  _keyring.reset();
-  _service.reset();
-  _context.drain();
-}
-
-KeychainStatus Visit::connect() {
-  Error error;
+KeychainStatus Visit::open() {
   if (!_bus.get()) return errSecNotAvailable;
   // Not libsecret's shared service: that one holds on to a daemon that is gone.
   constexpr auto kFlags = static_cast<SecretServiceFlags>(SECRET_SERVICE_OPEN_SESSION |
                                                           SECRET_SERVICE_LOAD_COLLECTIONS);
-  _service.reset(
-      secret_service_open_sync(quietServiceType(), nullptr, kFlags, nullptr, error.out()));
-  return _service ? errSecSuccess : errSecNotAvailable;
-}
-
-KeychainStatus Visit::openDefaultKeyring() {
-  Error error;
+  _service.reset(secret_service_open_sync(quietServiceType(), nullptr, kFlags, nullptr, nullptr));
+  if (!_service) return errSecNotAvailable;
   _keyring.reset(secret_collection_for_alias_sync(_service.get(), SECRET_COLLECTION_DEFAULT,
-                                                  SECRET_COLLECTION_NONE, nullptr, error.out()));
+                                                  SECRET_COLLECTION_NONE, nullptr, nullptr));
   if (!_keyring) return errSecNotAvailable;
   return secret_collection_get_locked(_keyring.get()) ? errSecInteractionNotAllowed : errSecSuccess;
 }
@@ -232,8 +187,7 @@ KeychainStatus Visit::find(const KeychainQuery& query, std::vector<Held<SecretIt
     return std::ranges::any_of(items, isLocked) ? errSecInteractionNotAllowed : errSecSuccess;
   }
   // A locked keyring has nothing to show either, and one may have been locked meanwhile.
-  _status = connect();
-  if (_status == errSecSuccess) _status = openDefaultKeyring();
+  _status = open();
   if (_status != errSecSuccess) return _status;
   const bool anyIsLocked = std::ranges::any_of(keyrings(), [](const auto& keyring) {
     return secret_collection_get_locked(keyring.get()) != 0;
@@ -243,14 +197,14 @@ KeychainStatus Visit::find(const KeychainQuery& query, std::vector<Held<SecretIt
 
 KeychainStatus Visit::search(SecretCollection* keyring, GHashTable* attributes,
                              std::vector<Held<SecretItem>>& items) {
-  Error error;
+  g_autoptr(GError) error = nullptr;
   GList* const found = secret_collection_search_sync(keyring, schema(), attributes,
-                                                     SECRET_SEARCH_ALL, nullptr, error.out());
+                                                     SECRET_SEARCH_ALL, nullptr, &error);
   for (const GList* entry = found; entry; entry = entry->next) {
     items.emplace_back(static_cast<SecretItem*>(entry->data));
   }
   g_list_free(found);
-  return error.status();
+  return statusOf(error);
 }
 
 std::vector<Held<SecretCollection>> Visit::keyrings() const {
@@ -264,12 +218,12 @@ std::vector<Held<SecretCollection>> Visit::keyrings() const {
 }
 
 KeychainStatus Visit::create(const KeychainQuery& query) {
-  Error error;
+  g_autoptr(GError) error = nullptr;
   const Held<SecretItem> item(secret_item_create_sync(
       _keyring.get(), schema(), attributesOf(query).get(), query.service.toStdString().c_str(),
-      valueOf(query.valueData.value_or("")).get(), SECRET_ITEM_CREATE_NONE, nullptr, error.out()));
+      valueOf(query.valueData.value_or("")).get(), SECRET_ITEM_CREATE_NONE, nullptr, &error));
   if (item) return errSecSuccess;
-  return error.status() != errSecSuccess ? error.status() : errSecNotAvailable;
+  return error ? statusOf(error) : errSecNotAvailable;
 }
 
 class SecretServiceKeychain final : public Keychain {
@@ -297,9 +251,9 @@ KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) tr
   KeychainMatch match{.status = visit.find(query, items)};
   if (match.status != errSecSuccess || !query.returnData) return match;
 
-  Error error;
-  secret_item_load_secret_sync(items.front().get(), nullptr, error.out());
-  match.status = error.status();
+  g_autoptr(GError) error = nullptr;
+  secret_item_load_secret_sync(items.front().get(), nullptr, &error);
+  match.status = statusOf(error);
   const Value value(match.status == errSecSuccess ? secret_item_get_secret(items.front().get())
                                                   : nullptr);
   if (!value) return {.status = match.status == errSecSuccess ? errSecNotAvailable : match.status};
@@ -333,10 +287,10 @@ KeychainStatus SecretServiceKeychain::update(const KeychainQuery& query,
   std::vector<Held<SecretItem>> items;
   const KeychainStatus status = visit.find(query, items);
   if (status != errSecSuccess || !changes.valueData) return status;
-  Error error;
+  g_autoptr(GError) error = nullptr;
   const Value value = valueOf(*changes.valueData);
-  secret_item_set_secret_sync(items.front().get(), value.get(), nullptr, error.out());
-  return error.status();
+  secret_item_set_secret_sync(items.front().get(), value.get(), nullptr, &error);
+  return statusOf(error);
 } catch (const std::bad_alloc&) {
   return errSecNotAvailable;
 }
@@ -347,9 +301,9 @@ KeychainStatus SecretServiceKeychain::deleteMatching(const KeychainQuery& query)
   std::vector<Held<SecretItem>> items;
   KeychainStatus status = visit.find(query, items);
   for (auto item = items.begin(); status == errSecSuccess && item != items.end(); ++item) {
-    Error error;
-    secret_item_delete_sync(item->get(), nullptr, error.out());
-    status = error.status();
+    g_autoptr(GError) error = nullptr;
+    secret_item_delete_sync(item->get(), nullptr, &error);
+    status = statusOf(error);
   }
   return status;
 } catch (const std::bad_alloc&) {

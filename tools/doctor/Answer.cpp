@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
+#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/services/platform/text/Utf8.h"
 #include "tools/doctor/Shown.h"
 
@@ -78,7 +79,7 @@ void examineValue(const std::string& key, const std::string& value, Finding& fin
 
 void examineMode(const std::string& access, Finding& finding) {
   finding.isFine("The field access is " + inQuotes(access) + ".");
-  if (accessModeFromString(access) != AccessModeFull) return;
+  if (orbiqAuthManager::accessModeFromString(access) != AccessModeFull) return;
   std::string lower = access;
   std::ranges::transform(lower, lower.begin(), asciiLowerCase);
   for (const char* const meant : {"denied", "restricted"}) {

@@ -40,10 +40,8 @@ struct orbiqAgent::State {
     orbiq::String failure;
   };
 
-  State() = default;
+  static State& ofProcess();
   ~State();
-  State(const State&) = delete;
-  State& operator=(const State&) = delete;
 
   void start();
   void makeParts() ORBIQ_REQUIRES(startLock);
@@ -68,7 +66,6 @@ struct orbiqAgent::State {
   void rest();
   void syncAtRest() ORBIQ_REQUIRES(requestsProtector);
   bool append(const orbiq::HandlerWork::Item& item) ORBIQ_REQUIRES(requestsProtector);
-  void enqueue(const orbiq::HandlerWork::Item& item) ORBIQ_REQUIRES(requestsProtector);
   void dequeue(std::size_t index) ORBIQ_REQUIRES(requestsProtector);
   void countDequeued(orbiq::HitFate fate, const orbiq::String& failure = {})
       ORBIQ_REQUIRES(requestsProtector);
@@ -77,7 +74,6 @@ struct orbiqAgent::State {
   /// A marker's fate is not counted.
   void removeRequestFromQueue(const std::shared_ptr<orbiqRequest>& request, orbiq::HitFate fate,
                               const orbiq::String& failure = {}) ORBIQ_REQUIRES(requestsProtector);
-  void discardAudienceRequests() ORBIQ_REQUIRES(requestsProtector);
   static void renewSession(const orbiqRequest& request);
 
   // The sending loop.

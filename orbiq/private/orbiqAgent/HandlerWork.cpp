@@ -29,19 +29,15 @@ HandlerWork::Given HandlerWork::give(const Item& item) {
   return result;
 }
 
-bool HandlerWork::take(Item& item) {
+std::optional<HandlerWork::Item> HandlerWork::take() {
   std::list<Item> taken;
   const Lock lock(_lock);
   _hasTaker = !_items.empty() || _owed != Trigger::None;
-  if (!_hasTaker) return false;
-  if (_owed != Trigger::None) {
-    item = {.trigger = std::exchange(_owed, Trigger::None)};
-    return true;
-  }
+  if (!_hasTaker) return std::nullopt;
+  if (_owed != Trigger::None) return Item{.trigger = std::exchange(_owed, Trigger::None)};
   taken.splice(taken.end(), _items, _items.begin());
   if (taken.front().added) --_additions;
-  item = std::move(taken.front());
-  return true;
+  return std::move(taken.front());
 }
 
 void HandlerWork::takerFailed() {

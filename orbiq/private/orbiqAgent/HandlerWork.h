@@ -3,6 +3,7 @@
 #include <cstddef>
 #include <list>
 #include <memory>
+#include <optional>
 
 #include "orbiq/private/orbiqAgent/HitLedger.h"
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
@@ -37,8 +38,8 @@ class HandlerWork {
   /// Throws `std::bad_alloc`; then the addition was not given. A trigger is never lost: without
   /// memory for its place in the order it comes first.
   Given give(const Item& item);
-  /// False if nothing is left: then the taker goes, and the next item needs another.
-  bool take(Item& item);
+  /// None if nothing is left: then the taker goes, and the next item needs another.
+  std::optional<Item> take();
   /// The taker that was to be sent cannot be.
   void takerFailed();
 

@@ -1,7 +1,7 @@
 #include "orbiq/private/orbiqAgent/HitLedger.h"
 
 #include <algorithm>
-#include <numeric>
+#include <iterator>
 
 #include "orbiq/services/platform/host/Platform.h"
 
@@ -13,17 +13,29 @@ using SteadyClock = std::chrono::steady_clock;
 // Far below what the clock can count to.
 constexpr std::chrono::hours kLongestWait{24 * 365};
 
+// By fate.
+constexpr std::uint64_t Statistics::* kCounts[] = {&Statistics::sent,
+                                                   &Statistics::refused,
+                                                   &Statistics::answeredWithAnotherStatus,
+                                                   &Statistics::givenUp,
+                                                   &Statistics::pushedOut,
+                                                   &Statistics::discardedAtStart,
+                                                   &Statistics::discardedAtNetworkReturn};
+static_assert(std::size(kCounts) ==
+              static_cast<std::size_t>(HitFate::DiscardedAtNetworkReturn) + 1);
+
 }  // namespace
 
 void HitLedger::countLoaded(std::uint64_t hits, std::uint64_t discarded) {
   const Lock lock(_lock);
-  _accepted += hits;
-  countOf(HitFate::DiscardedAtStart) += discarded;
+  _statistics.accepted += hits;
+  _statistics.discardedAtStart += discarded;
+  _statistics.pending += hits - discarded;
 }
 
 void HitLedger::countHit(HitFate fate) {
   const Lock lock(_lock);
-  ++_accepted;
+  ++_statistics.accepted;
   ++countOf(fate);
 }
 
@@ -32,8 +44,9 @@ void HitLedger::countFate(HitFate fate, Number hit, const String& failure) {
   const Date now = Platform::now();
   const Lock lock(_lock);
   ++countOf(fate);
-  if (fate == HitFate::Sent) _lastSuccess = now;
-  if (!failure.isNull()) _lastFailure = failure;
+  --_statistics.pending;
+  if (fate == HitFate::Sent) _statistics.lastSuccess = now;
+  if (!failure.isNull()) _statistics.lastFailure = failure;
   for (Waiter* waiter = _waiters; waiter != nullptr; waiter = waiter->next) {
     if (hit <= waiter->last && --waiter->pending == 0) _lock.broadcast();
   }
@@ -41,14 +54,16 @@ void HitLedger::countFate(HitFate fate, Number hit, const String& failure) {
 
 void HitLedger::noteFailure(const String& text) {
   const Lock lock(_lock);
-  _lastFailure = text;
+  _statistics.lastFailure = text;
 }
 
 HitLedger::Number HitLedger::additionBegins(bool isHit) {
   const Lock lock(_lock);
   ++_additionsWaiting;
   noteWaiting();
-  return isHit ? ++_accepted : kNoHit;
+  if (!isHit) return kNoHit;
+  ++_statistics.pending;
+  return ++_statistics.accepted;
 }
 
 void HitLedger::setSending(bool isSending) {
@@ -59,7 +74,8 @@ void HitLedger::setSending(bool isSending) {
 
 void HitLedger::noteWaiting() {
   if (!_isSending) return;
-  _additionsWaitingHighWater = std::max(_additionsWaitingHighWater, _additionsWaiting);
+  auto& highWater = _statistics.additionsWaitingHighWater;
+  highWater = std::max(highWater, _additionsWaiting);
 }
 
 void HitLedger::additionEnds() {
@@ -67,32 +83,20 @@ void HitLedger::additionEnds() {
   --_additionsWaiting;
 }
 
-Statistics HitLedger::statistics() const {
+Statistics HitLedger::statistics() {
   const Lock lock(_lock);
-  Statistics result;
-  result.accepted = _accepted;
-  result.sent = countOf(HitFate::Sent);
-  result.refused = countOf(HitFate::Refused);
-  result.answeredWithAnotherStatus = countOf(HitFate::AnsweredWithAnotherStatus);
-  result.givenUp = countOf(HitFate::GivenUp);
-  result.pushedOut = countOf(HitFate::PushedOut);
-  result.discardedAtStart = countOf(HitFate::DiscardedAtStart);
-  result.discardedAtNetworkReturn = countOf(HitFate::DiscardedAtNetworkReturn);
-  result.pending = pending();
-  result.lastSuccess = _lastSuccess;
-  result.lastFailure = _lastFailure;
-  result.additionsWaitingHighWater = _additionsWaitingHighWater;
-  return result;
+  return _statistics;
 }
 
-std::uint64_t HitLedger::pending() const {
-  return _accepted - std::accumulate(_fates.begin(), _fates.end(), std::uint64_t{0});
+std::uint64_t& HitLedger::countOf(HitFate fate) {
+  return _statistics.*kCounts[static_cast<std::size_t>(fate)];
 }
 
 bool HitLedger::waitUntilSettled(std::chrono::milliseconds timeout) {
-  const auto end = SteadyClock::now() + std::clamp<std::chrono::milliseconds>(timeout, {}, kLongestWait);
+  const auto end =
+      SteadyClock::now() + std::clamp<std::chrono::milliseconds>(timeout, {}, kLongestWait);
   const Lock lock(_lock);
-  Waiter waiter{_accepted, pending(), _waiters};
+  Waiter waiter{_statistics.accepted, _statistics.pending, _waiters};
   _waiters = &waiter;
   try {
     while (waiter.pending != 0 && !_isOver && SteadyClock::now() < end) {

@@ -1,16 +1,12 @@
 #pragma once
 
-#include <array>
 #include <chrono>
-#include <cstddef>
 #include <cstdint>
-#include <optional>
 
-#include "orbiq/private/orbiqAgent/HitFate.h"
+#include "orbiq/private/orbiqAgent/SendingRules.h"
 #include "orbiq/private/orbiqAgent/Statistics.h"
 #include "orbiq/services/platform/text/String.h"
 #include "orbiq/services/platform/threads/Mutex.h"
-#include "orbiq/services/platform/time/Date.h"
 
 namespace orbiq {
 
@@ -44,7 +40,7 @@ class HitLedger {
    private:
     HitLedger& _ledger;
   };
-  Statistics statistics() const;
+  Statistics statistics();
   /// Waits until no hit accepted before the call is pending; false if the time is over first.
   bool waitUntilSettled(std::chrono::milliseconds timeout);
   /// Nothing is settled any more: ends the waits, those to come too.
@@ -59,26 +55,15 @@ class HitLedger {
     Waiter* next;
   };
 
-  const std::uint64_t& countOf(HitFate fate) const ORBIQ_REQUIRES(_lock) {
-    return _fates[static_cast<std::size_t>(fate)];
-  }
-  std::uint64_t& countOf(HitFate fate) ORBIQ_REQUIRES(_lock) {
-    return _fates[static_cast<std::size_t>(fate)];
-  }
-
-  std::uint64_t pending() const ORBIQ_REQUIRES(_lock);
+  std::uint64_t& countOf(HitFate fate) ORBIQ_REQUIRES(_lock);
   void leave(const Waiter& waiter) ORBIQ_REQUIRES(_lock);
   void setSending(bool isSending);
   void noteWaiting() ORBIQ_REQUIRES(_lock);
 
-  mutable Condition _lock;
-  std::uint64_t _accepted ORBIQ_GUARDED_BY(_lock) = 0;
-  std::array<std::uint64_t, 7> _fates ORBIQ_GUARDED_BY(_lock){};
-  std::optional<Date> _lastSuccess ORBIQ_GUARDED_BY(_lock);
-  String _lastFailure ORBIQ_GUARDED_BY(_lock);
+  Condition _lock;
+  Statistics _statistics ORBIQ_GUARDED_BY(_lock);
   bool _isSending ORBIQ_GUARDED_BY(_lock) = false;
   std::uint64_t _additionsWaiting ORBIQ_GUARDED_BY(_lock) = 0;
-  std::uint64_t _additionsWaitingHighWater ORBIQ_GUARDED_BY(_lock) = 0;
   Waiter* _waiters ORBIQ_GUARDED_BY(_lock) = nullptr;
   bool _isOver ORBIQ_GUARDED_BY(_lock) = false;
 };

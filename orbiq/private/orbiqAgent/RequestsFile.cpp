@@ -33,13 +33,9 @@ std::string causeOf(int failure) {
   return text != nullptr ? text : "error " + std::to_string(failure);
 }
 
-/// Without the line, where there is no memory for it.
 template <class Text>
 void warn(const Text& text) {
-  try {
-    orbiqLogger::log_withMode(text, LoggingModeWarning);
-  } catch (const std::bad_alloc&) {
-  }
+  orbiqLogger::log_withMode(text, LoggingModeWarning);
 }
 
 constexpr std::array kRequestClasses{&orbiqRequest::kArchivedClass,

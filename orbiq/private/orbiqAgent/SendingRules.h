@@ -4,9 +4,23 @@
 #include <cstddef>
 #include <optional>
 
-#include "orbiq/private/orbiqAgent/HitFate.h"
 #include "orbiq/private/orbiqRequest/RequestEnumerations.h"
 #include "orbiq/services/platform/time/Date.h"
+
+namespace orbiq {
+
+/// What can become of a hit.
+enum class HitFate : std::size_t {
+  Sent,
+  Refused,
+  AnsweredWithAnotherStatus,
+  GivenUp,
+  PushedOut,
+  DiscardedAtStart,
+  DiscardedAtNetworkReturn,
+};
+
+}  // namespace orbiq
 
 /// What the agent decides by, without its queue and its locks. Whoever has a model of the agent
 /// decides by the same.

@@ -17,16 +17,16 @@
 #include "orbiq/services/platform/threads/Thread.h"
 
 orbiqAgent& orbiqAgent::sharedAgent() {
-  static orbiq::NeverDestroyed<State> ofProcess;
-  static orbiq::NeverDestroyed<orbiqAgent> agent(*ofProcess);
+  static constinit orbiqAgent agent;  // has nothing to destroy
   // The agent of a forked child does nothing, and leaves the parent's file alone.
-  if (!isForkedAway()) (*ofProcess).start();
-  return *agent;
+  if (!isForkedAway()) State::ofProcess().start();
+  return agent;
 }
 
-orbiqAgent::orbiqAgent(State& ofProcess) noexcept : state(ofProcess) {}
-
-orbiqAgent::~orbiqAgent() = default;
+orbiqAgent::State& orbiqAgent::State::ofProcess() {
+  static orbiq::NeverDestroyed<State> only;
+  return *only;
+}
 
 // For completeness: the loop on "orbiqRequestSender" keeps the agent as long as the process lives.
 orbiqAgent::State::~State() {
@@ -59,13 +59,12 @@ void orbiqAgent::State::makeParts() {
   orbiq::prepareHttpForProcess();
   orbiq::armForkGuard();
   // Before the sender stops. What waits longer than the process's exit would hold it up.
-  static orbiq::HitLedger* const told = &ledger;
-  static const bool isTold = std::atexit([] {
-                               if (!orbiq::inForkedChild()) told->endWaits();
-                             }) == 0
-                                 ? true
-                                 : throw std::bad_alloc();
-  static_cast<void>(isTold);
+  const auto endWaits = [] {
+    if (!orbiq::inForkedChild()) ofProcess().ledger.endWaits();
+  };
+  static bool isTold = false;
+  isTold = isTold || std::atexit(endWaits) == 0;
+  if (!isTold) throw std::bad_alloc();
 
   if (!reachability) reachability = orbiqReachability::reachabilityForInternetConnection();
   if (!reachability) throw std::bad_alloc();
@@ -113,30 +112,31 @@ void orbiqAgent::State::resume() {
 }
 
 void orbiqAgent::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
-  if (!isForkedAway()) state.addRequestToQueue(std::move(request));
+  if (!isForkedAway()) State::ofProcess().addRequestToQueue(std::move(request));
 }
 
 std::int64_t orbiqAgent::getPartialID() {
   if (isForkedAway()) return 0;
+  State& state = State::ofProcess();
   const orbiq::Lock lock(state.partialIDLocker);
   return state._partialID++;
 }
 
 orbiq::Statistics orbiqAgent::statistics() const {
-  return isForkedAway() ? orbiq::Statistics() : state.ledger.statistics();
+  return isForkedAway() ? orbiq::Statistics() : State::ofProcess().ledger.statistics();
 }
 
 bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
   if (isForkedAway() || orbiq::isLibraryThread() || orbiq::isInLogSink()) return false;
-  return state.ledger.waitUntilSettled(timeout);
+  return State::ofProcess().ledger.waitUntilSettled(timeout);
 }
 
 void orbiqAgent::countRefusedHit() {
-  if (!isForkedAway()) state.ledger.countHit(orbiq::HitFate::Refused);
+  if (!isForkedAway()) State::ofProcess().ledger.countHit(orbiq::HitFate::Refused);
 }
 
 void orbiqAgent::countLostHit() {
-  if (!isForkedAway()) state.ledger.countHit(orbiq::HitFate::GivenUp);
+  if (!isForkedAway()) State::ofProcess().ledger.countHit(orbiq::HitFate::GivenUp);
 }
 
 bool orbiqAgent::isForkedAway() { return orbiq::isForkedAway(); }

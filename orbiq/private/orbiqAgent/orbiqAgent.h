@@ -14,11 +14,6 @@
 
 class orbiqAudienceTagger;
 
-namespace orbiq {
-template <class Value>
-class NeverDestroyed;
-}  // namespace orbiq
-
 /// The owner of the request queue: it saves it, authorizes and sends its requests in order, and
 /// keeps one audience tagger per serial. One per process, made on first use, never destroyed.
 class ORBIQ_EXPORT orbiqAgent {
@@ -93,9 +88,5 @@ class ORBIQ_EXPORT orbiqAgent {
 
  private:
   struct ORBIQ_HIDDEN State;
-  friend class orbiq::NeverDestroyed<orbiqAgent>;
-  explicit orbiqAgent(State& ofProcess) noexcept;
-  ~orbiqAgent();
-
-  State& state;
+  constexpr orbiqAgent() = default;
 };

@@ -4,21 +4,17 @@
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/services/orbiqLogger/WithoutThrowing.h"
 
-using orbiq::DeviceContext;
 using orbiq::withoutThrowing;
+namespace DeviceContext = orbiq::DeviceContext;
 
 orbiq::String orbiqAgent::orbiqVersion() { return DeviceContext::orbiqVersion(); }
 
-orbiq::String orbiqAgent::userAgent() {
-  return withoutThrowing(DeviceContext::userAgent, orbiq::String());
-}
+orbiq::String orbiqAgent::userAgent() { return withoutThrowing(DeviceContext::userAgent); }
 
-orbiq::String orbiqAgent::appleDID() {
-  return withoutThrowing(DeviceContext::appleDID, orbiq::String());
-}
+orbiq::String orbiqAgent::appleDID() { return withoutThrowing(DeviceContext::appleDID); }
 
 orbiq::Parameters orbiqAgent::defaultParametersForRequest() const {
-  return withoutThrowing(DeviceContext::defaultParametersForRequest, orbiq::Parameters());
+  return withoutThrowing(DeviceContext::defaultParametersForRequest);
 }
 
 orbiq::GraphicsFloat orbiqAgent::screenDiagonal() const { return DeviceContext::screenDiagonal(); }

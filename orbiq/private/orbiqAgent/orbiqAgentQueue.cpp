@@ -79,6 +79,8 @@ void orbiqAgent::State::loadRequests() {
 
   pendingMarkers = isMarked ? 1 : 0;
   pendingStreaming = kept.size() - pendingMarkers;
+  // Of all that there will ever be, so that an addition cannot fail for want of it.
+  numbers.reserve(std::max(kept.size(), orbiq::SendingRules::kMostRequests) + 1);
   numbers.assign(kept.size(), 0);
   if (isMarked) numbers.back() = orbiq::HitLedger::kNoHit;
   requestQueue = std::move(kept);
@@ -137,11 +139,11 @@ bool orbiqAgent::State::giveWork(const orbiq::HandlerWork::Item& item) try {
 
 void orbiqAgent::State::work() {
   resume();
-  for (orbiq::HandlerWork::Item item; handlerWork.take(item); item = {}) {
-    if (item.added) {
-      add(item);
+  while (const auto item = handlerWork.take()) {
+    if (item->added) {
+      add(*item);
     } else {
-      lookAgain(item.trigger);
+      lookAgain(item->trigger);
     }
   }
 }
@@ -152,6 +154,7 @@ void orbiqAgent::State::add(const orbiq::HandlerWork::Item& item) {
   ledger.additionEnds();
   if (!append(item)) return ledger.countFate(orbiq::HitFate::GivenUp, item.number);
   saveRequests();
+  countDequeued(orbiq::HitFate::PushedOut);  // what the file has no longer
   logQueueLength(requestQueue->size());
   requestsProtector.signal();
 }
@@ -164,29 +167,16 @@ bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
     if (request->shouldRenewSessionAfter()) renewSession(*request);
     requestsFile->changed(*request);  // it may be in the queue already
   }
-  enqueue(item);
-  if (requestQueue->size() > orbiq::SendingRules::kMostRequests) {
-    dequeue(0);
-    countDequeued(orbiq::HitFate::PushedOut);
-  }
+  requestQueue->push_back(request);
+  numbers.push_back(item.number);
+  requestsFile->added(request);
+  if (isMarker(*request)) ++pendingMarkers;
+  if (isStreaming(*request)) ++pendingStreaming;
+  if (requestQueue->size() > orbiq::SendingRules::kMostRequests) dequeue(0);
   return true;
 } catch (const std::bad_alloc& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
   return false;
-}
-
-void orbiqAgent::State::enqueue(const orbiq::HandlerWork::Item& item) {
-  const std::shared_ptr<orbiqRequest>& request = item.added;
-  numbers.push_back(item.number);
-  try {
-    requestQueue->push_back(request);
-  } catch (const std::bad_alloc&) {
-    numbers.pop_back();
-    throw;
-  }
-  requestsFile->added(request);
-  if (isMarker(*request)) ++pendingMarkers;
-  if (isStreaming(*request)) ++pendingStreaming;
 }
 
 void orbiqAgent::State::dequeue(std::size_t index) {
@@ -233,9 +223,15 @@ void orbiqAgent::State::removeRequestFromQueue(const std::shared_ptr<orbiqReques
   logQueueLength(requestQueue->size());
 }
 
-void orbiqAgent::State::discardAudienceRequests() {
-  removeIf([](const orbiqRequest& request) {
-    return orbiq::SendingRules::isDroppedLate(request.requestType());
-  });
-  countDequeued(orbiq::HitFate::DiscardedAtNetworkReturn);
+void orbiqAgent::State::lookAgain(orbiq::Trigger trigger) {
+  const orbiq::Lock lock(requestsProtector);
+  if (trigger == orbiq::Trigger::NetworkReturn) {
+    // Audience requests would be counted too late. A pending marker, which has their type, goes
+    // with them. The file catches up at the next save.
+    removeIf([](const orbiqRequest& request) {
+      return orbiq::SendingRules::isDroppedLate(request.requestType());
+    });
+    countDequeued(orbiq::HitFate::DiscardedAtNetworkReturn);
+  }
+  requestsProtector.signal();
 }

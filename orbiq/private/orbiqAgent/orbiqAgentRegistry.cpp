@@ -8,7 +8,7 @@
 void orbiqAgent::addorbiqAudienceTagger(std::shared_ptr<orbiqAudienceTagger> tagger) {
   orbiqLogger::log_withMode("A new orbiqAudienceTagger was created", orbiq::LoggingModeInfo);
   if (!tagger || orbiqAudienceTaggerWithSerial(tagger->serial())) return;
-  auto& taggers = state.orbiqAudienceTaggers;
+  auto& taggers = State::ofProcess().orbiqAudienceTaggers;
   if (taggers.empty()) taggers.reserve(3);
   auto key = orbiqTaggerIdentifier::orbiqTaggerIdentifierWithSerial(tagger->serial());
   taggers.emplace(std::move(key), std::move(tagger));
@@ -16,7 +16,7 @@ void orbiqAgent::addorbiqAudienceTagger(std::shared_ptr<orbiqAudienceTagger> tag
 
 std::shared_ptr<orbiqAudienceTagger> orbiqAgent::orbiqAudienceTaggerWithSerial(
     const orbiq::String& serial) const {
-  const auto& taggers = state.orbiqAudienceTaggers;
+  const auto& taggers = State::ofProcess().orbiqAudienceTaggers;
   const auto found = taggers.find(orbiqTaggerIdentifier::orbiqTaggerIdentifierWithSerial(serial));
   return found == taggers.end() ? nullptr : found->second;
 }

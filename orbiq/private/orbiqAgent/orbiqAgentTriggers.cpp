@@ -3,10 +3,12 @@
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 
 void orbiqAgent::reachabilityStatusChanged(const orbiq::Notification& /*notification*/) {
+  State& state = State::ofProcess();
   if (state.isStarted) state.reachabilityStatusChanged();
 }
 
 void orbiqAgent::applicationWillEnterForeground(const orbiq::Notification& /*notification*/) {
+  State& state = State::ofProcess();
   if (state.isStarted) state.applicationWillEnterForeground();
 }
 
@@ -24,12 +26,4 @@ void orbiqAgent::State::applicationWillEnterForeground() {
       "Application entered foreground - we check if any requests should be sent",
       orbiq::LoggingModeInfo);
   giveWork({.trigger = orbiq::Trigger::Foreground});
-}
-
-void orbiqAgent::State::lookAgain(orbiq::Trigger trigger) {
-  const orbiq::Lock lock(requestsProtector);
-  // Audience requests would be counted too late. A pending marker, which has their type, goes with
-  // them. The file catches up at the next save.
-  if (trigger == orbiq::Trigger::NetworkReturn) discardAudienceRequests();
-  requestsProtector.signal();
 }

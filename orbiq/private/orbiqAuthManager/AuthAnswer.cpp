@@ -31,10 +31,4 @@ AuthFields parseAuthAnswer(std::string_view body) {
   return fields;
 }
 
-AccessMode accessModeFromString(const String& text) {
-  if (text.view() == "denied") return AccessModeDenied;
-  if (text.view() == "restricted") return AccessModeRestricted;
-  return AccessModeFull;
-}
-
 }  // namespace orbiq

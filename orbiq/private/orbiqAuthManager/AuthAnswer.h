@@ -4,9 +4,6 @@
 #include <string>
 #include <string_view>
 
-#include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
-#include "orbiq/services/platform/text/String.h"
-
 namespace orbiq {
 
 /// The fields of an authorization answer, by key.
@@ -16,8 +13,5 @@ using AuthFields = std::map<std::string, std::string, std::less<>>;
 /// loses its double quotes; of a repeated key the last one counts; nothing is trimmed. A body that
 /// is not UTF-8 has no fields.
 AuthFields parseAuthAnswer(std::string_view body);
-
-/// "denied", "restricted", and full access for anything else, null included.
-AccessMode accessModeFromString(const String& text);
 
 }  // namespace orbiq

@@ -18,25 +18,18 @@ using orbiq::ask;
 
 namespace {
 
-/// What one exchange came to.
-struct Grant {
-  std::shared_ptr<orbiqSession> session;
-  std::shared_ptr<orbiqAccess> access;
-  bool isDefault;
-};
-
-Grant fallbackFor(const orbiq::String& serial) {
-  return {
+std::shared_ptr<orbiqAuth> fallbackFor(const orbiq::String& serial) {
+  return orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
       orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, std::to_string(orbiq::randomUint32())),
       orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(serial, orbiq::AccessModeFull,
                                                                     ""),
-      true};
+      true);
 }
 
 struct Answer {
   /// No data for whatever kept a complete answer from coming.
   orbiq::HttpResult http;
-  /// Why there is no grant, if there is none.
+  /// Why it grants nothing, if it does not.
   std::string problem;
 };
 
@@ -66,13 +59,13 @@ double clockOffset(const orbiq::HttpResponse& response) {
   return date ? date->secondsSince(orbiq::Platform::now()) : 0;
 }
 
-/// No value if one of the three fields is missing.
-std::optional<Grant> readGrant(const orbiq::AuthFields& fields, const orbiq::String& serial,
-                               const std::shared_ptr<orbiqAccess>& cached) {
+/// Null if one of the three fields is missing.
+std::shared_ptr<orbiqAuth> readGrant(const orbiq::AuthFields& fields, const orbiq::String& serial,
+                                     const std::shared_ptr<orbiqAccess>& cached) {
   const auto access = fields.find("access");
   const auto host = fields.find("host");
   const auto cmsVI = fields.find("cmsVI");
-  if (access == fields.end() || host == fields.end() || cmsVI == fields.end()) return std::nullopt;
+  if (access == fields.end() || host == fields.end() || cmsVI == fields.end()) return nullptr;
   orbiqLogger::log_withMode(
       [&] {
         return "Access for serial " + serial.description() + " is " + access->second + " on host " +
@@ -80,23 +73,26 @@ std::optional<Grant> readGrant(const orbiq::AuthFields& fields, const orbiq::Str
       },
       orbiq::LoggingModeInfo);
   auto chosen = orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
-      serial, orbiq::accessModeFromString(access->second), host->second);
+      serial, orbiqAuthManager::accessModeFromString(access->second), host->second);
   // An access of the same mode stays, with its host and first-hit mark: a restricted account gets
   // no second hit by asking again.
   if (cached && cached->accessMode() == chosen->accessMode()) chosen = cached;
-  return Grant{orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, cmsVI->second), chosen,
-               false};
+  return orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
+      orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, cmsVI->second), chosen, false);
 }
 
 }  // namespace
 
 orbiq::AccessMode orbiqAuthManager::accessModeFromString(const orbiq::String& text) {
-  return orbiq::accessModeFromString(text);
+  if (text.view() == "denied") return orbiq::AccessModeDenied;
+  if (text.view() == "restricted") return orbiq::AccessModeRestricted;
+  return orbiq::AccessModeFull;
 }
 
 void orbiqAuthManager::exchange(const TaggerID& tagger) try {
   const orbiq::String serial = ask(tagger, &orbiqTaggerID::serial);
-  Grant grant = fallbackFor(serial);
+  const auto fallback = fallbackFor(serial);
+  std::shared_ptr<orbiqAuth> auth;
   const Answer answer = fetch(serial);
   // The fallback is for what a server or a network does. This machine tries again later.
   if (answer.http.error && answer.http.error->isExhaustion) throw std::bad_alloc();
@@ -106,11 +102,11 @@ void orbiqAuthManager::exchange(const TaggerID& tagger) try {
                                         std::memory_order_relaxed);
     }
     const auto cached = ask(stored(tagger), &orbiqAuth::currentAccess);
-    const auto read = readGrant(orbiq::parseAuthAnswer(*answer.http.data), serial, cached);
-    if (read) grant = *read;
+    auth = readGrant(orbiq::parseAuthAnswer(*answer.http.data), serial, cached);
   }
-  if (grant.isDefault) {
-    grant.access->setFallbackCause(answer.problem);
+  if (!auth) {
+    auth = fallback;
+    auth->currentAccess()->setFallbackCause(answer.problem);
     if (answer.http.error) {
       orbiqLogger::log_withMode(
           [&] {
@@ -121,13 +117,11 @@ void orbiqAuthManager::exchange(const TaggerID& tagger) try {
   }
   orbiqLogger::log_withMode(
       [&] {
-        return "Serial " + grant.access->serial().description() + " on host " +
-               grant.access->host().description();
+        return "Serial " + auth->currentAccess()->serial().description() + " on host " +
+               auth->currentAccess()->host().description();
       },
       orbiq::LoggingModeInfo);
-  store(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(grant.session, grant.access,
-                                                                grant.isDefault),
-        tagger);
+  store(auth, tagger);
 } catch (const std::invalid_argument& error) {
   orbiqLogger::log_withMode(
       [&] { return std::string("No authorization can be asked for: ") + error.what(); },

@@ -12,27 +12,31 @@
 using orbiq::ask;
 using orbiq::withoutThrowing;
 
-struct orbiqAuthManager::Cache {
+namespace {
+
+struct Cache {
   // In the place of the queue "com.bramwell.cacheAccessQueue". It is held for a few instructions,
   // so one that readers share would cost more than it saves.
   orbiq::Mutex cacheAccessQueue;
-  std::unordered_map<TaggerID, std::shared_ptr<orbiqAuth>, orbiq::ObjectHash, orbiq::ObjectIsEqual>
+  std::unordered_map<orbiqAuthManager::TaggerID, std::shared_ptr<orbiqAuth>, orbiq::ObjectHash,
+                     orbiq::ObjectIsEqual>
       orbiqAuths ORBIQ_GUARDED_BY(cacheAccessQueue);
 };
 
-orbiqAuthManager::orbiqAuthManager() noexcept
-    : cache([]() -> Cache& {
-        static orbiq::NeverDestroyed<Cache> only;
-        return *only;
-      }()) {}
-
-orbiqAuthManager& orbiqAuthManager::manager() {
-  static orbiq::NeverDestroyed<orbiqAuthManager> only;
+Cache& cache() {
+  static orbiq::NeverDestroyed<Cache> only;
   return *only;
 }
 
+}  // namespace
+
+orbiqAuthManager& orbiqAuthManager::manager() {
+  static constinit orbiqAuthManager only;  // has nothing to destroy
+  return only;
+}
+
 std::shared_ptr<orbiqAuth> orbiqAuthManager::authForTagger(const TaggerID& tagger) {
-  return withoutThrowing([&] { return obtainAuth(tagger); }, std::shared_ptr<orbiqAuth>());
+  return withoutThrowing([&] { return obtainAuth(tagger); });
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::obtainAuth(const TaggerID& tagger) {
@@ -47,15 +51,14 @@ std::shared_ptr<orbiqAuth> orbiqAuthManager::authFromCacheForTagger(const Tagger
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::authFromCacheForKey(const TaggerID& tagger) const {
-  return withoutThrowing([&] { return ask(stored(tagger), &orbiqAuth::copy); },
-                         std::shared_ptr<orbiqAuth>());
+  return withoutThrowing([&] { return ask(stored(tagger), &orbiqAuth::copy); });
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::stored(const TaggerID& tagger) const {
   if (!tagger || orbiq::inForkedChild()) return nullptr;
-  const orbiq::Lock lock(cache.cacheAccessQueue);
-  const auto found = cache.orbiqAuths.find(tagger);
-  return found == cache.orbiqAuths.end() ? nullptr : found->second;
+  const orbiq::Lock lock(cache().cacheAccessQueue);
+  const auto found = cache().orbiqAuths.find(tagger);
+  return found == cache().orbiqAuths.end() ? nullptr : found->second;
 }
 
 void orbiqAuthManager::setAuthToCache_forKey(std::shared_ptr<orbiqAuth> auth,
@@ -66,25 +69,25 @@ void orbiqAuthManager::setAuthToCache_forKey(std::shared_ptr<orbiqAuth> auth,
 void orbiqAuthManager::store(std::shared_ptr<orbiqAuth> auth, const TaggerID& tagger) {
   // Nobody could find what an identity without a serial, which is equal to nothing, is the key of.
   if (!tagger || tagger->serial().isNull() || orbiq::inForkedChild()) return;
-  const orbiq::Lock lock(cache.cacheAccessQueue);
-  const auto found = cache.orbiqAuths.find(tagger);
-  if (found != cache.orbiqAuths.end()) {
+  const orbiq::Lock lock(cache().cacheAccessQueue);
+  const auto found = cache().orbiqAuths.find(tagger);
+  if (found != cache().orbiqAuths.end()) {
     found->second = std::move(auth);
   } else {
-    cache.orbiqAuths.emplace(tagger->copy(), std::move(auth));
+    cache().orbiqAuths.emplace(tagger->copy(), std::move(auth));
   }
 }
 
 void orbiqAuthManager::forgetAuthForTagger(const TaggerID& tagger) {
   if (!tagger || orbiq::inForkedChild()) return;
-  const orbiq::Lock lock(cache.cacheAccessQueue);
-  cache.orbiqAuths.erase(tagger);
+  const orbiq::Lock lock(cache().cacheAccessQueue);
+  cache().orbiqAuths.erase(tagger);
 }
 
 void orbiqAuthManager::clearCache() {
   if (orbiq::inForkedChild()) return;
-  const orbiq::Lock lock(cache.cacheAccessQueue);
-  cache.orbiqAuths.clear();
+  const orbiq::Lock lock(cache().cacheAccessQueue);
+  cache().orbiqAuths.clear();
 }
 
 void orbiqAuthManager::authentificationInformationForTagger(const TaggerID& tagger) {

@@ -9,11 +9,6 @@
 #include "orbiq/services/platform/base/Export.h"
 #include "orbiq/services/platform/text/String.h"
 
-namespace orbiq {
-template <class Value>
-class NeverDestroyed;
-}  // namespace orbiq
-
 /// The process's authorizations, one per tagger identity, in memory only. Any thread. A null
 /// identity, or one without a serial, reads null and stores nothing. Where memory runs out, an
 /// operation says so in the log, answers null and stores nothing.
@@ -59,9 +54,8 @@ class ORBIQ_EXPORT orbiqAuthManager {
   static orbiq::AccessMode accessModeFromString(const orbiq::String& text);
 
  private:
-  friend class orbiq::NeverDestroyed<orbiqAuthManager>;
   friend class orbiqAgent;
-  orbiqAuthManager() noexcept;
+  constexpr orbiqAuthManager() = default;
 
   /// `authForTagger`, but throws `std::bad_alloc`: a hit is not refused because memory ran out.
   ORBIQ_HIDDEN std::shared_ptr<orbiqAuth> obtainAuth(const TaggerID& tagger);
@@ -71,6 +65,4 @@ class ORBIQ_EXPORT orbiqAuthManager {
   ORBIQ_HIDDEN void exchange(const TaggerID& tagger);
 
   std::atomic<double> deltaBetweenServerAndDevice{0};
-  struct ORBIQ_HIDDEN Cache;
-  Cache& cache;
 };

@@ -1,5 +1,7 @@
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 
+#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
+
 namespace {
 
 constexpr std::string_view kClassNames[] = {"orbiqClearCache", "orbiqRequest", "NSObject"};
@@ -7,9 +9,7 @@ constexpr std::string_view kClassNames[] = {"orbiqClearCache", "orbiqRequest", "
 }  // namespace
 
 constinit const orbiq::ArchivedClass orbiqClearCache::kArchivedClass{
-    kClassNames, [](orbiq::KeyedUnarchiver& coder) -> std::shared_ptr<orbiq::Archivable> {
-      return std::make_shared<orbiqClearCache>(coder);
-    }};
+    kClassNames, orbiq::decodeAs<orbiqClearCache>};
 
 orbiqClearCache::orbiqClearCache(orbiq::KeyedUnarchiver& /*coder*/) {}
 

@@ -1,5 +1,6 @@
 #include "orbiq/private/orbiqRequest/orbiqRequest.h"
 
+#include <cstdlib>
 #include <functional>
 #include <string>
 #include <utility>
@@ -16,20 +17,9 @@ namespace {
 
 constexpr std::string_view kClassNames[] = {"orbiqRequest", "NSObject"};
 
-constexpr std::string_view kParametersKey = "orbiqRequest_parameters";
-constexpr std::string_view kRequestTypeKey = "orbiqRequest_requestType";
-constexpr std::string_view kSendingModeKey = "orbiqRequest_sendingMode";
-constexpr std::string_view kLastFailKey = "orbiqRequest_lastFail";
-constexpr std::string_view kCreationDateKey = "orbiqRequest_creationDate";
-constexpr std::string_view kSerialKey = "orbiqRequest_serial";
-constexpr std::string_view kNumberOfFailsKey = "orbiqRequest_numberOfFails";
-constexpr std::string_view kStatusKey = "orbiqRequest_status";
-// Written under one key and read under another: no request comes back from the file with the flag,
-// since a restart clears the cache anyway.
-constexpr std::string_view kRenewKeyWritten = "orbiqRequest__shouldRenewSession";
-constexpr std::string_view kRenewKeyRead = "orbiqRequest_shouldRenewSession";
-constexpr std::string_view kTaggerIDKey = "orbiqRequest__taggerID";
-constexpr std::string_view kAuthKey = "orbiqRequest_auth";
+constexpr std::string_view kStateKey = "cmsPS";
+constexpr std::string_view kStoppedState = "12";
+constexpr std::string_view kRankKey = "cmsRK";
 
 std::uintptr_t hashOfDate(const std::optional<orbiq::Date>& date) {
   return date ? std::hash<double>()(date->secondsSinceReferenceDate) : 0;
@@ -53,6 +43,13 @@ std::uintptr_t foldedNumberOfFails(std::uint64_t number) {
   return static_cast<std::uintptr_t>(static_cast<std::intptr_t>(folded));
 }
 
+/// The number at the start of the text, behind blanks; 0 if there is none. Saturates.
+std::int64_t rankOf(const orbiq::Parameters& parameters) {
+  const auto found = parameters.find(kRankKey);
+  if (found == parameters.end()) return 0;
+  return std::strtoll(found->value.toStdString().c_str(), nullptr, 10);
+}
+
 std::string describeParameters(const orbiq::SharedParameters& parameters) {
   if (!parameters) return "(null)";
   std::string text = "{\n";
@@ -64,10 +61,8 @@ std::string describeParameters(const orbiq::SharedParameters& parameters) {
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqRequest::kArchivedClass{
-    kClassNames, [](orbiq::KeyedUnarchiver& coder) -> std::shared_ptr<orbiq::Archivable> {
-      return std::make_shared<orbiqRequest>(coder);
-    }};
+constinit const orbiq::ArchivedClass orbiqRequest::kArchivedClass{kClassNames,
+                                                                  orbiq::decodeAs<orbiqRequest>};
 
 std::shared_ptr<orbiqRequest>
 orbiqRequest::orbiqRequestWithParameters_withRequestType_forSendingMode_forSerial_forTagger(
@@ -88,30 +83,34 @@ orbiqRequest::orbiqRequest(orbiq::SharedParameters parameters, orbiq::RequestTyp
       _creationDate(orbiq::Platform::now()) {}
 
 orbiqRequest::orbiqRequest(orbiq::KeyedUnarchiver& coder)
-    : _parameters(coder.decodeParameters(kParametersKey)),
-      _requestType(static_cast<orbiq::RequestType>(coder.decodeInteger(kRequestTypeKey))),
-      _sendingMode(static_cast<orbiq::SendingMode>(coder.decodeUnsigned(kSendingModeKey))),
-      _taggerID(coder.decodeObject<orbiqTaggerID>(kTaggerIDKey)),
-      _serial(coder.decodeString(kSerialKey)),
-      _lastFail(coder.decodeDate(kLastFailKey)),
-      _creationDate(coder.decodeDate(kCreationDateKey)),
-      _numberOfFails(coder.decodeUnsigned(kNumberOfFailsKey)),
-      _status(static_cast<orbiq::RequestStatus>(coder.decodeInteger(kStatusKey))),
-      _shouldRenewSessionAfter(coder.decodeBoolean(kRenewKeyRead)),
-      _auth(coder.decodeObject<orbiqAuth>(kAuthKey)) {}
+    : _parameters(coder.decodeParameters("orbiqRequest_parameters")),
+      _requestType(
+          static_cast<orbiq::RequestType>(coder.decodeInteger("orbiqRequest_requestType"))),
+      _sendingMode(
+          static_cast<orbiq::SendingMode>(coder.decodeUnsigned("orbiqRequest_sendingMode"))),
+      _taggerID(coder.decodeObject<orbiqTaggerID>("orbiqRequest__taggerID")),
+      _serial(coder.decodeString("orbiqRequest_serial")),
+      _lastFail(coder.decodeDate("orbiqRequest_lastFail")),
+      _creationDate(coder.decodeDate("orbiqRequest_creationDate")),
+      _numberOfFails(coder.decodeUnsigned("orbiqRequest_numberOfFails")),
+      _status(static_cast<orbiq::RequestStatus>(coder.decodeInteger("orbiqRequest_status"))),
+      _shouldRenewSessionAfter(coder.decodeBoolean("orbiqRequest_shouldRenewSession")),
+      _auth(coder.decodeObject<orbiqAuth>("orbiqRequest_auth")) {}
 
 void orbiqRequest::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
-  coder.encodeParameters(_parameters, kParametersKey);
-  coder.encodeInteger(_requestType, kRequestTypeKey);
-  coder.encodeInteger(static_cast<std::int64_t>(_sendingMode), kSendingModeKey);
-  coder.encodeDate(_lastFail, kLastFailKey);
-  coder.encodeDate(_creationDate, kCreationDateKey);
-  coder.encodeString(_serial, kSerialKey);
-  coder.encodeInteger(static_cast<std::int64_t>(_numberOfFails), kNumberOfFailsKey);
-  coder.encodeInteger(_status, kStatusKey);
-  coder.encodeBoolean(_shouldRenewSessionAfter, kRenewKeyWritten);
-  coder.encodeObject(_taggerID, kTaggerIDKey);
-  coder.encodeObject(_auth, kAuthKey);
+  coder.encodeParameters(_parameters, "orbiqRequest_parameters");
+  coder.encodeInteger(_requestType, "orbiqRequest_requestType");
+  coder.encodeInteger(static_cast<std::int64_t>(_sendingMode), "orbiqRequest_sendingMode");
+  coder.encodeDate(_lastFail, "orbiqRequest_lastFail");
+  coder.encodeDate(_creationDate, "orbiqRequest_creationDate");
+  coder.encodeString(_serial, "orbiqRequest_serial");
+  coder.encodeInteger(static_cast<std::int64_t>(_numberOfFails), "orbiqRequest_numberOfFails");
+  coder.encodeInteger(_status, "orbiqRequest_status");
+  // Read under another key: no request comes back from the file with the flag, since a restart
+  // clears the cache anyway.
+  coder.encodeBoolean(_shouldRenewSessionAfter, "orbiqRequest__shouldRenewSession");
+  coder.encodeObject(_taggerID, "orbiqRequest__taggerID");
+  coder.encodeObject(_auth, "orbiqRequest_auth");
 }
 
 std::shared_ptr<orbiqRequest> orbiqRequest::copy() const {
@@ -126,6 +125,36 @@ std::shared_ptr<orbiqRequest> orbiqRequest::copy() const {
   return request;
 }
 
+bool orbiqRequest::isSentToSerial() const { return (_sendingMode | 2U) == 2U; }
+
+std::optional<orbiq::Url> orbiqRequest::url() const {
+  const auto access = ask(_auth, &orbiqAuth::currentAccess);
+  if (!access) return std::nullopt;
+  if (!isSentToSerial()) return orbiq::Url::fromText(access->host());
+  // A null serial reads "(null)", which is a text like any other.
+  return orbiq::Url::fromText(access->serial().description());
+}
+
+void orbiqRequest::transformToStop() {
+  if (!_parameters) return;
+  orbiq::Parameters stop = *_parameters;
+  stop.insert_or_assign(kStateKey, kStoppedState);
+  const auto next = static_cast<std::int64_t>(static_cast<std::uint64_t>(rankOf(stop)) + 1);
+  stop.insert_or_assign(kRankKey, std::to_string(next));
+  _parameters = std::make_shared<const orbiq::Parameters>(std::move(stop));
+}
+
+void orbiqRequest::setTheRank(std::int64_t rank) {
+  if (!_parameters) return;
+  orbiq::Parameters ranked = *_parameters;
+  ranked.insert_or_assign(kRankKey, std::to_string(rank));
+  _parameters = std::make_shared<const orbiq::Parameters>(std::move(ranked));
+}
+
+orbiq::String orbiqRequest::urlEncode(const orbiq::String& text) const {
+  return orbiq::percentEscaped(text);
+}
+
 std::uintptr_t orbiqRequest::hash() const {
   std::uintptr_t result = foldHash(1, hashOfParameters(_parameters));
   result = foldHash(result, hashOfDate(_lastFail));
@@ -136,7 +165,8 @@ std::uintptr_t orbiqRequest::hash() const {
 }
 
 std::string orbiqRequest::description() const {
-  const orbiq::String host = isSentToSerial() ? "" : ask(currentAccess(), &orbiqAccess::host);
+  const auto access = ask(_auth, &orbiqAuth::currentAccess);
+  const orbiq::String host = isSentToSerial() ? "" : ask(access, &orbiqAccess::host);
   // "hote" is the word that the logs have always had.
   return "\"serial " + _serial.description() + " - request type " +
          (_requestType != orbiq::RequestTypeAudience ? "streaming" : "audience") + " - hote " +

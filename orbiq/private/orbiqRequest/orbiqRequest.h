@@ -102,7 +102,6 @@ class ORBIQ_EXPORT orbiqRequest : public orbiq::Archivable {
 
  private:
   bool isSentToSerial() const;
-  std::shared_ptr<orbiqAccess> currentAccess() const;
 
   orbiq::SharedParameters _parameters;
   orbiq::RequestType _requestType = orbiq::RequestTypeAudience;

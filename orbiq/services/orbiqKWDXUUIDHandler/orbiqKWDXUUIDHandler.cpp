@@ -13,9 +13,7 @@
 #include "orbiq/services/platform/log/SystemLog.h"
 #include "orbiq/services/platform/text/Utf8.h"
 
-using orbiq::errSecItemNotFound;
-using orbiq::errSecNotAvailable;
-using orbiq::errSecSuccess;
+using enum orbiq::KeychainStatus;
 using orbiq::Keychain;
 using orbiq::KeychainAttributes;
 using orbiq::KeychainMatch;
@@ -74,72 +72,58 @@ orbiq::String orbiqKWDXUUIDHandler::generateUUID() {
   }
 }
 
-namespace {
-
-orbiq::String lookUpOrStore() {
-  orbiq::String& uuid = state()._uuid;
-  if (!uuid.isNull()) return uuid;
-
-  KeychainQuery query = orbiqCreateKeychainQueryDictionary();
-  KeychainMatch match = lookUp(query);
-  if (match.status == errSecSuccess) {
-    query.returnAttributes = false;
-    query.returnData = true;
-    match = lookUp(query);
-    if (match.status == errSecSuccess) {
-      if (match.data && orbiq::isValidUtf8(*match.data)) uuid = *match.data;
-      return uuid;
-    }
-  }
-  // A new identifier is not remembered yet: the next call reads back what the keychain kept.
-  if (match.status == errSecItemNotFound) return orbiqKWDXUUIDHandler::storeUUID(false);
-  logError("KWDXUUIDHandler Unhandled Keychain Error ", match.status);
-  return nullptr;
-}
-
-orbiq::String store(bool update) {
-  KeychainQuery query = orbiqCreateKeychainQueryDictionary();
-  orbiq::String uuid = orbiqKWDXUUIDHandler::generateUUID();
-  if (uuid.isNull()) return nullptr;
-
-  const KeychainAttributes attributes{.valueData = uuid.toStdString()};
-  if (!update) query.valueData = attributes.valueData;
-  const KeychainStatus status = ask([&](Keychain& keychain) {
-    return update ? keychain.update(query, attributes) : keychain.add(query);
-  });
-  if (status != errSecSuccess) {
-    logError("KWDXUUIDHandler Keychain Save Error: ", status);
-    return nullptr;
-  }
-  return uuid;
-}
-
-void forget() {
-  state()._uuid = nullptr;
-  KeychainQuery query = orbiqCreateKeychainQueryDictionary();
-  query.returnAttributes = true;
-  // Also where the look-up failed otherwise: what cannot be read can perhaps be deleted.
-  if (lookUp(query).status == errSecItemNotFound) return;
-  const KeychainStatus status =
-      ask([&](Keychain& keychain) { return keychain.deleteMatching(query); });
-  if (status != errSecSuccess) logError("KWDXUUIDHandler Keychain Delete Error: ", status);
-}
-
-}  // namespace
-
 // The parent's stores are left alone in a forked child, which might find their locks taken.
 orbiq::String orbiqKWDXUUIDHandler::UUID() {
-  if (orbiq::isForkedAway()) return state()._uuid;
-  return withoutThrowing(lookUpOrStore, orbiq::String());
+  orbiq::String& uuid = state()._uuid;
+  if (orbiq::isForkedAway() || !uuid.isNull()) return uuid;
+  return withoutThrowing([&]() -> orbiq::String {
+    KeychainQuery query = orbiqCreateKeychainQueryDictionary();
+    KeychainMatch match = lookUp(query);
+    if (match.status == errSecSuccess) {
+      query.returnData = true;
+      match = lookUp(query);
+      if (match.status == errSecSuccess) {
+        if (match.data && orbiq::isValidUtf8(*match.data)) uuid = *match.data;
+        return uuid;
+      }
+    }
+    // A new identifier is not remembered yet: the next call reads back what the keychain kept.
+    if (match.status == errSecItemNotFound) return storeUUID(false);
+    logError("KWDXUUIDHandler Unhandled Keychain Error ", match.status);
+    return nullptr;
+  });
 }
 
 orbiq::String orbiqKWDXUUIDHandler::storeUUID(bool update) {
   if (orbiq::isForkedAway()) return nullptr;
-  return withoutThrowing([&] { return store(update); }, orbiq::String());
+  return withoutThrowing([&]() -> orbiq::String {
+    KeychainQuery query = orbiqCreateKeychainQueryDictionary();
+    orbiq::String uuid = generateUUID();
+    if (uuid.isNull()) return nullptr;
+
+    const KeychainAttributes attributes{.valueData = uuid.toStdString()};
+    if (!update) query.valueData = attributes.valueData;
+    const KeychainStatus status = ask([&](Keychain& keychain) {
+      return update ? keychain.update(query, attributes) : keychain.add(query);
+    });
+    if (status == errSecSuccess) return uuid;
+    logError("KWDXUUIDHandler Keychain Save Error: ", status);
+    return nullptr;
+  });
 }
 
 void orbiqKWDXUUIDHandler::reset() {
-  if (!orbiq::isForkedAway()) withoutThrowing(forget);
+  if (orbiq::isForkedAway()) return;
+  withoutThrowing([] {
+    state()._uuid = nullptr;
+    KeychainQuery query = orbiqCreateKeychainQueryDictionary();
+    query.returnAttributes = true;
+    // Also where the look-up failed otherwise: what cannot be read can perhaps be deleted.
+    if (lookUp(query).status == errSecItemNotFound) return;
+    const KeychainStatus status =
+        ask([&](Keychain& keychain) { return keychain.deleteMatching(query); });
+    if (status != errSecSuccess) logError("KWDXUUIDHandler Keychain Delete Error: ", status);
+  });
 }
 
 orbiq::String orbiqKWDXUUIDHandler::accessGroup() { return state()._accessGroup; }

@@ -1,5 +1,6 @@
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 
+#include <iterator>
 #include <string>
 #include <string_view>
 
@@ -7,16 +8,10 @@
 
 namespace {
 
+constexpr std::string_view kNames[] = {"INFO", "WARNING", "ERROR"};
+
 std::string_view nameOf(orbiq::LoggingMode mode) {
-  switch (mode) {
-    case orbiq::LoggingModeInfo:
-      return "INFO";
-    case orbiq::LoggingModeWarning:
-      return "WARNING";
-    case orbiq::LoggingModeError:
-      return "ERROR";
-  }
-  return "";
+  return mode < std::size(kNames) ? kNames[mode] : "";
 }
 
 }  // namespace

@@ -37,16 +37,13 @@ class ORBIQ_EXPORT orbiqLogger {
   /// The same for a message that is put together only if it is printed.
   template <std::invocable MakeMessage>
   static void log_withMode(const MakeMessage& makeMessage, orbiq::LoggingMode mode) {
-    if (!isPrinted(mode)) return;
+    if (mode < sharedLogger().loggingMode()) return;
     try {
       print(orbiq::String(makeMessage()), mode);
     } catch (const std::bad_alloc&) {
       printThatMemoryRanOut();
     }
   }
-
-  /// True if the mode reaches the threshold.
-  static bool isPrinted(orbiq::LoggingMode mode) { return mode >= sharedLogger().loggingMode(); }
 
  private:
   constexpr orbiqLogger() = default;

@@ -4,7 +4,6 @@
 #include <cxxabi.h>
 #include <netinet/in.h>
 
-#include <array>
 #include <atomic>
 #include <cstdio>
 #include <cstdlib>
@@ -23,15 +22,7 @@
 #include "orbiq/services/platform/loop/SerialQueue.h"
 #include "orbiq/services/platform/threads/Thread.h"
 
-using orbiq::kSCNetworkReachabilityFlagsConnectionOnDemand;
-using orbiq::kSCNetworkReachabilityFlagsConnectionOnTraffic;
-using orbiq::kSCNetworkReachabilityFlagsConnectionRequired;
-using orbiq::kSCNetworkReachabilityFlagsInterventionRequired;
-using orbiq::kSCNetworkReachabilityFlagsIsDirect;
-using orbiq::kSCNetworkReachabilityFlagsIsLocalAddress;
-using orbiq::kSCNetworkReachabilityFlagsIsWWAN;
-using orbiq::kSCNetworkReachabilityFlagsReachable;
-using orbiq::kSCNetworkReachabilityFlagsTransientConnection;
+using enum orbiq::NetworkReachabilityFlags;
 using orbiq::withoutThrowing;
 
 constinit const char* const korbiqReachabilityChangedNotification =
@@ -76,37 +67,24 @@ std::shared_ptr<orbiqReachability> monitorOfIPv4(std::uint32_t hostOrderAddress)
   return orbiqReachability::reachabilityWithAddress(reinterpret_cast<const sockaddr*>(&address));
 }
 
-/// Null if there is no memory for it.
-std::shared_ptr<orbiq::SerialQueue> makeSerialQueue() {
-  return withoutThrowing(
-      [] { return std::make_shared<orbiq::SerialQueue>("com.vorlune.reachability"); },
-      std::shared_ptr<orbiq::SerialQueue>());
-}
-
 orbiq::String localized(const char* text) {
-  return withoutThrowing(
-      [text] {
-        const auto& localize = orbiq::HostApplication::current().localize;
-        orbiq::String translated;
-        orbiq::runTask([&] {
-          if (localize) translated = localize(text);
-        });
-        return translated.isNull() ? orbiq::String(text) : translated;
-      },
-      orbiq::String());
+  return withoutThrowing([text] {
+    const auto& localize = orbiq::HostApplication::current().localize;
+    orbiq::String translated;
+    if (localize) orbiq::runTask([&] { translated = localize(text); });
+    return translated.isNull() ? orbiq::String(text) : translated;
+  });
 }
 
 }  // namespace
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostname(
     const orbiq::String& hostname) {
-  return withoutThrowing(
-      [&]() -> std::shared_ptr<orbiqReachability> {
-        orbiq::NetworkReachabilitySource* const source = reachabilitySource();
-        if (!source || hostname.isNull()) return nullptr;
-        return monitorOf(source->createWithName(hostname.toStdString()));
-      },
-      std::shared_ptr<orbiqReachability>());
+  return withoutThrowing([&]() -> std::shared_ptr<orbiqReachability> {
+    orbiq::NetworkReachabilitySource* const source = reachabilitySource();
+    if (!source || hostname.isNull()) return nullptr;
+    return monitorOf(source->createWithName(hostname.toStdString()));
+  });
 }
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostName(
@@ -116,12 +94,10 @@ std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithHostName(
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityWithAddress(
     const sockaddr* hostAddress) {
-  return withoutThrowing(
-      [&] {
-        orbiq::NetworkReachabilitySource* const source = reachabilitySource();
-        return source ? monitorOf(source->createWithAddress(hostAddress)) : nullptr;
-      },
-      std::shared_ptr<orbiqReachability>());
+  return withoutThrowing([&] {
+    orbiq::NetworkReachabilitySource* const source = reachabilitySource();
+    return source ? monitorOf(source->createWithAddress(hostAddress)) : nullptr;
+  });
 }
 
 std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityForInternetConnection() {
@@ -135,8 +111,7 @@ std::shared_ptr<orbiqReachability> orbiqReachability::reachabilityForLocalWiFi()
 std::shared_ptr<orbiqReachability> orbiqReachability::initWithReachabilityRef(
     Handle reachabilityRef) {
   return withoutThrowing(
-      [&] { return std::make_shared<orbiqReachability>(Passkey(), std::move(reachabilityRef)); },
-      std::shared_ptr<orbiqReachability>());
+      [&] { return std::make_shared<orbiqReachability>(Passkey(), std::move(reachabilityRef)); });
 }
 
 orbiqReachability::orbiqReachability(Passkey, Handle reachabilityRef)
@@ -167,7 +142,8 @@ bool orbiqReachability::startNotifier() {
   if (!self) return false;  // it is being destroyed
   // There is deliberately no guard against a second start: it registers anew.
   setReachabilityObject(self);
-  _reachabilitySerialQueue = makeSerialQueue();
+  _reachabilitySerialQueue = withoutThrowing(
+      [] { return std::make_shared<orbiq::SerialQueue>("com.vorlune.reachability"); });
   // Deliberately leaves the self-reference in place.
   if (!_reachabilitySerialQueue) return false;
 
@@ -177,7 +153,7 @@ bool orbiqReachability::startNotifier() {
         _reachabilityRef && _reachabilityRef->setCallback(orbiq::reachabilityCallback, {0, self});
     return hasCallback && _reachabilityRef->setDispatchQueue(_reachabilitySerialQueue);
   };
-  if (withoutThrowing(start, false)) return true;
+  if (withoutThrowing(start)) return true;
   if (hasCallback) withoutThrowing([&] { _reachabilityRef->setCallback(nullptr, {}); });
   _reachabilitySerialQueue = nullptr;
   setReachabilityObject(nullptr);
@@ -212,11 +188,6 @@ void orbiqReachability::reachabilityChanged(std::uint32_t flags) {
   });
 }
 
-bool orbiqReachability::readFlags(std::uint32_t& flags) const {
-  return withoutThrowing([&] { return _reachabilityRef && _reachabilityRef->getFlags(flags); },
-                         false);
-}
-
 bool orbiqReachability::isReachableWithFlags(std::uint32_t flags) const {
   if (hasAll(flags, kSCNetworkReachabilityFlagsTransientConnection |
                         kSCNetworkReachabilityFlagsConnectionRequired)) {
@@ -226,10 +197,7 @@ bool orbiqReachability::isReachableWithFlags(std::uint32_t flags) const {
   return hasAll(flags, kSCNetworkReachabilityFlagsReachable);
 }
 
-bool orbiqReachability::isReachable() {
-  std::uint32_t flags = 0;
-  return readFlags(flags) && isReachableWithFlags(flags);
-}
+bool orbiqReachability::isReachable() { return isReachableWithFlags(reachabilityFlags()); }
 
 bool orbiqReachability::isReachableViaWWAN() {
   return hasAll(reachabilityFlags(),
@@ -262,7 +230,8 @@ bool orbiqReachability::isInterventionRequired() {
 
 std::uint32_t orbiqReachability::reachabilityFlags() {
   std::uint32_t flags = 0;
-  return readFlags(flags) ? flags : 0;
+  const auto read = [&] { return _reachabilityRef && _reachabilityRef->getFlags(flags); };
+  return withoutThrowing(read) ? flags : 0;
 }
 
 orbiq::ReachabilityStatus orbiqReachability::currentReachabilityStatus() {
@@ -292,30 +261,22 @@ orbiq::String orbiqReachability::currentReachabilityFlags() {
       {kSCNetworkReachabilityFlagsIsDirect, 'd'},
   };
   const std::uint32_t flags = reachabilityFlags();
-  return withoutThrowing(
-      [&] {
-        std::string text;
-        for (const auto& [flag, letter] : kLetters) text += (flags & flag) ? letter : '-';
-        return orbiq::String(text.insert(2, 1, ' '));
-      },
-      orbiq::String());
+  return withoutThrowing([&] {
+    std::string text;
+    for (const auto& [flag, letter] : kLetters) text += (flags & flag) ? letter : '-';
+    return orbiq::String(text.insert(2, 1, ' '));
+  });
 }
 
 std::string orbiqReachability::description() const {
-  return withoutThrowing(
-      [&] {
-        const std::unique_ptr<char, void (*)(void*)> name(
-            abi::__cxa_demangle(typeid(*this).name(), nullptr, nullptr, nullptr), std::free);
-        std::array<char, 16> address;
-        std::snprintf(address.data(), address.size(), "%#x",
-                      static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(this)));
-        std::string text = "<";
-        return text.append(name ? name.get() : "orbiqReachability")
-            .append(": ")
-            .append(address.data())
-            .append(">");
-      },
-      std::string());
+  return withoutThrowing([&] {
+    const std::unique_ptr<char, void (*)(void*)> name(
+        abi::__cxa_demangle(typeid(*this).name(), nullptr, nullptr, nullptr), std::free);
+    char address[16];
+    std::snprintf(address, sizeof address, "%#x",
+                  static_cast<unsigned>(reinterpret_cast<std::uintptr_t>(this)));
+    return std::string("<") + (name ? name.get() : "orbiqReachability") + ": " + address + ">";
+  });
 }
 
 void orbiq::reachabilityCallback(NetworkReachability&, std::uint32_t flags, void* info) {

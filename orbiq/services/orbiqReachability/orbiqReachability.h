@@ -148,7 +148,6 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   std::string description() const override;
 
  private:
-  bool readFlags(std::uint32_t& flags) const;
   bool isReachableWithFlags(std::uint32_t flags) const;
 
   std::atomic<bool> _reachableOnWWAN{true};

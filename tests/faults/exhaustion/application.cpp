@@ -61,8 +61,8 @@ bool keepsTriggers() {
   work.give({.trigger = orbiq::Trigger::NetworkReturn});
   work.give({.trigger = orbiq::Trigger::Foreground});
   faults::disarm();
-  orbiq::HandlerWork::Item item;
-  return work.take(item) && item.trigger == orbiq::Trigger::NetworkReturn && !work.take(item);
+  const auto taken = work.take();
+  return taken && taken->trigger == orbiq::Trigger::NetworkReturn && !work.take();
 }
 
 int fail(const char* what) {

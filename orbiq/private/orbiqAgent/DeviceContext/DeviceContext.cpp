@@ -19,14 +19,9 @@ constexpr std::intptr_t kPad = 1;
 constexpr std::intptr_t kTelevision = 2;
 
 const char* deviceKind() {
-  switch (HostApplication::current().userInterfaceIdiom.value_or(kPhone)) {
-    case kPad:
-      return "ipad";
-    case kTelevision:
-      return "tv";
-    default:
-      return "iphone";
-  }
+  const std::optional<std::intptr_t> idiom = HostApplication::current().userInterfaceIdiom;
+  if (idiom == kPad) return "ipad";
+  return idiom == kTelevision ? "tv" : "iphone";
 }
 
 }  // namespace

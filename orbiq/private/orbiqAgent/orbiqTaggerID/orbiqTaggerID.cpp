@@ -11,10 +11,8 @@ constexpr std::string_view kClassNames[] = {"orbiqTaggerID", "NSObject"};
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqTaggerID::kArchivedClass{
-    kClassNames, [](orbiq::KeyedUnarchiver& coder) -> std::shared_ptr<orbiq::Archivable> {
-      return std::make_shared<orbiqTaggerID>(coder);
-    }};
+constinit const orbiq::ArchivedClass orbiqTaggerID::kArchivedClass{kClassNames,
+                                                                   orbiq::decodeAs<orbiqTaggerID>};
 
 orbiqTaggerID::orbiqTaggerID(orbiq::String serial, std::intptr_t partialID, bool isStreamTagger)
     : _serial(std::move(serial)), _partialID(partialID), _isStreamTagger(isStreamTagger) {}

@@ -10,12 +10,6 @@ namespace {
 
 constexpr std::string_view kClassNames[] = {"orbiqAccess", "NSObject"};
 
-constexpr std::string_view kSerialKey = "orbiqAccess_serial";
-constexpr std::string_view kAccessModeKey = "orbiqAccess_accessMode";
-constexpr std::string_view kBaseURLKey = "orbiqAccess_baseURL";
-constexpr std::string_view kFirstHitKey = "orbiqAccess_firstHitSuccessfullySent";
-constexpr std::string_view kHostKey = "orbiqAccess_host";
-
 orbiq::String composeHost(const orbiq::String& baseURL, const orbiq::String& serial) {
   if (baseURL.isNull()) return nullptr;
   if (serial.isNull()) throw std::invalid_argument("an access with a base URL needs a serial");
@@ -24,10 +18,8 @@ orbiq::String composeHost(const orbiq::String& baseURL, const orbiq::String& ser
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqAccess::kArchivedClass{
-    kClassNames, [](orbiq::KeyedUnarchiver& coder) -> std::shared_ptr<orbiq::Archivable> {
-      return std::make_shared<orbiqAccess>(coder);
-    }};
+constinit const orbiq::ArchivedClass orbiqAccess::kArchivedClass{kClassNames,
+                                                                 orbiq::decodeAs<orbiqAccess>};
 
 std::shared_ptr<orbiqAccess> orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
     orbiq::String serial, orbiq::AccessMode accessMode, orbiq::String baseURL) {
@@ -41,29 +33,26 @@ orbiqAccess::orbiqAccess(orbiq::String serial, orbiq::AccessMode accessMode, orb
       _baseURL(std::move(baseURL)) {}
 
 orbiqAccess::orbiqAccess(orbiq::KeyedUnarchiver& coder)
-    : firstHitSuccessfullySent(coder.decodeBoolean(kFirstHitKey)),
-      _accessMode(static_cast<orbiq::AccessMode>(coder.decodeInteger(kAccessModeKey))),
-      _serial(coder.decodeString(kSerialKey)),
-      _host(coder.decodeString(kHostKey)),  // as it was stored, not composed anew
-      _baseURL(coder.decodeString(kBaseURLKey)) {}
+    : firstHitSuccessfullySent(coder.decodeBoolean("orbiqAccess_firstHitSuccessfullySent")),
+      _accessMode(static_cast<orbiq::AccessMode>(coder.decodeInteger("orbiqAccess_accessMode"))),
+      _serial(coder.decodeString("orbiqAccess_serial")),
+      _host(coder.decodeString("orbiqAccess_host")),  // as it was stored, not composed anew
+      _baseURL(coder.decodeString("orbiqAccess_baseURL")) {}
 
 void orbiqAccess::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
-  coder.encodeString(_serial, kSerialKey);
-  coder.encodeInteger(_accessMode, kAccessModeKey);
-  coder.encodeString(_baseURL, kBaseURLKey);
-  coder.encodeBoolean(firstHitSuccessfullySent.load(std::memory_order_relaxed), kFirstHitKey);
-  coder.encodeString(_host, kHostKey);
+  coder.encodeString(_serial, "orbiqAccess_serial");
+  coder.encodeInteger(_accessMode, "orbiqAccess_accessMode");
+  coder.encodeString(_baseURL, "orbiqAccess_baseURL");
+  coder.encodeBoolean(firstHitSuccessfullySent.load(std::memory_order_relaxed),
+                      "orbiqAccess_firstHitSuccessfullySent");
+  coder.encodeString(_host, "orbiqAccess_host");
 }
 
 bool orbiqAccess::canSendRequestFor(orbiq::RequestType /*requestType*/) const {
-  switch (_accessMode) {
-    case orbiq::AccessModeDenied:
-      return false;
-    case orbiq::AccessModeRestricted:
-      return !firstHitSuccessfullySent.load(std::memory_order_relaxed);
-    default:
-      return true;
+  if (_accessMode == orbiq::AccessModeRestricted) {
+    return !firstHitSuccessfullySent.load(std::memory_order_relaxed);
   }
+  return _accessMode != orbiq::AccessModeDenied;
 }
 
 std::shared_ptr<orbiqAccess> orbiqAccess::hitSuccessfullySent() {

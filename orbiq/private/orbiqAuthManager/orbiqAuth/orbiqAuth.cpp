@@ -9,16 +9,10 @@ namespace {
 
 constexpr std::string_view kClassNames[] = {"orbiqAuth", "NSObject"};
 
-constexpr std::string_view kAccessKey = "orbiqAuth_currentAccess";
-constexpr std::string_view kSessionKey = "orbiqAuth_currentSession";
-constexpr std::string_view kDefaultValuesKey = "orbiqAuth_defaultValues";
-
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqAuth::kArchivedClass{
-    kClassNames, [](orbiq::KeyedUnarchiver& coder) -> std::shared_ptr<orbiq::Archivable> {
-      return std::make_shared<orbiqAuth>(coder);
-    }};
+constinit const orbiq::ArchivedClass orbiqAuth::kArchivedClass{kClassNames,
+                                                               orbiq::decodeAs<orbiqAuth>};
 
 std::shared_ptr<orbiqAuth> orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
     std::shared_ptr<orbiqSession> session, std::shared_ptr<orbiqAccess> access, bool isDefault) {
@@ -30,14 +24,14 @@ orbiqAuth::orbiqAuth(std::shared_ptr<orbiqSession> session, std::shared_ptr<orbi
     : _currentSession(std::move(session)), _currentAccess(std::move(access)) {}
 
 orbiqAuth::orbiqAuth(orbiq::KeyedUnarchiver& coder)
-    : defaultValues(coder.decodeBoolean(kDefaultValuesKey)),
-      _currentSession(coder.decodeObject<orbiqSession>(kSessionKey)),
-      _currentAccess(coder.decodeObject<orbiqAccess>(kAccessKey)) {}
+    : defaultValues(coder.decodeBoolean("orbiqAuth_defaultValues")),
+      _currentSession(coder.decodeObject<orbiqSession>("orbiqAuth_currentSession")),
+      _currentAccess(coder.decodeObject<orbiqAccess>("orbiqAuth_currentAccess")) {}
 
 void orbiqAuth::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
-  coder.encodeObject(_currentAccess, kAccessKey);
-  coder.encodeObject(_currentSession, kSessionKey);
-  coder.encodeBoolean(defaultValues, kDefaultValuesKey);
+  coder.encodeObject(_currentAccess, "orbiqAuth_currentAccess");
+  coder.encodeObject(_currentSession, "orbiqAuth_currentSession");
+  coder.encodeBoolean(defaultValues, "orbiqAuth_defaultValues");
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuth::copy() const {

@@ -9,16 +9,10 @@ namespace {
 
 constexpr std::string_view kClassNames[] = {"orbiqSession", "NSObject"};
 
-// One "s": the misspelling is part of the format.
-constexpr std::string_view kSerialKey = "orbiqSesion_serial";
-constexpr std::string_view kCmsVIKey = "orbiqSesion_cmsVI";
-
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqSession::kArchivedClass{
-    kClassNames, [](orbiq::KeyedUnarchiver& coder) -> std::shared_ptr<orbiq::Archivable> {
-      return std::make_shared<orbiqSession>(coder);
-    }};
+constinit const orbiq::ArchivedClass orbiqSession::kArchivedClass{kClassNames,
+                                                                  orbiq::decodeAs<orbiqSession>};
 
 std::shared_ptr<orbiqSession> orbiqSession::orbiqSessionWithSerial_withCmsVI(orbiq::String serial,
                                                                              orbiq::String cmsVI) {
@@ -29,11 +23,13 @@ orbiqSession::orbiqSession(orbiq::String serial, orbiq::String cmsVI)
     : _cmsVI(std::move(cmsVI)), _serial(std::move(serial)) {}
 
 orbiqSession::orbiqSession(orbiq::KeyedUnarchiver& coder)
-    : _cmsVI(coder.decodeString(kCmsVIKey)), _serial(coder.decodeString(kSerialKey)) {}
+    : _cmsVI(coder.decodeString("orbiqSesion_cmsVI")),
+      _serial(coder.decodeString("orbiqSesion_serial")) {}
 
 void orbiqSession::encodeWithCoder(orbiq::KeyedArchiver& coder) const {
-  coder.encodeString(_serial, kSerialKey);
-  coder.encodeString(_cmsVI, kCmsVIKey);
+  // One "s": the misspelling is part of the format.
+  coder.encodeString(_serial, "orbiqSesion_serial");
+  coder.encodeString(_cmsVI, "orbiqSesion_cmsVI");
 }
 
 std::shared_ptr<orbiqSession> orbiqSession::copy() const {

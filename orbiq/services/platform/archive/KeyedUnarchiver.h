@@ -75,4 +75,10 @@ class KeyedUnarchiver {
   std::unordered_map<std::uint64_t, String> _texts;
 };
 
+/// `ArchivedClass::decode` of a class with a constructor for it.
+template <class Class>
+std::shared_ptr<Archivable> decodeAs(KeyedUnarchiver& coder) {
+  return std::make_shared<Class>(coder);
+}
+
 }  // namespace orbiq

@@ -68,7 +68,7 @@ struct KeychainMatch {
 /// another process; an exception counts as `errSecNotAvailable`.
 class ORBIQ_EXPORT Keychain {
  public:
-  virtual ~Keychain() = default;
+  virtual ~Keychain();
   Keychain(const Keychain&) = delete;
   Keychain& operator=(const Keychain&) = delete;
 

@@ -1,0 +1,7 @@
+#include "orbiq/services/platform/keychain/Keychain.h"
+
+namespace orbiq {
+
+Keychain::~Keychain() = default;
+
+}  // namespace orbiq
