@@ -1,7 +1,6 @@
 """Does what docs/tutorial.md and docs/testing.md say, and compares what comes of it. The hit of each
 sample that sends one arrives."""
 
-import json
 import os
 import pathlib
 import re
@@ -9,7 +8,8 @@ import subprocess
 import sys
 import tempfile
 import unittest
-import urllib.request
+
+import collector
 
 PROJECT, COLLECTOR, TUTORIAL = (pathlib.Path(argument) for argument in sys.argv[1:4])
 LIBRARY = pathlib.Path(sys.argv[4]).resolve() if len(sys.argv) > 4 else None
@@ -24,18 +24,16 @@ def block(page, comment):
 
 class Walkthrough(unittest.TestCase):
     def run_script(self, *command):
-        environment = {**os.environ, "COLLECTOR": COLLECTOR}
-        return subprocess.run(["bash", "-c", block("testing.md", "script"), "script", *command],
-                              env=environment, capture_output=True, text=True, timeout=100)
+        # The command timeout ends the script's collector too.
+        script = ["timeout", "100", "bash", "-c", block("testing.md", "script"), "script"]
+        return subprocess.run([*script, *command], env={**os.environ, "COLLECTOR": COLLECTOR},
+                              capture_output=True, text=True)
 
     def test_tutorial(self):
-        with tempfile.TemporaryDirectory() as scratch, subprocess.Popen(
-                [COLLECTOR, "--port", "0"], stdout=subprocess.PIPE, text=True) as collector:
-            url = collector.stdout.readline().removeprefix("listening on ").strip()
-            ended = subprocess.run([TUTORIAL], capture_output=True, text=True, timeout=100, env={
-                "ORBIQ_AUTHORIZATION_SERVER": f"{url}auth/", "ORBIQ_LIBRARY_DIRECTORY": scratch})
-            collector.terminate()
-            lines = collector.stdout.readlines()
+        with tempfile.TemporaryDirectory() as scratch, collector.Collector(COLLECTOR) as server:
+            ended = subprocess.run([TUTORIAL], capture_output=True, text=True, timeout=100,
+                                   env=server.environment(scratch))
+            lines = server.stop()[1]
         self.assertEqual(ended.stdout, block("tutorial.md", "output"), ended.stderr)
         self.assertEqual("".join(line.partition(" ")[2] for line in lines),
                          block("tutorial.md", "requests"))
@@ -55,18 +53,14 @@ class Walkthrough(unittest.TestCase):
         self.assertEqual([sample[:2] for sample in samples],
                          [("README.md", "cpp"), ("README.md", "c"), ("docs/c.md", "c"),
                           ("docs/c.md", "python"), ("docs/c.md", "python")])
-        with tempfile.TemporaryDirectory() as scratch, subprocess.Popen(
-                [COLLECTOR, "--port", "0"], stdout=subprocess.PIPE, text=True) as collector:
-            url = collector.stdout.readline().removeprefix("listening on ").strip()
+        with tempfile.TemporaryDirectory() as scratch, collector.Collector(COLLECTOR) as server:
             for number, (page, language, code) in enumerate(samples, 1):
                 with self.subTest(page=page, language=language):
-                    self.send(language, re.sub(r"https://[a-z.]*/tag/", f"{url}auth/", code), url,
-                              f"{scratch}/{number}")
-                    with urllib.request.urlopen(f"{url}api/exchanges") as answer:
-                        self.assertEqual(json.load(answer)["counts"]["hits"], {"ABC": number})
-            collector.terminate()
+                    code = re.sub(r"https://[a-z.]*/tag/", f"{server.url}auth/", code)
+                    self.send(language, code, server, f"{scratch}/{number}")
+                    self.assertEqual(server.counts()["hits"], {"ABC": number})
 
-    def send(self, language, code, url, place):
+    def send(self, language, code, server, place):
         os.mkdir(place)
         program = [sys.executable, "-c", code]
         if language != "python":
@@ -76,8 +70,7 @@ class Walkthrough(unittest.TestCase):
                             f"-I{PROJECT}", "-x", "c++" if language == "cpp" else "c", "-", "-o",
                             *program, "-x", "none", LIBRARY, f"-Wl,-rpath,{LIBRARY.parent}"],
                            input=code, text=True, check=True)
-        subprocess.run(program, check=True, timeout=100, env={
-            "ORBIQ_AUTHORIZATION_SERVER": f"{url}auth/", "ORBIQ_LIBRARY_DIRECTORY": place,
+        subprocess.run(program, check=True, timeout=100, env=server.environment(place) | {
             "LD_LIBRARY_PATH": str(LIBRARY.parent), "PYTHONPATH": PROJECT / "python"})
 
 

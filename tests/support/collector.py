@@ -7,18 +7,19 @@ import signal
 import socket
 import subprocess
 import threading
+import urllib.parse
 
 
 class Collector:
     def __init__(self, path, *flags):
         self.process = subprocess.Popen(
             [path, "--port", "0", *flags], stdout=subprocess.PIPE, text=True)
-        self.first_line = self.process.stdout.readline().strip()
+        self.url = self.process.stdout.readline().strip().removeprefix("listening on ")
         self.lines = []  # read all along: the collector waits when nobody takes its lines
         self.reader = threading.Thread(target=lambda: self.lines.extend(self.process.stdout))
         self.reader.start()
-        self.port = int(self.first_line.rstrip("/").rpartition(":")[2])
-        self.host = self.first_line.partition("//")[2].rpartition(":")[0].strip("[]")
+        address = urllib.parse.urlsplit(self.url)
+        self.host, self.port = address.hostname, address.port
 
     def __enter__(self):
         return self
@@ -28,6 +29,11 @@ class Collector:
         self.process.wait()
         self.reader.join()
         self.process.stdout.close()
+
+    def environment(self, directory):
+        """What makes an application send to this collector and keep its files in the directory."""
+        return {"ORBIQ_AUTHORIZATION_SERVER": f"{self.url}auth/",
+                "ORBIQ_LIBRARY_DIRECTORY": str(directory)}
 
     def connect(self):
         return http.client.HTTPConnection(self.host, self.port, timeout=30)

@@ -70,8 +70,7 @@ class CollectorTest(unittest.TestCase):
         with tempfile.NamedTemporaryFile() as record, \
                 Collector("--record", record.name) as collector:
             own = f"http://127.0.0.1:{collector.port}/hit/"
-            self.assertEqual(collector.first_line,
-                             f"listening on http://127.0.0.1:{collector.port}/")
+            self.assertEqual(collector.url, f"http://127.0.0.1:{collector.port}/")
             status, headers, body = collector.ask("GET", "/auth/S1")
             self.assertEqual((status, fields(body)["access"], fields(body)["host"]),
                              (200, "full", own))
