@@ -1,7 +1,5 @@
 #include "tests/tools/DoctorWorld.h"
 
-#include <pty.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -23,19 +21,6 @@ const RoleRegistration doctor("doctor", [](const auto& arguments) {
   return 127;
 });
 
-const RoleRegistration onTerminal("doctor on a terminal", [](const auto& arguments) {
-  int terminal = -1;
-  const pid_t child = forkpty(&terminal, nullptr, nullptr, nullptr);
-  if (child == 0) return runRole("doctor", arguments);
-  char bytes[4096];
-  for (ssize_t count = 0; (count = read(terminal, bytes, sizeof bytes)) > 0;) {
-    if (write(STDOUT_FILENO, bytes, static_cast<std::size_t>(count)) != count) return 127;
-  }
-  int status = 0;
-  waitpid(child, &status, 0);
-  return WEXITSTATUS(status);
-});
-
 /// A Date header of a clock that is so far ahead.
 std::string dated(std::time_t ahead) {
   const std::time_t time = std::time(nullptr) + ahead;
@@ -50,8 +35,8 @@ std::string accepted(const std::string& body, int status, std::time_t ahead) {
   return answer(status, body, dated(ahead));
 }
 
-Report reportOf(const std::vector<std::string>& arguments, const char* role) {
-  RoleProcess process(role, arguments);
+Report reportOf(const std::vector<std::string>& arguments) {
+  RoleProcess process("doctor", arguments);
   Report report;
   for (std::string line = process.readLine(); !line.empty(); line = process.readLine()) {
     report.text += line + "\n";
