@@ -1,4 +1,4 @@
-// What the test of the page stands on: a collector, a browser, applications that send hits.
+// What the tests of pages stand on: a browser, and a collector with its page.
 
 import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
@@ -7,17 +7,14 @@ import fs from "node:fs";
 import http from "node:http";
 import { createRequire } from "node:module";
 import net from "node:net";
-import os from "node:os";
-import path from "node:path";
 import readline from "node:readline";
 
-const [modules, chromiumPath, collectorPath, firstHitPath] = process.argv.slice(2);
+const [modules, chromiumPath, collectorPath] = process.argv.slice(2);
 const require = createRequire(`${modules}/`);
-const { chromium } = require("playwright-core");
-const axe = fs.readFileSync(require.resolve("axe-core/axe.min.js"), "utf8");
+export const axe = fs.readFileSync(require.resolve("axe-core/axe.min.js"), "utf8");
 
 export async function launchBrowser() {
-  return chromium.launch({ executablePath: chromiumPath });
+  return require("playwright-core").chromium.launch({ executablePath: chromiumPath });
 }
 
 export class Collector {
@@ -50,53 +47,29 @@ export class Collector {
     return { status: answer.statusCode, body };
   }
 
-  /// Hits of accounts with a prefix and a number, as many at a time as a few connections bear.
+  /// Hits of accounts with a prefix and a number.
   async flood(prefix, from, to) {
-    const one = async () => {
-      const socket = net.connect(this.port, "127.0.0.1");
-      while (from <= to) {
-        socket.write(`GET /hit/${prefix}${from++} HTTP/1.1\r\nHost: x\r\nUser-Agent: Flood\r\n\r\n`);
-        await once(socket, "data");
-      }
-      socket.end();
-    };
-    await Promise.all([one(), one(), one(), one()]);
+    const socket = net.connect(this.port, "127.0.0.1");
+    for (let number = from; number <= to; ++number) {
+      socket.write(`GET /hit/${prefix}${number} HTTP/1.1\r\nHost: x\r\nUser-Agent: Flood\r\n\r\n`);
+      await once(socket, "data");
+    }
+    socket.end();
   }
 
   /// A request whose client leaves before the answer.
   async leave(path) {
-    const held = async (number) => {
-      while (JSON.parse((await this.get("/api/exchanges")).body).held !== number);
-    };
+    const held = async () => JSON.parse((await this.get("/api/exchanges")).body).held;
     const socket = net.connect(this.port, "127.0.0.1");
     socket.write(`GET ${path} HTTP/1.1\r\nHost: x\r\n\r\n`);
-    await held(1);
+    while (await held() !== 1);
     socket.destroy();
-    await held(0);
-  }
-
-  async behaviour() {
-    return JSON.parse((await this.get("/api/behaviour")).body);
+    while (await held() !== 0);
   }
 
   async behave(changes) {
-    const answer = await fetch(`${this.url}/api/behaviour`,
-      { method: "POST", body: JSON.stringify(changes) });
-    assert.equal(answer.status, 200);
-  }
-
-  async sendRealHit() {
-    const directory = fs.mkdtempSync(path.join(os.tmpdir(), "orbiq-page-"));
-    const environment = { ...process.env };
-    for (const name of Object.keys(environment)) {
-      if (/_proxy$/i.test(name)) delete environment[name];
-    }
-    environment.ORBIQ_AUTHORIZATION_SERVER = `${this.url}/auth/`;
-    environment.ORBIQ_LIBRARY_DIRECTORY = directory;
-    const application = spawn(firstHitPath, { stdio: ["ignore", "ignore", "inherit"], env: environment });
-    const [code] = await once(application, "exit");
-    fs.rmSync(directory, { recursive: true });
-    assert.equal(code, 0);
+    const request = { method: "POST", body: JSON.stringify(changes) };
+    return (await fetch(`${this.url}/api/behaviour`, request)).json();
   }
 }
 
@@ -113,12 +86,6 @@ export class Visitor {
     });
     visitor.page.on("response", (answer) => {
       if (answer.status() >= 400) visitor.faults.push(`${answer.status()} ${answer.url()}`);
-    });
-    await visitor.page.addInitScript(() => {
-      window.longest = 0; // of the page's tasks, in milliseconds, if it is above 50
-      new PerformanceObserver((list) => {
-        for (const { duration } of list.getEntries()) window.longest = Math.max(window.longest, duration);
-      }).observe({ type: "longtask" });
     });
     await visitor.page.goto(`${collector.url}/`);
     await visitor.connection("live");

@@ -1,5 +1,5 @@
 // The collector's page in a real browser.
-// Arguments: directory of node_modules, Chromium, orbiq-collector, orbiq-first-hit.
+// Arguments: directory of node_modules, Chromium, orbiq-collector.
 
 import assert from "node:assert/strict";
 import { spawnSync } from "node:child_process";
@@ -26,8 +26,9 @@ afterEach(async () => {
   assert.deepEqual(visitor.faults, []);
 });
 
-test("a hit of the library appears, and the keyboard alone opens its details", async () => {
-  await collector.sendRealHit();
+test("a hit appears, and the keyboard alone opens its details", async () => {
+  await collector.get("/auth/ABC");
+  await collector.get("/hit/ABC", { "User-Agent": "Player/4.2" });
   await visitor.accounts(["ABC", "ABC"]);
   await visitor.shows("hits", "1");
   await visitor.shows("authorizations", "1");
@@ -36,7 +37,7 @@ test("a hit of the library appears, and the keyboard alone opens its details", a
   await visitor.tabTo("#rows button");
   await visitor.press("Enter");
   const details = page.locator("#details");
-  assert.match(await details.innerText(), /GET \/hit\/ABC HTTP\/1\.1[^]*User-Agent:[^]*\n200 after/);
+  assert.match(await details.innerText(), /GET \/hit\/ABC HTTP\/1\.1[^]*User-Agent: Player[^]*\n200 after/);
   await visitor.press("Escape");
   await details.waitFor({ state: "hidden" });
   await visitor.press("ArrowDown", "Space");
@@ -46,7 +47,6 @@ test("a hit of the library appears, and the keyboard alone opens its details", a
   await collector.get("/hit/LATER");
   await visitor.accounts(["LATER", "ABC", "ABC"]);
   assert.equal(await details.isVisible(), true);
-  assert.equal(await page.evaluate(() => document.activeElement.ariaExpanded), "true");
   await visitor.press("ArrowUp");  // open details follow
   assert.match(await details.innerText(), /GET \/hit\/ABC/);
 });
@@ -70,9 +70,7 @@ test("switches change the next answer, and follow what others change", async () 
   await visitor.press("Enter");
   await page.locator("#delayMs[aria-invalid]").waitFor();
   assert.match(await page.innerText("#refusal"), /^Delay \(ms\): /);
-  assert.equal((await collector.behaviour()).delayMs, 0);
-
-  await collector.behave({ stall: "hit" });
+  assert.equal((await collector.behave({ stall: "hit" })).delayMs, 0);
   await page.waitForFunction(() => document.getElementById("stall").value === "hit");
   const held = collector.get("/hit/HELD");
   await visitor.shows("held", "1");
@@ -91,40 +89,34 @@ test("filter, pause and clear", async () => {
   await visitor.accounts(["GONE", "RED", "RED", "BLUE", "RED"]);
 
   await visitor.press("/");
-  await page.keyboard.type("blue");
-  await visitor.accounts(["BLUE"]);
-  await visitor.shows("shown", "1 of 5 exchanges match the filter");
-  await page.fill("#filter", "red NEEDLE");
-  await visitor.accounts(["RED"]);
-  await page.fill("#filter", '-needle -"gone http"');
+  await page.keyboard.type('-needle -"gone http"');
   await visitor.accounts(["RED", "BLUE", "RED"]);
   await page.reload();  // the address has kept it
-  await visitor.accounts(["RED", "BLUE", "RED"]);
+  await visitor.shows("shown", "3 of 5 exchanges match the filter");
   await page.click("#accounts summary");
   await page.waitForFunction(() => document.getElementById("accountRows").innerText ===
     "RED\t2\t0\t0\t1\nBLUE\t1\t0\t0\t0\nGONE\t0\t1\t0\t0");
   await page.click("#accountRows button >> nth=2");
   await visitor.accounts(["GONE"]);
   await page.fill("#filter", "");
-  await page.selectOption("#kind", "hit");
-  await page.selectOption("#outcome", "good");
-  await visitor.accounts(["RED", "BLUE", "RED"]);
-  await page.selectOption("#outcome", "other");
-  await visitor.accounts(["GONE"]);
-  await page.selectOption("#outcome", "");
+  for (const [list, choice, found] of [["#kind", "hit", ["GONE", "RED", "BLUE", "RED"]],
+    ["#outcome", "good", ["RED", "BLUE", "RED"]], ["#outcome", "other", ["GONE"]]]) {
+    await page.selectOption(list, choice);
+    await visitor.accounts(found);
+  }
 
   await page.click("h1");
   await visitor.press("p");
   await collector.get("/hit/LATER");
-  await visitor.shows("shown", "5 of 6 exchanges match the filter; paused, 1 held back");
-  await visitor.accounts(["GONE", "RED", "BLUE", "RED"]);
+  await visitor.shows("shown", "2 of 6 exchanges match the filter; paused, 1 held back");
+  await visitor.accounts(["GONE"]);
   await page.click("#pause");
-  await visitor.accounts(["LATER", "GONE", "RED", "BLUE", "RED"]);
+  await visitor.accounts(["LATER", "GONE"]);
 
   await page.click("#reset");
   await page.locator("#empty").waitFor();
   await visitor.accounts([]);
-  for (const id of ["hits", "hitsAnsweredOtherwise", "hitsUnanswered", "authorizations"]) await visitor.shows(id, "0");
+  for (const id of ["hits", "hitsAnsweredOtherwise", "authorizations"]) await visitor.shows(id, "0");
   assert.equal(await page.locator("#shapes rect").count(), 0);
   assert.match(await page.innerText("#empty"),
     new RegExp(`=${collector.url}/auth/ [^]*\norbiq-doctor --server ${collector.url}/auth/ --serial`));
@@ -133,22 +125,19 @@ test("filter, pause and clear", async () => {
 test("what was applied to an answer is marked, and one lost hit among a thousand is seen", async () => {
   await collector.behave({ malformed: "cut", dateSkewSeconds: -60 });
   await collector.get("/auth/CUT").catch(() => {});
-  await collector.behave({ malformed: "none", dateSkewSeconds: 0, delayMs: 5 });
-  await collector.get("/hit/LATE");
-  await collector.behave({ delayMs: 0, stall: "hit" });
+  await collector.behave({ malformed: "none", dateSkewSeconds: 0, stall: "hit" });
   await collector.leave("/hit/HELD");
   await collector.behave({ stall: "none" });
   await page.selectOption("#outcome", "marked");
-  await visitor.accounts(["HELD", "LATE", "CUT"]);
+  await visitor.accounts(["HELD", "CUT"]);
   const answers = await page.locator("#rows .answer").evaluateAll((all) => all.map((each) => each.title));
-  assert.deepEqual(answers, ["no answer, stalled", "200, delayed 5 ms", "200, cut short, clock −60 s"]);
-  await page.click("#rows button >> nth=2");
+  assert.deepEqual(answers, ["no answer, stalled", "200, cut short, clock −60 s"]);
+  await page.click("#rows button >> nth=1");
   assert.match(await page.innerText("#details"), /Applied by the switches\s+cut short\s+clock −60 s/);
-  await visitor.shows("hitsAnsweredOtherwise", "0");
-  await visitor.shows("hitsUnanswered", "1");
 
   await collector.flood("S", 1, 1000);
-  await visitor.shows("hits", (1001).toLocaleString("en-US"));
+  await visitor.shows("hits", (1000).toLocaleString("en-US"));
+  await visitor.shows("hitsUnanswered", "1");
   const lost = page.locator("#shapes .unanswered");
   const boxOf = async () => {
     for (;;) {
@@ -180,8 +169,6 @@ test("what comes from outside is text, in the page and in what is exported", asy
   const markup = "<img/src=x/onerror=alert(1)>,'\"`$HOME`";
   await collector.behave({ access: markup });
   await collector.get(encodeURI(`/auth/${markup}`), { "User-Agent": markup });
-  await collector.get("/hit/NOT-SHOWN");
-  await page.fill("#filter", "-not-shown");
   const serial = encodeURI(markup);
   await visitor.accounts([serial]);
   await page.click("#rows button");
@@ -195,15 +182,14 @@ test("what comes from outside is text, in the page and in what is exported", asy
   assert.equal(shown.split("\n")[2], `${collector.url}/auth/${serial}`);
   assert.ok(shown.includes(`\n-H\nUser-Agent: ${markup}\n`), shown);
 
-  const har = JSON.parse(await visitor.download("#har")).log;
-  const { request, response, comment } = har.entries[0];
-  assert.deepEqual([har.version, har.entries.length, request.method, request.url, response.status, comment],
-    ["1.2", 1, "GET", `${collector.url}/auth/${serial}`, 200, `access ${markup}`]);
+  const { entries: [{ request, response, comment }] } = JSON.parse(await visitor.download("#har")).log;
+  assert.deepEqual([request.method, request.url, response.status, comment],
+    ["GET", `${collector.url}/auth/${serial}`, 200, `access ${markup}`]);
   assert.ok(request.headers.some(({ name, value }) => name === "User-Agent" && value === markup));
   assert.match(response.content.text, /^access=<img/);
   const lines = (await visitor.download("#csv")).split("\r\n");
   const quoted = `"${markup.replaceAll('"', '""')}"`;
-  assert.deepEqual([lines.length, lines[1].endsWith(`,"access ${quoted.slice(1)},${quoted}`)], [3, true], lines[1]);
+  assert.ok(lines[1].endsWith(`,"access ${quoted.slice(1)},${quoted}`), lines[1]);
 });
 
 test("a restart on the same port, and a time out of sight, lose and repeat nothing", async () => {
@@ -231,36 +217,24 @@ test("a restart on the same port, and a time out of sight, lose and repeat nothi
   assert.equal(await page.isVisible("#details"), true);
 });
 
-test("thousands of hits come in a few rows, and whoever reads stays where they are", async (t) => {
-  const began = performance.now();
-  await collector.flood("S", 1, 20000);
-  t.diagnostic(`${Math.round(20000 / (performance.now() - began))} hits a millisecond`);
-  await visitor.shows("hits", (20000).toLocaleString("en-US"));
+test("thousands of hits come in a few rows, and whoever reads stays where they are", async () => {
+  await collector.flood("S", 1, 10100);
   await visitor.shows("shown", "the newest 10,000 exchanges");
   await page.waitForFunction(() =>
-    Number(document.querySelector("#rows .account")?.textContent.slice(1)) > 19990);
-  t.diagnostic(`longest task of the page: ${await page.evaluate(() => window.longest)} ms`);
+    Number(document.querySelector("#rows .account")?.textContent.slice(1)) > 10090);
   const inDocument = await page.locator("#rows tr").count();
   assert.ok(inDocument > 10 && inDocument < 100, String(inDocument));
   const focused = () => page.evaluate(() => document.activeElement.closest("tr").cells[2].textContent);
   await page.click("h1");
   await visitor.press("ArrowDown", "End");
-  assert.match(await focused(), /^S100\d\d$/);
+  assert.match(await focused(), /^S1\d\d$/);
   await visitor.press("Home", "PageDown", "ArrowDown");
   const stood = await focused();
   const place = (serial) => page.locator(`#rows tr:has-text("${serial}")`).boundingBox();
   const { y } = await place(stood);
   await collector.flood("T", 1, 500);
-  await visitor.shows("hits", (20500).toLocaleString("en-US"));
+  await visitor.shows("hits", (10600).toLocaleString("en-US"));
   assert.deepEqual([await focused(), Math.abs((await place(stood)).y - y) < 2], [stood, true]);
-
-  await page.click("#pause");
-  await page.fill("#filter", "t500");
-  await visitor.accounts(["T500"]);
-  await collector.flood("T500", 0, 9);
-  await visitor.shows("shown", "11 of the newest 10,010 exchanges match the filter; paused, 10 held back");
-  await page.click("#pause");
-  await visitor.shows("shown", "11 of the newest 10,000 exchanges match the filter");
 });
 
 test("no barriers in any state, scheme and width", { timeout: 240_000 }, async () => {
@@ -309,30 +283,10 @@ test("more pages than there is room for wait until one leaves", async () => {
     streams.push(http.get(`${collector.url}/api/events`));
     status = (await once(streams.at(-1), "response"))[0].statusCode;
   }
-  assert.equal(streams.length, 16);
   const late = await browser.newPage();
   await late.goto(collector.url);
-  await late.locator("#connection[data-state=lost]").waitFor();
-  assert.match(await late.innerText("#connection"), /too many pages/);
-  assert.equal((await collector.get("/hit/S")).status, 200);
+  await late.locator("#connection[data-state=lost]:text('too many pages')").waitFor();
   for (const stream of streams) stream.destroy();
   await late.locator("#connection[data-state=live]").waitFor();
   await late.close();
-});
-
-test("a page of another origin can neither read nor switch anything", async () => {
-  const elsewhere = http.createServer((_, answer) => answer.end("<!doctype html>")).listen(0, "127.0.0.1");
-  await once(elsewhere, "listening");
-  const stranger = await browser.newPage();
-  await stranger.goto(`http://127.0.0.1:${elsewhere.address().port}/`);
-  const outcome = await stranger.evaluate(async (url) => {
-    const options = { method: "POST", mode: "no-cors", headers: { "Content-Type": "text/plain" } };
-    await fetch(`${url}/api/behaviour`, { ...options, body: '{"access": "denied"}' }).catch(() => {});
-    return fetch(`${url}/api/exchanges`).then(() => "read", () => "refused");
-  }, collector.url);
-  assert.equal(outcome, "refused");
-  assert.equal((await collector.behaviour()).access, "full");
-  await stranger.close();
-  elsewhere.closeAllConnections();
-  elsewhere.close();
 });

@@ -5,13 +5,11 @@ import assert from "node:assert/strict";
 import fs from "node:fs";
 import http from "node:http";
 import { once } from "node:events";
-import { createRequire } from "node:module";
 import path from "node:path";
 import { after, before, test } from "node:test";
+import { axe, launchBrowser } from "./Surroundings.mjs";
 
-const [modules, chromiumPath, site, pictures] = process.argv.slice(2);
-const load = createRequire(`${modules}/`);
-const axe = fs.readFileSync(load.resolve("axe-core/axe.min.js"), "utf8");
+const [site, pictures] = process.argv.slice(4);
 const types = { ".html": "text/html", ".css": "text/css", ".js": "text/javascript", ".svg": "image/svg+xml" };
 // Of each kind one: start, prose with tables and samples, pictures, reference, search.
 const pages = ["index.html", "README.html", "fleet.html", "life-of-a-hit.html", "glossary.html",
@@ -31,7 +29,7 @@ before(async () => {
   }).listen(0, "127.0.0.1");
   await once(server, "listening");
   origin = `http://127.0.0.1:${server.address().port}`;
-  browser = await load("playwright-core").chromium.launch({ executablePath: chromiumPath });
+  browser = await launchBrowser();
 });
 after(async () => {
   await browser?.close();
