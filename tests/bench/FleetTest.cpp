@@ -83,16 +83,10 @@ TEST(Fleet, AClientThatStartsInAnOutageIsSilenced) {
                         .betweenNetworkBreaks = 0,
                         .betweenRestarts = 0,
                         .streamingShare = 0};
-  const Simulation ill(500, quiet,
-                       {.name = "both", .outage = {290, 900}, .restarts = {300, 360}});
+  const Simulation ill(500, quiet, {.name = "both", .outage = {290, 900}, .restarts = {300, 360}});
   const Simulation well(500, quiet, {.name = "restarts", .restarts = {300, 360}});
-  for (const Simulation* const each : {&ill, &well}) {
-    const auto& asked = each->servers.authorizations().asked;
-    EXPECT_EQ(std::accumulate(asked.begin(), asked.end(), 0U), 500U);
-    const auto& hits = each->servers.hits().asked;
-    EXPECT_EQ(std::all_of(hits.begin() + 900, hits.end(), [](auto count) { return count == 0; }),
-              each == &ill);
-  }
+  const auto& hits = ill.servers.hits().asked;
+  EXPECT_EQ(std::accumulate(hits.begin() + 900, hits.end(), 0U), 0U);
   EXPECT_EQ(ill.fleet.silenced(), 500U);
   EXPECT_EQ(well.fleet.silenced(), 0U);
 }

@@ -21,81 +21,67 @@ DEBIAN = "/usr/bin:" + os.environ["PATH"]
 del sys.argv[1:]
 
 
-def run(server, *command, **more):
-    with tempfile.TemporaryDirectory() as directory:
-        return subprocess.run(
-            command, capture_output=True, text=True, timeout=60,
-            env={**os.environ, **more, "ORBIQ_LIBRARY_DIRECTORY": directory,
-                 "ORBIQ_AUTHORIZATION_SERVER": f"http://127.0.0.1:{server.port}/auth/"})
-
-
 class ExamplesTest(unittest.TestCase):
-    def test_the_first_hit_from_c(self):
-        with collector.Collector(COLLECTOR) as server:
-            ended = run(server, FIRST_HIT_C)
-            self.assertEqual((ended.returncode, ended.stderr), (0, ""))
-            self.assertEqual(json.loads(ended.stdout)["sent"], 1)
-            self.assertEqual(server.counts()["hits"], {"ABC": 1})
+    def setUp(self):
+        self.scratch = self.enterContext(tempfile.TemporaryDirectory())
 
+    def run_example(self, hits, *command, code=0, **more):
+        """What it prints; the collector gets these hits."""
+        with collector.Collector(COLLECTOR) as server, \
+                tempfile.TemporaryDirectory() as directory:
+            ended = subprocess.run(command, capture_output=True, text=True, timeout=60, env={
+                **os.environ, **more, **server.environment(directory)})
+            self.assertEqual((ended.returncode, server.counts()["hits"]), (code, hits),
+                             ended.stderr)
+        return ended.stdout
+
+    def test_the_first_hit_from_c(self):
+        self.assertEqual(json.loads(self.run_example({"ABC": 1}, FIRST_HIT_C))["sent"], 1)
+
+    @unittest.skipUnless(LIBRARY, "the library is built with what other compilers do not have")
     def test_the_first_hit_from_other_languages(self):
-        if not LIBRARY:
-            self.skipTest("the library is built with what other compilers do not have")
-        scratch = self.enterContext(tempfile.TemporaryDirectory())
-        pathlib.Path(scratch, "orbiq.pc").write_text(
+        pathlib.Path(self.scratch, "orbiq.pc").write_text(
             f"Name: orbiq\nVersion: 1\nDescription: not installed\nCflags: -I{SOURCE}\n"
             f"Libs: -L{LIBRARY.parent} -lorbiq\n")
-        environment = {**os.environ, "PATH": DEBIAN, "PKG_CONFIG_PATH": scratch,
-                       "GOCACHE": f"{scratch}/go", "LD_LIBRARY_PATH": str(LIBRARY.parent)}
+        environment = {**os.environ, "PATH": DEBIAN, "PKG_CONFIG_PATH": self.scratch,
+                       "GOCACHE": f"{self.scratch}/go", "LD_LIBRARY_PATH": str(LIBRARY.parent)}
         environment.pop("GOFLAGS", None)
         for name, command in {
                 "rust": ["rustc", "--edition", "2021", "-D", "warnings", "-L", LIBRARY.parent],
                 "go": ["go", "build"]}.items():
-            with self.subTest(language=name), collector.Collector(COLLECTOR) as server:
+            with self.subTest(language=name):
                 if not shutil.which(command[0], path=DEBIAN):
                     self.skipTest(f"there is no {command[0]}")
                 source = next((SOURCE / f"examples/first-hit-{name}").iterdir())
-                program = f"{scratch}/{name}-program"
+                program = f"{self.scratch}/{name}-program"
                 subprocess.run([shutil.which(command[0], path=DEBIAN), *command[1:], "-o", program,
                                 source], env=environment, check=True, timeout=300)
-                self.assertEqual(run(server, program, **environment).returncode, 0)
-                self.assertEqual(server.counts()["hits"], {"ABC": 1})
+                self.run_example({"ABC": 1}, program, **environment)
 
+    @unittest.skipIf(PLAYER == "none", "there is no GStreamer that a sanitizer could look into")
     def test_the_player_counts_each_start(self):
-        if PLAYER == "none":
-            self.skipTest("there is no GStreamer, or none that a sanitizer could look into")
-        scratch = self.enterContext(tempfile.TemporaryDirectory())
+        heard, missing = f"file://{self.scratch}/a.ogg", f"file://{self.scratch}/none.ogg"
         subprocess.run(["gst-launch-1.0", "-q", "audiotestsrc", "num-buffers=20", "!", "vorbisenc",
-                        "!", "oggmux", "!", "filesink", f"location={scratch}/a.ogg"], check=True)
-        heard, missing = f"file://{scratch}/a.ogg", f"file://{scratch}/none.ogg"
-        environment = {"GST_REGISTRY": f"{scratch}/registry"}
-        for media, code in ((3 * [heard], 0), ([heard, missing, heard], 1)):
-            with collector.Collector(COLLECTOR) as server:
-                ended = run(server, PLAYER, "--silent", *media, **environment)
-                self.assertEqual(ended.returncode, code, ended.stderr)
-                self.assertEqual(server.counts()["hits"], {"PLAYER": media.index(missing)
-                                                           if code else len(media)})
+                        "!", "oggmux", "!", "filesink", f"location={self.scratch}/a.ogg"],
+                       check=True)
+        for media, code, hits in ((3 * [heard], 0, 3), ([heard, missing, heard], 1, 1)):
+            self.run_example({"PLAYER": hits}, PLAYER, "--silent", *media, code=code,
+                             GST_REGISTRY=f"{self.scratch}/registry")
 
     def test_the_statistics_as_prometheus_reads_them(self):
-        with collector.Collector(COLLECTOR) as server, tempfile.TemporaryDirectory() as directory:
-            printed = run(server, PROMETHEUS)
-            self.assertEqual((printed.returncode, printed.stderr), (0, ""))
-            path = os.path.join(directory, "orbiq.prom")
-            self.assertEqual(run(server, PROMETHEUS, path).returncode, 0)
-            self.assertEqual(os.listdir(directory), ["orbiq.prom"])
-            with open(path, encoding="utf-8") as file:
-                texts = [printed.stdout, file.read()]
-            self.assertNotEqual(run(server, PROMETHEUS, directory + "/none/file").returncode, 0)
-        for text in texts:
-            families = {family.name: family
-                        for family in parser.text_string_to_metric_families(text)}
-            outcomes = {sample.labels["outcome"]: sample.value
-                        for sample in families["orbiq_hits"].samples}
-            self.assertEqual(outcomes["sent"], 1)
-            self.assertEqual(sum(outcomes.values()),
-                             families["orbiq_hits_accepted"].samples[0].value)
-            self.assertEqual(families["orbiq_hits_pending"].samples[0].value, 0)
-            self.assertGreater(
-                families["orbiq_last_success_timestamp_seconds"].samples[0].value, 1.6e9)
+        path = pathlib.Path(self.scratch, "orbiq.prom")
+        printed = self.run_example({"ABC": 1}, PROMETHEUS)
+        self.run_example({"ABC": 1}, PROMETHEUS, path)
+        self.assertEqual(os.listdir(self.scratch), ["orbiq.prom"])
+        for text in printed, path.read_text():
+            value = {(each.name, *each.labels.values()): each.value
+                     for family in parser.text_string_to_metric_families(text)
+                     for each in family.samples}
+            outcomes = [value[key] for key in value if key[0] == "orbiq_hits_total"]
+            self.assertEqual((value["orbiq_hits_total", "sent"], sum(outcomes),
+                              value["orbiq_hits_accepted_total",], value["orbiq_hits_pending",]),
+                             (1, 1, 1, 0))
+            self.assertGreater(value["orbiq_last_success_timestamp_seconds",], 1.6e9)
 
 
 if __name__ == "__main__":
