@@ -61,9 +61,18 @@ std::pair<int, std::uint16_t> bindLoopback() {
 struct ScriptedServer::State {
   explicit State(const TlsIdentity* identity) : tls(makeContext(identity)) {}
 
+  bool waitFor(std::size_t State::* count, std::size_t wanted) {
+    Lock lock(changed);
+    while (this->*count < wanted) {
+      if (!changed.waitFor(kGiveUpAfter)) return false;
+    }
+    return true;
+  }
+
   const Context tls;
   mutable Condition changed;
   std::vector<std::string> requests ORBIQ_GUARDED_BY(changed);
+  std::size_t requestsRead ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t connections ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t resumed ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t clientsGone ORBIQ_GUARDED_BY(changed) = 0;
@@ -101,6 +110,7 @@ class ScriptedServer::Connection final : public ServedConnection {
     _unread.erase(0, end + 4);
     Lock lock(_state.changed);
     _state.requests.push_back(head);
+    ++_state.requestsRead;
     _state.changed.broadcast();
     return head;
   }
@@ -240,27 +250,15 @@ std::size_t ScriptedServer::resumedCount() const {
 }
 
 bool ScriptedServer::waitForRequests(std::size_t count) const {
-  Lock lock(_state->changed);
-  while (_state->requests.size() < count) {
-    if (!_state->changed.waitFor(kGiveUpAfter)) return false;
-  }
-  return true;
+  return _state->waitFor(&State::requestsRead, count);
 }
 
 bool ScriptedServer::waitForClientsGone(std::size_t count) const {
-  Lock lock(_state->changed);
-  while (_state->clientsGone < count) {
-    if (!_state->changed.waitFor(kGiveUpAfter)) return false;
-  }
-  return true;
+  return _state->waitFor(&State::clientsGone, count);
 }
 
 bool ScriptedServer::waitForEnds(std::size_t count) const {
-  Lock lock(_state->changed);
-  while (_state->ends < count) {
-    if (!_state->changed.waitFor(kGiveUpAfter)) return false;
-  }
-  return true;
+  return _state->waitFor(&State::ends, count);
 }
 
 ClosedPort::ClosedPort() { std::tie(_socket, _port) = bindLoopback(); }

