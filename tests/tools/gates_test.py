@@ -13,14 +13,6 @@ import instructions  # noqa: E402
 
 AGENT = "orbiq/private/orbiqAgent/"
 TAGGER = "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
-THREADS = "orbiq/services/platform/threads/"
-SOUND = {
-    "orbiq/orbiq.h": f'#include <sys/types.h>\n#include "{TAGGER}"\n',
-    TAGGER: f'#include <string>\n#include "{AGENT}orbiqAgent.h"\n',
-    AGENT + "orbiqAgent.h": "class orbiqAudienceTagger;  // no std::mutex\n",
-    AGENT + "orbiqAgentRegistry.cpp": f'#include "{TAGGER}"\n',
-    THREADS + "Mutex.h": "std::mutex _mutex;\n",
-}
 
 
 def counted(compiler="GNU 12.2.0", **counts):
@@ -29,19 +21,18 @@ def counted(compiler="GNU 12.2.0", **counts):
 
 class GatesTest(unittest.TestCase):
     def test_floors(self):
-        for name, text, expected in (
-                (AGENT + "orbiqAgentRegistry.h", "", ""),
-                (AGENT + "orbiqAgentQueue.cpp", f'#  include "{TAGGER}"\n', ".*not below floor 6.*"),
-                (THREADS + "Thread.cpp", "static std::mutex lock;\n", ".*Mutex.h alone.*"),
-                (THREADS + "Mutex.h", f'#include "{THREADS}Mutex.h"\n', ".*a circle.*"),
-                (AGENT + "orbiqAgent.h", "#include <curl/curl.h>\n", ".*would reach.*")):
-            with self.subTest(name), tempfile.TemporaryDirectory() as directory:
-                for file, content in (SOUND | {name: text}).items():
-                    path = pathlib.Path(directory, file)
-                    path.parent.mkdir(parents=True, exist_ok=True)
-                    path.write_text(content, encoding="utf-8")
-                found = list(floors.faults(pathlib.Path(directory)))
-                self.assertRegex("\n".join(found), f"^{expected}$")
+        project = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
+        for name, text in (("orbiq/orbiq.h", f'#include <sys/types.h>\n#include "{TAGGER}"\n'),
+                           (TAGGER, f'#include <string>\n#include <c/c.h>\n#include "{TAGGER}"\n'),
+                           (AGENT + "orbiqAgentRegistry.cpp", f'#include "{TAGGER}"\n'),
+                           (AGENT + "A.cpp", f'#  include "{TAGGER}"\nstd::mutex a;  // std::mutex')):
+            (project / name).parent.mkdir(parents=True, exist_ok=True)
+            (project / name).write_text(text, encoding="utf-8")
+        expected = ("not below floor 6", "Mutex.h alone", "a circle", "would reach applications")
+        found = list(floors.faults(project))
+        self.assertEqual(len(found), len(expected), found)
+        for fault, part in zip(found, expected):
+            self.assertIn(part, fault)
 
     def test_instructions(self):
         for measured, status, said in (
