@@ -228,7 +228,7 @@ void isDamaged(World& world) {
 void isUnreadable(World& world) { fs::create_directories(world.requests); }
 
 void isHeld(World& world) {
-  static const auto file = world.save(requestUnder(accessTo(AccessModeFull, "https://h.example/")));
+  static const auto file = world.save(requestUnder(accessTo(AccessModeRestricted, "https://h/")));
   world.says = "Process " + std::to_string(getpid()) + " (orbiq_tests) has";
 }
 
@@ -289,6 +289,7 @@ const Case kCases[] = {
     {"Sound", [](World&) {}, 0, ""},
     {"NoServer", has(&World::server, ""), 3, "no-server"},
     {"Password", has(&World::server, "https://a:secret@b/"), 3, "server-refused"},
+    {"Token", has(&World::server, "https://b/?t=secret"), 3, "server-refused"},
     {"SerialWithABlank", has(&World::serial, "A B"), 3, "serial-makes-no-url"},
     {"NoBundle", has(&World::bundle, "/none"), 3, "ca-bundle"},
     {"OddEnvironment", hasAnOddEnvironment, 0, "upper-case-proxy relative-directory key-log"},

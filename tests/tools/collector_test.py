@@ -61,9 +61,9 @@ def fields(body):
 
 
 def skew(headers):
-    """In half minutes."""
+    """In minutes."""
     date = email.utils.parsedate_to_datetime(headers["Date"]).timestamp()
-    return round((date - time.time()) / 30)
+    return round((date - time.time()) / 60)
 
 
 class CollectorTest(unittest.TestCase):
@@ -132,7 +132,7 @@ class CollectorTest(unittest.TestCase):
 
             status, headers, body = collector.ask("GET", "/auth/S")
             self.assertEqual((status, fields(body)["access"], fields(body)["host"], skew(headers)),
-                             (500, "denied", "http://h/", -120))
+                             (500, "denied", "http://h/", -60))
             self.assertEqual(collector.ask("GET", "/hit/S")[0], 404)
             self.assertEqual((collector.counts()["hitsAnsweredOtherwise"], applied()),
                              ({"S": 1}, {"hitStatus": 404}))

@@ -11,6 +11,7 @@ import os
 import pathlib
 import plistlib
 import re
+import resource
 import struct
 import subprocess
 import sys
@@ -21,6 +22,7 @@ from plistlib import UID
 WRITER = sys.argv.pop(3)
 FIRST_HIT = sys.argv.pop(2)
 INSPECTOR = sys.argv.pop(1)
+SANITIZED = re.search(rb"__[a-z]+san_init", pathlib.Path(INSPECTOR).read_bytes())
 EXCHANGE = 2
 
 
@@ -180,6 +182,7 @@ class RequestsTest(unittest.TestCase):
                 (foreign() | {"$objects": "none"}, "an array under the key $objects"),
                 (foreign() | {"$top": {"root": UID(2)}}, "it is of class orbiqRequest"),
                 (foreign(elements=[UID(3), UID(20)]), "as element 2; it is of class Elsewhere"),
+                (foreign(elements=[1]), "a UID as element 1"),
                 (foreign(**{"$class": UID(11)}), "a $class that leads to")):
             code, text, _ = shown(binary(tree))
             self.assertEqual(code, 1, tree)
@@ -231,6 +234,9 @@ class RequestsTest(unittest.TestCase):
         self.assertEqual(code, 1)
         self.assertLess(len(text), 60_000_000)
         self.assertIn("in proportion to its size", text)
+        if not SANITIZED:
+            most = resource.getrusage(resource.RUSAGE_CHILDREN).ru_maxrss
+            self.assertLess(most, 150_000)
 
     def test_follows_an_application(self):
         with Directory() as directory:
@@ -280,7 +286,7 @@ class RequestsTest(unittest.TestCase):
     def test_reads_no_mixture_while_the_file_is_rewritten(self):
         # As an application does it: into the spare, piece by piece, then both change their names.
         rewrite = """if True:
-            import ctypes, hashlib, os, sys
+            import ctypes, os, sys
             libc, names = ctypes.CDLL(None), [os.fsencode(name) for name in sys.argv[1:]]
             versions = [open(name, "rb").read() for name in names]
             files = [os.open(name, os.O_WRONLY) for name in names]
@@ -290,8 +296,7 @@ class RequestsTest(unittest.TestCase):
                 for file in reversed(files):
                     for at in range(0, len(versions[0]), 65536):
                         os.pwrite(file, versions[0][at:at + 65536], at)
-                    libc.renameat2(-100, names[1], -100, names[0], 2)
-                    hashlib.blake2b(6 * versions[0])  # something else to do meanwhile"""
+                    libc.renameat2(-100, names[1], -100, names[0], 2)"""
         long, numbers = "0" * 2_000_000, list(range(1_000))  # no object starts with a zero digit
         with Directory() as directory:
             files = directory / "requests.ser", directory / "requests.ser.new"
@@ -305,15 +310,16 @@ class RequestsTest(unittest.TestCase):
                 outcomes = {(code, json.loads(text)["isSettled"]) for code, text, _ in (
                     inspect(files[0], "--json") for _ in range(30))}
                 writer.kill()
-            # Where the machine is slow it may say that the file did not stand still.
-            self.assertIn((0, True), outcomes)
+            # It may well say that the file does not stand still.
             self.assertLessEqual(outcomes, {(0, True), (3, False)})
+            self.assertEqual(inspect(files[0])[0], 0)
 
     def test_exit_codes(self):
         for arguments, code, text in (
                 ([], 2, "ORBIQ_LIBRARY_DIRECTORY"), (["--no"], 2, "--no"),
                 (["x", "--library-directory", "y"], 2, "excludes"),
-                (["--bundle-identifier", "../x"], 2, "bundle identifier"),
+                (["--bundle-identifier", ".."], 2, "bundle identifier"),
+                (["--bundle-identifier", "x/y"], 2, "bundle identifier"),
                 (["/none"], 3, "No such file"), (["/tmp"], 3, "directory"),
                 (["/dev/null"], 3, "Invalid"), (["--follow", "/none/x"], 3, "/none/")):
             found, _, errors = inspect(*arguments)
