@@ -81,10 +81,6 @@ void AccountServer::answerAuthorizations(Handler handler) {
   _authorizations = std::move(handler);
 }
 
-void AccountServer::grantAccess(const std::string& access) {
-  answerAuthorizations([body = grant(access)](const std::string&) { return answer(200, body); });
-}
-
 void AccountServer::grantHost(const std::string& host) {
   answerAuthorizations([body = "access=full|host=" + host + "|cmsVI=7"](const std::string&) {
     return answer(200, body);
@@ -138,16 +134,19 @@ std::shared_ptr<orbiqAudienceTagger> Application::tagger(const String& serial) {
 }
 
 std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
-    std::chrono::milliseconds time) {
+    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked) {
   struct Impatient final : HttpClient {
-    explicit Impatient(std::chrono::milliseconds limit) : time(limit) {}
+    Impatient(std::chrono::milliseconds limit, std::shared_ptr<TimeLimits> noted)
+        : time(limit), asked(std::move(noted)) {}
     HttpResult send(const HttpRequest& request) override {
+      if (asked) asked->push_back(request.timeout);
       return real->send({request.url, request.userAgent, time});
     }
     const std::chrono::milliseconds time;
+    const std::shared_ptr<TimeLimits> asked;
     const std::unique_ptr<HttpClient> real = makeHttpClient("");
   };
-  return [time] { return std::make_unique<Impatient>(time); };
+  return [=] { return std::make_unique<Impatient>(time, asked); };
 }
 
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode, const String& serial) {

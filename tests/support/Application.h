@@ -71,7 +71,6 @@ class AccountServer {
   std::string grant(const std::string& access) const;
 
   void answerAuthorizations(Handler handler);
-  void grantAccess(const std::string& access);
   /// Full access to another hit server.
   void grantHost(const std::string& host);
   void answerHits(Handler handler);
@@ -106,8 +105,11 @@ class Application {
   std::shared_ptr<LogRecorder> _log = std::make_shared<LogRecorder>();
 };
 
-/// Makes clients that give up earlier than they are asked to.
-std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(std::chrono::milliseconds time);
+using TimeLimits = std::vector<std::chrono::milliseconds>;
+
+/// Makes clients that give up earlier than they are asked to, and note what they were asked.
+std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
+    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked = {});
 
 /// A streaming request of the serial "ABC" for the hit that its authorization names.
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode = SendingModeHost,
