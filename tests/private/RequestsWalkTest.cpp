@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -20,90 +21,38 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// What judge_queues.py has to find.
-class Description {
- public:
-  std::string text;
-
-  explicit Description(const RequestQueue& queue) {
-    for (const auto& request : queue) {
-      add(*request);
-      text += '\n';
+/// Each request as judge_queues.py has to find it: its text, what changes in its place, and by
+/// numbers the objects that requests share.
+std::string described(const RequestQueue& queue) {
+  std::ostringstream text;
+  std::map<const void*, std::size_t> seen;
+  const auto share = [&](const auto& object) {
+    text << (object ? seen.emplace(object.get(), seen.size() + 1).first->second : 0) << ' ';
+  };
+  for (const auto& request : queue) {
+    share(request);
+    if (dynamic_cast<const orbiqClearCache*>(request.get()) != nullptr) {
+      text << "marker\n";
+      continue;
     }
-  }
-
- private:
-  bool begins(const void* object, const char* opening) {
-    if (object == nullptr) return (text += "null"), false;
-    const auto [place, isNew] = _seen.emplace(object, _seen.size());
-    text += isNew ? opening : "#" + std::to_string(place->second);
-    return isNew;
-  }
-  void add(const String& string, const char* behind = "") {
-    if (begins(string.identity(), "'")) {
-      constexpr char kDigits[] = "0123456789abcdef";
-      for (const char byte : string.view()) {
-        text += kDigits[static_cast<unsigned char>(byte) >> 4];
-        text += kDigits[byte & 0xF];
-      }
-      text += "'";
+    const auto tagger = request->taggerID();
+    const auto auth = request->auth();
+    share(request->parameters());
+    share(tagger);
+    share(auth);
+    if (auth) {
+      share(auth->currentAccess());
+      share(auth->currentSession());
+      text << auth->currentSession()->cmsVI().description() << ' '
+           << auth->currentAccess()->canSendRequestFor(RequestTypeStreaming) << ' ';
     }
-    text += behind;
+    text << tagger->partialID() << ' ' << request->numberOfFails() << ' ' << request->status()
+         << ' ' << request->lastFail().value_or(Date{}).secondsSinceReferenceDate << ' '
+         << request->creationDate()->secondsSinceReferenceDate << ' ' << request->description()
+         << '\n';
   }
-  void add(const std::optional<Date>& date) {
-    text += date ? "@" + std::to_string(static_cast<int>(date->secondsSinceReferenceDate)) : "null";
-    text += ",";
-  }
-  void add(bool value, const char* behind) { (text += value ? "true" : "false") += behind; }
-  void add(const Parameters& parameters) {
-    for (const auto& [key, value] : parameters) {
-      if (text.back() != '{') text += ",";
-      add(key, "=");
-      add(value);
-    }
-    text += "}";
-  }
-  void add(const orbiqAuth& auth) {
-    const auto access = auth.currentAccess();
-    if (begins(access.get(), "orbiqAccess(")) {
-      add(access->serial(), ",");
-      text += std::to_string(access->accessMode()) + ",";
-      add(access->baseURL(), ",");
-      add(!access->canSendRequestFor(RequestTypeStreaming), ",");
-      add(access->host(), ")");
-    }
-    text += ",";
-    const auto session = auth.currentSession();
-    if (begins(session.get(), "orbiqSession(")) {
-      add(session->serial(), ",");
-      add(session->cmsVI(), ")");
-    }
-    text += ",";
-    add(auth.isDefaultValues(), ")");
-  }
-  void add(const orbiqRequest& request) {
-    const bool isMarker = dynamic_cast<const orbiqClearCache*>(&request) != nullptr;
-    if (!begins(&request, isMarker ? "orbiqClearCache()" : "orbiqRequest(") || isMarker) return;
-    if (begins(request.parameters().get(), "{")) add(*request.parameters());
-    text += "," + std::to_string(request.requestType()) + "," +
-            std::to_string(request.sendingMode()) + ",";
-    add(request.lastFail());
-    add(request.creationDate());
-    add(request.serial(), ",");
-    text += std::to_string(request.numberOfFails()) + "," + std::to_string(request.status()) + ",";
-    add(request.shouldRenewSessionAfter(), ",");
-    const auto tagger = request.taggerID();
-    if (begins(tagger.get(), "orbiqTaggerID(")) {
-      add(tagger->serial(), ",");
-      text += std::to_string(tagger->partialID()) + (tagger->isStreamTagger() ? ",1)" : ",0)");
-    }
-    text += ",";
-    if (begins(request.auth().get(), "orbiqAuth(")) add(*request.auth());
-    text += ")";
-  }
-
-  std::map<const void*, std::size_t> _seen;
-};
+  return text.str();
+}
 
 /// What requests of an account share.
 struct Account {
@@ -174,7 +123,7 @@ class Walk {
     if (fate == 1) fs::remove(_path), std::ofstream(_path) << "somebody else's";
     _file.save(_path, _queue);
     if (fate == 0) fs::remove_all(_path + ".new");
-    if (fate != 0) _saved = Description(_queue).text;
+    if (fate != 0) _saved = described(_queue);
     const std::string name = _directory.path() / std::to_string(_step++);
     fs::copy_file(_path, name + ".ser");
     std::ofstream(name + ".txt") << _saved;

@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <netinet/in.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
@@ -20,43 +21,38 @@
 namespace orbiq::test {
 namespace {
 
-/// The machine's own network, with the looks at it counted: one for each time that the sending loop
-/// is woken and has something to send.
-class CountedNetwork final : public NetworkReachabilitySource {
+/// The machine's own network. Its looks are counted, one for each time that the sending loop is
+/// woken and has something to send, and one for each attempt.
+class WatchedNetwork final : public NetworkReachabilitySource, public NetworkReachability {
  public:
   std::shared_ptr<NetworkReachability> createWithName(const std::string& name) override {
     return _network->createWithName(name);
   }
   std::shared_ptr<NetworkReachability> createWithAddress(const sockaddr* address) override {
-    return std::make_shared<Target>(_network->createWithAddress(address), _looks);
+    _target = _network->createWithAddress(address);
+    return {std::shared_ptr<void>(), this};
   }
   std::string failure() override { return _network->failure(); }
-  const LogRecorder& looks() const { return *_looks; }
+  bool setCallback(NetworkReachabilityCallback callback,
+                   const NetworkReachabilityContext& context) override {
+    return _target->setCallback(callback, context);
+  }
+  bool setDispatchQueue(std::shared_ptr<SerialQueue> queue) override {
+    return _target->setDispatchQueue(std::move(queue));
+  }
+  bool getFlags(std::uint32_t& flags) override {
+    const bool isKnown = _target->getFlags(flags);
+    looks.record({LoggingModeInfo, "look", {}});
+    if (looks.count("look") == lookInVain) flags = 0;
+    return isKnown;
+  }
+
+  LogRecorder looks;
+  std::atomic<std::size_t> lookInVain = 0;
 
  private:
-  class Target final : public NetworkReachability {
-   public:
-    Target(std::shared_ptr<NetworkReachability> target, std::shared_ptr<LogRecorder> looks)
-        : _target(std::move(target)), _looks(std::move(looks)) {}
-    bool setCallback(NetworkReachabilityCallback callback,
-                     const NetworkReachabilityContext& context) override {
-      return _target->setCallback(callback, context);
-    }
-    bool setDispatchQueue(std::shared_ptr<SerialQueue> queue) override {
-      return _target->setDispatchQueue(std::move(queue));
-    }
-    bool getFlags(std::uint32_t& flags) override {
-      const bool isKnown = _target->getFlags(flags);
-      _looks->record({LoggingModeInfo, "look", {}});
-      return isKnown;
-    }
-
-   private:
-    std::shared_ptr<NetworkReachability> _target;
-    std::shared_ptr<LogRecorder> _looks;
-  };
   std::shared_ptr<NetworkReachabilitySource> _network = makeRouteReachabilitySource();
-  std::shared_ptr<LogRecorder> _looks = std::make_shared<LogRecorder>();
+  std::shared_ptr<NetworkReachability> _target;
 };
 
 class Triggers : public testing::Test {
@@ -69,19 +65,19 @@ class Triggers : public testing::Test {
     network->setUp("peer");
     network->addAddress("uplink", "10.0.0.1/24");
     server = std::make_unique<AccountServer>();
-    counted = std::make_shared<CountedNetwork>();
+    watched = std::make_shared<WatchedNetwork>();
     application = std::make_unique<Application>(
         server->authorizationServer(), [this](HostDescription& /*host*/, Platform& platform) {
-          platform.reachabilitySource = counted;
+          platform.reachabilitySource = watched;
         });
   }
   /// Does what wakes the sending loop, and returns when the loop has looked and sleeps again, or
   /// else is at work.
   template <class Action>
   [[nodiscard]] bool wakeLoop(Action action) {
-    const std::size_t before = counted->looks().count("look");
+    const std::size_t before = watched->looks.count("look");
     action();
-    return counted->looks().waitFor("look", before + 1);
+    return watched->looks.waitFor("look", before + 1);
   }
   void connect() {
     network->setUp("uplink");
@@ -101,7 +97,7 @@ class Triggers : public testing::Test {
 
   std::unique_ptr<NetworkNamespace> network;
   std::unique_ptr<AccountServer> server;
-  std::shared_ptr<CountedNetwork> counted;
+  std::shared_ptr<WatchedNetwork> watched;
   std::unique_ptr<Application> application;
 };
 
@@ -158,6 +154,18 @@ TEST_F(Triggers, AChangeToUnreachableChangesNothing) {
   connect();
   ASSERT_TRUE(application->log().waitFor("(WARNING) : There is a network again"));
   EXPECT_EQ(application->log().count(waiting), 1U);
+}
+
+TEST_F(Triggers, AnAttemptThatFindsNoNetworkIsNoFailureOfTheRequest) {
+  connect();
+  const auto request = streamingRequest();
+  watched->lookInVain = 2;  // the first one is the loop's, before the attempt's
+  orbiqAgent::sharedAgent().addRequestToQueue(request);
+  ASSERT_TRUE(application->log().waitFor("handling resulted in a timeout or lack of connection"));
+  Application::enterForeground();  // not a minute later
+  ASSERT_TRUE(application->log().waitFor("We have now 0 request(s) to handle"));
+  EXPECT_EQ(request->numberOfFails(), 0U);
+  EXPECT_EQ(server->requestLines("/hit/").size(), 1U);
 }
 
 TEST(AssumedNetwork, HitsReachAServerBesideLoopbackAlone) {
