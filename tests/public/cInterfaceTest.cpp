@@ -1,7 +1,6 @@
 // What a description that was made in C is in C++. The rest is tested from Python.
 #include <gtest/gtest.h>
 
-#include <string>
 #include <tuple>
 #include <vector>
 
@@ -13,15 +12,6 @@ namespace {
 
 TEST(CInterface, DescribesTheHost) {
   orbiq_host* const host = orbiq_host_new();
-  const HostDescription& before = HostApplication::current();
-  orbiq_host_set_text(host, ORBIQ_AUTHORIZATION_SERVER, "no URL");
-  char reason[400] = "untouched";
-  EXPECT_EQ(orbiq_host_describe(host, reason, sizeof reason), ORBIQ_ERROR_REFUSED);
-  EXPECT_NE(std::string(reason).find("no URL"), std::string::npos);
-  EXPECT_EQ(orbiq_host_describe(nullptr, reason, sizeof reason), ORBIQ_ERROR_ARGUMENT);
-  EXPECT_STREQ(reason, orbiq_status_text(ORBIQ_ERROR_ARGUMENT));
-  EXPECT_EQ(&HostApplication::current(), &before);
-
   using D = HostDescription;
   const std::tuple<int, const char*, String D::*> texts[]{
       {ORBIQ_BUNDLE_IDENTIFIER, "id", &D::bundleIdentifier},
@@ -38,8 +28,7 @@ TEST(CInterface, DescribesTheHost) {
   for (const int idiom : {-1, 3}) {
     EXPECT_EQ(orbiq_host_set_user_interface_idiom(host, idiom), ORBIQ_ERROR_ARGUMENT);
   }
-  EXPECT_EQ(orbiq_host_describe(host, reason, sizeof reason), ORBIQ_OK);
-  EXPECT_STREQ(reason, "");
+  EXPECT_EQ(orbiq_host_describe(host, nullptr, 0), ORBIQ_OK);
   orbiq_host_free(host);
 
   const HostDescription& now = HostApplication::current();
