@@ -123,13 +123,6 @@ TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
   EXPECT_EQ(agent.statistics().lastFailure, "ABC: an earlier run got no authorization for it");
 }
 
-TEST(AgentQueue, WithoutStreamingRequestsThereIsNoMarker) {
-  const Application application(kNoServer);
-  writeQueue({audienceRequest()});
-  orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
-  EXPECT_TRUE(application.log().waitFor("We have now 1 request(s) to handle"));
-}
-
 TEST(AgentQueue, AtRestTheFileIsSyncedOnceAndMemoryGivenBack) {
   Application application(kNoServer);
   const std::size_t before = DiskCalls::soFar().files;

@@ -179,14 +179,10 @@ TEST(AssumedNetwork, HitsReachAServerBesideLoopbackAlone) {
   Application::tagger("ABC")->sendHit();
   ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
   EXPECT_EQ(orbiqAgent::sharedAgent().statistics().sent, 1U);
-  // No change comes, whatever happens to the network.
-  const auto monitor = orbiqReachability::reachabilityForLocalWiFi();
-  ASSERT_TRUE(monitor->startNotifier());
   network->ip("link set dev lo down");
-  EXPECT_EQ(monitor->currentReachabilityFlags(), "-R -------");
+  EXPECT_TRUE(orbiqReachability::reachabilityForLocalWiFi()->isReachable());
   EXPECT_EQ(application.log().count("Connection status changed"), 0U);
   EXPECT_EQ(application.log().count("(WARNING)"), 0U);
-  monitor->stopNotifier();
 }
 
 }  // namespace
