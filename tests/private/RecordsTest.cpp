@@ -63,16 +63,12 @@ TEST(Request, ACopySharesOnlyTheAccess) {
 TEST(Request, GoesToTheHostOrToItsSerial) {
   for (const auto& [mode, url] : {std::pair{SendingModeHost, "http://b/S1"},
                                   {static_cast<SendingMode>(6), "http://b/S1"},
-                                  {SendingModeSerial, "S1"},
-                                  {SendingModeSerialWithStop, "S1"}}) {
+                                  {SendingModeSerial, "S1"}}) {
     const auto request = streamingRequest(mode);
     EXPECT_FALSE(request->url());
     request->setAuth(authFor("http://b/"));
     EXPECT_EQ(request->url()->text(), url);
   }
-  const auto request = streamingRequest();
-  request->setAuth(authFor("http://b /"));
-  EXPECT_FALSE(request->url());
 }
 
 TEST(Request, AStopHasTheNextRank) {

@@ -22,14 +22,12 @@ struct Listener {
 };
 
 struct Ticking {
-  void tick(orbiqTimer& timer) { ticks.push_back(&timer); }
+  void tick(orbiqTimer& timer) const { ticks.push_back(&timer); }
   int fail(orbiqTimer& timer) {
     tick(timer);
     throw std::runtime_error("the target's own trouble");
   }
-  void look(orbiqTimer& /*timer*/) const { ++looks; }
-  std::vector<const orbiqTimer*> ticks;
-  mutable int looks = 0;
+  mutable std::vector<const orbiqTimer*> ticks;
 };
 
 /// Its base with the operation does not stand first, so a wrongly cast pointer would show.
@@ -86,20 +84,14 @@ TEST_F(OrbiqTimerTest, FiresOnceUnlessItRepeatsAndNotAtAllIfInvalidatedBefore) {
 TEST_F(OrbiqTimerTest, OnlyTargetsThatAreThereAndHaveTheOperationAreCalled) {
   const std::shared_ptr<Listener> hidden = target;
   const auto unable = std::make_shared<Listener>();
-  auto leaving = std::make_shared<Ticking>();
-  void (Ticking::* const noSelector)(orbiqTimer&) = nullptr;
-  const std::shared_ptr<const TickingListener> readOnly = target;
-  const auto timers = {timerOf(kSoon, readOnly, &Ticking::look, true),
-                       timerOf(kSoon, unable, &Ticking::tick, true),
-                       timerOf(kSoon, std::shared_ptr<Ticking>(), &Ticking::tick, true),
-                       timerOf(kSoon, target, noSelector, true),
+  auto leaving = std::make_shared<const Ticking>();
+  const auto timers = {timerOf(kSoon, unable, &Ticking::tick, true),
                        timerOf(kSoon, leaving, &Ticking::tick, true),
                        timerOf(kSoon, hidden, &Ticking::tick, true)};
   await([&] { return !leaving->ticks.empty(); });
   leaving = nullptr;
   const std::size_t soFar = target->ticks.size();
   await([&] { return target->ticks.size() > soFar + 1; });
-  EXPECT_GT(target->looks, 0);
   for (const orbiqTimer* caller : target->ticks) EXPECT_EQ(caller, timers.end()[-1].get());
   for (const auto& timer : timers) {
     EXPECT_EQ(timer.use_count(), 2);  // gone on, whoever was called
