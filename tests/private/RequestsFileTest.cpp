@@ -14,9 +14,6 @@
 #include <string>
 #include <vector>
 
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
-#include "orbiq/services/platform/archive/KeyedUnarchiver.h"
-#include "orbiq/services/platform/files/AtomicFile.h"
 #include "tests/support/Application.h"
 #include "tests/support/DiskCalls.h"
 #include "tests/support/Role.h"
@@ -47,13 +44,6 @@ struct SavedQueue {
   }
 };
 
-std::size_t savedIn(const std::string& path) {
-  constexpr const ArchivedClass* kClasses[] = {&orbiqRequest::kArchivedClass};
-  return KeyedUnarchiver::unarchiveArray(readFile(path, 1U << 26U).value_or(""), kClasses)
-      .value_or(std::vector<std::shared_ptr<Archivable>>())
-      .size();
-}
-
 class RequestsFileTest : public testing::Test {
  protected:
   const TemporaryDirectory directory;
@@ -75,7 +65,7 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
               1U);
     saved.save(path, 1);
     saved.save(path, 2);
-    EXPECT_EQ(savedIn(path), 2U) << cause;
+    EXPECT_EQ(savedRequests(path).size(), 2U) << cause;
   };
   const auto nothing = [] {};
   // Nobody can read its first bytes.
@@ -84,7 +74,7 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
   EXPECT_TRUE(fs::is_symlink(aside));
   fs::remove(lock);
   check("Is a directory", [&] { fs::create_directory(lock); }, [&] { fs::remove(lock); });
-  EXPECT_EQ(savedIn(aside), 2U);
+  EXPECT_EQ(savedRequests(aside).size(), 2U);
 
   const auto large = streamingRequest();
   large->setSerial(std::string(40U << 20U, 'x'));
@@ -137,11 +127,11 @@ TEST_F(RequestsFileTest, WhateverBecomesOfTheLockFileOneProcessWrites) {
     EXPECT_EQ(line, printed);
     const bool isLost = !line.ends_with("told");
     file.save(path, 3);
-    EXPECT_EQ(savedIn(path), isLost ? 9U : 3U) << printed;
+    EXPECT_EQ(savedRequests(path).size(), isLost ? 9U : 3U) << printed;
     other.kill(SIGKILL);
     other.wait();
     file.save(path, 3);
-    EXPECT_EQ(savedIn(path), isLost ? 9U : 3U) << "what was lost is not taken over";
+    EXPECT_EQ(savedRequests(path).size(), isLost ? 9U : 3U) << "what was lost is not taken over";
     losses += isLost ? 1 : 0;
     EXPECT_EQ(application.log().count(kAnother), losses) << "told once";
   }

@@ -6,7 +6,6 @@
 #include <string>
 #include <vector>
 
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "tests/support/Application.h"
@@ -22,13 +21,6 @@ constexpr char kNoServer[] = "http://127.0.0.1:9/";
 
 fs::path fileOf() {
   return fs::path(getenv("XDG_STATE_HOME")) / "tv.example.player/Library/orbiqCache/requests.ser";
-}
-
-/// The queue that the file holds, read without the agent.
-RequestQueue queueInFile() {
-  const std::string copy = fileOf().string() + ".copy";  // a lock of its own
-  fs::copy_file(fileOf(), copy, fs::copy_options::overwrite_existing);
-  return RequestsFile().load(copy);
 }
 
 void writeQueue(const RequestQueue& queue) {
@@ -54,7 +46,7 @@ TEST(AgentQueue, KeepsTheYoungest500InOrder) {
   ASSERT_TRUE(application.log().waitFor("We have now", 503));
   EXPECT_EQ(counts(agent.statistics()),
             (std::vector<std::uint64_t>{503, 0, 0, 0, 0, 3, 0, 0, 500}));
-  const RequestQueue saved = queueInFile();
+  const RequestQueue saved = savedRequests();
   ASSERT_EQ(saved.size(), 500U);
   for (std::size_t i = 0; i < saved.size(); ++i) {
     EXPECT_EQ(saved[i]->serial().toStdString(), std::to_string(i + 3));
@@ -73,10 +65,10 @@ TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
       std::make_shared<orbiqAuth>(nullptr, nullptr, false), late->taggerID());
   orbiqAgent& agent = orbiqAgent::sharedAgent();
   EXPECT_EQ(counts(agent.statistics()), (std::vector<std::uint64_t>{3, 0, 0, 0, 0, 0, 2, 0, 1}));
-  EXPECT_EQ(queueInFile().size(), 4U);  // until the next save
+  EXPECT_EQ(savedRequests().size(), 4U);  // until the next save
   agent.addRequestToQueue(late);
   ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
-  const RequestQueue saved = queueInFile();
+  const RequestQueue saved = savedRequests();
   ASSERT_EQ(saved.size(), 3U);
   EXPECT_EQ(saved[0]->serial(), "ABC");
   EXPECT_TRUE(saved[1]->isEqual(std::make_unique<orbiqClearCache>().get()));

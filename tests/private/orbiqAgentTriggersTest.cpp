@@ -5,7 +5,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <filesystem>
 #include <future>
 #include <memory>
 #include <string>
@@ -13,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "tests/support/Application.h"
 #include "tests/support/NetworkNamespace.h"
@@ -88,13 +86,6 @@ class Triggers : public testing::Test {
         reinterpret_cast<const sockaddr*>(&internet));
     for (std::uint32_t flags = 0; flags == 0; std::this_thread::yield()) target->getFlags(flags);
   }
-  std::size_t requestsInFile() {
-    const std::string path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
-    std::filesystem::copy_file(path, path + ".copy",
-                               std::filesystem::copy_options::overwrite_existing);
-    return RequestsFile().load(path + ".copy").size();
-  }
-
   std::unique_ptr<NetworkNamespace> network;
   std::unique_ptr<AccountServer> server;
   std::shared_ptr<WatchedNetwork> watched;
@@ -124,7 +115,7 @@ TEST_F(Triggers, TheNetworksReturnSendsStreamingAndDropsAudienceRequests) {
   auto settled = std::async(std::launch::async, [&] { return agent.flush(std::chrono::hours(1)); });
   connect();
   ASSERT_TRUE(application->log().waitFor("Handling request"));
-  EXPECT_EQ(requestsInFile(), 4U);  // what was dropped is not saved on its own
+  EXPECT_EQ(savedRequests().size(), 4U);  // what was dropped is not saved on its own
   gate.open();
   EXPECT_TRUE(settled.get());
   ASSERT_TRUE(application->log().waitFor("We have now 0 request(s) to handle"));

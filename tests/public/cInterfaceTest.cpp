@@ -1,6 +1,7 @@
 // What a description that was made in C is in C++. The rest is tested from Python.
 #include <gtest/gtest.h>
 
+#include <string>
 #include <tuple>
 
 #include "orbiq/orbiq.h"
@@ -8,6 +9,17 @@
 
 namespace orbiq::test {
 namespace {
+
+void takeLine(void* context, int32_t mode, const char* text, size_t length, double seconds) {
+  *static_cast<std::string*>(context) = std::to_string(mode) + " " + text + " " +
+                                        std::to_string(length) + " " +
+                                        std::to_string(static_cast<int>(seconds));
+}
+
+bool tellIdentifier(void* context, char* buffer, size_t capacity) {
+  const auto& text = *static_cast<const std::string*>(context);
+  return text.copy(buffer, capacity) > 0;
+}
 
 TEST(CInterface, DescribesTheHost) {
   orbiq_host* const host = orbiq_host_new();
@@ -24,6 +36,9 @@ TEST(CInterface, DescribesTheHost) {
   orbiq_host_set_durable(host, true);
   orbiq_host_set_assume_reachable(host, true);
   orbiq_host_set_user_interface_idiom(host, 2);
+  std::string taken;
+  orbiq_host_set_log_sink(host, takeLine, &taken);
+  orbiq_host_set_advertising_identifier(host, tellIdentifier, &taken);
   EXPECT_EQ(orbiq_host_describe(host, nullptr, 0), ORBIQ_OK);
   orbiq_host_free(host);
 
@@ -33,6 +48,9 @@ TEST(CInterface, DescribesTheHost) {
   EXPECT_EQ(now.durability, Durability::PowerLoss);
   EXPECT_TRUE(now.assumeReachable);
   EXPECT_EQ(now.userInterfaceIdiom, 2);
+  now.logSink({LoggingModeWarning, "line", Date::sinceReferenceDate(1)});
+  EXPECT_EQ(taken, "1 line 4 978307201");
+  EXPECT_EQ(now.advertisingIdentifier(), taken);
 }
 
 TEST(CInterface, ASinkThatWasTakenAwayStaysAway) {

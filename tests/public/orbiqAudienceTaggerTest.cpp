@@ -1,13 +1,11 @@
 // The taggers, and what a hit is made of.
 #include <gtest/gtest.h>
 
-#include <filesystem>
 #include <regex>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "tests/support/Application.h"
 
 namespace orbiq::test {
@@ -32,9 +30,7 @@ TEST(AudienceTagger, ComposesAHit) {
   Application::tagger("DEF")->sendHit();
 
   ASSERT_TRUE(application.log().waitFor("We have now 5 request(s) to handle"));
-  const std::string path = orbiqAgent::sharedAgent().requestsFilePath().toStdString();
-  std::filesystem::copy_file(path, path + ".copy");  // with a lock of its own
-  const RequestQueue requests = RequestsFile().load(path + ".copy");
+  const RequestQueue requests = savedRequests();
   ASSERT_EQ(requests.size(), 5U);
   std::vector<Parameters> hits;
   for (const auto& request : requests) hits.push_back(*request->parameters());

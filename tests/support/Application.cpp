@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 
 namespace orbiq::test {
 namespace {
@@ -153,6 +154,12 @@ std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode, const String& s
   return std::make_shared<orbiqRequest>(
       std::make_shared<const Parameters>(Parameters{{"cmsRK", "7"}}), RequestTypeStreaming, mode,
       serial, std::make_shared<orbiqTaggerID>(serial, 3, true));
+}
+
+RequestQueue savedRequests(const std::string& path) {
+  const std::string copy = path + ".copy";
+  std::filesystem::copy_file(path, copy, std::filesystem::copy_options::overwrite_existing);
+  return RequestsFile().load(copy);
 }
 
 std::vector<std::uint64_t> counts(const Statistics& statistics) {

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "orbiq/orbiq.h"
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/services/platform/host/Platform.h"
 #include "orbiq/services/platform/threads/Mutex.h"
 #include "orbiq/services/platform/time/Clock.h"
@@ -114,6 +115,10 @@ std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
 /// A streaming request of the serial "ABC" for the hit that its authorization names.
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode = SendingModeHost,
                                                const String& serial = "ABC");
+
+/// The queue in the agent's file or another, read with a lock of its own.
+RequestQueue savedRequests(
+    const std::string& path = orbiqAgent::sharedAgent().requestsFilePath().toStdString());
 
 /// The counts in the order of their declaration, for comparison as a whole.
 std::vector<std::uint64_t> counts(const Statistics& statistics);

@@ -27,19 +27,16 @@ class HandMadeNetwork : public NetworkReachability, public NetworkReachabilitySo
  public:
   bool setCallback(NetworkReachabilityCallback newCallback,
                    const NetworkReachabilityContext& newContext) override {
-    throwIfWanted();
     callback = newCallback;
     context = newContext;
     return true;
   }
   bool setDispatchQueue(std::shared_ptr<SerialQueue> newQueue) override {
-    throwIfWanted();
-    if (newQueue && !acceptsQueue) return false;
     queue = std::move(newQueue);
     return true;
   }
   bool getFlags(std::uint32_t& result) override {
-    throwIfWanted();
+    if (throws) throw std::system_error(EAGAIN, std::generic_category());
     if (isKnown) result = flags;
     return isKnown;
   }
@@ -54,9 +51,6 @@ class HandMadeNetwork : public NetworkReachability, public NetworkReachabilitySo
   }
   std::string failure() override { return "no sockets here"; }
 
-  void throwIfWanted() const {
-    if (throws) throw std::system_error(EAGAIN, std::generic_category());
-  }
   void deliver(std::uint32_t newFlags) {
     queue->sync([&] { callback(*this, newFlags, context.info.lock().get()); });
   }
@@ -64,7 +58,6 @@ class HandMadeNetwork : public NetworkReachability, public NetworkReachabilitySo
   std::uint32_t flags = 0;
   bool isKnown = true;
   bool throws = false;
-  bool acceptsQueue = true;
   NetworkReachabilityCallback callback = nullptr;
   NetworkReachabilityContext context;
   std::shared_ptr<SerialQueue> queue;
@@ -175,16 +168,6 @@ TEST_F(OrbiqReachabilityTest, AStartedMonitorKeepsItselfAliveUntilItIsStopped) {
   monitor->setReachabilityObject(nullptr);
   monitor = nullptr;  // destruction stops, too
   EXPECT_EQ(handle->callback, nullptr);
-}
-
-TEST_F(OrbiqReachabilityTest, AFailedStartLeavesTheMonitorIdle) {
-  handle->acceptsQueue = false;
-  for (const bool throws : {false, true}) {
-    handle->throws = throws;
-    EXPECT_FALSE(monitor->startNotifier());
-    EXPECT_EQ(monitor->reachabilityObject(), nullptr);
-    EXPECT_EQ(handle->callback, nullptr);
-  }
 }
 
 TEST_F(OrbiqReachabilityTest, FactoriesAskForTheirTargets) {
