@@ -15,6 +15,7 @@ namespace orbiq::test {
 namespace {
 
 namespace fs = std::filesystem;
+using Counts = std::vector<std::uint64_t>;
 
 /// Nothing is ever sent: the hit server that the fallback names is no server, so the head stays.
 constexpr char kNoServer[] = "http://127.0.0.1:9/";
@@ -31,6 +32,12 @@ void writeQueue(const RequestQueue& queue) {
   fs::rename(draft, fileOf());
 }
 
+std::shared_ptr<orbiqAuth> fullAccess(const String& base) {
+  const auto access =
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("ABC", AccessModeFull, base);
+  return std::make_shared<orbiqAuth>(nullptr, access, false);
+}
+
 std::shared_ptr<orbiqRequest> audienceRequest() {
   return std::make_shared<orbiqRequest>(nullptr, RequestTypeAudience, SendingModeHost, "ABC",
                                         std::make_shared<orbiqTaggerID>("ABC", 0, false));
@@ -44,16 +51,14 @@ TEST(AgentQueue, KeepsTheYoungest500InOrder) {
     agent.addRequestToQueue(streamingRequest(SendingModeHost, std::to_string(number)));
   }
   ASSERT_TRUE(application.log().waitFor("We have now", 503));
-  EXPECT_EQ(counts(agent.statistics()),
-            (std::vector<std::uint64_t>{503, 0, 0, 0, 0, 3, 0, 0, 500}));
+  EXPECT_EQ(counts(agent.statistics()), (Counts{503, 0, 0, 0, 0, 3, 0, 0, 500}));
   const RequestQueue saved = savedRequests();
   ASSERT_EQ(saved.size(), 500U);
   for (std::size_t i = 0; i < saved.size(); ++i) {
     EXPECT_EQ(saved[i]->serial().toStdString(), std::to_string(i + 3));
   }
-  const auto permissions = fs::status(fileOf()).permissions();
-  EXPECT_EQ(permissions, fs::perms::owner_read | fs::perms::owner_write);
-  EXPECT_EQ(fs::status(fileOf().parent_path()).permissions(), fs::perms::owner_all);
+  EXPECT_EQ(fs::status(fileOf()).permissions(), fs::perms{0600});
+  EXPECT_EQ(fs::status(fileOf().parent_path()).permissions(), fs::perms{0700});
 }
 
 TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
@@ -64,14 +69,14 @@ TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
   orbiqAuthManager::manager().setAuthToCache_forKey(
       std::make_shared<orbiqAuth>(nullptr, nullptr, false), late->taggerID());
   orbiqAgent& agent = orbiqAgent::sharedAgent();
-  EXPECT_EQ(counts(agent.statistics()), (std::vector<std::uint64_t>{3, 0, 0, 0, 0, 0, 2, 0, 1}));
+  EXPECT_EQ(counts(agent.statistics()), (Counts{3, 0, 0, 0, 0, 0, 2, 0, 1}));
   EXPECT_EQ(savedRequests().size(), 4U);  // until the next save
   agent.addRequestToQueue(late);
   ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
   const RequestQueue saved = savedRequests();
   ASSERT_EQ(saved.size(), 3U);
   EXPECT_EQ(saved[0]->serial(), "ABC");
-  EXPECT_TRUE(saved[1]->isEqual(std::make_unique<orbiqClearCache>().get()));
+  EXPECT_EQ(saved[1]->parameters(), nullptr);  // the marker
   EXPECT_EQ(saved[2]->serial(), "late");
   EXPECT_EQ(saved[2]->auth(), nullptr) << "while a marker is pending no cached one is attached";
 }
@@ -82,36 +87,29 @@ TEST(AgentQueue, ASavedRequestWaitsForItsMinuteAndGoesToItsOwnHost) {
   const auto saved = streamingRequest();
   saved->setLastFail(application.clock().now());
   saved->setShouldRenewSessionAfter(true);  // is not kept
-  saved->setAuth(
-      std::make_shared<orbiqAuth>(nullptr,
-                                  orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
-                                      "stream", AccessModeFull, server.hitServer()),
-                                  false));
+  saved->setAuth(fullAccess(server.hitServer()));
   writeQueue({saved});
   orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
   ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
   application.clock().advance(60);
   Application::enterForeground();
   ASSERT_TRUE(application.log().waitFor("We have now 1 request(s) to handle"));
-  EXPECT_EQ(server.requestLines("/"), (std::vector<std::string>{"GET /hit/stream HTTP/1.1"}));
+  EXPECT_EQ(server.requestLines("/"), (std::vector<std::string>{"GET /hit/ABC HTTP/1.1"}));
   EXPECT_EQ(application.log().count("ShouldRenewSession"), 0U);
 }
 
 TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
   const Application application(kNoServer);
   RequestQueue saved;
-  const auto fallback =
-      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("ABC", AccessModeFull, "");
   while (saved.size() < 502) {
     saved.push_back(streamingRequest());
-    saved.back()->setAuth(std::make_shared<orbiqAuth>(nullptr, fallback, false));
+    saved.back()->setAuth(fullAccess(""));
   }
   writeQueue(saved);
   const orbiqAgent& agent = orbiqAgent::sharedAgent();
   ASSERT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection", 4));
   EXPECT_EQ(application.log().count("We have now 500 request(s) to handle"), 1U);
-  EXPECT_EQ(counts(agent.statistics()),
-            (std::vector<std::uint64_t>{502, 0, 0, 0, 0, 3, 0, 0, 499}));
+  EXPECT_EQ(counts(agent.statistics()), (Counts{502, 0, 0, 0, 0, 3, 0, 0, 499}));
   EXPECT_EQ(agent.statistics().lastFailure, "ABC: an earlier run got no authorization for it");
 }
 
@@ -123,20 +121,17 @@ TEST(AgentQueue, AtRestTheFileIsSyncedOnceAndMemoryGivenBack) {
     std::ifstream("/proc/self/statm") >> pages >> pages;
     return pages;
   };
-  auto add = [saves = std::size_t{0}, &application](std::size_t count, std::size_t size) mutable {
-    for (std::size_t i = 0; i < count; ++i) {
-      orbiqAgent::sharedAgent().addRequestToQueue(
-          streamingRequest(SendingModeHost, std::string(size, 'x')));
-    }
-    ASSERT_TRUE(application.log().waitFor("We have now", saves += count));
-  };
-  add(16, 500'000);
+  orbiqAgent& agent = orbiqAgent::sharedAgent();
+  for (int i = 0; i < 16; ++i) {
+    agent.addRequestToQueue(streamingRequest(SendingModeHost, std::string(500'000, 'x')));
+  }
+  ASSERT_TRUE(application.log().waitFor("We have now", 16));
   [[maybe_unused]] const std::size_t atWork = residentPages();
   ASSERT_TRUE(DiskCalls::waitForFiles(before + 1));
 #ifndef ORBIQ_KEEPS_FREED_MEMORY
   EXPECT_LT(residentPages() + 1'000, atWork);
 #endif
-  add(1, 1);
+  agent.addRequestToQueue(streamingRequest());
   ASSERT_TRUE(DiskCalls::waitForFiles(before + 2));
   EXPECT_EQ(DiskCalls::soFar().files, before + 2);
 }

@@ -21,12 +21,6 @@ TaggerID tagger(const String& serial = "S1", std::intptr_t partialID = 0) {
   return std::make_shared<orbiqTaggerID>(serial, partialID, false);
 }
 
-std::shared_ptr<orbiqAuth> authOf(AccessMode mode, const String& cmsVI = "1") {
-  return orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
-      orbiqSession::orbiqSessionWithSerial_withCmsVI("S1", cmsVI),
-      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("S1", mode, "B/"), false);
-}
-
 TEST(AuthAnswer, Grammar) {
   const std::vector<std::pair<std::string, AuthFields>> cases = {
       {"access=\"full\"|ho\"st=B\"/", {{"access", "full"}, {"ho\"st", "B/"}}},
@@ -46,7 +40,10 @@ TEST(AuthAnswer, Grammar) {
 
 TEST(AuthCache, HandsOutCopiesByIdentity) {
   auto& manager = orbiqAuthManager::manager();
-  const auto stored = authOf(AccessModeRestricted);
+  const auto access =
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("S1", AccessModeRestricted, "");
+  const auto stored = std::make_shared<orbiqAuth>(
+      orbiqSession::orbiqSessionWithSerial_withCmsVI("S1", "1"), access, false);
   const TaggerID key = tagger("S1", 1);
   manager.setAuthToCache_forKey(stored, key);
   key->setPartialID(3);  // the cache has a key of its own

@@ -39,7 +39,7 @@ def description(data):
             lines = (f"    {text(key)} = {text(value)};\n" for key, value in pairs)
             parameters = "{\n%s}" % "".join(lines)
         words += [at(field["taggerID"])["orbiqTaggerID_partialID"], field["numberOfFails"],
-                  field["status"], *dates, f'"serial {text(field["serial"])} - request type '
+                  *dates, f'"serial {text(field["serial"])} - request type '
                   f'streaming - hote {host} - parameters {parameters}"\n']
         return " ".join(map(str, words))
 
