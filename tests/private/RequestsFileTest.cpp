@@ -26,12 +26,6 @@ namespace fs = std::filesystem;
 
 constexpr char kAnother[] = "Another process of this application has the requests file";
 
-RequestQueue queueOf(std::size_t count) {
-  RequestQueue queue;
-  while (queue.size() < count) queue.push_back(streamingRequest());
-  return queue;
-}
-
 /// A queue of which its file is told.
 struct SavedQueue {
   RequestsFile file;
@@ -55,11 +49,11 @@ class RequestsFileTest : public testing::Test {
 
 TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
   const std::string aside = path + ".unread";
-  const auto check = [&](const char* cause, const auto& hinder, const auto& help) {
+  const auto check = [&](const char* cause, const auto& hinder) {
     SavedQueue saved;
     hinder();
     EXPECT_TRUE(saved.file.load(path).empty()) << cause;
-    help();
+    fs::remove_all(lock);
     EXPECT_EQ(application.log().count(std::string("can't be read: ") + cause +
                                       "; before the next save " + path + " becomes " + aside),
               1U);
@@ -67,13 +61,12 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
     saved.save(path, 2);
     EXPECT_EQ(savedRequests(path).size(), 2U) << cause;
   };
-  const auto nothing = [] {};
   // Nobody can read its first bytes.
   fs::create_directory(place);
-  check("Input/output error", [&] { fs::create_symlink("/proc/self/mem", path); }, nothing);
+  check("Input/output error", [&] { fs::create_symlink("/proc/self/mem", path); });
   EXPECT_TRUE(fs::is_symlink(aside));
   fs::remove(lock);
-  check("Is a directory", [&] { fs::create_directory(lock); }, [&] { fs::remove(lock); });
+  check("Is a directory", [&] { fs::create_directory(lock); });
   EXPECT_EQ(savedRequests(aside).size(), 2U);
 
   const auto large = streamingRequest();
@@ -86,7 +79,7 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
   if (!std::string(ORBIQ_TEST_EMULATOR).empty() || pages > rlim_t{1} << 28) return;
   const rlimit limit{pages * static_cast<rlim_t>(sysconf(_SC_PAGESIZE)) + (64U << 20U),
                      RLIM_INFINITY};
-  check("Cannot allocate memory", [&] { setrlimit(RLIMIT_AS, &limit); }, nothing);
+  check("Cannot allocate memory", [&] { setrlimit(RLIMIT_AS, &limit); });
   EXPECT_EQ(fs::file_size(aside), size);
 }
 
@@ -94,9 +87,9 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
 /// then saves nine.
 const RoleRegistration kUses("use-the-file", [](const std::vector<std::string>& arguments) {
   const Application application("http://127.0.0.1:9/");
-  RequestsFile file;
-  const std::size_t loaded = file.load(arguments[0]).size();
-  file.save(arguments[0], queueOf(9));
+  SavedQueue saved;
+  const std::size_t loaded = saved.file.load(arguments[0]).size();
+  saved.save(arguments[0], 9);
   std::cout << loaded << (application.log().count(kAnother) != 0 ? " told" : "") << std::endl;
   return pause();
 });
@@ -149,8 +142,8 @@ const RoleRegistration kLocks("lock-by-process", [](const std::vector<std::strin
 
 /// Has the file, and ends before a child that was forked.
 const RoleRegistration kForks("fork-and-end", [](const std::vector<std::string>& arguments) {
-  RequestsFile file;
-  file.save(arguments[0], queueOf(4));
+  SavedQueue saved;
+  saved.save(arguments[0], 4);
   if (fork() != 0) _exit(0);
   std::cout << getpid() << std::endl;
   return pause();

@@ -24,13 +24,7 @@ fs::path fileOf() {
   return fs::path(getenv("XDG_STATE_HOME")) / "tv.example.player/Library/orbiqCache/requests.ser";
 }
 
-void writeQueue(const RequestQueue& queue) {
-  fs::create_directories(fileOf().parent_path());
-  RequestsFile writer;
-  const fs::path draft = fileOf().string() + ".draft";
-  writer.save(draft, queue);
-  fs::rename(draft, fileOf());
-}
+void writeQueue(const RequestQueue& queue) { RequestsFile().save(fileOf(), queue); }
 
 std::shared_ptr<orbiqAuth> fullAccess(const String& base) {
   const auto access =
