@@ -24,8 +24,6 @@ fs::path fileOf() {
   return fs::path(getenv("XDG_STATE_HOME")) / "tv.example.player/Library/orbiqCache/requests.ser";
 }
 
-void writeQueue(const RequestQueue& queue) { RequestsFile().save(fileOf(), queue); }
-
 std::shared_ptr<orbiqAuth> fullAccess(const String& base) {
   const auto access =
       orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("ABC", AccessModeFull, base);
@@ -58,8 +56,8 @@ TEST(AgentQueue, KeepsTheYoungest500InOrder) {
 TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
   Application application(kNoServer);
   const auto late = streamingRequest(SendingModeHost, "late");
-  writeQueue({audienceRequest(), streamingRequest(), std::make_shared<orbiqClearCache>(),
-              audienceRequest()});
+  RequestsFile().save(fileOf(), {audienceRequest(), streamingRequest(),
+                                 std::make_shared<orbiqClearCache>(), audienceRequest()});
   orbiqAuthManager::manager().setAuthToCache_forKey(
       std::make_shared<orbiqAuth>(nullptr, nullptr, false), late->taggerID());
   orbiqAgent& agent = orbiqAgent::sharedAgent();
@@ -82,7 +80,7 @@ TEST(AgentQueue, ASavedRequestWaitsForItsMinuteAndGoesToItsOwnHost) {
   saved->setLastFail(application.clock().now());
   saved->setShouldRenewSessionAfter(true);  // is not kept
   saved->setAuth(fullAccess(server.hitServer()));
-  writeQueue({saved});
+  RequestsFile().save(fileOf(), {saved});
   orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
   ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
   application.clock().advance(60);
@@ -99,7 +97,7 @@ TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
     saved.push_back(streamingRequest());
     saved.back()->setAuth(fullAccess(""));
   }
-  writeQueue(saved);
+  RequestsFile().save(fileOf(), saved);
   const orbiqAgent& agent = orbiqAgent::sharedAgent();
   ASSERT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection", 4));
   EXPECT_EQ(application.log().count("We have now 500 request(s) to handle"), 1U);
