@@ -134,7 +134,6 @@ TEST_F(RequestsFileTest, WhateverBecomesOfTheLockFileOneProcessWrites) {
 const RoleRegistration kLocks("lock-by-process", [](const std::vector<std::string>& arguments) {
   struct flock whole{};
   whole.l_type = F_WRLCK;
-  whole.l_whence = SEEK_SET;
   const int file = open(arguments[0].c_str(), O_RDWR | O_CREAT, 0600);
   std::cout << (fcntl(file, F_SETLK, &whole) == 0 ? 0 : errno) << std::endl;
   return pause();

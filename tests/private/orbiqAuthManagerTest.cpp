@@ -46,7 +46,6 @@ TEST(AuthCache, HandsOutCopiesByIdentity) {
   const auto second = manager.authForTagger(tagger("S1", 1));
   ASSERT_TRUE(first && second);
   EXPECT_TRUE(first != second && first != stored && second != stored);
-  EXPECT_EQ(first->currentSession(), stored->currentSession());
   for (const auto& other : {tagger("S1", 2), key, TaggerID()}) {
     EXPECT_EQ(manager.authFromCacheForTagger(other), nullptr);
   }
@@ -104,7 +103,6 @@ TEST_F(AuthExchange, TakesAnAnswerOfAnyStatusAndKeepsAnAccessOfTheSameMode) {
   EXPECT_EQ(kept->currentSession()->cmsVI(), "8");
   const auto replaced = exchange(answer(200, "access=|host=http://other/|cmsVI="));
   EXPECT_EQ(replaced->currentAccess()->host(), "http://other/S1");
-  EXPECT_EQ(replaced->currentSession()->cmsVI(), "");
 }
 
 TEST_F(AuthExchange, UnusableAnswersEndInTheFallback) {

