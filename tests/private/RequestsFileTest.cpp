@@ -61,6 +61,8 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
     saved.save(path, 2);
     EXPECT_EQ(savedRequests(path).size(), 2U) << cause;
   };
+  EXPECT_TRUE(RequestsFile().load(path).empty());
+  EXPECT_TRUE(application.log().lines().empty()) << "there is no file";
   // Nobody can read its first bytes.
   fs::create_directory(place);
   check("Input/output error", [&] { fs::create_symlink("/proc/self/mem", path); });

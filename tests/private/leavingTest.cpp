@@ -167,6 +167,7 @@ TEST(Leaving, AForkedChildDoesNothingAndDoesNotDisturbTheParent) {
   const auto tagger = Application::tagger("ABC");
   tagger->sendHit();
   ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
+  orbiqKWDXUUIDHandler::UUID();  // made, and looked up at the next call
   const TemporaryDirectory place;
   const std::string zone = place.path() / "zone";
   ASSERT_EQ(mkfifo(zone.c_str(), 0600), 0);
