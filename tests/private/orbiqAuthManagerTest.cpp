@@ -1,7 +1,6 @@
 // The authorization cache and the exchange with the server.
 #include <gtest/gtest.h>
 
-#include <cmath>
 #include <cstdlib>
 #include <regex>
 #include <string>
@@ -22,46 +21,34 @@ TaggerID tagger(const String& serial = "S1", std::intptr_t partialID = 0) {
   return std::make_shared<orbiqTaggerID>(serial, partialID, false);
 }
 
-std::shared_ptr<orbiqAuth> authOf(AccessMode mode, const String& cmsVI = "1") {
-  return orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
-      orbiqSession::orbiqSessionWithSerial_withCmsVI("S1", cmsVI),
-      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("S1", mode, "B/"), false);
-}
-
 TEST(AuthAnswer, Grammar) {
-  using Fields = AuthFields;
-  const std::vector<std::pair<std::string, Fields>> cases = {
-      {"access=restricted|host=B/|cmsVI=42",
-       {{"access", "restricted"}, {"host", "B/"}, {"cmsVI", "42"}}},
+  const std::vector<std::pair<std::string, AuthFields>> cases = {
       {"access=\"full\"|ho\"st=B\"/", {{"access", "full"}, {"ho\"st", "B/"}}},
       {"host=B/x=y", {{"host", "B/x"}}},
       {"cmsVI=7\n", {{"cmsVI", "7\n"}}},
-      {"a=1|a=2|noise||=x|b=", {{"a", "2"}, {"", "x"}, {"b", ""}}},
-      {" a =1", {{" a ", "1"}}},
-      {"", {}},
+      {"a=1|a=2|noise||=x| b =", {{"a", "2"}, {"", "x"}, {" b ", ""}}},
       {"a=\xFF", {}},
   };
   for (const auto& [body, fields] : cases) EXPECT_EQ(parseAuthAnswer(body), fields) << body;
-  for (const auto& [text, mode] : {std::pair<String, AccessMode>{"denied", AccessModeDenied},
-                                   {"restricted", AccessModeRestricted},
-                                   {"Denied", AccessModeFull},
-                                   {"", AccessModeFull},
-                                   {nullptr, AccessModeFull}}) {
-    EXPECT_EQ(orbiqAuthManager::accessModeFromString(text), mode);
-  }
+  EXPECT_EQ(orbiqAuthManager::accessModeFromString("Denied"), AccessModeFull);
 }
 
 TEST(AuthCache, HandsOutCopiesByIdentity) {
   auto& manager = orbiqAuthManager::manager();
-  const auto stored = authOf(AccessModeRestricted);
-  manager.setAuthToCache_forKey(stored, tagger("S1", 1));
+  const auto access =
+      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL("S1", AccessModeRestricted, "");
+  const auto stored = std::make_shared<orbiqAuth>(
+      orbiqSession::orbiqSessionWithSerial_withCmsVI("S1", "1"), access, false);
+  const TaggerID key = tagger("S1", 1);
+  manager.setAuthToCache_forKey(stored, key);
+  key->setPartialID(3);  // the cache has a key of its own
   const auto first = manager.authFromCacheForTagger(tagger("S1", 1));
   const auto second = manager.authForTagger(tagger("S1", 1));
   ASSERT_TRUE(first && second);
   EXPECT_TRUE(first != second && first != stored && second != stored);
-  EXPECT_EQ(first->currentAccess(), stored->currentAccess());
-  EXPECT_EQ(first->currentSession(), stored->currentSession());
-  EXPECT_EQ(manager.authFromCacheForTagger(tagger("S1", 2)), nullptr);
+  for (const auto& other : {tagger("S1", 2), key, TaggerID()}) {
+    EXPECT_EQ(manager.authFromCacheForTagger(other), nullptr);
+  }
 
   manager.hitSuccessfullySentForTagger(tagger("S1", 1));
   for (const auto& auth : {first, second, manager.authFromCacheForTagger(tagger("S1", 1))}) {
@@ -69,45 +56,13 @@ TEST(AuthCache, HandsOutCopiesByIdentity) {
     EXPECT_EQ(auth->currentSession(), stored->currentSession());
   }
   manager.setAuthToCache_forKey(stored, tagger("S1", 2));
-  manager.forgetAuthForTagger(tagger("S1", 1));
-  manager.forgetAuthForTagger(tagger("S1", 9));
-  EXPECT_EQ(manager.authFromCacheForTagger(tagger("S1", 1)), nullptr);
+  for (const auto& forgotten : {tagger("S1", 1), tagger("S1", 9), TaggerID()}) {
+    manager.forgetAuthForTagger(forgotten);
+    EXPECT_EQ(manager.authFromCacheForTagger(forgotten), nullptr);
+  }
   EXPECT_NE(manager.authFromCacheForTagger(tagger("S1", 2)), nullptr);
   manager.clearCache();
   EXPECT_EQ(manager.authFromCacheForTagger(tagger("S1", 2)), nullptr);
-}
-
-TEST(AuthCache, KeepsItsOwnKey) {
-  auto& manager = orbiqAuthManager::manager();
-  const TaggerID key = tagger();
-  manager.setAuthToCache_forKey(authOf(AccessModeFull), key);
-  key->setPartialID(8);
-  EXPECT_NE(manager.authFromCacheForTagger(tagger()), nullptr);
-  EXPECT_EQ(manager.authFromCacheForTagger(key), nullptr);
-}
-
-TEST(AuthCache, AbsentThingsAnswerNothing) {
-  AccountServer server;
-  const Application application(server.authorizationServer());
-  auto& manager = orbiqAuthManager::manager();
-  manager.setAuthToCache_forKey(authOf(AccessModeFull), nullptr);
-  EXPECT_EQ(manager.authFromCacheForTagger(nullptr), nullptr);
-  manager.forgetAuthForTagger(nullptr);
-  manager.hitSuccessfullySentForTagger(nullptr);
-
-  manager.hitSuccessfullySentForTagger(tagger());
-  const auto empty = manager.authForTagger(tagger());
-  ASSERT_NE(empty, nullptr);
-  EXPECT_EQ(empty->currentAccess(), nullptr);
-  EXPECT_EQ(empty->currentSession(), nullptr);
-  EXPECT_TRUE(server.requestLines("/auth/").empty());
-
-  // Without a serial there is nobody to ask for.
-  for (const TaggerID& nobody : {TaggerID(), tagger(nullptr)}) {
-    EXPECT_EQ(manager.authForTagger(nobody), nullptr);
-  }
-  EXPECT_EQ(application.log().count("(ERROR) : No authorization can be asked for"), 2U);
-  EXPECT_TRUE(server.requestLines("/auth/").empty());
 }
 
 /// What an exchange that the server answers with `reply` leaves in the cache.
@@ -115,132 +70,88 @@ class AuthExchange : public testing::Test {
  protected:
   std::shared_ptr<orbiqAuth> exchange(const std::string& reply) {
     server.answerAuthorizations([reply](const std::string&) { return reply; });
-    orbiqAuthManager::manager().authentificationInformationForTagger(tagger());
-    return orbiqAuthManager::manager().authFromCacheForTagger(tagger());
+    manager.authentificationInformationForTagger(tagger());
+    return manager.authFromCacheForTagger(tagger());
   }
 
-  void expectFallback(const std::shared_ptr<orbiqAuth>& auth) {
+  static void expectFallback(const std::shared_ptr<orbiqAuth>& auth) {
     ASSERT_NE(auth, nullptr);
     EXPECT_EQ(auth->currentAccess()->accessMode(), AccessModeFull);
-    EXPECT_EQ(auth->currentAccess()->baseURL(), "");
     EXPECT_EQ(auth->currentAccess()->host(), "S1");
     const std::string cmsVI = auth->currentSession()->cmsVI().toStdString();
     EXPECT_TRUE(std::regex_match(cmsVI, std::regex("0|[1-9][0-9]{0,9}"))) << cmsVI;
   }
 
-  std::string dated(double secondsFromNow) {
-    const auto time = static_cast<std::time_t>(application.clock().now().secondsSince1970() + 0.5);
-    char text[64];
-    const std::time_t shifted = time + static_cast<std::time_t>(secondsFromNow);
-    std::tm parts{};
-    std::strftime(text, sizeof text, "Date: %a, %d %b %Y %H:%M:%S GMT\r\n",
-                  gmtime_r(&shifted, &parts));
-    return answer(200, server.grant("full"), text);
-  }
-
   AccountServer server;
   Application application{server.authorizationServer()};
+  orbiqAuthManager& manager = orbiqAuthManager::manager();
 };
 
-TEST_F(AuthExchange, AnAcceptedAnswer) {
-  // The status is never looked at.
+TEST_F(AuthExchange, TakesAnAnswerOfAnyStatusAndKeepsAnAccessOfTheSameMode) {
   const auto auth = exchange(answer(500, server.grant("\"restricted\"")));
   EXPECT_EQ(auth->currentAccess()->accessMode(), AccessModeRestricted);
-  EXPECT_EQ(auth->currentAccess()->host().toStdString(), server.hitServer() + "S1");
   EXPECT_EQ(auth->currentSession()->cmsVI(), "7");
   EXPECT_EQ(application.log().count("(INFO) : Access for serial S1 is restricted on host " +
                                     server.hitServer()),
             1U);
   EXPECT_EQ(application.log().count("(INFO) : Serial S1 on host " + server.hitServer() + "S1"), 1U);
-}
 
-TEST_F(AuthExchange, UnusableAnswersEndInTheFallback) {
-  const std::string whole = answer(200, server.grant("denied"));
-  for (const std::string& body :
-       {std::string("access=denied|host=B/"), std::string("host=B/|cmsVI=7"),
-        std::string("access=denied|cmsVI=7"), std::string(), server.grant("\xC3\x28")}) {
-    expectFallback(exchange(answer(200, body)));
-  }
-  EXPECT_EQ(application.log().count("Access for serial"), 0U);
-  EXPECT_EQ(application.log().count("(INFO) : Serial S1 on host S1"), 5U);
-  EXPECT_EQ(server.requestLines("/auth/").size(), 5U);
-  // The fallback is used as it stands.
-  expectFallback(orbiqAuthManager::manager().authForTagger(tagger()));
-  EXPECT_EQ(server.requestLines("/auth/").size(), 5U);
-  orbiqAuthManager::manager().forgetAuthForTagger(tagger());
-  orbiqAuthManager::manager().authForTagger(tagger());
-  EXPECT_EQ(server.requestLines("/auth/").size(), 6U);
-}
-
-TEST_F(AuthExchange, ASerialThatMakesNoUrlIsNotAskedFor) {
-  auto& manager = orbiqAuthManager::manager();
-  const auto auth = manager.authForTagger(tagger("S 1"));
-  ASSERT_NE(auth, nullptr);
-  EXPECT_EQ(auth->currentAccess()->host(), "S 1");
-  EXPECT_TRUE(server.server().requests().empty());
-}
-
-TEST_F(AuthExchange, ACachedAccessOfTheSameModeStays) {
-  exchange(answer(200, server.grant("restricted")));
-  orbiqAuthManager::manager().hitSuccessfullySentForTagger(tagger());
+  manager.hitSuccessfullySentForTagger(tagger());
   const auto kept = exchange(answer(200, "access=restricted|host=http://other/|cmsVI=8"));
   EXPECT_EQ(kept->currentAccess()->host().toStdString(), server.hitServer() + "S1");
   EXPECT_FALSE(kept->currentAccess()->canSendRequestFor(RequestTypeAudience));
   EXPECT_EQ(kept->currentSession()->cmsVI(), "8");
   const auto replaced = exchange(answer(200, "access=|host=http://other/|cmsVI="));
   EXPECT_EQ(replaced->currentAccess()->host(), "http://other/S1");
-  EXPECT_EQ(replaced->currentAccess()->accessMode(), AccessModeFull);
-  EXPECT_EQ(replaced->currentSession()->cmsVI(), "");
 }
 
-TEST_F(AuthExchange, TheDateHeaderSetsTheClockOffset) {
-  const auto offset = [] {
-    return orbiqAuthManager::manager().timeIntervalBetweenServerAndDevice();
+TEST_F(AuthExchange, UnusableAnswersEndInTheFallback) {
+  for (const std::string& body :
+       {std::string("access=denied|host=B/"), std::string("host=B/|cmsVI=7"),
+        std::string("access=denied|cmsVI=7"), server.grant("\xC3\x28")}) {
+    expectFallback(exchange(answer(200, body)));
+  }
+  // It is used as it stands, until it is forgotten.
+  expectFallback(manager.authForTagger(tagger()));
+  EXPECT_EQ(server.requestLines("/auth/").size(), 4U);
+  manager.forgetAuthForTagger(tagger());
+  manager.authForTagger(tagger());
+  EXPECT_EQ(server.requestLines("/auth/").size(), 5U);
+}
+
+TEST_F(AuthExchange, WhereNobodyCanBeAskedForNobodyIsAsked) {
+  EXPECT_EQ(manager.authForTagger(tagger("S 1"))->currentAccess()->host(), "S 1");
+  for (const TaggerID& nobody : {TaggerID(), tagger(nullptr)}) {
+    EXPECT_EQ(manager.authForTagger(nobody), nullptr);
+  }
+  EXPECT_EQ(application.log().count("(ERROR) : No authorization can be asked for"), 2U);
+  // A record without a session and an access is not asked for either.
+  manager.hitSuccessfullySentForTagger(tagger());
+  EXPECT_EQ(manager.authForTagger(tagger())->currentAccess(), nullptr);
+  EXPECT_TRUE(server.server().requests().empty());
+}
+
+TEST_F(AuthExchange, TheDateHeaderOfACompleteAnswerSetsTheClockOffset) {
+  const auto date = [](const std::string& time) {
+    return "Date: Sun, 06 Nov 1994 " + time + " GMT\r\n";
   };
-  EXPECT_EQ(offset(), 0);
-  for (const double seconds : {10.0, -10.0}) {
-    exchange(dated(seconds));
-    EXPECT_NEAR(offset(), seconds, 1);
-  }
-  // Both a request's day and today's are the server's.
+  const auto expectOffset = [&](const std::string& reply, double seconds) {
+    exchange(reply);
+    EXPECT_NEAR(manager.timeIntervalBetweenServerAndDevice(), seconds, 0.01) << reply;
+  };
   setenv("TZ", "UTC", 1);
-  application.clock().advance(86370 -
-                              std::fmod(application.clock().now().secondsSince1970(), 86400));
-  const orbiqRequest soon({}, RequestTypeStreaming, SendingModeHost, "S1", nullptr);
-  application.clock().advance(-20);
-  EXPECT_TRUE(orbiqAgent::sharedAgent().isTheRequestValid(soon));
-  exchange(dated(40));
-  EXPECT_FALSE(orbiqAgent::sharedAgent().isTheRequestValid(soon));
-  exchange(answer(200, server.grant("full"), "Date: yesterday\r\n"));
-  EXPECT_EQ(offset(), 0);
-  exchange(dated(10));
-  exchange(answer(200, "not an answer"));  // headers without a date
-  EXPECT_EQ(offset(), 0);
-}
-
-TEST(AuthExchangeFaults, WithoutACompleteAnswerTheOffsetStays) {
-  const std::string head = "HTTP/1.1 200 OK\r\nDate: Sun, 06 Nov ";
-  const std::string rest = " 08:49:37 GMT\r\nContent-Length: ";
-  ScriptedServer server(
-      {{steps::readRequest(),
-        steps::send(head + "1994" + rest + "7\r\nConnection: close\r\n\r\nnothing")},
-       {steps::readRequest(),
-        steps::send(head + "2011" + rest + "99\r\n\r\naccess=denied|host=B/|cmsVI=7")},
-       {steps::readRequest(), steps::reset()},
-       {steps::readRequest(), steps::untilPeerCloses()}});
-  const Application application(server.url("/"), [](HostDescription&, Platform& platform) {
-    platform.makeHttpClient = clientsThatGiveUpAfter(std::chrono::seconds(2));
-  });
-  auto& manager = orbiqAuthManager::manager();
-  manager.authentificationInformationForTagger(tagger());
-  const double offset = manager.timeIntervalBetweenServerAndDevice();
-  EXPECT_LT(offset, -900'000'000);
-  for (const char* fault : {"cut", "reset", "stalled", "closed"}) {
-    manager.forgetAuthForTagger(tagger());
-    manager.authentificationInformationForTagger(tagger());
-    EXPECT_EQ(manager.authFromCacheForTagger(tagger())->currentAccess()->host(), "S1") << fault;
-    EXPECT_EQ(manager.timeIntervalBetweenServerAndDevice(), offset) << fault;
-  }
+  const double evening = 784'166'350;  // 23:59:10 of that day
+  application.clock().advance(evening - application.clock().now().secondsSince1970());
+  const auto soon = streamingRequest();
+  soon->setCreationDate(application.clock().now().adding(20));
+  expectOffset(answer(200, "not an answer", date("23:59:00")), -10);
+  EXPECT_TRUE(orbiqAgent::sharedAgent().isTheRequestValid(*soon));
+  // Both a request's day and today's are the server's.
+  expectOffset(answer(200, "not an answer", date("23:59:50")), 40);
+  EXPECT_FALSE(orbiqAgent::sharedAgent().isTheRequestValid(*soon));
+  const std::string broken = "Transfer-Encoding: chunked\r\n\r\nnonsense\r\n";
+  expectOffset("HTTP/1.1 200 OK\r\n" + date("23:59:00") + broken, 40);
+  expectOffset(answer(200, server.grant("full")), 0);
 }
 
 }  // namespace

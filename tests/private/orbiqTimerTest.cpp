@@ -3,7 +3,6 @@
 
 #include <cmath>
 #include <functional>
-#include <limits>
 #include <memory>
 #include <stdexcept>
 #include <thread>
@@ -23,14 +22,12 @@ struct Listener {
 };
 
 struct Ticking {
-  void tick(orbiqTimer& timer) { ticks.push_back(&timer); }
+  void tick(orbiqTimer& timer) const { ticks.push_back(&timer); }
   int fail(orbiqTimer& timer) {
     tick(timer);
     throw std::runtime_error("the target's own trouble");
   }
-  void look(orbiqTimer& /*timer*/) const { ++looks; }
-  std::vector<const orbiqTimer*> ticks;
-  mutable int looks = 0;
+  mutable std::vector<const orbiqTimer*> ticks;
 };
 
 /// Its base with the operation does not stand first, so a wrongly cast pointer would show.
@@ -78,13 +75,7 @@ TEST_F(OrbiqTimerTest, RepeatsUntilTheInvalidationHasRunOnTheLoop) {
 TEST_F(OrbiqTimerTest, FiresOnceUnlessItRepeatsAndNotAtAllIfInvalidatedBefore) {
   const std::weak_ptr<orbiqTimer> weak = timerOf(kSoon, target, &Ticking::tick, false);
   await([&] { return weak.expired(); });
-  EXPECT_EQ(target->ticks.size(), 1U);
-  const auto early = timerOf(kSoon, target, &Ticking::tick, false);
-  early->invalidate();
-  MainLoop::mainLoop().runPending();
-  EXPECT_EQ(early.use_count(), 1);
-  early->invalidate();
-  EXPECT_TRUE(isDue());
+  timerOf(kSoon, target, &Ticking::tick, false)->invalidate();
   MainLoop::mainLoop().runPending();
   EXPECT_FALSE(isDue(10));
   EXPECT_EQ(target->ticks.size(), 1U);
@@ -93,45 +84,32 @@ TEST_F(OrbiqTimerTest, FiresOnceUnlessItRepeatsAndNotAtAllIfInvalidatedBefore) {
 TEST_F(OrbiqTimerTest, OnlyTargetsThatAreThereAndHaveTheOperationAreCalled) {
   const std::shared_ptr<Listener> hidden = target;
   const auto unable = std::make_shared<Listener>();
-  auto leaving = std::make_shared<Ticking>();
-  void (Ticking::* const noSelector)(orbiqTimer&) = nullptr;
-  const std::shared_ptr<const TickingListener> readOnly = target;
-  const auto timers = {timerOf(kSoon, readOnly, &Ticking::look, true),
-                       timerOf(kSoon, unable, &Ticking::tick, true),
-                       timerOf(kSoon, std::shared_ptr<Ticking>(), &Ticking::tick, true),
-                       timerOf(kSoon, target, noSelector, true),
+  auto leaving = std::make_shared<const Ticking>();
+  const auto timers = {timerOf(kSoon, unable, &Ticking::tick, true),
                        timerOf(kSoon, leaving, &Ticking::tick, true),
                        timerOf(kSoon, hidden, &Ticking::tick, true)};
   await([&] { return !leaving->ticks.empty(); });
-  const std::weak_ptr<Ticking> left = leaving;
   leaving = nullptr;
-  EXPECT_TRUE(left.expired());
   const std::size_t soFar = target->ticks.size();
   await([&] { return target->ticks.size() > soFar + 1; });
-  EXPECT_GT(target->looks, 0);
   for (const orbiqTimer* caller : target->ticks) EXPECT_EQ(caller, timers.end()[-1].get());
   for (const auto& timer : timers) {
     EXPECT_EQ(timer.use_count(), 2);  // gone on, whoever was called
     timer->invalidate();
   }
   await([&] { return timers.end()[-1].use_count() == 1; });
-
-  const std::size_t before = target->ticks.size();
-  timers.end()[-1]->tick(0);
-  EXPECT_EQ(target->ticks.size(), before + 1);
 }
 
 TEST_F(OrbiqTimerTest, SenselessIntervalsAreTheShortestOrTheLongest) {
-  constexpr double kInfinity = std::numeric_limits<double>::infinity();
-  for (const double endless : {kInfinity, std::nan(""), 1e300}) {
+  for (const double endless : {HUGE_VAL, std::nan(""), 1e300}) {
     timerOf(endless, target, &Ticking::tick, false);
   }
   EXPECT_FALSE(isDue(10));
-  for (const double none : {0.0, -1.0, -kInfinity, -1e300, 1e-9}) {
+  for (const double none : {0.0, -1.0, -HUGE_VAL, 1e-9}) {
     const std::weak_ptr<orbiqTimer> timer = timerOf(none, target, &Ticking::tick, false);
     await([&] { return timer.expired(); });
   }
-  EXPECT_EQ(target->ticks.size(), 5U);
+  EXPECT_EQ(target->ticks.size(), 4U);
 }
 
 /// Without a host: a timer that ends itself in its first firing, on another thread than the one

@@ -3,7 +3,6 @@
 
 #include <string>
 #include <tuple>
-#include <vector>
 
 #include "orbiq/orbiq.h"
 #include "orbiq/orbiq_c.h"
@@ -11,17 +10,19 @@
 namespace orbiq::test {
 namespace {
 
+void takeLine(void* context, int32_t mode, const char* text, size_t length, double seconds) {
+  *static_cast<std::string*>(context) = std::to_string(mode) + " " + text + " " +
+                                        std::to_string(length) + " " +
+                                        std::to_string(static_cast<int>(seconds));
+}
+
+bool tellIdentifier(void* context, char* buffer, size_t capacity) {
+  const auto& text = *static_cast<const std::string*>(context);
+  return text.copy(buffer, capacity) > 0;
+}
+
 TEST(CInterface, DescribesTheHost) {
   orbiq_host* const host = orbiq_host_new();
-  const HostDescription& before = HostApplication::current();
-  orbiq_host_set_text(host, ORBIQ_AUTHORIZATION_SERVER, "no URL");
-  char reason[400] = "untouched";
-  EXPECT_EQ(orbiq_host_describe(host, reason, sizeof reason), ORBIQ_ERROR_REFUSED);
-  EXPECT_NE(std::string(reason).find("no URL"), std::string::npos);
-  EXPECT_EQ(orbiq_host_describe(nullptr, reason, sizeof reason), ORBIQ_ERROR_ARGUMENT);
-  EXPECT_STREQ(reason, orbiq_status_text(ORBIQ_ERROR_ARGUMENT));
-  EXPECT_EQ(&HostApplication::current(), &before);
-
   using D = HostDescription;
   const std::tuple<int, const char*, String D::*> texts[]{
       {ORBIQ_BUNDLE_IDENTIFIER, "id", &D::bundleIdentifier},
@@ -35,22 +36,21 @@ TEST(CInterface, DescribesTheHost) {
   orbiq_host_set_durable(host, true);
   orbiq_host_set_assume_reachable(host, true);
   orbiq_host_set_user_interface_idiom(host, 2);
-  for (const int idiom : {-1, 3}) {
-    EXPECT_EQ(orbiq_host_set_user_interface_idiom(host, idiom), ORBIQ_ERROR_ARGUMENT);
-  }
-  EXPECT_EQ(orbiq_host_describe(host, reason, sizeof reason), ORBIQ_OK);
-  EXPECT_STREQ(reason, "");
+  std::string taken;
+  orbiq_host_set_log_sink(host, takeLine, &taken);
+  orbiq_host_set_advertising_identifier(host, tellIdentifier, &taken);
+  EXPECT_EQ(orbiq_host_describe(host, nullptr, 0), ORBIQ_OK);
   orbiq_host_free(host);
 
   const HostDescription& now = HostApplication::current();
   for (const auto& [which, text, field] : texts) EXPECT_EQ(now.*field, text);
-  const Screen screen = now.mainScreen.value();
-  EXPECT_EQ(
-      (std::vector<double>{screen.width, screen.height, screen.scale, screen.nativeScale.value()}),
-      (std::vector<double>{1, 2, 3, 4}));
+  EXPECT_EQ(now.mainScreen.value().nativeScale, 4);
   EXPECT_EQ(now.durability, Durability::PowerLoss);
   EXPECT_TRUE(now.assumeReachable);
   EXPECT_EQ(now.userInterfaceIdiom, 2);
+  now.logSink({LoggingModeWarning, "line", Date::sinceReferenceDate(1)});
+  EXPECT_EQ(taken, "1 line 4 978307201");
+  EXPECT_EQ(now.advertisingIdentifier(), taken);
 }
 
 TEST(CInterface, ASinkThatWasTakenAwayStaysAway) {

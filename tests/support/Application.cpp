@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
 
 namespace orbiq::test {
 namespace {
@@ -81,10 +82,6 @@ void AccountServer::answerAuthorizations(Handler handler) {
   _authorizations = std::move(handler);
 }
 
-void AccountServer::grantAccess(const std::string& access) {
-  answerAuthorizations([body = grant(access)](const std::string&) { return answer(200, body); });
-}
-
 void AccountServer::grantHost(const std::string& host) {
   answerAuthorizations([body = "access=full|host=" + host + "|cmsVI=7"](const std::string&) {
     return answer(200, body);
@@ -138,22 +135,31 @@ std::shared_ptr<orbiqAudienceTagger> Application::tagger(const String& serial) {
 }
 
 std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
-    std::chrono::milliseconds time) {
+    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked) {
   struct Impatient final : HttpClient {
-    explicit Impatient(std::chrono::milliseconds limit) : time(limit) {}
+    Impatient(std::chrono::milliseconds limit, std::shared_ptr<TimeLimits> noted)
+        : time(limit), asked(std::move(noted)) {}
     HttpResult send(const HttpRequest& request) override {
+      if (asked) asked->push_back(request.timeout);
       return real->send({request.url, request.userAgent, time});
     }
     const std::chrono::milliseconds time;
+    const std::shared_ptr<TimeLimits> asked;
     const std::unique_ptr<HttpClient> real = makeHttpClient("");
   };
-  return [time] { return std::make_unique<Impatient>(time); };
+  return [=] { return std::make_unique<Impatient>(time, asked); };
 }
 
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode, const String& serial) {
   return std::make_shared<orbiqRequest>(
       std::make_shared<const Parameters>(Parameters{{"cmsRK", "7"}}), RequestTypeStreaming, mode,
       serial, std::make_shared<orbiqTaggerID>(serial, 3, true));
+}
+
+RequestQueue savedRequests(const std::string& path) {
+  const std::string copy = path + ".copy";
+  std::filesystem::copy_file(path, copy, std::filesystem::copy_options::overwrite_existing);
+  return RequestsFile().load(copy);
 }
 
 std::vector<std::uint64_t> counts(const Statistics& statistics) {

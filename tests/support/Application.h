@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "orbiq/orbiq.h"
+#include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/services/platform/host/Platform.h"
 #include "orbiq/services/platform/threads/Mutex.h"
 #include "orbiq/services/platform/time/Clock.h"
@@ -71,7 +72,6 @@ class AccountServer {
   std::string grant(const std::string& access) const;
 
   void answerAuthorizations(Handler handler);
-  void grantAccess(const std::string& access);
   /// Full access to another hit server.
   void grantHost(const std::string& host);
   void answerHits(Handler handler);
@@ -106,12 +106,19 @@ class Application {
   std::shared_ptr<LogRecorder> _log = std::make_shared<LogRecorder>();
 };
 
-/// Makes clients that give up earlier than they are asked to.
-std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(std::chrono::milliseconds time);
+using TimeLimits = std::vector<std::chrono::milliseconds>;
+
+/// Makes clients that give up earlier than they are asked to, and note what they were asked.
+std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
+    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked = {});
 
 /// A streaming request of the serial "ABC" for the hit that its authorization names.
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode = SendingModeHost,
                                                const String& serial = "ABC");
+
+/// The queue in the agent's file or another, read with a lock of its own.
+RequestQueue savedRequests(
+    const std::string& path = orbiqAgent::sharedAgent().requestsFilePath().toStdString());
 
 /// The counts in the order of their declaration, for comparison as a whole.
 std::vector<std::uint64_t> counts(const Statistics& statistics);

@@ -1,5 +1,5 @@
 """Compares files 0.ser, 1.ser, ... in a directory, as plistlib sees them, with what 0.txt, ... say
-is in them: every object at the first mention, then by its number."""
+is in them, in the words of RequestsWalkTest.cpp."""
 import pathlib
 import plistlib
 import sys
@@ -7,29 +7,41 @@ import sys
 
 def description(data):
     archive = plistlib.loads(data)
-    table, seen = archive["$objects"], {}
+    table, seen = archive["$objects"], {0: 0}
 
-    def show(value):
-        if isinstance(value, bool):
-            return "true" if value else "false"
-        if not isinstance(value, plistlib.UID):
-            return str(value)
-        if value.data == 0:
-            return "null"
-        if value.data in seen:
-            return f"#{seen[value.data]}"
-        entry = table[value.data]
-        name = "" if isinstance(entry, str) else table[entry["$class"].data]["$classname"]
-        if name == "NSDate":
-            return f"@{entry['NS.time']:.0f}"
-        seen[value.data] = len(seen)
-        if isinstance(entry, str):
-            return f"'{entry.encode().hex()}'"
-        if name == "NSMutableDictionary":
-            return "{%s}" % ",".join(f"{show(key)}={show(text)}" for key, text in zip(
-                entry["NS.keys"], entry["NS.objects"], strict=True))
-        return name + "(%s)" % ",".join(
-            show(field) for key, field in entry.items() if key != "$class")
+    def at(uid):
+        return table[uid.data] if uid.data else None
+
+    def text(uid):
+        return at(uid) if uid.data else "(null)"
+
+    def show(uid):
+        request = at(uid)
+        words = [seen.setdefault(uid.data, len(seen))]
+        if at(request["$class"])["$classname"] == "orbiqClearCache":
+            return f"{words[0]} marker\n"
+        field = {key.rpartition("_")[2]: value for key, value in request.items()}
+        words += [seen.setdefault(field[key].data, len(seen))
+                  for key in ("parameters", "taggerID", "auth")]
+        auth, host = at(field["auth"]), "(null)"
+        if auth:
+            shared = auth["orbiqAuth_currentAccess"], auth["orbiqAuth_currentSession"]
+            words += [seen.setdefault(uid.data, len(seen)) for uid in shared]
+            access, session = map(at, shared)
+            host = text(access["orbiqAccess_host"])
+            words += [text(session["orbiqSesion_cmsVI"]),
+                      int(not access["orbiqAccess_firstHitSuccessfullySent"])]
+        dates = [f"{at(field[key])['NS.time'] if at(field[key]) else 0:.0f}"
+                 for key in ("lastFail", "creationDate")]
+        parameters = "(null)"
+        if mapping := at(field["parameters"]):
+            pairs = zip(mapping["NS.keys"], mapping["NS.objects"], strict=True)
+            lines = (f"    {text(key)} = {text(value)};\n" for key, value in pairs)
+            parameters = "{\n%s}" % "".join(lines)
+        words += [at(field["taggerID"])["orbiqTaggerID_partialID"], field["numberOfFails"],
+                  *dates, f'"serial {text(field["serial"])} - request type '
+                  f'streaming - hote {host} - parameters {parameters}"\n']
+        return " ".join(map(str, words))
 
     assert table[0] == "$null"
     root = table[archive["$top"]["root"].data]
@@ -39,7 +51,7 @@ def description(data):
                   for at in range(int.from_bytes(data[-8:], "big"), len(data) - 32, 4)]
         assert places.count(8) == 1 + 11 * free, "numbers that are not free"
         assert free > 8
-    return "".join(show(element) + "\n" for element in root["NS.objects"])
+    return "".join(map(show, root["NS.objects"]))
 
 
 directory = pathlib.Path(sys.argv[1])

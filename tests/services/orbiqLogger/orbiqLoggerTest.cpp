@@ -1,11 +1,9 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstdint>
 #include <regex>
 #include <stdexcept>
 #include <string>
-#include <vector>
 
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/log/SystemLog.h"
@@ -14,37 +12,20 @@ namespace orbiq::test {
 namespace {
 
 TEST(Logger, PrintsWhatReachesTheThreshold) {
-  std::vector<std::string> lines;
-  SystemLog::setSink([&](const LogLine& line) { lines.emplace_back(line.text); });
-  const auto printed = [&lines](std::uint64_t threshold) {
-    lines.clear();
-    orbiqLogger::sharedLogger().setLoggingMode(static_cast<LoggingMode>(threshold));
-    for (std::uint64_t mode = 0; mode < 5; ++mode) {
-      orbiqLogger::log_withMode("message", static_cast<LoggingMode>(mode));
-    }
-    return lines;
-  };
+  std::string printed;
+  SystemLog::setSink([&](const LogLine& line) { printed.append(line.text).append("\n"); });
   EXPECT_EQ(orbiqLogger::sharedLogger().loggingMode(), LoggingModeError);
-  const std::vector<std::string> all = {"(INFO) : message", "(WARNING) : message",
-                                        "(ERROR) : message", "() : message", "() : message"};
-  for (std::uint64_t threshold = 0; threshold < 6; ++threshold) {
-    const auto first =
-        all.begin() + static_cast<std::ptrdiff_t>(std::min<std::uint64_t>(threshold, all.size()));
-    EXPECT_EQ(printed(threshold), std::vector<std::string>(first, all.end())) << threshold;
+  for (const std::uint64_t threshold : {0U, 1U, 2U, 3U, 4U}) {
+    orbiqLogger::sharedLogger().setLoggingMode(static_cast<LoggingMode>(threshold));
+    for (std::uint64_t mode = 0; mode < 4; ++mode) {
+      orbiqLogger::log_withMode(std::to_string(threshold), static_cast<LoggingMode>(mode));
+    }
   }
-  orbiqLogger::log_withMode(nullptr, static_cast<LoggingMode>(9));
-  EXPECT_EQ(lines, (std::vector<std::string>{"() : (null)"}));
-
-  bool made = false;
-  const auto make = [&made] {
-    made = true;
-    return "late";
-  };
-  orbiqLogger::log_withMode(make, LoggingModeError);
-  EXPECT_FALSE(made);
-  orbiqLogger::sharedLogger().setLoggingMode(LoggingModeError);
-  orbiqLogger::log_withMode(make, LoggingModeError);
-  EXPECT_EQ(lines.back(), "(ERROR) : late");
+  EXPECT_EQ(printed,
+            "(INFO) : 0\n(WARNING) : 0\n(ERROR) : 0\n() : 0\n(WARNING) : 1\n(ERROR) : 1\n() : 1\n"
+            "(ERROR) : 2\n() : 2\n() : 3\n");
+  // What is not printed is not even made.
+  orbiqLogger::log_withMode([]() -> String { throw std::logic_error("made"); }, LoggingModeError);
 }
 
 TEST(Logger, WritesToStandardErrorWithoutASink) {
@@ -52,10 +33,6 @@ TEST(Logger, WritesToStandardErrorWithoutASink) {
   orbiqLogger::log_withMode("one", LoggingModeError);
   const std::string hostile("\x1b[2J\a\0\r\x7f\n\t\u00e9\u0085\xff", 15);
   SystemLog::write(LoggingModeError, hostile);
-  std::string handedOn;
-  SystemLog::setSink([&](const LogLine& line) { handedOn = line.text; });
-  SystemLog::write(LoggingModeError, hostile);
-  EXPECT_EQ(handedOn, hostile);
   SystemLog::setSink([](const LogLine&) { throw std::runtime_error("host"); });
   orbiqLogger::log_withMode("two", LoggingModeError);
   const std::string written = testing::internal::GetCapturedStderr();
