@@ -50,7 +50,6 @@ TEST(Flush, EndsWhenTheFileNoLongerHasTheHit) {
             sentAtSaves.push_back(orbiqAgent::sharedAgent().statistics().sent);
         };
       });
-  orbiqLogger::sharedLogger().setLoggingMode(LoggingModeInfo);
   Application::tagger("ABC")->sendHit();
   EXPECT_TRUE(flush(hours(1)));
   EXPECT_EQ(sentAtSaves, std::vector<std::uint64_t>(2));
