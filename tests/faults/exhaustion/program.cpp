@@ -5,6 +5,7 @@
 // Exits 0 if all is well, and prints how often the thing was asked for. Without arguments it prints
 // what it can do.
 #include <curl/curl.h>
+#include <netdb.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -262,15 +263,16 @@ bool application(bool isWhole) {
 }
 
 orbiq::HandlerWork work;
-/// Without memory, what wakes the sending loop has to wait only for the next who takes.
+/// Without memory, what wakes the sending loop waits for the next who takes.
 bool triggers(bool isWhole) {
   if (!isWhole) {
     work.give({.trigger = orbiq::Trigger::NetworkReturn});
     work.give({.trigger = orbiq::Trigger::Foreground});
     return true;
   }
-  const auto taken = work.take();
-  return taken && taken->trigger == orbiq::Trigger::NetworkReturn;
+  bool isThere = false;
+  while (const auto taken = work.take()) isThere |= taken->trigger == orbiq::Trigger::NetworkReturn;
+  return isThere;
 }
 
 constexpr struct {
@@ -289,6 +291,14 @@ constexpr struct {
     {"monitor", monitors},
     {"C", plainC},
 };
+
+/// Without memory for its start, OpenSSL 3.5 waits for itself for ever; without memory for its
+/// first look-up, the C library ends the process.
+bool prepareOthers() {
+  addrinfo* found = nullptr;
+  if (getaddrinfo("localhost", nullptr, nullptr, &found) == 0) freeaddrinfo(found);
+  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+}
 
 /// The problem, or null.
 const char* attempt(Call call, char** arguments) try {
@@ -322,8 +332,7 @@ int main(int argc, char** argv) {
       host.authorizationServer = argv[3];
       enterForeground();
       orbiqLogger::sharedLogger().setLoggingMode(orbiq::LoggingModeInfo);
-    } else if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) {
-      // Without memory for its start, OpenSSL 3.5 waits for itself for ever.
+    } else if (!prepareOthers()) {
       return 2;
     }
     const char* const problem = attempt(call, argv + 5);
