@@ -6,13 +6,11 @@
 #include <future>
 #include <string>
 
-#include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/http/HttpClient.h"
-#include "orbiq/services/platform/log/ForkedAway.h"
-#include "orbiq/services/platform/log/SystemLog.h"
 #include "orbiq/services/platform/loop/MainLoop.h"
 #include "orbiq/services/platform/loop/NotificationCenter.h"
 #include "orbiq/services/platform/loop/SerialQueue.h"
+#include "tests/support/HttpExpectations.h"
 #include "tests/support/ScriptedServer.h"
 
 namespace orbiq {
@@ -24,19 +22,6 @@ bool holdsInChild(const std::function<bool()>& statement) {
   if (child == 0) _exit(statement() ? 0 : 1);
   int status = -1;
   return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
-}
-
-/// Every call is told that it is made in a child, the log once.
-bool isToldOnce() {
-  std::string said;
-  SystemLog::setSink([&](const LogLine& line) { said += line.text.substr(0, 10); });
-  return isForkedAway() && isForkedAway() && inForkedChild() && said == "(ERROR) : ";
-}
-
-TEST(ForkGuardTest, KnowsChildrenForkedAfterTheArming) {
-  armForkGuard();
-  EXPECT_TRUE(holdsInChild([] { return isToldOnce() && holdsInChild(isToldOnce); }));
-  EXPECT_FALSE(isForkedAway());
 }
 
 TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
@@ -63,7 +48,7 @@ TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
     center.postNotificationName("forked");
     loop.post([&] { ++calls; });
     loop.removeTimer(loop.addTimer({}, false, [&] { ++calls; }));
-    const HttpResult sent = http->send({.url = Url::fromText(server.url()).value()});
+    const HttpResult sent = http->send(test::requestFor(server.url()));
     // Would end the parent's watch: the kernel's table is shared.
     loop.unwatch(ends[0]);
     loop.run();

@@ -3,7 +3,6 @@
 
 #include <cmath>
 #include <cstdlib>
-#include <filesystem>
 #include <stdexcept>
 
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
@@ -66,14 +65,6 @@ TEST(HostApplication, DefaultsComeFromTheEnvironmentAndTheExecutable) {
   EXPECT_EQ(HostApplication::current().authorizationServer, "https://from.environment/");
   const std::string state = getenv("XDG_STATE_HOME");
   EXPECT_EQ(orbiq::libraryDirectory(), state + "/orbiq_tests/Library");
-}
-
-TEST(HostApplication, TheLibraryDirectoryMayBeChosen) {
-  const std::filesystem::path chosen = std::filesystem::path(getenv("XDG_STATE_HOME")) / "a/b";
-  setenv("ORBIQ_LIBRARY_DIRECTORY", chosen.c_str(), 1);
-  EXPECT_EQ(orbiqAgent::sharedAgent().requestsFilePath().toStdString(),
-            chosen.string() + "/orbiqCache/requests.ser");
-  EXPECT_TRUE(std::filesystem::is_directory(chosen / "orbiqCache"));
 }
 
 TEST(HostApplication, WithoutAUsableServerThereIsOneErrorAndTheFallback) {
