@@ -64,17 +64,20 @@ TEST(Ending, InTheMiddleOfAnyStep) {
       {"exit", 7}, {"quick_exit", 7}, {"abort", 128 + SIGABRT}, {"signal", 128 + SIGTERM}};
   for (const std::string step : {"Saving requests to cache", "Handling request", kSending}) {
     for (const auto& [end, code] : ends) {
-      // Where the hit is sent, its answer does not come whole.
+      // The second hit is answered in part; mostly over the same connection, on which nothing else
+      // ends the wait.
+      const Step answered = steps::send(answer(200));
+      const Step begun = steps::send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf");
       ScriptedServer hits(
-          {{steps::readRequest(), steps::send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf"),
-            steps::untilPeerCloses()}});
+          {{steps::readRequest(), answered, steps::readRequest(), begun, steps::untilPeerCloses()},
+           {steps::readRequest(), begun, steps::untilPeerCloses()}});
       AccountServer server;
       server.grantHost(hits.url("/"));
       const TemporaryDirectory library;
       RoleProcess process("end-within",
                           {server.authorizationServer(), step, end, library.path().string()});
       if (step == kSending) {
-        ASSERT_TRUE(hits.waitForRequests(1));
+        ASSERT_TRUE(hits.waitForRequests(2));
         process.kill(SIGUSR1);
       }
       EXPECT_EQ(process.wait(), code) << step << ", " << end;

@@ -1,5 +1,6 @@
 #include "tests/faults/exhaustion/Faults.h"
 
+#include <curl/curl.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -106,6 +107,13 @@ ORBIQ_FAILING_DESCRIPTOR(epoll_create1, (int flags), (flags))
 ORBIQ_FAILING_DESCRIPTOR(eventfd, (unsigned count, int flags), (count, flags))
 ORBIQ_FAILING_DESCRIPTOR(timerfd_create, (int clock, int flags), (clock, flags))
 ORBIQ_FAILING_DESCRIPTOR(dup, (int old), (old))
+// All moments of this kind are tried, and libcurl's start fails at none of the others.
+ORBIQ_FAILING(Descriptors, EMFILE, CURLE_FAILED_INIT, CURLcode, curl_global_init_mem,
+              (long flags, curl_malloc_callback allocate, curl_free_callback release,
+               curl_realloc_callback change, curl_strdup_callback copy, curl_calloc_callback clear),
+              faults::next<&::curl_global_init_mem>("curl_global_init_mem")(flags, allocate,
+                                                                            release, change, copy,
+                                                                            clear))
 
 int epoll_ctl(int set, int operation, int file, epoll_event* event) {
   if (operation != EPOLL_CTL_ADD || !fails(Kind::Descriptors)) {

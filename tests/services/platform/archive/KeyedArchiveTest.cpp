@@ -103,10 +103,12 @@ TEST(KeyedArchive, ReadsOtherWriters) {
     const char* expression;
     const char* expected;  // null if it is no archive
   } cases[]{
-      {"item('caf\\u00e9', root='NSMutableArray', name=UID(8))", "name=caf\xC3\xA9 "},
+      {"item('\\u00e9 \\U0001f600', root='NSMutableArray', name=UID(8))",
+       "name=\xC3\xA9 \xF0\x9F\x98\x80 "},
       {R"(binary(item('abcde', name=UID(8))).replace(b'\x55abcde', b'\x75caf\xC3\xA9'))",
        "name=caf\xC3\xA9 "},
       {"item({'NS.string': 'boxed', '$class': UID(7)}, name=UID(8), x=1, y=[])", "name=boxed "},
+      {"item({'NS.string': 'x', '$class': UID(5)}, name=UID(8))", ""},
       {"item(7, name=UID(8), parameters=UID(999), link=UID(8))", ""},
       {"item(name='inline', number='7', count=UID(7), flag=[1], date=2.5, link=UID(2))", ""},
       {"item(cls('Marker'), {'$class': UID(8)}, elements=[UID(9), UID(2)], link=UID(9))", ""},

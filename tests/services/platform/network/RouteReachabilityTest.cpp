@@ -360,15 +360,18 @@ TEST_F(RouteReachabilityTest, AKindOfLinkThatCannotBeReadForNowIsReadLater) {
   rlimit usual{};
   getrlimit(RLIMIT_NOFILE, &usual);
   const rlimit none{0, usual.rlim_max};
-  std::ofstream("/sys/class/net/v0/uevent")
-      << "DEVTYPE=wwan\nIFINDEX=" << if_nametoindex("v0") << "\n";
-  source = makeRouteReachabilitySource();
-  EXPECT_EQ(source->failure(), "");
-  gate = address("10.0.0.2");
-  setrlimit(RLIMIT_NOFILE, &none);
-  EXPECT_EQ(read(gate), 'R');
-  setrlimit(RLIMIT_NOFILE, &usual);
-  EXPECT_EQ(read(gate), 'B');
+  // Of another network's link of that name, and of ours.
+  for (const auto& [more, letter] : {std::pair{100U, 'D'}, {0U, 'B'}}) {
+    std::ofstream("/sys/class/net/v0/uevent")
+        << "DEVTYPE=wwan\nIFINDEX=" << if_nametoindex("v0") + more << "\n";
+    source = makeRouteReachabilitySource();
+    EXPECT_EQ(source->failure(), "");
+    gate = address("10.0.0.2");
+    setrlimit(RLIMIT_NOFILE, &none);
+    EXPECT_EQ(read(gate), 'R');
+    setrlimit(RLIMIT_NOFILE, &usual);
+    EXPECT_EQ(read(gate), letter);
+  }
 }
 
 TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
@@ -415,7 +418,8 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
 TEST_F(RouteReachabilityTest, TheResolverTakesNoStandardNumber) {
   close(STDIN_FILENO);
   auto hanging = std::make_unique<HangingLookup>();
-  const auto deliveries = watch(source->createWithName(HangingLookup::kName));
+  const Target target = source->createWithName(HangingLookup::kName);
+  const auto deliveries = watch(target);
   hanging->await();
   EXPECT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);
   hanging.reset();
