@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "orbiq/services/platform/http/TransferStay.h"
 #include "tests/support/Application.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -14,19 +15,23 @@
 namespace orbiq::test {
 namespace {
 
-/// Ends the process as it is told, when another thread has come to the step that it is told.
+constexpr char kSending[] = "sending";
+
+/// Ends the process as it is told, when another thread has come to the step that it is told, or the
+/// test has seen a hit arrive.
 int endWithin(const std::vector<std::string>& arguments) {
   // Never destroyed: the library's threads log to the very end.
   static const auto* const step = new std::string(arguments.at(1));
   static auto* const reached = new Gate;
-  static const std::string end = arguments.at(2);
-  static const auto leave = [] {
-    if (end == "exit") std::exit(7);
-    if (end == "quick_exit") std::quick_exit(7);
-    if (end == "abort") std::abort();
-    kill(getpid(), SIGTERM);
-    pause();
-  };
+  const std::string end = arguments.at(2);
+  sigset_t seen;
+  sigemptyset(&seen);
+  sigaddset(&seen, SIGUSR1);
+  pthread_sigmask(SIG_BLOCK, &seen, nullptr);
+  // Registered first, so it runs after the library's own handler.
+  std::atexit([] {
+    if (TransferStay::isAnyUnderWay()) _exit(9);
+  });
   static Application application(arguments.at(0), [&](HostDescription& host, Platform&) {
     host.libraryDirectory = arguments.at(3);
     host.logSink = [](const LogLine& line) {
@@ -40,8 +45,16 @@ int endWithin(const std::vector<std::string>& arguments) {
     }
   } late;
   for (int i = 0; i < 50; ++i) orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
-  reached->pass();
-  leave();
+  if (*step == kSending) {
+    sigwaitinfo(&seen, nullptr);
+  } else {
+    reached->pass();
+  }
+  if (end == "exit") std::exit(7);
+  if (end == "quick_exit") std::quick_exit(7);
+  if (end == "abort") std::abort();
+  kill(getpid(), SIGTERM);
+  pause();
   return 1;
 }
 const RoleRegistration kEnd("end-within", endWithin);
@@ -49,15 +62,24 @@ const RoleRegistration kEnd("end-within", endWithin);
 TEST(Ending, InTheMiddleOfAnyStep) {
   const std::vector<std::pair<std::string, int>> ends{
       {"exit", 7}, {"quick_exit", 7}, {"abort", 128 + SIGABRT}, {"signal", 128 + SIGTERM}};
-  for (const std::string step : {"Saving requests to cache", "Handling request", "Serial ABC on"}) {
+  for (const std::string step : {"Saving requests to cache", "Handling request", kSending}) {
     for (const auto& [end, code] : ends) {
-      // Where the hit is sent, its answer does not come.
-      ScriptedServer hits({{steps::readRequest(), steps::untilPeerCloses()}});
+      // The second hit is answered in part; mostly over the same connection, on which nothing else
+      // ends the wait.
+      const Step answered = steps::send(answer(200));
+      const Step begun = steps::send("HTTP/1.1 200 OK\r\nContent-Length: 9\r\n\r\nhalf");
+      ScriptedServer hits(
+          {{steps::readRequest(), answered, steps::readRequest(), begun, steps::untilPeerCloses()},
+           {steps::readRequest(), begun, steps::untilPeerCloses()}});
       AccountServer server;
       server.grantHost(hits.url("/"));
       const TemporaryDirectory library;
       RoleProcess process("end-within",
                           {server.authorizationServer(), step, end, library.path().string()});
+      if (step == kSending) {
+        ASSERT_TRUE(hits.waitForRequests(2));
+        process.kill(SIGUSR1);
+      }
       EXPECT_EQ(process.wait(), code) << step << ", " << end;
     }
   }

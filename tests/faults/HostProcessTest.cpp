@@ -27,12 +27,13 @@
 namespace orbiq::test {
 namespace {
 
-/// Standard error is a pipe of one page meanwhile.
+/// Standard error is the writing end of a pipe of one page, or another file, meanwhile.
 struct ErrorPipe {
-  explicit ErrorPipe(int flags) {
-    if (pipe2(ends, O_CLOEXEC) != 0 || dup2(ends[1], STDERR_FILENO) != STDERR_FILENO) std::abort();
+  explicit ErrorPipe(int flags, int another = -1) {
+    if (pipe2(ends, O_CLOEXEC) != 0) std::abort();
     fcntl(ends[1], F_SETPIPE_SZ, 4096);
     fcntl(ends[1], F_SETFL, O_WRONLY | flags);
+    dup2(another < 0 ? ends[1] : another, STDERR_FILENO);
     close(ends[1]);
   }
   ~ErrorPipe() {
@@ -93,21 +94,14 @@ TEST(HostProcess, AFullPipeHoldsUpNoLineForEverAndCutsNoneInSilence) {
 
 /// Its reader stays away. It says that there is room where there is too little for a line.
 TEST(HostProcess, AFullTerminalHoldsUpNoLineForEver) {
-  const int terminal = posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC);
-  ASSERT_EQ(grantpt(terminal) + unlockpt(terminal), 0);
-  const int before = dup(STDERR_FILENO);
-  const int own = open(ptsname(terminal), O_WRONLY | O_NOCTTY | O_CLOEXEC);
-  ASSERT_EQ(dup2(own, STDERR_FILENO), STDERR_FILENO);
-  close(own);
+  const Descriptor terminal(posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+  ASSERT_EQ(grantpt(terminal.number()) + unlockpt(terminal.number()), 0);
+  const Descriptor own(open(ptsname(terminal.number()), O_WRONLY | O_NOCTTY));
+  const ErrorPipe away(0, own.number());
   for (int i = 0; i < 400; ++i) SystemLog::write(LoggingModeError, std::string(100, 'x'));
   // Full is full: nothing more fits, and the test has come this far.
-  const int full = fcntl(STDERR_FILENO, F_GETFL);
-  fcntl(STDERR_FILENO, F_SETFL, full | O_NONBLOCK);
-  const ssize_t count = write(STDERR_FILENO, "x", 1);
-  dup2(before, STDERR_FILENO);
-  close(before);
-  close(terminal);
-  EXPECT_LE(count, 0);
+  fcntl(own.number(), F_SETFL, O_WRONLY | O_NONBLOCK);
+  EXPECT_LE(write(own.number(), "x", 1), 0);
 }
 
 /// Without descriptors 0 to 2, as a daemon may be started; none of the library's may take them.

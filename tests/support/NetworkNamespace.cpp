@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 #include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,9 +32,12 @@ bool enterNamespaces(int kinds) {
   const uid_t user = geteuid();
   const gid_t group = getegid();
   if (unshare(user == 0 ? kinds : CLONE_NEWUSER | kinds) != 0) return false;
-  return user == 0 || (writeFile("/proc/self/setgroups", "deny") &&
-                       writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
-                       writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"));
+  const bool isRoot =
+      user == 0 || (writeFile("/proc/self/setgroups", "deny") &&
+                    writeFile("/proc/self/uid_map", "0 " + std::to_string(user) + " 1") &&
+                    writeFile("/proc/self/gid_map", "0 " + std::to_string(group) + " 1"));
+  if (!isRoot || (kinds & CLONE_NEWNS) == 0) return isRoot;
+  return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
 std::unique_ptr<NetworkNamespace> NetworkNamespace::enter(std::string& refusal) {

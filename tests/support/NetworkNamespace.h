@@ -7,7 +7,8 @@
 namespace orbiq::test {
 
 /// Puts the process into fresh namespaces of these kinds (CLONE_NEW…), as a user who is root there.
-/// To be called before the process has other threads. False, with errno, where that is forbidden.
+/// What is mounted there stays there. To be called before the process has other threads. False,
+/// with errno, where that is forbidden.
 bool enterNamespaces(int kinds);
 
 /// A network of the test's own: the process is put into a fresh network namespace, in which only

@@ -74,7 +74,6 @@ struct ScriptedServer::State {
   std::vector<std::string> requests ORBIQ_GUARDED_BY(changed);
   std::size_t requestsRead ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t connections ORBIQ_GUARDED_BY(changed) = 0;
-  std::size_t resumed ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t clientsGone ORBIQ_GUARDED_BY(changed) = 0;
   std::size_t ends ORBIQ_GUARDED_BY(changed) = 0;
   std::set<int> openSockets ORBIQ_GUARDED_BY(changed);
@@ -99,8 +98,6 @@ class ScriptedServer::Connection final : public ServedConnection {
     _tls.reset(SSL_new(_state.tls.get()));
     SSL_set_fd(_tls.get(), _socket);
     expectSome(SSL_accept(_tls.get()));
-    Lock lock(_state.changed);
-    if (SSL_session_reused(_tls.get()) == 1) ++_state.resumed;
   }
 
   std::string readRequest() override {
@@ -242,11 +239,6 @@ std::vector<std::string> ScriptedServer::requests() const {
 std::size_t ScriptedServer::connectionCount() const {
   Lock lock(_state->changed);
   return _state->connections;
-}
-
-std::size_t ScriptedServer::resumedCount() const {
-  Lock lock(_state->changed);
-  return _state->resumed;
 }
 
 bool ScriptedServer::waitForRequests(std::size_t count) const {

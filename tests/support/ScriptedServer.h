@@ -67,8 +67,6 @@ class ScriptedServer {
   /// The heads of all requests so far, in the order of their arrival.
   std::vector<std::string> requests() const;
   std::size_t connectionCount() const;
-  /// Connections that went on with the TLS session of an earlier one.
-  std::size_t resumedCount() const;
 
   /// Waits until so many requests were read, connections ended by their clients, connections closed
   /// here. False if that has not come about when a test should be given up.

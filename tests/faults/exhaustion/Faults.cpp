@@ -1,5 +1,6 @@
 #include "tests/faults/exhaustion/Faults.h"
 
+#include <curl/curl.h>
 #include <dlfcn.h>
 #include <errno.h>
 #include <fcntl.h>
@@ -30,9 +31,11 @@ bool fails(Kind kind) {
   return number >= firstFailing && number < afterLastFailing;
 }
 
-template <class Function>
-Function* next(Function*, const char* name) {
-  return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+/// The function whose place ours takes.
+template <auto* function>
+auto* next(const char* name) {
+  static auto* const real = reinterpret_cast<decltype(function)>(dlsym(RTLD_NEXT, name));
+  return real;
 }
 
 }  // namespace
@@ -70,50 +73,31 @@ void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* old, std::size_t size);
 void* __libc_memalign(std::size_t alignment, std::size_t size);
 
-void* malloc(std::size_t size) {
-  if (!fails(Kind::Memory)) return __libc_malloc(size);
-  errno = ENOMEM;
-  return nullptr;
-}
-
-void* calloc(std::size_t count, std::size_t size) {
-  if (!fails(Kind::Memory)) return __libc_calloc(count, size);
-  errno = ENOMEM;
-  return nullptr;
-}
-
-void* realloc(void* old, std::size_t size) {
-  if (!fails(Kind::Memory)) return __libc_realloc(old, size);
-  errno = ENOMEM;
-  return nullptr;
-}
-
-void* aligned_alloc(std::size_t alignment, std::size_t size) {
-  if (!fails(Kind::Memory)) return __libc_memalign(alignment, size);
-  errno = ENOMEM;
-  return nullptr;
-}
-
-int posix_memalign(void** result, std::size_t alignment, std::size_t size) {
-  if (fails(Kind::Memory)) return ENOMEM;
-  *result = __libc_memalign(alignment, size);
-  return *result ? 0 : ENOMEM;
-}
-
-int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*body)(void*),
-                   void* argument) {
-  static auto* const real = faults::next(&::pthread_create, "pthread_create");
-  return fails(Kind::Threads) ? EAGAIN : real(thread, attributes, body, argument);
-}
-
-#define ORBIQ_FAILING_DESCRIPTOR(name, parameters, arguments) \
-  int name parameters {                                       \
-    static auto* const real = faults::next(&::name, #name);   \
-    if (!fails(Kind::Descriptors)) return real arguments;     \
-    errno = EMFILE;                                           \
-    return -1;                                                \
+// `name` with these parameters does `real`, unless its turn to fail has come.
+#define ORBIQ_FAILING(kind, error, failed, result, name, parameters, real) \
+  result name parameters {                                                 \
+    if (!fails(Kind::kind)) return real;                                   \
+    errno = error;                                                         \
+    return failed;                                                         \
   }
+#define ORBIQ_FAILING_MEMORY(name, parameters, real) \
+  ORBIQ_FAILING(Memory, ENOMEM, nullptr, void*, name, parameters, real)
+#define ORBIQ_FAILING_DESCRIPTOR(name, parameters, arguments)   \
+  ORBIQ_FAILING(Descriptors, EMFILE, -1, int, name, parameters, \
+                faults::next<&::name>(#name) arguments)
 
+ORBIQ_FAILING_MEMORY(malloc, (std::size_t size), __libc_malloc(size))
+ORBIQ_FAILING_MEMORY(calloc, (std::size_t count, std::size_t size), __libc_calloc(count, size))
+ORBIQ_FAILING_MEMORY(realloc, (void* old, std::size_t size), __libc_realloc(old, size))
+ORBIQ_FAILING_MEMORY(aligned_alloc, (std::size_t alignment, std::size_t size),
+                     __libc_memalign(alignment, size))
+ORBIQ_FAILING(Memory, ENOMEM, ENOMEM, int, posix_memalign,
+              (void** result, std::size_t alignment, std::size_t size),
+              (*result = __libc_memalign(alignment, size)) ? 0 : ENOMEM)
+ORBIQ_FAILING(Threads, EAGAIN, EAGAIN, int, pthread_create,
+              (pthread_t * thread, const pthread_attr_t* attributes, void* (*body)(void*),
+               void* argument),
+              faults::next<&::pthread_create>("pthread_create")(thread, attributes, body, argument))
 ORBIQ_FAILING_DESCRIPTOR(socket, (int domain, int type, int protocol), (domain, type, protocol))
 ORBIQ_FAILING_DESCRIPTOR(socketpair, (int domain, int type, int protocol, int* pair),
                          (domain, type, protocol, pair))
@@ -123,40 +107,46 @@ ORBIQ_FAILING_DESCRIPTOR(epoll_create1, (int flags), (flags))
 ORBIQ_FAILING_DESCRIPTOR(eventfd, (unsigned count, int flags), (count, flags))
 ORBIQ_FAILING_DESCRIPTOR(timerfd_create, (int clock, int flags), (clock, flags))
 ORBIQ_FAILING_DESCRIPTOR(dup, (int old), (old))
+// All moments of this kind are tried, and libcurl's start fails at none of the others.
+ORBIQ_FAILING(Descriptors, EMFILE, CURLE_FAILED_INIT, CURLcode, curl_global_init_mem,
+              (long flags, curl_malloc_callback allocate, curl_free_callback release,
+               curl_realloc_callback change, curl_strdup_callback copy, curl_calloc_callback clear),
+              faults::next<&::curl_global_init_mem>("curl_global_init_mem")(flags, allocate,
+                                                                            release, change, copy,
+                                                                            clear))
 
 int epoll_ctl(int set, int operation, int file, epoll_event* event) {
-  static auto* const real = faults::next(&::epoll_ctl, "epoll_ctl");
   if (operation != EPOLL_CTL_ADD || !fails(Kind::Descriptors)) {
-    return real(set, operation, file, event);
+    return faults::next<&::epoll_ctl>("epoll_ctl")(set, operation, file, event);
   }
   errno = ENOSPC;
   return -1;
 }
 
-#define ORBIQ_FAILING_OPEN(name, parameters, arguments, flags)             \
-  int name parameters {                                                    \
-    static auto* const real = faults::next(&::name, #name);                \
-    va_list list;                                                          \
-    va_start(list, flags);                                                 \
-    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(list, mode_t) : 0; \
-    va_end(list);                                                          \
-    if (!fails(Kind::Descriptors)) return real arguments;                  \
-    errno = EMFILE;                                                        \
-    return -1;                                                             \
+#define ORBIQ_FAILING_OPEN(name, parameters, arguments)                           \
+  int name parameters {                                                           \
+    va_list list;                                                                 \
+    va_start(list, flags);                                                        \
+    const mode_t mode = (flags & O_CREAT) != 0 ? va_arg(list, mode_t) : 0;        \
+    va_end(list);                                                                 \
+    if (!fails(Kind::Descriptors)) return faults::next<&::name>(#name) arguments; \
+    errno = EMFILE;                                                               \
+    return -1;                                                                    \
   }
 
-ORBIQ_FAILING_OPEN(open, (const char* path, int flags, ...), (path, flags, mode), flags)
+ORBIQ_FAILING_OPEN(open, (const char* path, int flags, ...), (path, flags, mode))
 ORBIQ_FAILING_OPEN(openat, (int directory, const char* path, int flags, ...),
-                   (directory, path, flags, mode), flags)
+                   (directory, path, flags, mode))
 
 int fcntl(int file, int command, ...) {
-  static auto* const real = faults::next(&::fcntl, "fcntl");
   va_list list;
   va_start(list, command);
   void* const argument = va_arg(list, void*);
   va_end(list);
-  if (command != F_DUPFD && command != F_DUPFD_CLOEXEC) return real(file, command, argument);
-  if (!fails(Kind::Descriptors)) return real(file, command, argument);
+  const bool opens = command == F_DUPFD || command == F_DUPFD_CLOEXEC;
+  if (!opens || !fails(Kind::Descriptors)) {
+    return faults::next<&::fcntl>("fcntl")(file, command, argument);
+  }
   errno = EMFILE;
   return -1;
 }

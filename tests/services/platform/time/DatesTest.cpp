@@ -1,7 +1,6 @@
 // Dates of HTTP and days of the calendar.
 #include <gtest/gtest.h>
 
-#include <clocale>
 #include <cstdlib>
 #include <ctime>
 
@@ -11,39 +10,32 @@
 namespace orbiq::test {
 namespace {
 
-TEST(HttpDate, ReadsWhatServersSend) {
-  const double expected = 784111777;
-  for (const char* text : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 UTC",
-                           "Sun, 06 Nov 1994 09:49:37 +0100", "Sun, 06 Nov 1994 07:19:37 GMT-01:30",
-                           "Sun, 6 Nov 1994 08:49:37 Z"}) {
+TEST(HttpDate, ReadsWhatServersSendAndRefusesTheRest) {
+  for (const char* text : {"Sun, 06 Nov 1994 08:49:37 GMT", "Sun, 06 Nov 1994 09:49:37 +0100",
+                           "Sun, 06 Nov 1994 07:19:37 GMT-01:30", "Sun, 6 Nov 1994 08:49:37 Z"}) {
     const auto date = parseHttpDate(text);
     ASSERT_TRUE(date) << text;
-    EXPECT_EQ(date->secondsSince1970(), expected) << text;
+    EXPECT_EQ(date->secondsSince1970(), 784111777) << text;
   }
-}
-
-TEST(HttpDate, RefusesTheRest) {
   for (const char* text :
-       {"", "now", "Sun, 06 Nov 1994 08:49:37", "Sun, 06 Nov 1994 08:49:37 GMT ", "06 Nov 1994",
+       {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 06 Nov 1994 08:49:37 GMT ", "784111777",
         "Sun, 31 Feb 1994 08:49:37 GMT", "Sun, 06 Nov 1994 28:49:37 GMT",
-        "dim., 06 nov. 1994 08:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 +1", "784111777",
-        "Sun, 06 Nov 1994 08:49:37 XYZ"}) {
+        "Sun, 06 Nov 1994 08:49:37 +1", "Sun, 06 Nov 1994 08:49:37 XYZ"}) {
     EXPECT_FALSE(parseHttpDate(text)) << text;
   }
 }
 
 TEST(Calendar, FollowsTheDevicesTimeZone) {
-  setenv("TZ", "CET-1CEST,M3.5.0,M10.5.0/3", 1);  // as Paris, where no zone data is installed, too
+  setenv("TZ", "CET-1CEST,M3.5.0/0,M10.5.0/3", 1);
   tzset();
-  const Date beforeMidnight = Date::since1970(1774738799);  // 2026-03-28 23:59:59 there
-  const auto day = CalendarComponents::dayOf(beforeMidnight);
-  EXPECT_EQ(day.year, 2026);
-  EXPECT_EQ(day.month, 3);
-  EXPECT_EQ(day.day, 28);
+  const Date lastSecond = Date::since1970(1774738799);  // of 2026-03-28
+  const auto day = CalendarComponents::dayOf(lastSecond);
+  EXPECT_TRUE(day.isSameDayAs({2026, 3, 28}));
   EXPECT_EQ(day.hour, CalendarComponents::kUndefined);
-  // The night in which an hour is missing.
-  const auto next = CalendarComponents::dayOf(beforeMidnight.adding(1));
-  EXPECT_TRUE(next.isSameDayAs(CalendarComponents::dayAfter(beforeMidnight)));
+  // Of the next day the first hour is missing.
+  for (const Date& date : {lastSecond, lastSecond.adding(-84'599)}) {
+    EXPECT_TRUE(CalendarComponents::dayAfter(date).isSameDayAs({2026, 3, 29}));
+  }
   EXPECT_TRUE(CalendarComponents::dayAfter(Date::since1970(1798700000))
                   .isSameDayAs({2027, 1, 1}));  // 2026-12-31
 }

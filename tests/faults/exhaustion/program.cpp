@@ -1,44 +1,64 @@
-// Calls each function of the library once while something runs out, and again when it is back.
+// Does one thing with the library while something runs out, and again when it is back.
 //
-//   calls DIRECTORY KIND STEP
+//   program CALL DIRECTORY SERVER SERIAL KIND FIRST COUNT
 //
-// Each trial is a process of its own, and every STEPth moment is tried. Prints what failed and how
-// much was tried; exits 0 if all is well.
+// Exits 0 if all is well, and prints how often the thing was asked for. Without arguments it prints
+// what it can do.
 #include <curl/curl.h>
-#include <fcntl.h>
+#include <netdb.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
-#include <fstream>
 #include <future>
-#include <iterator>
 #include <memory>
 #include <string>
 #include <string_view>
+#include <thread>
 #include <utility>
 
 #include "orbiq/orbiq.h"
 #include "orbiq/orbiq_c.h"
+#include "orbiq/private/orbiqAgent/HandlerWork.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/time/Clock.h"
 #include "tests/faults/exhaustion/Faults.h"
 
 namespace {
 
+using namespace std::chrono_literals;
 using orbiq::HostApplication;
 using orbiq::MainLoop;
 using orbiq::NotificationCenter;
+
+class MovedClock final : public orbiq::Clock {
+ public:
+  orbiq::Date now() const override { return orbiq::SystemClock().now().adding(_moved); }
+  void advance(double seconds) { _moved = _moved + seconds; }
+
+ private:
+  std::atomic<double> _moved{0};
+};
 
 // Plain values, which the application makes itself.
 const std::string kName = "tv.example.player.notification";
 const std::string kLongText(100, 'x');
 const orbiq::String kSerial("http://127.0.0.1:9/a-serial-that-is-longer-than-a-small-text");
+const auto theClock = std::make_shared<MovedClock>();
 orbiq::HostDescription host{.bundleIdentifier = "tv.example.player",
-                            .authorizationServer = "http://127.0.0.1:9/auth/"};
+                            .bundleName = "Player",
+                            .shortVersion = "4.2",
+                            .authorizationServer = "http://127.0.0.1:9/auth/",
+                            .advertisingIdentifier = [] { return orbiq::String("device"); }};
+orbiq::String firstAccount;
+orbiq::String secondAccount;
 int ends[2];  // two that can be read
+faults::Kind lacking;
 
 struct Receiver {
   void tick(orbiqTimer& timer) {
@@ -67,6 +87,10 @@ bool loopCalls(bool isWhole) {
   MainLoop& loop = MainLoop::mainLoop();
   auto& done = promises[isWhole];
   auto& accepted = isAccepted[isWhole];
+  // Without descriptors the loop's thread is there, and tries by itself.
+  if (isWhole && lacking == faults::Kind::Descriptors && std::exchange(isAccepted[0][1], false)) {
+    await(promises[0][1]);
+  }
   const int descriptor = ends[isWhole];
   accepted[0] = loop.addTimer({}, false, [&done] { done[0].set_value(); }) != 0;
   accepted[1] = loop.watch(descriptor, [&done, descriptor] {
@@ -143,11 +167,6 @@ bool descriptions(bool isWhole) {
   return isAccepted && HostApplication::current().bundleIdentifier == host.bundleIdentifier;
 }
 
-bool settled(bool isWhole) {
-  HostApplication::settle();
-  return !isWhole || !HostApplication::describe(host).isNull();
-}
-
 bool agent(bool isWhole) {
   orbiqAgent& agent = orbiqAgent::sharedAgent();
   orbiqAudienceTagger unknown;
@@ -203,93 +222,129 @@ bool plainC(bool isWhole) {
   return isDone || !isWhole;
 }
 
+/// Nobody tells when nothing more will happen.
+bool comesToRest(std::chrono::milliseconds patience) {
+  const auto deadline = std::chrono::steady_clock::now() + patience;
+  for (;;) {
+    const orbiq::Statistics now = orbiqAgent::sharedAgent().statistics();
+    if (now.accepted > 0 && now.pending == 0) return true;
+    if (std::chrono::steady_clock::now() > deadline) return false;
+    std::this_thread::sleep_for(1ms);
+  }
+}
+
+void enterForeground() {
+  static const std::string name = orbiq::UIApplicationWillEnterForegroundNotification;
+  NotificationCenter::defaultCenter().postNotificationName(name);
+}
+
+/// A small application: two hits of one account, and later one of another.
+bool application(bool isWhole) {
+  static std::uint64_t hits = 0;
+  static bool isDescribed = false;
+  const auto sendHit = [](const orbiq::String& serial) {
+    const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(serial);
+    if (!tagger) return false;
+    tagger->sendHit();
+    ++hits;
+    return true;
+  };
+  if (!isDescribed) isDescribed = HostApplication::describe(host).isNull();
+  if (!isWhole) {
+    if (!isDescribed) return true;
+    sendHit(firstAccount);
+    sendHit(firstAccount);
+    enterForeground();
+    comesToRest(150ms);
+    return true;
+  }
+  theClock->advance(61);
+  enterForeground();
+  if (!isDescribed || !sendHit(secondAccount) || !comesToRest(20s)) return false;
+  theClock->advance(61);
+  enterForeground();
+  const orbiq::Statistics all = orbiqAgent::sharedAgent().statistics();
+  return all.accepted == hits && all.sent > 0;
+}
+
+orbiq::HandlerWork work;
+/// Without memory, what wakes the sending loop waits for the next who takes.
+bool triggers(bool isWhole) {
+  if (!isWhole) {
+    work.give({.trigger = orbiq::Trigger::NetworkReturn});
+    work.give({.trigger = orbiq::Trigger::Foreground});
+    return true;
+  }
+  bool isThere = false;
+  while (const auto taken = work.take()) isThere |= taken->trigger == orbiq::Trigger::NetworkReturn;
+  return isThere;
+}
+
 constexpr struct {
   const char* name;
   Call call;
 } kCalls[] = {
-    {"loop", loopCalls}, {"timer", timers},          {"notifications", notifications},
-    {"log", logging},    {"identifier", identifier}, {"description", descriptions},
-    {"settle", settled}, {"agent", agent},           {"monitor", monitors},
+    {"application", application},
+    {"triggers", triggers},
+    {"loop", loopCalls},
+    {"timer", timers},
+    {"log", logging},
+    {"identifier", identifier},
+    {"notifications", notifications},
+    {"description", descriptions},
+    {"agent", agent},
+    {"monitor", monitors},
     {"C", plainC},
 };
 
-/// In a process of its own, as what is made at the first use is made once. Exits 0 if all is well,
-/// 1 if so, but no moment of that number came.
-[[noreturn]] void attempt(const char* name, Call call, faults::Kind kind, std::uint64_t first,
-                          std::uint64_t count) {
-  const char* problem = nullptr;
-  bool isTouched = false;
-  alarm(20);
-  try {
-    faults::arm(kind, first, count);
-    const bool isRight = call(false);
-    isTouched = faults::disarm() >= first;
-    if (!isRight) problem = "went wrong";
-    if (problem == nullptr && !call(true)) problem = "does not work again";
-  } catch (const std::exception&) {
-    faults::disarm();
-    problem = "threw an exception";
-  }
-  if (problem != nullptr) {
-    std::printf("%s: moment %llu, %llu in a row: %s\n", name,
-                static_cast<unsigned long long>(first), static_cast<unsigned long long>(count),
-                problem);
-    std::fflush(stdout);
-    _exit(2);
-  }
-  _exit(isTouched ? 0 : 1);
+/// Without memory for its start, OpenSSL 3.5 waits for itself for ever; without memory for its
+/// first look-up, the C library ends the process.
+bool prepareOthers() {
+  addrinfo* found = nullptr;
+  if (getaddrinfo("localhost", nullptr, nullptr, &found) == 0) freeaddrinfo(found);
+  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
 }
 
-/// Since 3.5 it does that to a process whose thread finds no memory for its first use of it.
-bool isEndedByOpenSsl(const std::string& said) {
-  std::ifstream file(said);
-  const std::string text(std::istreambuf_iterator<char>(file), {});
-  return text.find("OpenSSL internal error") != text.npos;
-}
-
-/// Tries each moment, or each of so many. Returns how many failed.
-int sweep(const char* name, Call call, faults::Kind kind, unsigned step, const std::string& place) {
-  static int trials = 0;
-  int failures = 0;
-  int moments = 0;
-  for (int outcome = 0; outcome != 1; ++moments) {
-    const std::string directory = place + "/" + std::to_string(++trials);
-    const auto first = static_cast<std::uint64_t>(moments) * step + 1;
-    const pid_t child = fork();
-    const std::string said = directory + ".log";
-    if (child == 0) {
-      setenv("ORBIQ_LIBRARY_DIRECTORY", directory.c_str(), 1);
-      dup2(open(said.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600), STDERR_FILENO);
-      attempt(name, call, kind, first, moments % 2 == 0 ? 1 : 8);
-    }
-    int status = 0;
-    if (waitpid(child, &status, 0) != child || !WIFEXITED(status)) {
-      if (isEndedByOpenSsl(said)) continue;
-      std::printf("%s: moment %llu: signal %d\n", name, static_cast<unsigned long long>(first),
-                  WTERMSIG(status));
-    }
-    outcome = WIFEXITED(status) ? WEXITSTATUS(status) : 2;
-    if (outcome > 1) ++failures;
-  }
-  std::printf("%s: %d tried\n", name, moments - 1);
-  std::fflush(stdout);
-  return failures;
+/// The problem, or null.
+const char* attempt(Call call, char** arguments) try {
+  lacking = faults::kindOf(arguments[0]);
+  faults::arm(lacking, std::stoull(arguments[1]), std::stoull(arguments[2]));
+  const bool isRight = call(false);
+  const std::uint64_t asked = faults::disarm();
+  if (!isRight) return "went wrong";
+  if (!call(true)) return "does not work again";
+  std::printf("%llu\n", static_cast<unsigned long long>(asked));
+  return nullptr;
+} catch (const std::exception&) {
+  faults::disarm();
+  return "threw an exception";
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-  if (argc != 4 || socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return 2;
-  for (const int end : ends) {
-    if (write(end, "x", 1) != 1) return 2;
-  }
-  // Before: without memory for its start, OpenSSL 3.5 waits for itself for ever.
-  if (curl_global_init(CURL_GLOBAL_DEFAULT) != CURLE_OK) return 2;
-  const std::string kind = argv[2];
-  const auto step = static_cast<unsigned>(std::stoul(argv[3]));
-  int failures = 0;
   for (const auto& [name, call] : kCalls) {
-    failures += sweep(name, call, faults::kindOf(kind), step, argv[1]);
+    if (argc == 1) std::puts(name);
+    if (argc != 8 || std::string_view(name) != argv[1]) continue;
+    setenv("ORBIQ_LIBRARY_DIRECTORY", argv[2], 1);
+    firstAccount = std::string("A") + argv[4];
+    secondAccount = std::string("B") + argv[4];
+    orbiq::Platform::install({.clock = theClock});
+    if (socketpair(AF_UNIX, SOCK_STREAM, 0, ends) != 0) return 2;
+    for (const int end : ends) {
+      if (write(end, "x", 1) != 1) return 2;
+    }
+    if (call == application) {
+      host.authorizationServer = argv[3];
+      enterForeground();
+      orbiqLogger::sharedLogger().setLoggingMode(orbiq::LoggingModeInfo);
+    } else if (!prepareOthers()) {
+      return 2;
+    }
+    const char* const problem = attempt(call, argv + 5);
+    if (problem != nullptr) std::puts(problem);
+    std::fflush(stdout);
+    _exit(problem == nullptr ? 0 : 1);
   }
-  return failures == 0 ? 0 : 1;
+  return argc == 1 ? 0 : 2;
 }
