@@ -27,7 +27,9 @@ sys.stdin.read()
 
 
 def openssl(*arguments):
-    subprocess.run(["openssl", *arguments], check=True, capture_output=True, cwd=SCRATCH)
+    done = subprocess.run(["openssl", *arguments], capture_output=True, text=True, cwd=SCRATCH)
+    if done.returncode:
+        sys.exit(f"openssl {arguments[0]}: {done.stderr}")
 
 
 def authority(name):
@@ -35,12 +37,16 @@ def authority(name):
             "-keyout", f"{name}.key", "-out", f"{name}.pem")
 
 
-def certificate(name, signer="trusted", days="365", subject="IP:127.0.0.1"):
-    (SCRATCH / "names").write_text(f"subjectAltName={subject}\n")
+def certificate(name, signer="trusted", until="20990101000000Z", subject="IP:127.0.0.1"):
+    (SCRATCH / "ca.conf").write_text(
+        "[ca]\ndefault_ca = own\n[own]\ndatabase = index\nserial = serial\nnew_certs_dir = .\n"
+        f"policy = any\nx509_extensions = names\n[any]\ncommonName = supplied\n[names]\nsubjectAltName = {subject}\n")
+    (SCRATCH / "index").write_text("")
     openssl("req", "-newkey", "rsa:2048", "-nodes", "-subj", f"/CN={name}",
             "-keyout", f"{name}.key", "-out", f"{name}.csr")
-    openssl("x509", "-req", "-in", f"{name}.csr", "-CA", f"{signer}.pem", "-CAkey", f"{signer}.key",
-            "-CAcreateserial", "-days", days, "-extfile", "names", "-out", f"{name}.pem")
+    openssl("ca", "-batch", "-config", "ca.conf", "-rand_serial", "-md", "sha256", "-notext",
+            "-cert", f"{signer}.pem", "-keyfile", f"{signer}.key", "-startdate", "20200101000000Z",
+            "-enddate", until, "-in", f"{name}.csr", "-out", f"{name}.pem")
 
 
 @contextlib.contextmanager
@@ -112,7 +118,7 @@ def main():
         authority(name)
     certificate("good")
     certificate("other", subject="DNS:other.example")
-    certificate("old", days="-1")
+    certificate("old", until="20210101000000Z")
     certificate("strange", signer="stranger")
     read_only = ["unshare", "--mount", "sh", "-c",
                  'mount -t tmpfs -o ro none "$ORBIQ_LIBRARY_DIRECTORY" && exec "$@"', "-"]
