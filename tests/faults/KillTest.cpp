@@ -121,7 +121,7 @@ TEST(Kill, LeavesAQueueThatWasThere) {
     // In the order of their addition: those left over from before, then those of this process.
     std::vector<std::uint64_t> all = queued;
     for (std::uint64_t number = next; number <= progress.added; ++number) all.push_back(number);
-    const std::size_t present = queued.size() + progress.additionsSaved;  // at least
+    const std::uint64_t present = queued.size() + progress.additionsSaved;  // at least
     std::size_t removed = std::min(hits, all.size());
     if (!numbers.empty()) {
       const auto first = std::find(all.begin(), all.end(), numbers.front());

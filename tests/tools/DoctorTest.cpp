@@ -388,7 +388,7 @@ TEST(DoctorOfServers, ListsWhatIsOutOfOrder) {
 
   const std::string refused = accepted("access=denied|host=http://127.0.0.1/|cmsVI=7");
   const std::string elsewhere = answer(307, "", "Location: /b/X\r\nConnection: close\r\n");
-  world.serve([&](const std::string& head) {
+  world.serve([refused, elsewhere](const std::string& head) {
     return requestTarget(head).starts_with("/b/") ? refused : elsewhere;
   });
   const Report poor({"--check-server", world.server, "--json"});

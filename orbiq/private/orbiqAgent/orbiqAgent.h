@@ -89,4 +89,5 @@ class ORBIQ_EXPORT orbiqAgent {
  private:
   struct ORBIQ_HIDDEN State;
   constexpr orbiqAgent() = default;
+  ~orbiqAgent() = default;
 };

@@ -80,6 +80,7 @@ orbiq::String orbiqKWDXUUIDHandler::UUID() {
     KeychainQuery query = orbiqCreateKeychainQueryDictionary();
     KeychainMatch match = lookUp(query);
     if (match.status == errSecSuccess) {
+      query.returnAttributes = false;
       query.returnData = true;
       match = lookUp(query);
       if (match.status == errSecSuccess) {

@@ -297,12 +297,18 @@ constexpr struct {
     {"C", plainC},
 };
 
-/// Without memory for its start, OpenSSL 3.5 waits for itself for ever; without memory for its
-/// first look-up, the C library ends the process.
-bool prepareOthers() {
+/// Without memory for its first look-up, the C library ends the process.
+void lookUp() {
   addrinfo* found = nullptr;
   if (getaddrinfo("localhost", nullptr, nullptr, &found) == 0) freeaddrinfo(found);
-  return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK;
+}
+
+bool startLibcurl() { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }
+
+/// Without memory for its start, OpenSSL 3.5 waits for itself for ever.
+bool mayStartWithoutMemory() {
+  const std::string_view openSsl = curl_version_info(CURLVERSION_NOW)->ssl_version;
+  return openSsl.starts_with("OpenSSL/3.0");
 }
 
 /// The problem, or null.
@@ -338,9 +344,11 @@ int main(int argc, char** argv) {
       host.authorizationServer = argv[3];
       enterForeground();
       orbiqLogger::sharedLogger().setLoggingMode(orbiq::LoggingModeInfo);
-    } else if (!prepareOthers()) {
-      return 2;
+    } else {
+      lookUp();
     }
+    const bool mayWait = call == application && mayStartWithoutMemory();
+    if (!mayWait && !startLibcurl()) return 2;
     const char* const problem = attempt(call, argv + 5);
     if (problem != nullptr) std::puts(problem);
     std::fflush(stdout);

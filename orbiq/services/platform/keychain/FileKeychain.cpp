@@ -158,7 +158,6 @@ KeychainStatus FileKeychain::change(const KeychainQuery& query, bool makesDirect
   const BriefLock lock(directory.number(), kLockName, _lockLimit);
   if (!lock.isHeld()) return errSecNotAvailable;
   status = operation(directory, nameOf(query));
-  // What a killed writer left behind may be the same item.
   unlinkat(directory.number(), kSpareName, 0);
   return status == errSecSuccess ? syncDirectory(directory) : status;
 } catch (const std::bad_alloc&) {
@@ -186,6 +185,7 @@ KeychainStatus FileKeychain::update(const KeychainQuery& query, const KeychainAt
 
 KeychainStatus FileKeychain::deleteMatching(const KeychainQuery& query) {
   return change(query, false, [](const Descriptor& directory, const std::string& name) {
+    unlinkat(directory.number(), kSpareName, 0);  // may be the same item, of a killed writer
     if (unlinkat(directory.number(), name.c_str(), 0) == 0) return errSecSuccess;
     return errno == ENOENT ? errSecItemNotFound : errSecNotAvailable;
   });

@@ -59,6 +59,9 @@ struct MainLoop::State {
   int runs ORBIQ_GUARDED_BY(condition) = 0;
 
   std::list<Task> posted ORBIQ_GUARDED_BY(condition);
+  /// How many were ever posted, and ever taken to be run.
+  std::uint64_t postedCount ORBIQ_GUARDED_BY(condition) = 0;
+  std::uint64_t takenCount ORBIQ_GUARDED_BY(condition) = 0;
 
   TimerTable timers ORBIQ_GUARDED_BY(condition);
 
@@ -87,7 +90,7 @@ struct MainLoop::State {
   }
 
   void runDue(Runner runner);
-  bool takePosted(Runner runner, Task& task);
+  bool takePosted(Runner runner, std::uint64_t limit, Task& task);
   bool fireNext(Runner runner, nanoseconds limit);
   void runReadable(Runner runner);
 };
@@ -218,27 +221,28 @@ bool MainLoop::State::await(Runner runner) {
 
 /// Runs what was due at the call; what comes up meanwhile is left, so that it ends.
 void MainLoop::State::runDue(Runner runner) {
-  std::size_t due = 0;
+  std::uint64_t limit = 0;
   const nanoseconds now = monotonicNow();
   {
     const Lock lock(condition);
-    due = posted.size();
+    limit = postedCount;
     if (retryAt.count() != 0 && retryAt <= now) {
       addWatches();
       updateAlarm();
     }
   }
   // The task is cleared out here because the end of what it holds may use the loop again.
-  for (Task task; due-- > 0 && takePosted(runner, task); task = nullptr) runTask(task);
+  for (Task task; takePosted(runner, limit, task); task = nullptr) runTask(task);
   while (fireNext(runner, now)) continue;
   runReadable(runner);
 }
 
-bool MainLoop::State::takePosted(Runner runner, Task& task) {
+bool MainLoop::State::takePosted(Runner runner, std::uint64_t limit, Task& task) {
   const Lock lock(condition);
-  if (!mayRun(runner) || posted.empty()) return false;
+  if (!mayRun(runner) || takenCount >= limit) return false;
   task = std::move(posted.front());
   posted.pop_front();
+  ++takenCount;
   updateEvent();
   return true;
 }
@@ -332,6 +336,7 @@ bool MainLoop::post(std::function<void()> task) try {
   added.push_back(std::move(task));
   const Lock lock(_state.condition);
   _state.posted.splice(_state.posted.end(), added);
+  ++_state.postedCount;
   _state.wakeOrStart();
   return true;
 } catch (const std::bad_alloc&) {

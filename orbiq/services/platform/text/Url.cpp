@@ -1,10 +1,10 @@
 #include "orbiq/services/platform/text/Url.h"
 
-#include <curl/curl.h>
 #include <uriparser/Uri.h>
 
 #include <memory>
 #include <new>
+#include <string_view>
 
 #include "orbiq/services/platform/text/Utf8.h"
 
@@ -13,6 +13,12 @@ namespace {
 
 std::string textOf(const UriTextRangeA& range) {
   return range.first == nullptr ? std::string() : std::string(range.first, range.afterLast);
+}
+
+bool passesUnescaped(char character) {
+  return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
+         (character >= '0' && character <= '9') ||
+         std::string_view("-._~").find(character) != std::string_view::npos;
 }
 
 struct FreeParts {
@@ -49,12 +55,18 @@ std::string Url::textWithoutUser() const {
 }
 
 String percentEscaped(const String& text) {
-  if (text.isEmpty()) return text.copy();
-  const int size = static_cast<int>(text.view().size());
-  const std::unique_ptr<char, decltype(&curl_free)> escaped(
-      curl_easy_escape(nullptr, text.view().data(), size), curl_free);
-  if (!escaped) throw std::bad_alloc();
-  return escaped.get();
+  if (text.isNull()) return nullptr;
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  std::string escaped;
+  for (const char character : text.view()) {
+    if (passesUnescaped(character)) {
+      escaped += character;
+    } else {
+      const auto byte = static_cast<unsigned char>(character);
+      escaped += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+  }
+  return escaped;
 }
 
 }  // namespace orbiq

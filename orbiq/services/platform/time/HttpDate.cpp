@@ -3,6 +3,7 @@
 #include <locale.h>
 
 #include <chrono>
+#include <cstdlib>
 #include <ctime>
 #include <string>
 
@@ -24,7 +25,7 @@ std::optional<int> parseZone(const char* text) {
   }
   std::tm parts{};
   const char* const end = strptime(text, "%z", &parts);
-  if (end == nullptr || *end != '\0') return std::nullopt;
+  if (end == nullptr || *end != '\0' || std::labs(parts.tm_gmtoff) >= 86'400) return std::nullopt;
   return static_cast<int>(parts.tm_gmtoff);
 }
 
