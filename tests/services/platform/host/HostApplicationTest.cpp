@@ -106,8 +106,8 @@ TEST_F(HostApplicationTest, UserAgentAndScreenDiagonalFollowTheIdiom) {
   }
   EXPECT_FALSE(DeviceContext::defaultParametersForRequest().contains("v"));
   EXPECT_EQ(DeviceContext::defaultParametersForRequest().at("n").length(), 9U);
-  for (const GraphicsFloat scale : {0.0, -1.0, std::nan(""), HUGE_VAL}) {
-    host.mainScreen = Screen{.width = 320, .height = 480, .scale = scale};
+  for (const double scale : {0.0, -1.0, std::nan(""), HUGE_VAL}) {
+    host.mainScreen = Screen{320, 480, static_cast<GraphicsFloat>(scale)};
     ASSERT_EQ(HostApplication::describe(host), nullptr);
     EXPECT_NEAR(DeviceContext::screenDiagonal(), 4.37, 0.005) << scale;
   }
