@@ -303,8 +303,6 @@ void lookUp() {
   if (getaddrinfo("localhost", nullptr, nullptr, &found) == 0) freeaddrinfo(found);
 }
 
-bool startLibcurl() { return curl_global_init(CURL_GLOBAL_DEFAULT) == CURLE_OK; }
-
 /// Without memory for its start, OpenSSL 3.5 waits for itself for ever.
 bool mayStartWithoutMemory() {
   const std::string_view openSsl = curl_version_info(CURLVERSION_NOW)->ssl_version;
@@ -347,8 +345,8 @@ int main(int argc, char** argv) {
     } else {
       lookUp();
     }
-    const bool mayWait = call == application && mayStartWithoutMemory();
-    if (!mayWait && !startLibcurl()) return 2;
+    const bool startsByItself = call == application && mayStartWithoutMemory();
+    if (!startsByItself && !orbiq::prepareHttpForProcess()) return 2;
     const char* const problem = attempt(call, argv + 5);
     if (problem != nullptr) std::puts(problem);
     std::fflush(stdout);
