@@ -17,10 +17,10 @@ TEST(HttpDate, ReadsWhatServersSendAndRefusesTheRest) {
     ASSERT_TRUE(date) << text;
     EXPECT_EQ(date->secondsSince1970(), 784111777) << text;
   }
-  for (const char* text :
-       {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 06 Nov 1994 08:49:37 GMT ", "784111777",
-        "Sun, 31 Feb 1994 08:49:37 GMT", "Sun, 06 Nov 1994 28:49:37 GMT",
-        "Sun, 06 Nov 1994 08:49:37 +1", "Sun, 06 Nov 1994 08:49:37 XYZ"}) {
+  for (const char* text : {"", "Sun, 06 Nov 1994 08:49:37", "Sun, 06 Nov 1994 08:49:37 GMT ",
+                           "784111777", "Sun, 31 Feb 1994 08:49:37 GMT",
+                           "Sun, 06 Nov 1994 28:49:37 GMT", "Sun, 06 Nov 1994 08:49:37 +1",
+                           "Sun, 06 Nov 1994 08:49:37 +2400", "Sun, 06 Nov 1994 08:49:37 XYZ"}) {
     EXPECT_FALSE(parseHttpDate(text)) << text;
   }
 }
