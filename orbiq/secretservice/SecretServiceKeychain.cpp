@@ -27,7 +27,7 @@ struct Unref {
 template <class T>
 using Held = std::unique_ptr<T, Unref>;
 
-/// Of a call that left this error, or none.
+/// The status of a call that left this error; success if it left none.
 KeychainStatus statusOf(const GError* error) {
   if (!error) return errSecSuccess;
   const bool isLocked = g_error_matches(error, SECRET_ERROR, SECRET_ERROR_IS_LOCKED) != 0;
@@ -151,7 +151,7 @@ class Visit {
 
   const StandardNumbersHeld _held;  // GLib opens sockets and events
   const SharedBus _bus;
-  const OwnMainContext _context;  // before those that leave it something
+  const OwnMainContext _context;  // ends last, as the others leave it something to do
   Held<SecretService> _service;
   Held<SecretCollection> _keyring;
   KeychainStatus _status = open();

@@ -154,7 +154,7 @@ void orbiqAgent::State::add(const orbiq::HandlerWork::Item& item) {
   ledger.additionEnds();
   if (!append(item)) return ledger.countFate(orbiq::HitFate::GivenUp, item.number);
   saveRequests();
-  countDequeued(orbiq::HitFate::PushedOut);  // as all fates, after the save
+  countDequeued(orbiq::HitFate::PushedOut);  // after the save, or a flush would end too early
   logQueueLength(requestQueue->size());
   requestsProtector.signal();
 }

@@ -29,7 +29,7 @@ std::shared_ptr<orbiqAuth> fallbackFor(const orbiq::String& serial) {
 struct Answer {
   /// No data for whatever kept a complete answer from coming.
   orbiq::HttpResult http;
-  /// Why it grants nothing, if it does not.
+  /// The cause to tell if it grants nothing.
   std::string problem;
 };
 
