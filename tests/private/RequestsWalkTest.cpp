@@ -161,7 +161,8 @@ class Walk {
     Parameters parameters{{"n", std::to_string(_random())}, {_key, from.serial}, {"v", _version}};
     if (draw(8) == 0) parameters.emplace("own key", "caf\xC3\xA9 \xF0\x9F\x98\x80");
     if (draw(30) == 0) parameters.emplace("long", std::string(draw(3000), 'x'));
-    if (draw(200) == 0) parameters.emplace("mutable", _mutable);
+    // Each save of a queue with one encodes it anew: not a long one, whose saves are to go on.
+    if (draw(50) == 0 && _queue.size() < 50) parameters.emplace("mutable", _mutable);
     const bool isShared = draw(20) == 0 && !_queue.empty();
     auto request = std::make_shared<orbiqRequest>(
         isShared ? _queue.back()->parameters()

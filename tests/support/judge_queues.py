@@ -45,12 +45,13 @@ def description(data):
 
     assert table[0] == "$null"
     root = table[archive["$top"]["root"].data]
-    if not root["NS.objects"]:  # then all slots are free: of 7 UIDs and 11 other numbers each
-        free = (table.count("$null") - 1) // 7
+    if not root["NS.objects"]:  # then nothing is left but what every archive has
+        left = [entry for entry in table if entry not in ("$null", root)]
+        assert all("$classname" in entry for entry in left), left
         places = [int.from_bytes(data[at:at + 4], "big")
                   for at in range(int.from_bytes(data[-8:], "big"), len(data) - 32, 4)]
-        assert places.count(8) == 1 + 11 * free, "numbers that are not free"
-        assert free > 8
+        in_slots = places[len(table) + 2:]
+        assert len(in_slots) - in_slots.count(in_slots[0]) < 90, "numbers that are not free"
     return "".join(map(show, root["NS.objects"]))
 
 

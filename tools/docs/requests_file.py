@@ -6,6 +6,7 @@ The page's block "dump" must be that file, and its block "content" what another 
 file, word for word; `--write` makes them so. Prints what differs and exits 1 if anything does.
 """
 
+import collections
 import difflib
 import pathlib
 import plistlib
@@ -22,8 +23,7 @@ WIDTH = 16  # bytes on a line
 
 
 class Listing:
-    """Takes a binary property list apart, from its first byte to its last. Numbers that are free lead
-    to object 0, as does its own."""
+    """Takes a binary property list apart, from its first byte to its last."""
 
     def __init__(self, data):
         self.data, self.at, self.lines = data, 0, []
@@ -94,9 +94,11 @@ class Listing:
             self.at = end
 
     def places(self):
-        free, first = self.place(0), 0
+        # Most numbers are free, and lead to the first text of all, which has a number as well.
+        (free, _), = collections.Counter(map(self.place, range(self.count))).most_common(1)
+        null, first = [self.place(number) for number in range(self.count)].index(free), 0
         while first < self.count:
-            last, is_free = first, first > 0 and self.place(first) == free
+            last, is_free = first, first > null and self.place(first) == free
             while (last + 1 < self.count and (self.place(last + 1) == free) == is_free
                    and (is_free or last + 1 < first + WIDTH // self.offset_size)):
                 last += 1

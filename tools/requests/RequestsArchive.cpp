@@ -15,8 +15,6 @@ using Kind = PlistObject::Kind;
 
 constexpr std::array<const ArchivedClass*, 2> kRequestClasses{&orbiqRequest::kArchivedClass,
                                                               &orbiqClearCache::kArchivedClass};
-constexpr std::array<std::string_view, 2> kArrayNames{"NSArray", "NSMutableArray"};
-constexpr std::array<std::string_view, 2> kDictionaryNames{"NSDictionary", "NSMutableDictionary"};
 
 // Far above what an honest file takes, whose requests may share much, and what a file of any size
 // may take.
@@ -139,7 +137,7 @@ void RequestsArchive::readList() {
   const PlistObject root =
       _reader->entryOf(_reader->valueOf(_reader->valueOf(archive, "$top"), "root"));
   const PlistObject list = _reader->valueOf(root, "NS.objects");
-  if (!_reader->isOfClass(root, kArrayNames) || list.kind != Kind::kArray) {
+  if (!_reader->isOfClass(root, kArchivedArray.names.first(2)) || list.kind != Kind::kArray) {
     addFault(root.kind == Kind::kNone ? archive : root,
              "an NSArray of requests under the key root; it is " + described(root));
     return findRequests();
@@ -258,7 +256,7 @@ std::optional<std::vector<Parameter>> RequestsArchive::readParameters(const Plis
   constexpr std::string_view kKey = "orbiqRequest_parameters";
   const PlistObject reference = _reader->valueOf(object, kKey);
   const PlistObject dictionary = _reader->entryOf(reference);
-  if (!_reader->isOfClass(dictionary, kDictionaryNames)) {
+  if (!_reader->isOfClass(dictionary, kArchivedDictionary.names.first(2))) {
     addNote(kKey, reference);
     return {};
   }

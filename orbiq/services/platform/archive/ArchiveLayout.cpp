@@ -1,7 +1,5 @@
 #include "orbiq/services/platform/archive/ArchiveLayout.h"
 
-#include <algorithm>
-#include <array>
 #include <cstring>
 #include <stdexcept>
 
@@ -13,259 +11,116 @@ namespace {
 
 constexpr std::string_view kMagic = "bplist00";
 constexpr std::size_t kTrailerSize = 32;
-constexpr std::size_t kPlaceSize = 4;
-constexpr std::int64_t kVersion = 100000;
+constexpr std::size_t kOffsetSize = 4;
+constexpr std::size_t kCountSize = 4;
+/// Before the elements of an array whose count may grow in its place.
+constexpr std::size_t kArrayHeadSize = 2 + kCountSize;
 
-// The numbers of objects, up to the vocabulary's.
-enum : PlistRef {
-  kNullText,
-  kNullUidRef,
-  kRootUidRef,
-  kFalse,
-  kTrue,
-  kFirstInteger,
-  kFirstName = ArchiveLayout::kTable + 1
-};
-static_assert(kNullUidRef == ArchiveLayout::kNullUid);
-static_assert(kFirstInteger + ArchiveLayout::kSmallIntegers == ArchiveLayout::kRootArray);
-// Of each class: the array of its names, its description, and the UID that leads there.
-constexpr PlistRef kClassObjects = 3;
-// Behind the classes.
-enum : PlistRef { kRoot, kVersionNumber, kArchiver, kTop, kArchive, kEndingObjects };
-// Entries of the object table, before those of the classes.
-enum : std::uint32_t { kNullEntry, kRootEntry, kFirstClassEntry };
-
-constexpr std::array<std::string_view, 11> kFirstNames{
-    "$class",   "NS.keys",   "NS.objects", "NS.time",  "$classname", "$classes",
-    "$version", "$archiver", "$top",       "$objects", "root"};
-enum : std::size_t {
-  kClassNameKey = ArchiveVocabulary::kTime + 1,
-  kClassesKey,
-  kVersionKey,
-  kArchiverKey,
-  kTopKey,
-  kTableKey,
-  kRootKey
-};
-
-constexpr std::array<std::string_view, 3> kArrayNames{"NSMutableArray", "NSArray", "NSObject"};
-constexpr std::array<std::string_view, 3> kDictionaryNames{"NSMutableDictionary", "NSDictionary",
-                                                           "NSObject"};
-constexpr std::array<std::string_view, 2> kDateNames{"NSDate", "NSObject"};
+/// The UIDs, the root array, the object table, and what the slots hold.
+std::uint64_t numbersFor(std::size_t elements) {
+  constexpr std::uint64_t kSlotNumbers = ArchiveLayout::kSlotEntries + ArchiveLayout::kSlotObjects;
+  return 2 + kSlotNumbers * ArchiveLayout::slotsFor(elements);
+}
 
 }  // namespace
 
-constinit const ArchivedClass kArchivedArray{kArrayNames, nullptr};
-constinit const ArchivedClass kArchivedDictionary{kDictionaryNames, nullptr};
-constinit const ArchivedClass kArchivedDate{kDateNames, nullptr};
-
-ArchiveVocabulary::ArchiveVocabulary() : names(kFirstNames.begin(), kFirstNames.end()) {
-  for (const ArchivedClass* known : {&kArchivedArray, &kArchivedDictionary, &kArchivedDate}) {
-    addClass(*known);
-  }
+ArchiveLayout::Places::Places(std::size_t elements, std::size_t refSize) {
+  const std::size_t entries = kSlotEntries * slotsFor(elements);
+  rootArray = kMagic.size() + (1 + refSize) * entries;
+  rootElements = rootArray + kArrayHeadSize;
+  table = rootElements + refSize * elements;
+  tableEntries = table + kArrayHeadSize;
+  slots = tableEntries + refSize * entries;
+  longObjects = slots + slotBytes(refSize) * slotsFor(elements);
 }
 
-std::size_t ArchiveVocabulary::indexOf(std::string_view name, std::size_t from) const {
-  const auto start = names.begin() + static_cast<std::ptrdiff_t>(std::min(from, names.size()));
-  auto found = std::find(start, names.end(), name);
-  if (found == names.end()) {
-    found = std::find(names.begin(), start, name);
-    if (found == start) return names.size();
-  }
-  return static_cast<std::size_t>(found - names.begin());
-}
-
-void ArchiveVocabulary::addClass(const ArchivedClass& archivedClass) {
-  for (const std::string_view name : archivedClass.names) {
-    if (indexOf(name, 0) == names.size()) names.push_back(name);
-  }
-  classes.push_back(&archivedClass);
-}
-
-ArchiveLayout::ArchiveLayout(const ArchiveVocabulary& vocabulary, const Measure& measure)
-    : _measure(measure), _slots(slotsFor(measure.elements)) {
-  const std::size_t classes = vocabulary.classes.size();
-  const std::size_t firstClass = kFirstName + vocabulary.names.size();
-  const std::size_t firstNumber = firstClass + kClassObjects * classes + kEndingObjects;
-  const std::size_t numbers = firstNumber + kSlotNumbers * _slots.size();
-  if (numbers > UINT32_MAX) throw std::length_error("the archive is too long");
-  // Readers want the count itself to fit, not only the highest number.
-  _refSize = numbers <= UINT16_MAX ? 2 : 4;
-  _firstClass = static_cast<PlistRef>(firstClass);
-  _firstNumber = static_cast<PlistRef>(firstNumber);
-  _firstSlotEntry = static_cast<std::uint32_t>(kFirstClassEntry + classes);
-
-  PlistObjects frame(_refSize);
-  std::vector<std::size_t> places(_firstNumber);
-  addVocabulary(vocabulary, frame, places);
-  addEnding(frame, places);
-
-  _rootAt = places[kRootArray] = kMagic.size() + frame.bytes().size();
-  _tableAt = places[kTable] = _rootAt + kArrayHeadSize + _refSize * measure.elements;
-  _uidsAt = _tableAt + kArrayHeadSize + _refSize * entryCount();
-  _slotsAt = _uidsAt + (1 + _refSize) * kSlotUids * _slots.size();
-  _longAt = _slotsAt + slotBytes(_refSize) * _slots.size();
-  const std::size_t end = _longAt + measure.longBytes + kPlaceSize * numbers + kTrailerSize;
+ArchiveLayout::ArchiveLayout(const Measure& measure)
+    : _measure(measure),
+      _slots(slotsFor(measure.elements)),
+      // Readers want the count itself to fit, not only the highest number.
+      _refSize(numbersFor(measure.elements) <= UINT16_MAX ? 2 : 4),
+      _at(measure.elements, _refSize) {
+  const std::uint64_t numbers = numbersFor(measure.elements);
+  const std::uint64_t end = _at.longObjects + measure.longBytes + kOffsetSize * numbers;
   // Whole pages: a file that keeps its length is written faster.
-  const std::size_t size =
-      (end + ChangedPages::kSize - 1) / ChangedPages::kSize * ChangedPages::kSize;
+  const std::uint64_t size =
+      (end + kTrailerSize + ChangedPages::kSize - 1) / ChangedPages::kSize * ChangedPages::kSize;
   if (size > UINT32_MAX) throw std::length_error("the archive is too long");
-  _placesAt = size - kTrailerSize - kPlaceSize * numbers;
-  _changed = ChangedPages::all(size);
-  _bytes.resize(size);
-  kMagic.copy(_bytes.data(), kMagic.size());
-  frame.bytes().copy(_bytes.data() + kMagic.size(), frame.bytes().size());
-  fill(places);
-  put(size - kTrailerSize + 6, kPlaceSize << 8 | _refSize, 2);
-  put(size - 24, numbers, 8);
-  put(size - 16, _firstClass + kClassObjects * classes + kArchive, 8);
-  put(size - 8, _placesAt, 8);
+  _offsetsAt = static_cast<std::size_t>(size - kTrailerSize - kOffsetSize * numbers);
+  _bytes.resize(static_cast<std::size_t>(size));
+  _changed = ChangedPages::all(_bytes.size());
+  put(_bytes.size() - kTrailerSize + 6, kOffsetSize << 8 | _refSize, 2);
+  put(_bytes.size() - 24, numbers, 8);
+  put(_bytes.size() - 8, _offsetsAt, 8);
+  fill();
 }
 
-void ArchiveLayout::addVocabulary(const ArchiveVocabulary& vocabulary, PlistObjects& objects,
-                                  std::vector<std::size_t>& places) {
-  const auto begin = [&](PlistRef number) {
-    places[number] = kMagic.size() + objects.bytes().size();
-  };
-  begin(kNullText), objects.addText("$null");
-  begin(kNullUidRef), objects.addUid(kNullEntry);
-  begin(kRootUidRef), objects.addUid(kRootEntry);
-  begin(kFalse), objects.addBoolean(false);
-  begin(kTrue), objects.addBoolean(true);
-  for (std::int64_t number = 0; number < kSmallIntegers; ++number) {
-    begin(smallIntegerRef(number)), objects.addInteger(number);
-  }
-  for (std::size_t i = 0; i < vocabulary.names.size(); ++i) {
-    begin(nameRef(i)), objects.addText(vocabulary.names[i]);
-  }
-  std::uint32_t entry = kFirstClassEntry;
-  PlistRef number = _firstClass;
-  for (const ArchivedClass* const archivedClass : vocabulary.classes) {
-    std::vector<PlistRef> chain;
-    for (const std::string_view name : archivedClass->names) {
-      chain.push_back(nameRef(vocabulary.indexOf(name, 0)));
-    }
-    const std::array keys{nameRef(kClassNameKey), nameRef(kClassesKey)};
-    const std::array values{chain.front(), number};
-    begin(number++), objects.addArray(chain);
-    begin(number++), objects.addDictionary(keys, values);
-    begin(number++), objects.addUid(entry++);
-  }
-}
-
-void ArchiveLayout::addEnding(PlistObjects& objects, std::vector<std::size_t>& places) {
-  const PlistRef first = _firstNumber - kEndingObjects;
-  const auto begin = [&](PlistRef number) {
-    places[first + number] = kMagic.size() + objects.bytes().size();
-  };
-  const std::array rootKeys{nameRef(ArchiveVocabulary::kObjects),
-                            nameRef(ArchiveVocabulary::kClass)};
-  const std::array rootValues{PlistRef{kRootArray}, classUidRef(ArchiveVocabulary::kArray)};
-  begin(kRoot), objects.addDictionary(rootKeys, rootValues);
-  begin(kVersionNumber), objects.addInteger(kVersion);
-  begin(kArchiver), objects.addText("NSKeyedArchiver");
-  const std::array topKeys{nameRef(kRootKey)};
-  const std::array topValues{PlistRef{kRootUidRef}};
-  begin(kTop), objects.addDictionary(topKeys, topValues);
-  const std::array keys{nameRef(kVersionKey), nameRef(kArchiverKey), nameRef(kTopKey),
-                        nameRef(kTableKey)};
-  const std::array values{first + kVersionNumber, first + kArchiver, first + kTop,
-                          PlistRef{kTable}};
-  begin(kArchive), objects.addDictionary(keys, values);
-}
-
-/// What is not written here is 0, and so leads to "$null".
-void ArchiveLayout::fill(const std::vector<std::size_t>& places) {
-  const auto putHead = [this](std::size_t at, std::size_t count) {
-    PlistObjects head(_refSize);
-    head.addArrayHead(count);
-    head.bytes().copy(_bytes.data() + at, kArrayHeadSize);
-  };
-  putHead(_rootAt, 0);
-  putHead(_tableAt, entryCount());
-  putEntry(kRootEntry, _firstNumber - kEndingObjects + kRoot);
-  for (std::uint32_t entry = kFirstClassEntry; entry < _firstSlotEntry; ++entry) {
-    putEntry(entry, _firstClass + kClassObjects * (entry - kFirstClassEntry) + 1);
-  }
-  for (PlistRef number = 0; number < _firstNumber; ++number) setPlace(number, places[number]);
+/// The containers' heads, the UIDs, and "$null", to which all else leads.
+void ArchiveLayout::fill() {
+  PlistObjects heads(_refSize);
+  heads.addArrayHead(0);
+  heads.addArrayHead(entryCount());
   PlistObjects uids(_refSize);
-  PlistRef number = _firstNumber;
-  std::uint32_t entry = _firstSlotEntry;
+  for (PlistRef entry = 0; entry < entryCount(); ++entry) {
+    setPlace(entry, kMagic.size() + uids.bytes().size());
+    uids.addUid(entry);
+  }
+  const std::string_view head = heads.bytes();
+  write(0, kMagic);
+  write(kMagic.size(), uids.bytes());
+  write(_at.rootArray, head.substr(0, kArrayHeadSize));
+  write(_at.table, head.substr(kArrayHeadSize));
+  setPlace(rootArray(), _at.rootArray);
+  setPlace(table(), _at.table);
   for (auto slot = static_cast<std::uint32_t>(_slots.size()); slot-- > 0;) {
     _free.push_back(slot);
-    for (std::uint32_t i = 0; i < kSlotUids; ++i) {
-      setPlace(number++, _uidsAt + uids.bytes().size());
-      uids.addUid(entry++);
+    for (PlistRef i = 0; i < kSlotObjects; ++i) {
+      setPlace(firstSlotObject() + slot * kSlotObjects + i, _at.slots);
     }
-    for (std::uint32_t i = 0; i < kSlotObjects; ++i) setPlace(number++, places[kNullText]);
   }
-  uids.bytes().copy(_bytes.data() + _uidsAt, uids.bytes().size());
+  PlistObjects null(_refSize);
+  null.addText("$null");
+  takeEntry();  // `kNullUid`
+  const PlistRef nullText = place(null.bytes());
+  for (PlistRef entry = 0; entry < entryCount(); ++entry) putEntry(entry, nullText);
 }
 
-PlistRef ArchiveLayout::booleanRef(bool value) { return value ? kTrue : kFalse; }
-
-PlistRef ArchiveLayout::smallIntegerRef(std::int64_t number) {
-  return kFirstInteger + static_cast<PlistRef>(number);
-}
-
-PlistRef ArchiveLayout::nameRef(std::size_t index) {
-  return kFirstName + static_cast<PlistRef>(index);
-}
-
-PlistRef ArchiveLayout::classUidRef(std::size_t index) const {
-  return _firstClass + kClassObjects * static_cast<PlistRef>(index) + 2;
-}
-
-std::uint32_t ArchiveLayout::slotOf(PlistRef placed) const {
-  return (placed - _firstNumber) / kSlotNumbers;
-}
-
-void ArchiveLayout::takeSlot() {
+std::uint32_t ArchiveLayout::takeSlot() {
   if (_free.empty()) throw NoRoom();
-  _current = _free.back();
+  const std::uint32_t slot = _free.back();
   _free.pop_back();
+  return slot;
 }
 
-std::uint32_t ArchiveLayout::takeEntry() {
-  if (_current == kNoSlot || _slots[_current].uids == kSlotUids) takeSlot();
+PlistRef ArchiveLayout::takeEntry() {
+  if (_current == kNoSlot || _slots[_current].entries == kSlotEntries) _current = takeSlot();
   ++_slots[_current].used;
-  return _firstSlotEntry + _current * kSlotUids + _slots[_current].uids++;
+  return _current * kSlotEntries + _slots[_current].entries++;
 }
 
-PlistRef ArchiveLayout::uidRef(std::uint32_t entry) const {
-  const std::uint32_t index = entry - _firstSlotEntry;
-  return _firstNumber + index / kSlotUids * kSlotNumbers + index % kSlotUids;
-}
-
-std::uint32_t ArchiveLayout::entryOf(PlistRef uidRef) const {
-  const PlistRef index = uidRef - _firstNumber;
-  return _firstSlotEntry + index / kSlotNumbers * kSlotUids + index % kSlotNumbers;
-}
-
-bool ArchiveLayout::isUid(PlistRef placed) const {
-  return (placed - _firstNumber) % kSlotNumbers < kSlotUids;
-}
-
-PlistRef ArchiveLayout::place(std::string_view object) {
+PlistRef ArchiveLayout::place(std::string_view object, bool isForAll) {
+  std::uint32_t& current = isForAll ? _forAll : _current;
   const bool isLong = object.size() > slotBytes(_refSize);
+  if (isLong && _longBytes + object.size() > _measure.longBytes) {
+    throw NoRoom{_longBytes + object.size()};
+  }
   const auto isFull = [&](const Slot& slot) {
     return slot.objects == kSlotObjects ||
            (!isLong && slot.bytes + object.size() > slotBytes(_refSize));
   };
-  if (_current == kNoSlot || isFull(_slots[_current])) takeSlot();
-  Slot& slot = _slots[_current];
-  const PlistRef number = _firstNumber + _current * kSlotNumbers + kSlotUids + slot.objects++;
+  if (current == kNoSlot || isFull(_slots[current])) current = takeSlot();
+  Slot& slot = _slots[current];
+  slot.isForAll = isForAll;
+  const PlistRef number = firstSlotObject() + current * kSlotObjects + slot.objects++;
   ++slot.used;
-  std::size_t at = _slotsAt + _current * slotBytes(_refSize) + slot.bytes;
+  std::size_t at = _at.longObjects + _longBytes;
   if (isLong) {
-    at = _longAt + _longBytes;
     _longBytes += object.size();
-    if (lacksLongBytes()) return number;
   } else {
+    at = _at.slots + current * slotBytes(_refSize) + slot.bytes;
     slot.bytes = static_cast<std::uint16_t>(slot.bytes + object.size());
   }
-  object.copy(_bytes.data() + at, object.size());
-  _changed.add(at, object.size());
+  write(at, object);
   setPlace(number, at);
   return number;
 }
@@ -274,18 +129,16 @@ void ArchiveLayout::overwrite(PlistRef placed, std::string_view object) {
   const std::size_t at = placeOf(placed);
   const Refs refs = refsOf(placed);
   if (refs.at + refs.count * _refSize != at + object.size()) throw NoRoom();
-  if (_bytes.compare(at, object.size(), object) == 0) return;
-  object.copy(_bytes.data() + at, object.size());
-  _changed.add(at, object.size());
+  if (_bytes.compare(at, object.size(), object) != 0) write(at, object);
 }
 
-void ArchiveLayout::freeEntry(std::uint32_t entry) {
-  putEntry(entry, kNullText);
-  release((entry - _firstSlotEntry) / kSlotUids);
+void ArchiveLayout::freeEntry(PlistRef entry) {
+  putEntry(entry, objectOf(kNullUid));
+  release(entry / kSlotEntries);
 }
 
 void ArchiveLayout::freeObject(PlistRef placed) {
-  setPlace(placed, placeOf(kNullText));
+  setPlace(placed, _at.slots);
   release(slotOf(placed));
 }
 
@@ -293,7 +146,6 @@ void ArchiveLayout::release(std::uint32_t slot) {
   if (--_slots[slot].used != 0) return;
   _slots[slot] = {};
   _free.push_back(slot);
-  if (slot == _current) _current = kNoSlot;
 }
 
 ArchiveLayout::Refs ArchiveLayout::refsOf(PlistRef object) const {
@@ -306,18 +158,18 @@ PlistRef ArchiveLayout::ref(const Refs& refs, std::size_t index) const {
   return get(refs.at + index * _refSize, _refSize);
 }
 
-std::uint32_t ArchiveLayout::element(std::size_t index) const {
-  return entryOf(get(_rootAt + kArrayHeadSize + index * _refSize, _refSize));
+PlistRef ArchiveLayout::element(std::size_t index) const {
+  return get(_at.rootElements + index * _refSize, _refSize);
 }
 
 void ArchiveLayout::appendElement(PlistRef uid) {
   if (_elementCount == _measure.elements) throw NoRoom();
-  put(_rootAt + kArrayHeadSize + _elementCount * _refSize, uid, _refSize);
+  put(_at.rootElements + _elementCount * _refSize, uid, _refSize);
   putElementCount(_elementCount + 1);
 }
 
 void ArchiveLayout::removeElement(std::size_t index) {
-  const std::size_t at = _rootAt + kArrayHeadSize + index * _refSize;
+  const std::size_t at = _at.rootElements + index * _refSize;
   const std::size_t moved = (_elementCount - index - 1) * _refSize;
   std::memmove(_bytes.data() + at, _bytes.data() + at + _refSize, moved);
   _changed.add(at, moved);
@@ -326,23 +178,23 @@ void ArchiveLayout::removeElement(std::size_t index) {
 
 void ArchiveLayout::putElementCount(std::size_t count) {
   _elementCount = count;
-  put(_rootAt + kArrayHeadSize - kPlaceSize, count, kPlaceSize);
+  put(_at.rootElements - kCountSize, count, kCountSize);
 }
 
-PlistRef ArchiveLayout::objectOf(std::uint32_t entry) const {
-  return get(_tableAt + kArrayHeadSize + entry * _refSize, _refSize);
+PlistRef ArchiveLayout::objectOf(PlistRef entry) const {
+  return get(_at.tableEntries + entry * _refSize, _refSize);
 }
 
-void ArchiveLayout::putEntry(std::uint32_t entry, PlistRef object) {
-  put(_tableAt + kArrayHeadSize + entry * _refSize, object, _refSize);
+void ArchiveLayout::putEntry(PlistRef entry, PlistRef object) {
+  put(_at.tableEntries + entry * _refSize, object, _refSize);
 }
 
 std::size_t ArchiveLayout::placeOf(PlistRef object) const {
-  return get(_placesAt + kPlaceSize * object, kPlaceSize);
+  return get(_offsetsAt + kOffsetSize * object, kOffsetSize);
 }
 
 void ArchiveLayout::setPlace(PlistRef object, std::size_t place) {
-  put(_placesAt + kPlaceSize * object, place, kPlaceSize);
+  put(_offsetsAt + kOffsetSize * object, place, kOffsetSize);
 }
 
 std::uint32_t ArchiveLayout::get(std::size_t at, std::size_t size) const {
@@ -352,6 +204,11 @@ std::uint32_t ArchiveLayout::get(std::size_t at, std::size_t size) const {
 void ArchiveLayout::put(std::size_t at, std::uint64_t number, std::size_t size) {
   storeBigEndian(_bytes.data() + at, number, size);
   _changed.add(at, size);
+}
+
+void ArchiveLayout::write(std::size_t at, std::string_view bytes) {
+  bytes.copy(_bytes.data() + at, bytes.size());
+  _changed.add(at, bytes.size());
 }
 
 }  // namespace orbiq

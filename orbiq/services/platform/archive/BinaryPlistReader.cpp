@@ -2,9 +2,8 @@
 
 #include <bit>
 #include <cmath>
-#include <limits>
-#include <type_traits>
 
+#include "orbiq/services/platform/archive/BigEndian.h"
 #include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq {
@@ -13,43 +12,25 @@ namespace {
 constexpr std::string_view kMagic = "bplist00";
 constexpr std::size_t kTrailerSize = 32;
 
-/// The whole part of `real`, moved into the range of `Integer`.
-template <class Integer>
-Integer saturated(double real) {
-  using Limits = std::numeric_limits<Integer>;
-  // The power of two behind the highest value: unlike that, it is a double.
-  const double beyond = std::ldexp(1.0, Limits::digits);
-  if (std::isnan(real)) return 0;
-  if (real >= beyond) return Limits::max();
-  if (real <= static_cast<double>(Limits::min())) return Limits::min();
-  return static_cast<Integer>(real);
+PlistNumber ofInteger(std::int64_t number) {
+  return {static_cast<std::uint64_t>(number), static_cast<double>(number)};
 }
 
-template <class Integer>
-struct ToInteger {
-  Integer operator()(std::int64_t number) const { return static_cast<Integer>(number); }
-  Integer operator()(std::uint64_t number) const { return static_cast<Integer>(number); }
-  Integer operator()(double number) const { return saturated<Integer>(number); }
-};
+PlistNumber ofReal(double real) {
+  // The power of two behind the highest integer: unlike that, it is a double.
+  constexpr double kBeyond = 0x1p63;
+  std::int64_t whole = 0;
+  if (real >= kBeyond) {
+    whole = INT64_MAX;
+  } else if (real <= -kBeyond) {
+    whole = INT64_MIN;
+  } else if (!std::isnan(real)) {
+    whole = static_cast<std::int64_t>(real);
+  }
+  return {static_cast<std::uint64_t>(whole), real};
+}
 
 }  // namespace
-
-std::int64_t PlistNumber::toInteger() const {
-  return std::visit(ToInteger<std::int64_t>(), _number);
-}
-
-std::uint64_t PlistNumber::toUnsigned() const {
-  return std::visit(ToInteger<std::uint64_t>(), _number);
-}
-
-double PlistNumber::toReal() const {
-  return std::visit([](auto number) { return static_cast<double>(number); }, _number);
-}
-
-bool PlistNumber::toBoolean() const {
-  const double real = toReal();
-  return real != 0 && !std::isnan(real);
-}
 
 std::optional<BinaryPlistReader> BinaryPlistReader::open(std::string_view bytes,
                                                          PlistDamage* damage) {
@@ -92,11 +73,7 @@ BinaryPlistReader BinaryPlistReader::withoutFrame(std::string_view bytes, std::s
 }
 
 std::uint64_t BinaryPlistReader::bigEndian(std::size_t start, std::size_t size) const {
-  std::uint64_t number = 0;
-  for (std::size_t i = start; i < start + size; ++i) {
-    number = number << 8 | static_cast<unsigned char>(_bytes[i]);
-  }
-  return number;
+  return loadBigEndian(_bytes.data() + start, size);
 }
 
 PlistObject BinaryPlistReader::top() const {
@@ -223,36 +200,24 @@ PlistObject BinaryPlistReader::referred(const PlistObject& container, std::size_
   return found;
 }
 
-PlistObject BinaryPlistReader::element(const PlistObject& array, std::size_t index) const {
-  return referred(array, index);
-}
-
-PlistObject BinaryPlistReader::key(const PlistObject& dictionary, std::size_t index) const {
-  return referred(dictionary, index);
-}
-
-PlistObject BinaryPlistReader::value(const PlistObject& dictionary, std::size_t index) const {
-  return referred(dictionary, dictionary.count + index);
-}
-
 std::optional<PlistNumber> BinaryPlistReader::number(const PlistObject& object) const {
   switch (object.kind) {
     case PlistObject::Kind::kBoolean:
-      return PlistNumber(static_cast<std::int64_t>(object.count));
+      return ofInteger(static_cast<std::int64_t>(object.count));
     case PlistObject::Kind::kReal: {
       const std::uint64_t bits = bigEndian(object.start, object.count);
-      if (object.count == 8) return PlistNumber(std::bit_cast<double>(bits));
-      return PlistNumber(double{std::bit_cast<float>(static_cast<std::uint32_t>(bits))});
+      if (object.count == 8) return ofReal(std::bit_cast<double>(bits));
+      return ofReal(double{std::bit_cast<float>(static_cast<std::uint32_t>(bits))});
     }
     case PlistObject::Kind::kInteger: {
       if (object.count < 16) {
         // Eight bytes are signed; in fewer the sign bit is never set.
-        return PlistNumber(static_cast<std::int64_t>(bigEndian(object.start, object.count)));
+        return ofInteger(static_cast<std::int64_t>(bigEndian(object.start, object.count)));
       }
       const std::uint64_t high = bigEndian(object.start, 8);
       const std::uint64_t low = bigEndian(object.start + 8, 8);
-      if (high == 0) return PlistNumber(low);
-      if (high == UINT64_MAX && low > INT64_MAX) return PlistNumber(static_cast<std::int64_t>(low));
+      if (high == 0) return PlistNumber{low, static_cast<double>(low)};
+      if (high == UINT64_MAX && low > INT64_MAX) return ofInteger(static_cast<std::int64_t>(low));
       return {};
     }
     default:

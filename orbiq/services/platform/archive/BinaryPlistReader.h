@@ -5,25 +5,19 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <variant>
 
 namespace orbiq {
 
-/// A number of a property list. Each conversion truncates; reals out of range saturate, integers
-/// keep their low 64 bits, NaN is 0.
-class PlistNumber {
- public:
-  explicit PlistNumber(std::int64_t number) : _number(number) {}
-  explicit PlistNumber(std::uint64_t number) : _number(number) {}
-  explicit PlistNumber(double number) : _number(number) {}
+/// A number of a property list. As an integer, a real is truncated to a signed one, saturates, and
+/// is 0 if it is no number; integers keep their low 64 bits.
+struct PlistNumber {
+  std::uint64_t bits = 0;
+  double real = 0;
 
-  std::int64_t toInteger() const;
-  std::uint64_t toUnsigned() const;
-  double toReal() const;
-  bool toBoolean() const;
-
- private:
-  std::variant<std::int64_t, std::uint64_t, double> _number;
+  std::int64_t toInteger() const { return static_cast<std::int64_t>(bits); }
+  std::uint64_t toUnsigned() const { return bits; }
+  double toReal() const { return real; }
+  bool toBoolean() const { return real < 0 || real > 0; }
 };
 
 /// Where the bytes are not what they should be.
@@ -73,7 +67,6 @@ class BinaryPlistReader {
 
   PlistObject top() const;
   std::uint64_t objectCount() const { return _objectCount; }
-  std::size_t refSize() const { return _refSize; }
   /// The object of that number.
   PlistObject object(std::uint64_t number) const;
   /// The object whose first byte stands there; its number is not known.
@@ -86,10 +79,16 @@ class BinaryPlistReader {
   static std::size_t referenceCount(const PlistObject& container);
   PlistObject referred(const PlistObject& container, std::size_t index) const;
   /// An element of an array, below its count.
-  PlistObject element(const PlistObject& array, std::size_t index) const;
+  PlistObject element(const PlistObject& array, std::size_t index) const {
+    return referred(array, index);
+  }
   /// A key of a dictionary, below its count, and the value that belongs to it.
-  PlistObject key(const PlistObject& dictionary, std::size_t index) const;
-  PlistObject value(const PlistObject& dictionary, std::size_t index) const;
+  PlistObject key(const PlistObject& dictionary, std::size_t index) const {
+    return referred(dictionary, index);
+  }
+  PlistObject value(const PlistObject& dictionary, std::size_t index) const {
+    return referred(dictionary, dictionary.count + index);
+  }
 
   /// No value if the object is no number (or boolean), or one beyond 64 bits.
   std::optional<PlistNumber> number(const PlistObject& object) const;

@@ -9,12 +9,18 @@ namespace {
 using Kind = PlistObject::Kind;
 
 constexpr std::array<std::string_view, 2> kStringNames{"NSString", "NSMutableString"};
-
-constexpr std::array<std::string_view, 1> kDateNames{"NSDate"};
+constexpr std::array<std::string_view, 3> kArrayNames{"NSMutableArray", "NSArray", "NSObject"};
+constexpr std::array<std::string_view, 3> kDictionaryNames{"NSMutableDictionary", "NSDictionary",
+                                                           "NSObject"};
+constexpr std::array<std::string_view, 2> kDateNames{"NSDate", "NSObject"};
 
 constexpr std::size_t kCostOfComparison = 4;
 
 }  // namespace
+
+constinit const ArchivedClass kArchivedArray{kArrayNames, nullptr};
+constinit const ArchivedClass kArchivedDictionary{kDictionaryNames, nullptr};
+constinit const ArchivedClass kArchivedDate{kDateNames, nullptr};
 
 KeyedArchiveReader::KeyedArchiveReader(const BinaryPlistReader& plist, const PlistObject& archive,
                                        std::size_t budget)
@@ -66,7 +72,7 @@ PlistObject KeyedArchiveReader::charactersOf(const PlistObject& entry) {
 std::optional<double> KeyedArchiveReader::secondsOf(const PlistObject& value) {
   const PlistObject date = value.kind == Kind::kDate ? value : entryOf(value);
   if (date.kind == Kind::kDate) return _plist.date(date);
-  if (!isOfClass(date, kDateNames)) return {};
+  if (!isOfClass(date, kArchivedDate.names.first(1))) return {};
   const std::optional<PlistNumber> seconds = _plist.number(valueOf(date, "NS.time"));
   if (!seconds) return {};
   return seconds->toReal();

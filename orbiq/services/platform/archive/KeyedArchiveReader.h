@@ -6,9 +6,13 @@
 #include <span>
 #include <string_view>
 
+#include "orbiq/services/platform/archive/Archivable.h"
 #include "orbiq/services/platform/archive/BinaryPlistReader.h"
 
 namespace orbiq {
+
+/// The platform's own; where there are two forms, the mutable one is first.
+extern const ArchivedClass kArchivedArray, kArchivedDictionary, kArchivedDate;
 
 /// Finds its way through a keyed archive: from keys to values, from UIDs to entries, from entries
 /// to the names of their classes. What is not there is an object of kind none.

@@ -6,52 +6,72 @@
 #include <new>
 #include <utility>
 
+#include "orbiq/services/platform/archive/KeyedArchiveReader.h"
+
 namespace orbiq {
 namespace {
-
-using Vocabulary = ArchiveVocabulary;
 
 constexpr std::size_t kFewestElements = 8;
 /// What a long archive is not.
 constexpr std::size_t kShort = 16'384;
+constexpr std::int64_t kVersion = 100000;
 
 }  // namespace
 
 void KeyedArchiver::encode(const std::vector<Element>& elements) {
-  _isWhole = false;
-  _measure = {std::max(kFewestElements, std::bit_ceil(elements.size())), 0};
-  while (!tryToEncode(elements)) {
+  ArchiveLayout::Measure measure{std::max(kFewestElements, std::bit_ceil(elements.size())), 0};
+  while (!tryToEncode(elements, measure)) {
   }
   _isWhole = true;
 }
 
-/// If not, it has enlarged the measure or the vocabulary.
-bool KeyedArchiver::tryToEncode(const std::vector<Element>& elements) {
-  _layout.reset();
-  _layout.emplace(_vocabulary, _measure);
-  _entries.clear();
+/// If not, it has enlarged the measure.
+bool KeyedArchiver::tryToEncode(const std::vector<Element>& elements,
+                                ArchiveLayout::Measure& measure) try {
+  *this = {};
+  _layout.emplace(measure);
   _entries.resize(_layout->entryCount());
   _lists.assign(std::bit_ceil(_entries.size()), kNone);
   _object = PlistObjects(_layout->refSize());
-  _keys.clear();
-  _values.clear();
-  _lacksNames = false;
-  _holdsMutableText = false;
-  try {
-    for (const Element& element : elements) {
-      _layout->beginSlot();
-      _layout->appendElement(objectUid(element));
-    }
-  } catch (const ArchiveLayout::NoRoom&) {
-    _measure.elements *= 2;
-    return false;
+  placeFrame();
+  for (const Element& element : elements) {
+    _layout->beginSlot();
+    _layout->appendElement(objectUid(element));
   }
   // With some room to go on.
-  const bool hasRoom = _layout->freeSlotCount() >= _layout->slotCount() / 8;
-  if (!hasRoom) _measure.elements *= 2;
-  const bool lacksLongBytes = _layout->lacksLongBytes();
-  if (lacksLongBytes) _measure.longBytes = _layout->longBytes() + _layout->longBytes() / 4;
-  return hasRoom && !lacksLongBytes && !_lacksNames;
+  if (!_layout->isNearlyFull()) return true;
+  measure.elements *= 2;
+  return false;
+} catch (const ArchiveLayout::NoRoom& lack) {
+  if (lack.longBytes == 0) measure.elements *= 2;
+  measure.longBytes = std::max(measure.longBytes, lack.longBytes + lack.longBytes / 2);
+  return false;
+}
+
+/// What leads a reader to the elements, and the numbers that need no place of their own.
+void KeyedArchiver::placeFrame() {
+  const PlistRef root = _layout->takeEntry();
+  for (std::int64_t number = 0; number < kSmallIntegers; ++number) {
+    _object.addInteger(number);
+    _constants[static_cast<std::size_t>(number)] = place(true);
+  }
+  for (const bool value : {false, true}) {
+    _object.addBoolean(value);
+    _constants[kBooleans + (value ? 1 : 0)] = place(true);
+  }
+  assemble({{"NS.objects", _layout->rootArray()}, {"$class", classUid(kArchivedArray)}});
+  _layout->putEntry(root, place());
+  _object.addInteger(kVersion);
+  const PlistRef version = place();
+  _object.addText("NSKeyedArchiver");
+  const PlistRef archiver = place();
+  assemble({{"root", root}});
+  const PlistRef top = place();
+  assemble({{"$version", version},
+            {"$archiver", archiver},
+            {"$top", top},
+            {"$objects", _layout->table()}});
+  _layout->setTop(place());
 }
 
 /// What fails for want of room or memory is encoded anew.
@@ -61,7 +81,7 @@ void KeyedArchiver::edit(const Operation& operation) try {
   _isWhole = false;
   _layout->beginSlot();
   operation();
-  _isWhole = !_lacksNames && !_layout->lacksLongBytes();
+  _isWhole = true;
 } catch (const ArchiveLayout::NoRoom&) {
 } catch (const std::bad_alloc&) {
 }
@@ -72,14 +92,14 @@ void KeyedArchiver::append(const Element& element) {
 
 void KeyedArchiver::remove(std::size_t index) {
   edit([&] {
-    const std::uint32_t entry = _layout->element(index);
+    const PlistRef entry = _layout->element(index);
     _layout->removeElement(index);
     release(entry);
   });
 }
 
 void KeyedArchiver::change(const void* record) {
-  const std::uint32_t entry = isWhole() ? find(record) : kNone;
+  const PlistRef entry = isWhole() ? find(record) : kNone;
   if (entry == kNone) return;
   edit([&] {
     assembleFields(*static_cast<const Archivable*>(_entries[entry].object.get()));
@@ -91,40 +111,35 @@ void KeyedArchiver::change(const void* record) {
 }
 
 void KeyedArchiver::forget() {
-  if (!_layout || bytes().size() <= kShort) return;
-  _isWhole = false;
-  _layout.reset();
-  _entries = {};
-  _lists = {};
-  _object = PlistObjects(0);
+  if (_layout && bytes().size() > kShort) *this = {};
 }
 
-std::uint32_t& KeyedArchiver::listOf(const void* address) {
+PlistRef& KeyedArchiver::listOf(const void* address) {
   const std::uint64_t mixed =
       std::uint64_t{reinterpret_cast<std::uintptr_t>(address)} * 0x9E3779B97F4A7C15U;
   return _lists[static_cast<std::size_t>(mixed >> 32) & (_lists.size() - 1)];
 }
 
-std::uint32_t KeyedArchiver::find(const void* address) {
-  std::uint32_t entry = listOf(address);
+PlistRef KeyedArchiver::find(const void* address) {
+  PlistRef entry = listOf(address);
   while (entry != kNone && _entries[entry].object.get() != address) entry = _entries[entry].next;
   return entry;
 }
 
 /// An entry that its first user, the caller, has to fill.
-std::uint32_t KeyedArchiver::add(std::shared_ptr<const void> object) {
-  const std::uint32_t entry = _layout->takeEntry();
+PlistRef KeyedArchiver::add(std::shared_ptr<const void> object) {
+  const PlistRef entry = _layout->takeEntry();
   Entry& added = _entries[entry];
   added = {std::move(object), 1, kNone};
   if (added.object) added.next = std::exchange(listOf(added.object.get()), entry);
   return entry;
 }
 
-void KeyedArchiver::release(std::uint32_t entry) {
+void KeyedArchiver::release(PlistRef entry) {
   Entry& released = _entries[entry];
   if (--released.users != 0) return;
   if (released.object) {
-    std::uint32_t* link = &listOf(released.object.get());
+    PlistRef* link = &listOf(released.object.get());
     while (*link != entry) link = &_entries[*link].next;
     *link = released.next;
     released.object.reset();
@@ -140,18 +155,18 @@ void KeyedArchiver::releaseRefs(PlistRef object) {
   const ArchiveLayout::Refs refs = _layout->refsOf(object);
   for (std::size_t i = 0; i < refs.count; ++i) {
     const PlistRef ref = _layout->ref(refs, i);
-    if (!_layout->isPlaced(ref)) continue;
-    if (_layout->isUid(ref)) {
-      release(_layout->entryOf(ref));
-    } else {
+    if (ref == ArchiveLayout::kNullUid) continue;
+    if (_layout->isEntry(ref)) {
+      release(ref);
+    } else if (_layout->isOwn(ref)) {
       releaseRefs(ref);
       _layout->freeObject(ref);
     }
   }
 }
 
-PlistRef KeyedArchiver::place() {
-  const PlistRef placed = _layout->place(_object.bytes());
+PlistRef KeyedArchiver::place(bool isForAll) {
+  const PlistRef placed = _layout->place(_object.bytes(), isForAll);
   _object.clear();
   return placed;
 }
@@ -161,27 +176,39 @@ PlistRef KeyedArchiver::placeArray(std::span<const PlistRef> elements) {
   return place();
 }
 
-PlistRef KeyedArchiver::placeDictionary(std::span<const PlistRef> keys,
-                                        std::span<const PlistRef> values) {
-  _object.addDictionary(keys, values);
-  return place();
-}
-
-/// Of what has an entry already, the number of the UID that leads there.
-std::optional<PlistRef> KeyedArchiver::use(const void* address) {
-  if (address == nullptr) return ArchiveLayout::kNullUid;
-  const std::uint32_t entry = find(address);
-  if (entry == kNone) return std::nullopt;
-  ++_entries[entry].users;
-  return _layout->uidRef(entry);
+/// The UID that leads to an object, which `assembleIt` assembles if it is new.
+template <class Assemble>
+PlistRef KeyedArchiver::uid(std::shared_ptr<const void> object, const Assemble& assembleIt) {
+  if (!object) return ArchiveLayout::kNullUid;
+  PlistRef entry = find(object.get());
+  if (entry == kNone) {
+    entry = add(std::move(object));
+    assembleIt();
+    _layout->putEntry(entry, place());
+  } else {
+    ++_entries[entry].users;
+  }
+  return entry;
 }
 
 PlistRef KeyedArchiver::objectUid(const Element& object) {
-  if (const auto known = use(object.get())) return *known;
-  const std::uint32_t entry = add(object);
-  assembleFields(*object);
-  _layout->putEntry(entry, place());
-  return _layout->uidRef(entry);
+  return uid(object, [&] { assembleFields(*object); });
+}
+
+PlistRef KeyedArchiver::textUid(const String& text) {
+  if (text.isMutable()) _holdsMutableText = true;
+  return uid(text.handle(), [&] { _object.addText(text.view()); });
+}
+
+PlistRef KeyedArchiver::classUid(const ArchivedClass& archivedClass) {
+  return uid({std::shared_ptr<const void>(), &archivedClass}, [&] {
+    const std::size_t first = _values.size();
+    for (const std::string_view name : archivedClass.names) _values.push_back(nameRef(name));
+    const PlistRef chain = placeArray(std::span(_values).subspan(first));
+    _values.resize(first);
+    ++_entries[find(&archivedClass)].users;  // it stays
+    assemble({{"$classname", nameRef(archivedClass.name())}, {"$classes", chain}});
+  });
 }
 
 /// The fields of what it refers to come and go on top of its own.
@@ -189,39 +216,20 @@ void KeyedArchiver::assembleFields(const Archivable& object) {
   const std::size_t first = _keys.size();
   object.encodeWithCoder(*this);
   addField("$class", classUid(object.archivedClass()));
+  assembleFrom(first);
+}
+
+void KeyedArchiver::assemble(std::initializer_list<Name> fields) {
+  const std::size_t first = _keys.size();
+  for (const auto& [key, value] : fields) addField(key, value);
+  assembleFrom(first);
+}
+
+/// A dictionary of the fields from that one on, which are done with.
+void KeyedArchiver::assembleFrom(std::size_t first) {
   _object.addDictionary(std::span(_keys).subspan(first), std::span(_values).subspan(first));
   _keys.resize(first);
   _values.resize(first);
-}
-
-PlistRef KeyedArchiver::textUid(const String& text) {
-  if (const auto known = use(text.identity())) return *known;
-  if (text.isMutable()) _holdsMutableText = true;
-  const std::uint32_t entry = add(text.handle());
-  _object.addText(text.view());
-  _layout->putEntry(entry, place());
-  return _layout->uidRef(entry);
-}
-
-PlistRef KeyedArchiver::parametersUid(const SharedParameters& parameters) {
-  if (const auto known = use(parameters.get())) return *known;
-  const std::uint32_t entry = add(parameters);
-  const std::size_t first = _keys.size();
-  for (const auto& [key, text] : *parameters) {
-    if (text.isNull()) continue;
-    _keys.push_back(textUid(key));
-    _values.push_back(textUid(text));
-  }
-  const PlistRef keyList = placeArray(std::span(_keys).subspan(first));
-  const PlistRef valueList = placeArray(std::span(_values).subspan(first));
-  _keys.resize(first);
-  _values.resize(first);
-  const std::array keys{ArchiveLayout::nameRef(Vocabulary::kKeys),
-                        ArchiveLayout::nameRef(Vocabulary::kObjects),
-                        ArchiveLayout::nameRef(Vocabulary::kClass)};
-  const std::array values{keyList, valueList, _layout->classUidRef(Vocabulary::kDictionary)};
-  _layout->putEntry(entry, placeDictionary(keys, values));
-  return _layout->uidRef(entry);
 }
 
 void KeyedArchiver::encodeObject(const Element& object, std::string_view key) {
@@ -234,51 +242,60 @@ void KeyedArchiver::encodeString(const String& text, std::string_view key) {
 
 void KeyedArchiver::encodeDate(const std::optional<Date>& date, std::string_view key) {
   if (!date) return addField(key, ArchiveLayout::kNullUid);
-  const std::uint32_t entry = add(nullptr);
+  const PlistRef entry = add(nullptr);
   _object.addReal(date->secondsSinceReferenceDate);
-  const std::array keys{ArchiveLayout::nameRef(Vocabulary::kTime),
-                        ArchiveLayout::nameRef(Vocabulary::kClass)};
-  const std::array values{place(), _layout->classUidRef(Vocabulary::kDate)};
-  _layout->putEntry(entry, placeDictionary(keys, values));
-  addField(key, _layout->uidRef(entry));
+  assemble({{"NS.time", place()}, {"$class", classUid(kArchivedDate)}});
+  _layout->putEntry(entry, place());
+  addField(key, entry);
 }
 
 void KeyedArchiver::encodeParameters(const SharedParameters& parameters, std::string_view key) {
-  addField(key, parametersUid(parameters));
+  addField(
+      key, uid(parameters, [&] {
+        const std::size_t first = _keys.size();
+        for (const auto& [name, text] : *parameters) {
+          if (text.isNull()) continue;
+          _keys.push_back(textUid(name));
+          _values.push_back(textUid(text));
+        }
+        const PlistRef names = placeArray(std::span(_keys).subspan(first));
+        const PlistRef texts = placeArray(std::span(_values).subspan(first));
+        _keys.resize(first);
+        _values.resize(first);
+        assemble(
+            {{"NS.keys", names}, {"NS.objects", texts}, {"$class", classUid(kArchivedDictionary)}});
+      }));
 }
 
 void KeyedArchiver::encodeInteger(std::int64_t number, std::string_view key) {
-  if (number >= 0 && number < ArchiveLayout::kSmallIntegers) {
-    return addField(key, ArchiveLayout::smallIntegerRef(number));
+  if (number >= 0 && number < kSmallIntegers) {
+    return addField(key, _constants[static_cast<std::size_t>(number)]);
   }
   _object.addInteger(number);
   addField(key, place());
 }
 
 void KeyedArchiver::encodeBoolean(bool value, std::string_view key) {
-  addField(key, ArchiveLayout::booleanRef(value));
+  addField(key, _constants[kBooleans + (value ? 1 : 0)]);
 }
 
 void KeyedArchiver::addField(std::string_view key, PlistRef value) {
-  const std::size_t index = _vocabulary.indexOf(key, _nextName);
-  if (index == _vocabulary.names.size()) {
-    _vocabulary.names.push_back(key);
-    _lacksNames = true;
-  }
-  _nextName = index + 1;
-  _keys.push_back(ArchiveLayout::nameRef(index));
+  _keys.push_back(nameRef(key));
   _values.push_back(value);
 }
 
-PlistRef KeyedArchiver::classUid(const ArchivedClass& archivedClass) {
-  auto& classes = _vocabulary.classes;
-  const auto found = std::find(classes.begin(), classes.end(), &archivedClass);
-  const auto index = static_cast<std::size_t>(found - classes.begin());
-  if (index == classes.size()) {
-    _vocabulary.addClass(archivedClass);
-    _lacksNames = true;
+/// Of a key or of a class's name, the text that stands in the archive once. They come in the same
+/// order again and again.
+PlistRef KeyedArchiver::nameRef(std::string_view name) {
+  for (std::size_t tries = _names.size(); tries > 0; --tries) {
+    if (_nextName == _names.size()) _nextName = 0;
+    const auto& [known, ref] = _names[_nextName++];
+    if (known == name) return ref;
   }
-  return _layout->classUidRef(index);
+  _object.addText(name);
+  _names.emplace_back(name, place(true));
+  _nextName = _names.size();
+  return _names.back().second;
 }
 
 }  // namespace orbiq

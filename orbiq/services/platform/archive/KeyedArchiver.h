@@ -1,12 +1,15 @@
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "orbiq/services/platform/archive/Archivable.h"
@@ -59,50 +62,55 @@ class KeyedArchiver {
   void encodeBoolean(bool value, std::string_view key);
 
  private:
-  static constexpr std::uint32_t kNone = UINT32_MAX;
-  /// Of the object table, behind those of the classes.
+  static constexpr PlistRef kNone = UINT32_MAX;
+  static constexpr std::int64_t kSmallIntegers = 4;
+  static constexpr std::size_t kBooleans = 4;  ///< behind them among the constants
+  using Name = std::pair<std::string_view, PlistRef>;
+  /// Of the object table.
   struct Entry {
     std::shared_ptr<const void> object;  ///< null for what nothing else can refer to
     std::uint32_t users = 0;
-    std::uint32_t next = kNone;  ///< in the list of those whose addresses hash alike
+    PlistRef next = kNone;  ///< in the list of those whose addresses hash alike
   };
 
-  bool tryToEncode(const std::vector<Element>& elements);
+  bool tryToEncode(const std::vector<Element>& elements, ArchiveLayout::Measure& measure);
+  void placeFrame();
   template <class Operation>
   void edit(const Operation& operation);
 
-  std::uint32_t& listOf(const void* address);
-  std::uint32_t find(const void* address);
-  std::uint32_t add(std::shared_ptr<const void> object);
-  void release(std::uint32_t entry);
+  PlistRef& listOf(const void* address);
+  PlistRef find(const void* address);
+  PlistRef add(std::shared_ptr<const void> object);
+  void release(PlistRef entry);
   void releaseRefs(PlistRef object);
 
   // Each returns the number of the UID that leads there, and counts a user.
-  std::optional<PlistRef> use(const void* address);
+  template <class Assemble>
+  PlistRef uid(std::shared_ptr<const void> object, const Assemble& assembleIt);
   PlistRef objectUid(const Element& object);
   PlistRef textUid(const String& text);
-  PlistRef parametersUid(const SharedParameters& parameters);
+  PlistRef classUid(const ArchivedClass& archivedClass);
 
   void assembleFields(const Archivable& object);
+  void assemble(std::initializer_list<Name> fields);
+  void assembleFrom(std::size_t first);
   void addField(std::string_view key, PlistRef value);
-  PlistRef classUid(const ArchivedClass& archivedClass);
-  PlistRef place();
+  PlistRef nameRef(std::string_view name);
+  PlistRef place(bool isForAll = false);
   PlistRef placeArray(std::span<const PlistRef> elements);
-  PlistRef placeDictionary(std::span<const PlistRef> keys, std::span<const PlistRef> values);
 
-  ArchiveVocabulary _vocabulary;
-  ArchiveLayout::Measure _measure{};
   std::optional<ArchiveLayout> _layout;
   bool _isWhole = false;
-  bool _lacksNames = false;        ///< the vocabulary has grown
   bool _holdsMutableText = false;  ///< which changes without a word
   std::vector<Entry> _entries;
-  std::vector<std::uint32_t> _lists;  ///< the first entry of each
+  std::vector<PlistRef> _lists;  ///< the first entry of each
+  std::array<PlistRef, kBooleans + 2> _constants{};
+  std::vector<Name> _names;
+  std::size_t _nextName = 0;
   // What is being put together.
   PlistObjects _object{0};
   std::vector<PlistRef> _keys;
   std::vector<PlistRef> _values;
-  std::size_t _nextName = 0;
 };
 
 }  // namespace orbiq

@@ -1,7 +1,6 @@
 #include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 
 #include <algorithm>
-#include <array>
 #include <string>
 #include <utility>
 
@@ -9,9 +8,6 @@ namespace orbiq {
 namespace {
 
 using Kind = PlistObject::Kind;
-
-constexpr std::array<std::string_view, 2> kArrayNames{"NSArray", "NSMutableArray"};
-constexpr std::array<std::string_view, 2> kDictionaryNames{"NSDictionary", "NSMutableDictionary"};
 
 // What operations cost, roughly in bytes of memory, and what each byte of the archive may cost. An
 // honest archive stays far below: its objects, each met once, are not much smaller than what they
@@ -46,7 +42,7 @@ std::optional<KeyedUnarchiver::Elements> KeyedUnarchiver::decodeRoot(
   if (!plist().isText(_archive.valueOf(archive, "$archiver"), "NSKeyedArchiver")) return {};
   const PlistObject root =
       _archive.entryOf(_archive.valueOf(_archive.valueOf(archive, "$top"), "root"));
-  if (!_archive.isOfClass(root, kArrayNames)) return {};
+  if (!_archive.isOfClass(root, kArchivedArray.names.first(2))) return {};
   const PlistObject uids = _archive.valueOf(root, "NS.objects");
   if (uids.kind != Kind::kArray || !_archive.spend(uids.count * kCostOfElement)) return {};
 
@@ -117,8 +113,8 @@ SharedParameters KeyedUnarchiver::decodeParameters(std::string_view key) {
   if (!uid) return {};
   if (const auto known = _parameters.find(*uid); known != _parameters.end()) return known->second;
   const PlistObject dictionary = _archive.entryAt(*uid);
-  if (!_archive.isOfClass(dictionary, kDictionaryNames) || !_archive.spend(kCostOfObject))
-    return {};
+  const bool isDictionary = _archive.isOfClass(dictionary, kArchivedDictionary.names.first(2));
+  if (!isDictionary || !_archive.spend(kCostOfObject)) return {};
   return _parameters[*uid] = parametersOf(dictionary);
 }
 
@@ -139,22 +135,17 @@ SharedParameters KeyedUnarchiver::parametersOf(const PlistObject& dictionary) {
 }
 
 std::int64_t KeyedUnarchiver::decodeInteger(std::string_view key) {
-  const std::optional<PlistNumber> number = numberOf(key);
-  return number ? number->toInteger() : 0;
+  return numberOf(key).toInteger();
 }
 
 std::uint64_t KeyedUnarchiver::decodeUnsigned(std::string_view key) {
-  const std::optional<PlistNumber> number = numberOf(key);
-  return number ? number->toUnsigned() : 0;
+  return numberOf(key).toUnsigned();
 }
 
-bool KeyedUnarchiver::decodeBoolean(std::string_view key) {
-  const std::optional<PlistNumber> number = numberOf(key);
-  return number && number->toBoolean();
-}
+bool KeyedUnarchiver::decodeBoolean(std::string_view key) { return numberOf(key).toBoolean(); }
 
-std::optional<PlistNumber> KeyedUnarchiver::numberOf(std::string_view key) {
-  return plist().number(_archive.valueOf(_current, key));
+PlistNumber KeyedUnarchiver::numberOf(std::string_view key) {
+  return plist().number(_archive.valueOf(_current, key)).value_or(PlistNumber());
 }
 
 }  // namespace orbiq

@@ -64,7 +64,8 @@ class KeyedUnarchiver {
   SharedParameters parametersOf(const PlistObject& dictionary);
 
   const BinaryPlistReader& plist() const { return _archive.plist(); }
-  std::optional<PlistNumber> numberOf(std::string_view key);
+  /// 0 if there is no number under the key.
+  PlistNumber numberOf(std::string_view key);
 
   KeyedArchiveReader _archive;
   PlistObject _current;  ///< the dictionary of the object being decoded

@@ -18,7 +18,6 @@ class PlistObjects {
   explicit PlistObjects(std::size_t refSize) : _refSize(refSize) {}
 
   const std::string& bytes() const { return _bytes; }
-  std::size_t refSize() const { return _refSize; }
   void clear() { _bytes.clear(); }
 
   void addBoolean(bool value);
