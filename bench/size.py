@@ -12,7 +12,7 @@ import subprocess
 import sys
 
 PROJECT = pathlib.Path(__file__).resolve().parent.parent
-AIM_KIB = 300
+AIM_KIB = 260
 LIBRARIES = ["-lcurl", "-lmnl", "-luriparser", "-lpthread"]
 
 # What a program has that uses the same libraries without this one.
