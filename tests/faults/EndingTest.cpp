@@ -3,6 +3,7 @@
 #include <signal.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstdlib>
 #include <string>
 #include <vector>
@@ -22,7 +23,7 @@ constexpr char kSending[] = "sending";
 int endWithin(const std::vector<std::string>& arguments) {
   // Never destroyed: the library's threads log to the very end.
   static const auto* const step = new std::string(arguments.at(1));
-  static auto* const reached = new Gate;
+  static std::atomic<bool> isReached = false;
   const std::string end = arguments.at(2);
   sigset_t seen;
   sigemptyset(&seen);
@@ -35,7 +36,9 @@ int endWithin(const std::vector<std::string>& arguments) {
   static Application application(arguments.at(0), [&](HostDescription& host, Platform&) {
     host.libraryDirectory = arguments.at(3);
     host.logSink = [](const LogLine& line) {
-      if (line.text.find(*step) != line.text.npos) reached->open();
+      if (line.text.find(*step) == line.text.npos) return;
+      isReached = true;
+      isReached.notify_all();
     };
   });
   static struct UsesTheLibraryLate {
@@ -48,7 +51,7 @@ int endWithin(const std::vector<std::string>& arguments) {
   if (*step == kSending) {
     sigwaitinfo(&seen, nullptr);
   } else {
-    reached->pass();
+    isReached.wait(false);
   }
   if (end == "exit") std::exit(7);
   if (end == "quick_exit") std::quick_exit(7);

@@ -11,7 +11,7 @@
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/services/platform/host/Platform.h"
 #include "orbiq/services/platform/threads/Mutex.h"
-#include "orbiq/services/platform/time/Clock.h"
+#include "tests/support/ManualClock.h"
 #include "tests/support/ScriptedServer.h"
 
 namespace orbiq {
@@ -22,17 +22,6 @@ inline void PrintTo(const String& text, std::ostream* stream) { *stream << text.
 }  // namespace orbiq
 
 namespace orbiq::test {
-
-/// A clock that only the test moves; it starts at the real time.
-class ManualClock final : public Clock {
- public:
-  Date now() const override;
-  void advance(double seconds);
-
- private:
-  mutable Mutex _lock;
-  Date _now ORBIQ_GUARDED_BY(_lock) = SystemClock().now();
-};
 
 /// Keeps the library's log lines and waits for them.
 class LogRecorder {
@@ -47,17 +36,6 @@ class LogRecorder {
  private:
   mutable Condition _changed;
   std::vector<std::string> _lines ORBIQ_GUARDED_BY(_changed);
-};
-
-/// Holds up whoever passes until it is opened.
-class Gate {
- public:
-  void pass();
-  void open();
-
- private:
-  Condition _changed;
-  bool _isOpen ORBIQ_GUARDED_BY(_changed) = false;
 };
 
 /// Authorization and hit server in one: "/auth/SERIAL" and "/hit/SERIAL". Its answers may be
