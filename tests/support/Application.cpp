@@ -106,22 +106,6 @@ std::shared_ptr<orbiqAudienceTagger> Application::tagger(const String& serial) {
   return orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(serial);
 }
 
-std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
-    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked) {
-  struct Impatient final : HttpClient {
-    Impatient(std::chrono::milliseconds limit, std::shared_ptr<TimeLimits> noted)
-        : time(limit), asked(std::move(noted)) {}
-    HttpResult send(const HttpRequest& request) override {
-      if (asked) asked->push_back(request.timeout);
-      return real->send({request.url, request.userAgent, time});
-    }
-    const std::chrono::milliseconds time;
-    const std::shared_ptr<TimeLimits> asked;
-    const std::unique_ptr<HttpClient> real = makeHttpClient("");
-  };
-  return [=] { return std::make_unique<Impatient>(time, asked); };
-}
-
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode, const String& serial) {
   return std::make_shared<orbiqRequest>(
       std::make_shared<const Parameters>(Parameters{{"cmsRK", "7"}}), RequestTypeStreaming, mode,

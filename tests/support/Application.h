@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -83,12 +82,6 @@ class Application {
   std::shared_ptr<ManualClock> _clock = std::make_shared<ManualClock>();
   std::shared_ptr<LogRecorder> _log = std::make_shared<LogRecorder>();
 };
-
-using TimeLimits = std::vector<std::chrono::milliseconds>;
-
-/// Makes clients that give up earlier than they are asked to, and note what they were asked.
-std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
-    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked = {});
 
 /// A streaming request of the serial "ABC" for the hit that its authorization names.
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode = SendingModeHost,
