@@ -4,6 +4,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -48,8 +49,8 @@ TEST(Load, SixteenThreadsAddTenThousandHits) {
 
 TEST(Load, MoreThanTenThousandHitsDoNotWaitForOneSend) {
   AccountServer server;
-  Gate gate;
-  server.answerHits([&](const std::string&) { return gate.pass(), answer(200); });
+  std::latch gate(1);
+  server.answerHits([&](const std::string&) { return gate.wait(), answer(200); });
   Application application(server.authorizationServer());
   const auto tagger = Application::tagger("ABC");
   tagger->sendHit();
@@ -65,7 +66,7 @@ TEST(Load, MoreThanTenThousandHitsDoNotWaitForOneSend) {
   EXPECT_LE(stalled.pushedOut, kMore - 10'000);
   EXPECT_GE(stalled.additionsWaitingHighWater, 10'000U);
   EXPECT_EQ(first.wait_for(std::chrono::seconds(0)), std::future_status::timeout);
-  gate.open();
+  gate.count_down();
   EXPECT_TRUE(first.get());
   EXPECT_TRUE(flush());
   const Statistics settled = orbiqAgent::sharedAgent().statistics();

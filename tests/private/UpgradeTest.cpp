@@ -30,6 +30,7 @@ TEST_P(Upgrade, AllRequestsAreThere) {
   EXPECT_EQ(audience.creationDate(), Date{800000000.5});
   EXPECT_EQ(audience.auth()->currentSession()->cmsVI(), "7");
   EXPECT_FALSE(audience.auth()->currentAccess()->canSendRequestFor(RequestTypeAudience));
+  EXPECT_FALSE(audience.isEqual(audience.copy().get()));
   const orbiqRequest& streaming = *queue[1];
   EXPECT_EQ(streaming.description(),
             "\"serial https://stream.example/x - request type streaming - hote  - " + parameters);

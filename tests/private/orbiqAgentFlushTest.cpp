@@ -5,6 +5,7 @@
 #include <cmath>
 #include <cstdint>
 #include <future>
+#include <latch>
 #include <string>
 #include <vector>
 
@@ -21,8 +22,8 @@ bool flush(milliseconds timeout) { return orbiqAgent::sharedAgent().flush(timeou
 
 TEST(Flush, EndsWithItsHitsOrItsTime) {
   AccountServer server;
-  Gate gate;
-  server.answerHits([&](const std::string&) { return gate.pass(), answer(200); });
+  std::latch gate(1);
+  server.answerHits([&](const std::string&) { return gate.wait(), answer(200); });
   const Application application(server.authorizationServer());
   EXPECT_TRUE(flush(milliseconds::min()));  // nothing was accepted yet
   const auto tagger = Application::tagger("ABC");
@@ -35,7 +36,7 @@ TEST(Flush, EndsWithItsHitsOrItsTime) {
   }
   EXPECT_EQ(orbiq_flush(1e-9), ORBIQ_ERROR_TIMEOUT);
   auto another = std::async(std::launch::async, [] { return flush(milliseconds::max()); });
-  gate.open();
+  gate.count_down();
   EXPECT_EQ(orbiq_flush(HUGE_VAL), ORBIQ_OK);
   EXPECT_TRUE(another.get());
 }
@@ -70,8 +71,8 @@ TEST(Flush, WaitsForNoLaterHits) {
 
 TEST(Flush, HoldsUpNeitherTheSinkNorTheLibrarysThreads) {
   AccountServer server;
-  Gate gate;
-  server.answerHits([&](const std::string&) { return gate.pass(), answer(200); });
+  std::latch gate(1);
+  server.answerHits([&](const std::string&) { return gate.wait(), answer(200); });
   std::promise<bool> inSink;
   const Application application(server.authorizationServer(),
                                 [&](HostDescription& host, Platform& /*platform*/) {
@@ -87,7 +88,7 @@ TEST(Flush, HoldsUpNeitherTheSinkNorTheLibrarysThreads) {
   EXPECT_FALSE(onLoop.get_future().get());
   orbiqLogger::log_withMode("A line of the application", LoggingModeError);
   EXPECT_FALSE(inSink.get_future().get());
-  gate.open();
+  gate.count_down();
   EXPECT_TRUE(flush(hours(1)));
 }
 

@@ -6,6 +6,7 @@
 #include <chrono>
 #include <cstdint>
 #include <future>
+#include <latch>
 #include <memory>
 #include <string>
 #include <thread>
@@ -104,13 +105,13 @@ TEST_F(Triggers, TheNetworksReturnSendsStreamingAndDropsAudienceRequests) {
   ASSERT_TRUE(wakeLoop([] { Application::enterForeground(); }));  // which finds no network
 
   // The streaming request is held up on its way, so that the file can be looked at.
-  Gate gate;
-  server->answerHits([&](const std::string&) { return gate.pass(), answer(200); });
+  std::latch gate(1);
+  server->answerHits([&](const std::string&) { return gate.wait(), answer(200); });
   auto settled = std::async(std::launch::async, [&] { return agent.flush(std::chrono::hours(1)); });
   connect();
   ASSERT_TRUE(application->log().waitFor("Handling request"));
   EXPECT_EQ(savedRequests().size(), 4U);  // what was dropped is not saved on its own
-  gate.open();
+  gate.count_down();
   EXPECT_TRUE(settled.get());
   EXPECT_EQ(server->requestLines("/hit/"), (std::vector<std::string>{"GET /hit/stream HTTP/1.1"}));
   EXPECT_EQ(counts(agent.statistics()), (std::vector<std::uint64_t>{3, 1, 0, 0, 0, 0, 0, 2, 0}));

@@ -17,8 +17,8 @@ namespace {
 
 using TaggerID = std::shared_ptr<orbiqTaggerID>;
 
-TaggerID tagger(const String& serial = "S1", std::intptr_t partialID = 0) {
-  return std::make_shared<orbiqTaggerID>(serial, partialID, false);
+TaggerID tagger(const String& serial = "S1", std::intptr_t partialID = 0, bool isStream = false) {
+  return std::make_shared<orbiqTaggerID>(serial, partialID, isStream);
 }
 
 TEST(AuthAnswer, Grammar) {
@@ -41,12 +41,12 @@ TEST(AuthCache, HandsOutCopiesByIdentity) {
       orbiqSession::orbiqSessionWithSerial_withCmsVI("S1", "1"), access, false);
   const TaggerID key = tagger("S1", 1);
   manager.setAuthToCache_forKey(stored, key);
-  key->setPartialID(3);  // the cache has a key of its own
+  key->setPartialID(2);  // the cache has a key of its own
   const auto first = manager.authFromCacheForTagger(tagger("S1", 1));
   const auto second = manager.authForTagger(tagger("S1", 1));
   ASSERT_TRUE(first && second);
   EXPECT_TRUE(first != second && first != stored && second != stored);
-  for (const auto& other : {tagger("S1", 2), key, TaggerID()}) {
+  for (const auto& other : {tagger("S1", 2), tagger("S2", 1), tagger("S1", 1, true), TaggerID()}) {
     EXPECT_EQ(manager.authFromCacheForTagger(other), nullptr);
   }
 

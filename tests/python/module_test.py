@@ -23,7 +23,8 @@ class ModuleTest(unittest.TestCase):
 
     def test_a_hit_arrives_and_is_told_of(self):
         identifiers = iter(["AD-ID", None, "x" * 10_000])
-        description = {"bundle_identifier": "tv.example.python", "short_version": "4.2",
+        description = {"bundle_identifier": "tv.example.python", "bundle_name": "Player",
+                       "short_version": "4.2",
                        "library_directory": self.directory, "main_screen": (320, 568, 2, 0),
                        "user_interface_idiom": 1,
                        "advertising_identifier": lambda: next(identifiers)}
@@ -53,6 +54,7 @@ class ModuleTest(unittest.TestCase):
         counts = orbiq.statistics()
         self.assertEqual((counts.accepted, counts.sent, counts.answered_with_another_status,
                           counts.pending, self.server.counts()["hits"]), (4, 3, 1, 0, {"ABC": 3}))
+        self.assertRegex(self.server.seen()["exchanges"][-1]["userAgent"], "^Player/4.2 .* ipad$")
         self.assertRegex(counts.last_failure, "answered with status 500")
         self.assertGreater(counts.last_success, 1.6e9)
 

@@ -11,17 +11,12 @@ namespace {
 
 constexpr std::chrono::seconds kGiveUp{60};
 
+std::size_t countIn(const std::vector<std::string>& lines, const std::string& part) {
+  const auto has = [&](const std::string& line) { return line.find(part) != line.npos; };
+  return static_cast<std::size_t>(std::count_if(lines.begin(), lines.end(), has));
+}
+
 }  // namespace
-
-Date ManualClock::now() const {
-  const Lock lock(_lock);
-  return _now;
-}
-
-void ManualClock::advance(double seconds) {
-  const Lock lock(_lock);
-  _now = _now.adding(seconds);
-}
 
 void LogRecorder::record(const LogLine& line) {
   const Lock lock(_changed);
@@ -34,38 +29,15 @@ std::vector<std::string> LogRecorder::lines() const {
   return _lines;
 }
 
-std::size_t LogRecorder::count(const std::string& part) const {
-  const std::vector<std::string> all = lines();
-  return static_cast<std::size_t>(
-      std::count_if(all.begin(), all.end(),
-                    [&](const std::string& line) { return line.find(part) != std::string::npos; }));
-}
+std::size_t LogRecorder::count(const std::string& part) const { return countIn(lines(), part); }
 
 bool LogRecorder::waitFor(const std::string& part, std::size_t times) const {
   const auto deadline = std::chrono::steady_clock::now() + kGiveUp;
-  for (;;) {
-    std::size_t seen = 0;
-    {
-      const Lock lock(_changed);
-      seen = _lines.size();
-    }
-    if (count(part) >= times) return true;
-    const Lock lock(_changed);
-    while (_lines.size() == seen) {
-      if (!_changed.waitFor(deadline - std::chrono::steady_clock::now())) return false;
-    }
+  const Lock lock(_changed);
+  while (countIn(_lines, part) < times) {
+    if (!_changed.waitFor(deadline - std::chrono::steady_clock::now())) return false;
   }
-}
-
-void Gate::pass() {
-  const Lock lock(_changed);
-  while (!_isOpen) _changed.wait();
-}
-
-void Gate::open() {
-  const Lock lock(_changed);
-  _isOpen = true;
-  _changed.broadcast();
+  return true;
 }
 
 AccountServer::AccountServer()
@@ -132,22 +104,6 @@ void Application::enterForeground() {
 
 std::shared_ptr<orbiqAudienceTagger> Application::tagger(const String& serial) {
   return orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(serial);
-}
-
-std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
-    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked) {
-  struct Impatient final : HttpClient {
-    Impatient(std::chrono::milliseconds limit, std::shared_ptr<TimeLimits> noted)
-        : time(limit), asked(std::move(noted)) {}
-    HttpResult send(const HttpRequest& request) override {
-      if (asked) asked->push_back(request.timeout);
-      return real->send({request.url, request.userAgent, time});
-    }
-    const std::chrono::milliseconds time;
-    const std::shared_ptr<TimeLimits> asked;
-    const std::unique_ptr<HttpClient> real = makeHttpClient("");
-  };
-  return [=] { return std::make_unique<Impatient>(time, asked); };
 }
 
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode, const String& serial) {

@@ -1,6 +1,5 @@
 #pragma once
 
-#include <chrono>
 #include <functional>
 #include <memory>
 #include <ostream>
@@ -11,7 +10,7 @@
 #include "orbiq/private/orbiqAgent/RequestsFile.h"
 #include "orbiq/services/platform/host/Platform.h"
 #include "orbiq/services/platform/threads/Mutex.h"
-#include "orbiq/services/platform/time/Clock.h"
+#include "tests/support/ManualClock.h"
 #include "tests/support/ScriptedServer.h"
 
 namespace orbiq {
@@ -22,17 +21,6 @@ inline void PrintTo(const String& text, std::ostream* stream) { *stream << text.
 }  // namespace orbiq
 
 namespace orbiq::test {
-
-/// A clock that only the test moves; it starts at the real time.
-class ManualClock final : public Clock {
- public:
-  Date now() const override;
-  void advance(double seconds);
-
- private:
-  mutable Mutex _lock;
-  Date _now ORBIQ_GUARDED_BY(_lock) = SystemClock().now();
-};
 
 /// Keeps the library's log lines and waits for them.
 class LogRecorder {
@@ -47,17 +35,6 @@ class LogRecorder {
  private:
   mutable Condition _changed;
   std::vector<std::string> _lines ORBIQ_GUARDED_BY(_changed);
-};
-
-/// Holds up whoever passes until it is opened.
-class Gate {
- public:
-  void pass();
-  void open();
-
- private:
-  Condition _changed;
-  bool _isOpen ORBIQ_GUARDED_BY(_changed) = false;
 };
 
 /// Authorization and hit server in one: "/auth/SERIAL" and "/hit/SERIAL". Its answers may be
@@ -105,12 +82,6 @@ class Application {
   std::shared_ptr<ManualClock> _clock = std::make_shared<ManualClock>();
   std::shared_ptr<LogRecorder> _log = std::make_shared<LogRecorder>();
 };
-
-using TimeLimits = std::vector<std::chrono::milliseconds>;
-
-/// Makes clients that give up earlier than they are asked to, and note what they were asked.
-std::function<std::unique_ptr<HttpClient>()> clientsThatGiveUpAfter(
-    std::chrono::milliseconds time, const std::shared_ptr<TimeLimits>& asked = {});
 
 /// A streaming request of the serial "ABC" for the hit that its authorization names.
 std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode = SendingModeHost,

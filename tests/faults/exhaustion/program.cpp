@@ -9,7 +9,6 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
@@ -26,8 +25,8 @@
 #include "orbiq/orbiq_c.h"
 #include "orbiq/private/orbiqAgent/HandlerWork.h"
 #include "orbiq/services/platform/host/Platform.h"
-#include "orbiq/services/platform/time/Clock.h"
 #include "tests/faults/exhaustion/Faults.h"
+#include "tests/support/ManualClock.h"
 
 namespace {
 
@@ -36,20 +35,11 @@ using orbiq::HostApplication;
 using orbiq::MainLoop;
 using orbiq::NotificationCenter;
 
-class MovedClock final : public orbiq::Clock {
- public:
-  orbiq::Date now() const override { return orbiq::SystemClock().now().adding(_moved); }
-  void advance(double seconds) { _moved = _moved + seconds; }
-
- private:
-  std::atomic<double> _moved{0};
-};
-
 // Plain values, which the application makes itself.
 const std::string kName = "tv.example.player.notification";
 const std::string kLongText(100, 'x');
 const orbiq::String kSerial("http://127.0.0.1:9/a-serial-that-is-longer-than-a-small-text");
-const auto theClock = std::make_shared<MovedClock>();
+const auto theClock = std::make_shared<orbiq::test::ManualClock>();
 orbiq::HostDescription host{.bundleIdentifier = "tv.example.player",
                             .bundleName = "Player",
                             .shortVersion = "4.2",
