@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,39 @@ namespace orbiq::test {
 namespace {
 
 namespace fs = std::filesystem;
+
+/// Each request as judge_queues.py has to find it: its text, what changes in its place, and by
+/// numbers the objects that requests share.
+std::string described(const RequestQueue& queue) {
+  std::ostringstream text;
+  std::map<const void*, std::size_t> seen;
+  const auto share = [&](const auto& object) {
+    text << (object ? seen.emplace(object.get(), seen.size() + 1).first->second : 0) << ' ';
+  };
+  for (const auto& request : queue) {
+    share(request);
+    if (dynamic_cast<const orbiqClearCache*>(request.get()) != nullptr) {
+      text << "marker\n";
+      continue;
+    }
+    const auto tagger = request->taggerID();
+    const auto auth = request->auth();
+    share(request->parameters());
+    share(tagger);
+    share(auth);
+    if (auth) {
+      share(auth->currentAccess());
+      share(auth->currentSession());
+      text << auth->currentSession()->cmsVI().description() << ' '
+           << auth->currentAccess()->canSendRequestFor(RequestTypeStreaming) << ' ';
+    }
+    text << tagger->partialID() << ' ' << request->numberOfFails() << ' '
+         << request->lastFail().value_or(Date{}).secondsSinceReferenceDate << ' '
+         << request->creationDate()->secondsSinceReferenceDate << ' ' << request->description()
+         << '\n';
+  }
+  return text.str();
+}
 
 /// What requests of an account share.
 struct Account {
@@ -92,14 +127,10 @@ class Walk {
     if (fate == 1) fs::remove(_path), std::ofstream(_path) << "somebody else's";
     _file.save(_path, _queue);
     if (fate == 0) fs::remove_all(_path + ".new");
-    if (fate != 0) {
-      KeyedArchiver whole;
-      whole.encode({_queue.begin(), _queue.end()});
-      _saved = whole.bytes();
-    }
+    if (fate != 0) _saved = described(_queue);
     const std::string name = _directory.path() / std::to_string(_step++);
     fs::copy_file(_path, name + ".ser");
-    std::ofstream(name + ".whole") << _saved;
+    std::ofstream(name + ".txt") << _saved;
   }
 
   /// 0 if the other reader found in each file what was to be there.
