@@ -3,8 +3,6 @@
 
 import assert from "node:assert/strict";
 import { spawnSync } from "node:child_process";
-import { once } from "node:events";
-import http from "node:http";
 import { after, afterEach, before, beforeEach, test } from "node:test";
 import { barriersOf, Collector, launchBrowser, Visitor } from "./Surroundings.mjs";
 
@@ -246,18 +244,4 @@ test("no barriers in any state, scheme and width", { timeout: 240_000 }, async (
   await visitor.loseConnection();
   await everywhere("disconnected, paused, no match");
   collector = await Collector.start(collector.port);
-});
-
-test("more pages than there is room for wait until one leaves", async () => {
-  const streams = [];
-  for (let status = 200; status === 200; ) {
-    streams.push(http.get(`${collector.url}/api/events`));
-    status = (await once(streams.at(-1), "response"))[0].statusCode;
-  }
-  const late = await browser.newPage();
-  await late.goto(collector.url);
-  await late.locator("#connection[data-state=lost]:text('too many pages')").waitFor();
-  for (const stream of streams) stream.destroy();
-  await late.locator("#connection[data-state=live]").waitFor();
-  await late.close();
 });

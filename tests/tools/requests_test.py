@@ -281,10 +281,11 @@ class RequestsTest(unittest.TestCase):
             def rewrite():  # as an application does it: into the spare, then both change their names
                 while not is_done.is_set():
                     versions.reverse()
-                    with open(spare, "r+b", buffering=0) as written:
-                        for at in range(0, len(versions[0]), 65536):
-                            written.write(versions[0][at:at + 65536])
-                    exchange(spare, file)
+                    for _ in versions:  # both files get the one version before the other
+                        with open(spare, "r+b", buffering=0) as written:
+                            for at in range(0, len(versions[0]), 65536):
+                                written.write(versions[0][at:at + 65536])
+                        exchange(spare, file)
 
             with concurrent.futures.ThreadPoolExecutor() as pool:
                 pool.submit(rewrite)

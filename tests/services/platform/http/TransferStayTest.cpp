@@ -1,12 +1,13 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <cstdlib>
+#include <atomic>
 #include <string>
 #include <thread>
 
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/http/TransferStay.h"
+#include "orbiq/services/platform/threads/ProcessExit.h"
 #include "tests/support/Role.h"
 
 namespace orbiq::test {
@@ -15,19 +16,30 @@ namespace {
 /// The code with which the application itself ends.
 constexpr int kOwnCode = 7;
 
-/// A thread that never comes to park; the process ends all the same.
-const RoleRegistration cannotPark("exitWithOneThatCannotPark", [](const auto&) {
+/// A thread whose stay ends after the exit has begun, and must not come out, and one that never
+/// comes to park; the process ends all the same.
+const RoleRegistration stays("exitDuringStays", [](const auto&) {
+  static std::atomic<int> entered{0};
   prepareHttpForProcess();
   std::thread([] {
+    {
+      const TransferStay stay(nullptr);
+      ++entered;
+      while (!isProcessExiting()) std::this_thread::yield();
+    }
+    _exit(9);
+  }).detach();
+  std::thread([] {
     const TransferStay stay(nullptr);
+    ++entered;
     pause();
   }).detach();
-  while (!TransferStay::isAnyUnderWay()) std::this_thread::yield();
+  while (entered < 2) std::this_thread::yield();
   return kOwnCode;
 });
 
-TEST(ProcessExitTest, EndsThoughAThreadCannotPark) {
-  EXPECT_EQ(RoleProcess("exitWithOneThatCannotPark", {}).wait(), kOwnCode);
+TEST(ProcessExitTest, EndsWhateverTheThreadsAreDoing) {
+  EXPECT_EQ(RoleProcess("exitDuringStays", {}).wait(), kOwnCode);
 }
 
 }  // namespace
