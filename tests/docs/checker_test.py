@@ -38,43 +38,23 @@ FAULTS = [
 ]
 
 
-def body(code, how=""):
-    given = "void there(void);\nvoid hidden(void);"
-    return f"<!-- sample: body{how}; given\n{given}\n-->\n{FENCE}c\n{code}\n{FENCE}\n"
-
-
 class Checker(unittest.TestCase):
-    def check(self, page, *libraries):
+    def test_finds_each_fault(self):
+        page = "\n\n".join([GOOD, *(text for text, _ in FAULTS)])
         with tempfile.TemporaryDirectory() as directory:
             project = pathlib.Path(directory)
             (project / "README.md").write_text("# A page\n")
             (project / "docs").mkdir()
             (project / "docs/page.md").write_text(page)
-            (project / "orbiq").mkdir()  # the samples of this test need nothing of the headers
+            (project / "orbiq").mkdir()  # the samples of this test need nothing of the header
             (project / "orbiq/orbiq.h").touch()
-            (project / "orbiq/orbiq_c.h").touch()
-            checker = [sys.executable, PROJECT / "tools/docs/check.py", project, *libraries]
-            return subprocess.run(checker, stdout=subprocess.PIPE, text=True, timeout=100).stdout
-
-    def test_finds_each_fault(self):
-        page = "\n\n".join([GOOD, *(text for text, _ in FAULTS)])
-        found = self.check(page)
+            checker = [sys.executable, PROJECT / "tools/docs/check.py", project]
+            found = subprocess.run(checker, stdout=subprocess.PIPE, text=True, timeout=100).stdout
         for _, said in FAULTS:
             self.assertIn(said, found)
         line = page.split("\n").index("int main() { return x; }") + 1
         self.assertIn(f"docs/page.md:{line}:21: error", found)
         self.assertIn(f" {len(FAULTS)} faults\n", found)
-
-    def test_samples_that_do_not_link_or_run(self):
-        with tempfile.TemporaryDirectory() as directory:
-            library = f"{directory}/liborbiq.so"
-            subprocess.run(["gcc", "-shared", "-fPIC", "-x", "c", "-", "-o", library], check=True,
-                           input=b"void there(void) { __builtin_trap(); }")
-            found = self.check(GOOD + body("hidden();", "; linked") + body("there();")
-                               + body("there();", "; linked"), library)
-        self.assertIn("undefined reference", found)
-        self.assertIn("run, it ends with -4", found)
-        self.assertIn("2 pages, 4 samples, 2 faults\n", found)
 
 
 if __name__ == "__main__":

@@ -4,20 +4,12 @@
 #include <memory>
 #include <set>
 #include <string>
-#include <vector>
 
 #include "tests/support/NetworkNamespace.h"
 #include "tests/support/Role.h"
 
 namespace orbiq::test {
 namespace {
-
-const RoleRegistration example("example", [](const auto& arguments) {
-  std::vector<std::string> words = commandOf(arguments[0]);
-  words.push_back(arguments[1]);
-  execv(words[0].c_str(), pointersTo(words).data());
-  return 127;
-});
 
 class HostLoopTest : public testing::TestWithParam<const char*> {};
 
@@ -32,7 +24,7 @@ TEST_P(HostLoopTest, HearsTheLibraryOnItsMainThread) {
   network->addAddress("v0", "10.0.0.1/24");
   network->addDefaultRoute("via 10.0.0.2");
 
-  RoleProcess process("example", {program, "60"});
+  RoleProcess process("", {"60"}, program);
   EXPECT_EQ(process.readLine(), "watching the network");
   network->setDown("v0");
   std::set<std::string> lines;

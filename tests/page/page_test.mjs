@@ -3,8 +3,6 @@
 
 import assert from "node:assert/strict";
 import { spawnSync } from "node:child_process";
-import { once } from "node:events";
-import http from "node:http";
 import { after, afterEach, before, beforeEach, test } from "node:test";
 import { barriersOf, Collector, launchBrowser, Visitor } from "./Surroundings.mjs";
 
@@ -99,11 +97,10 @@ test("filter, pause and clear", async () => {
   await page.click("#accountRows button >> nth=2");
   await visitor.accounts(["GONE"]);
   await page.fill("#filter", "");
-  for (const [list, choice, found] of [["#kind", "hit", ["GONE", "RED", "BLUE", "RED"]],
-    ["#outcome", "good", ["RED", "BLUE", "RED"]], ["#outcome", "other", ["GONE"]]]) {
-    await page.selectOption(list, choice);
-    await visitor.accounts(found);
-  }
+  await page.selectOption("#kind", "hit");
+  await visitor.accounts(["GONE", "RED", "BLUE", "RED"]);
+  await page.selectOption("#outcome", "other");
+  await visitor.accounts(["GONE"]);
 
   await page.click("h1");
   await visitor.press("p");
@@ -138,16 +135,9 @@ test("what was applied to an answer is marked, and one lost hit among a thousand
   await visitor.shows("hits", (1000).toLocaleString("en-US"));
   await visitor.shows("hitsUnanswered", "1");
   const lost = page.locator("#shapes .unanswered");
-  const boxOf = async () => (await lost.boundingBox()) ?? boxOf(); // null if the bars are just drawn anew
-  assert.ok((await boxOf()).height >= 3);
+  const height = async () => (await lost.boundingBox())?.height ?? height(); // null while drawn anew
+  assert.ok(await height() >= 3);
   const reading = /^\d\d:\d\d:\d\d–\d\d:\d\d:\d\d: [^]*1 unanswered/;
-  const pointed = async () => {
-    const { x, y } = await boxOf();
-    await page.mouse.move(x + 2, y + 2);
-    return page.innerText("#reading");
-  };
-  // The bars may just have moved on, but not twice.
-  assert.ok(reading.test(await pointed()) || reading.test(await pointed()));
   await page.focus("#plot");
   const text = () => page.getAttribute("#plot", "aria-valuetext");
   for (let steps = 0; steps < 60 && !reading.test(await text()); ++steps) await visitor.press("ArrowLeft");
@@ -247,8 +237,6 @@ test("no barriers in any state, scheme and width", { timeout: 240_000 }, async (
   await visitor.press("ArrowLeft");
   await everywhere("exchanges, open details, changed and refused switches, accounts");
   await page.emulateMedia({ forcedColors: "active" });
-  const ink = page.locator("#unanswered-pattern .ink").first();
-  assert.ok(await ink.evaluate((each) => getComputedStyle(each).fill === getComputedStyle(document.body).color));
   await everywhere("forced colours");
   await page.emulateMedia({ forcedColors: null });
   await page.fill("#filter", "nothing-has-this");
@@ -256,18 +244,4 @@ test("no barriers in any state, scheme and width", { timeout: 240_000 }, async (
   await visitor.loseConnection();
   await everywhere("disconnected, paused, no match");
   collector = await Collector.start(collector.port);
-});
-
-test("more pages than there is room for wait until one leaves", async () => {
-  const streams = [];
-  for (let status = 200; status === 200; ) {
-    streams.push(http.get(`${collector.url}/api/events`));
-    status = (await once(streams.at(-1), "response"))[0].statusCode;
-  }
-  const late = await browser.newPage();
-  await late.goto(collector.url);
-  await late.locator("#connection[data-state=lost]:text('too many pages')").waitFor();
-  for (const stream of streams) stream.destroy();
-  await late.locator("#connection[data-state=live]").waitFor();
-  await late.close();
 });

@@ -1,5 +1,4 @@
 // The device identifier in a real keyring, on a bus of the test's own: the user's is never asked.
-#include <gio/gio.h>
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/prctl.h>
@@ -22,20 +21,10 @@
 namespace orbiq::test {
 namespace {
 
-/// Becomes another program: `PASSWORD COMMAND...`, with the password as its standard input.
+/// Becomes a command of the shell's, which ends with this program.
 const RoleRegistration becomes("become", [](const std::vector<std::string>& arguments) {
   prctl(PR_SET_PDEATHSIG, SIGKILL);
-  int ends[2];
-  if (pipe(ends) != 0) return 1;
-  if (write(ends[1], arguments[0].data(), arguments[0].size()) < 0) return 1;
-  dup2(ends[0], STDIN_FILENO);
-  close(ends[0]);
-  close(ends[1]);
-  std::vector<std::string> words(arguments.begin() + 1, arguments.end());
-  std::vector<char*> argv;
-  for (std::string& word : words) argv.push_back(word.data());
-  argv.push_back(nullptr);
-  execvp(argv[0], argv.data());
+  execl("/bin/bash", "bash", "-c", ("exec " + arguments[0]).c_str(), nullptr);
   return 127;
 });
 
@@ -56,52 +45,6 @@ const RoleRegistration applies("apply", [](const std::vector<std::string>& argum
   return 0;
 });
 
-using Bus = std::unique_ptr<GDBusConnection, decltype(&g_object_unref)>;
-Bus connectToBus() {
-  return {g_dbus_connection_new_for_address_sync(
-              getenv("DBUS_SESSION_BUS_ADDRESS"),
-              static_cast<GDBusConnectionFlags>(G_DBUS_CONNECTION_FLAGS_AUTHENTICATION_CLIENT |
-                                                G_DBUS_CONNECTION_FLAGS_MESSAGE_BUS_CONNECTION),
-              nullptr, nullptr, nullptr),
-          g_object_unref};
-}
-
-/// Calls the keyring's daemon. The text that stands last in its answer, or "".
-std::string ask(const Bus& bus, const std::string& method, GVariant* arguments) {
-  GError* error = nullptr;
-  const std::size_t dot = method.rfind('.');
-  GVariant* const answer =
-      g_dbus_connection_call_sync(bus.get(), "org.freedesktop.secrets", "/org/freedesktop/secrets",
-                                  method.substr(0, dot).c_str(), method.substr(dot + 1).c_str(),
-                                  arguments, nullptr, G_DBUS_CALL_FLAGS_NONE, -1, nullptr, &error);
-  EXPECT_NE(answer, nullptr) << method << ": " << (error ? error->message : "");
-  if (answer == nullptr) return {};
-  const gsize count = g_variant_n_children(answer);
-  GVariant* const last = count > 0 ? g_variant_get_child_value(answer, count - 1) : nullptr;
-  std::string text;
-  if (last && !g_variant_is_container(last)) text = g_variant_get_string(last, nullptr);
-  if (last) g_variant_unref(last);
-  g_variant_unref(answer);
-  return text;
-}
-
-constexpr char kService[] = "org.freedesktop.Secret.Service.";
-/// Makes another keyring, unlocked, the default one, as a user does who is asked for its password.
-/// Returns the one that was it before.
-std::string makeDefaultKeyring(const Bus& bus) {
-  const std::string before =
-      ask(bus, std::string(kService) + "ReadAlias", g_variant_new("(s)", "default"));
-  const std::string session = ask(bus, std::string(kService) + "OpenSession",
-                                  g_variant_new("(sv)", "plain", g_variant_new_string("")));
-  const std::string made =
-      ask(bus, "org.gnome.keyring.InternalUnsupportedGuiltRiddenInterface.CreateWithMasterPassword",
-          g_variant_new_parsed("({'org.freedesktop.Secret.Collection.Label': <'b'>}, "
-                               "(%o, @ay [], @ay [98], 'text/plain'))",
-                               session.c_str()));
-  ask(bus, std::string(kService) + "SetAlias", g_variant_new("(so)", "default", made.c_str()));
-  return before;
-}
-
 class SecretServiceKeychainTest : public testing::Test {
  protected:
   SecretServiceKeychainTest() {
@@ -115,27 +58,30 @@ class SecretServiceKeychainTest : public testing::Test {
     std::ofstream(config) << "<busconfig><type>session</type><listen>unix:dir=" << directory
                           << "</listen><policy context='default'><allow send_destination='*'/>"
                              "<allow receive_sender='*'/><allow own='*'/></policy></busconfig>";
-    bus = std::make_unique<RoleProcess>(
-        "become", std::vector<std::string>{"", "dbus-daemon", "--config-file=" + config, "--nofork",
-                                           "--nosyslog", "--print-address"});
+    bus = become("dbus-daemon --config-file=" + config + " --nofork --nosyslog --print-address");
     setenv("DBUS_SESSION_BUS_ADDRESS", bus->readLine().c_str(), 1);
   }
 
-  void startKeyring(const std::string& password) {
-    std::vector<std::string> words{password,
-                                   "gnome-keyring-daemon",
-                                   "--foreground",
-                                   "--components=secrets",
-                                   "--control-directory",
-                                   home.path() / "control"};
-    if (!password.empty()) words.emplace_back("--unlock");
-    keyring = std::make_unique<RoleProcess>("become", words);
-    awaitKeyring(true);
+  static std::unique_ptr<RoleProcess> become(const std::string& command) {
+    return std::make_unique<RoleProcess>("become", std::vector<std::string>{command});
+  }
+  void startKeyring(bool isUnlocked = true) {
+    keyring = become("gnome-keyring-daemon --foreground --components=secrets --control-directory=" +
+                     (home.path() / "control").string() +
+                     (isUnlocked ? " --unlock <<<password" : " </dev/null"));
+    EXPECT_EQ(become("gdbus wait --session org.freedesktop.secrets")->wait(), 0);
   }
   void killKeyring() {
     keyring->kill(SIGKILL);
     keyring->wait();
-    awaitKeyring(false);
+  }
+  static void call(const std::string& method, const std::string& keyring) {
+    const std::string path = "/org/freedesktop/secrets";
+    EXPECT_EQ(become("gdbus call --session --dest org.freedesktop.secrets --object-path " + path +
+                     " --method org.freedesktop.Secret.Service." + method + " \"['" + path +
+                     "/collection/" + keyring + "']\"")
+                  ->wait(),
+              0);
   }
   static std::string apply(const std::vector<std::string>& arguments) {
     return RoleProcess("apply", arguments).readLine();
@@ -159,25 +105,10 @@ class SecretServiceKeychainTest : public testing::Test {
   const TemporaryDirectory home;
   std::unique_ptr<RoleProcess> bus;
   std::unique_ptr<RoleProcess> keyring;
-
- private:
-  static void awaitKeyring(bool present) {
-    bool isPresent = !present;
-    const Bus connection = connectToBus();
-    const guint watch = g_bus_watch_name_on_connection(
-        connection.get(), "org.freedesktop.secrets", G_BUS_NAME_WATCHER_FLAGS_NONE,
-        [](GDBusConnection*, const char*, const char*, void* to) {
-          *static_cast<bool*>(to) = true;
-        },
-        [](GDBusConnection*, const char*, void* to) { *static_cast<bool*>(to) = false; },
-        &isPresent, nullptr);
-    while (isPresent != present) g_main_context_iteration(nullptr, TRUE);
-    g_bus_unwatch_name(watch);
-  }
 };
 
 TEST_F(SecretServiceKeychainTest, KeepsOneIdentifierInAnUnlockedKeyring) {
-  startKeyring("password");
+  startKeyring();
   const std::string first = identifier();
   EXPECT_EQ(first.size(), 36U) << first;
   EXPECT_EQ(identifier(), first);
@@ -185,7 +116,7 @@ TEST_F(SecretServiceKeychainTest, KeepsOneIdentifierInAnUnlockedKeyring) {
   const std::string second = apply({"update", "tv.example.player"});
   EXPECT_NE(second, first);
   killKeyring();
-  startKeyring("password");
+  startKeyring();
   EXPECT_EQ(identifier(), second);
   EXPECT_EQ(apply({"reset", "tv.example.player"}), "done");
   EXPECT_EQ(apply({"update", "tv.example.player"}), "KWDXUUIDHandler Keychain Save Error: -25300");
@@ -196,7 +127,7 @@ TEST_F(SecretServiceKeychainTest, KeepsOneIdentifierInAnUnlockedKeyring) {
 }
 
 TEST_F(SecretServiceKeychainTest, SharesAnIdentifierOnlyByAccessGroup) {
-  startKeyring("password");
+  startKeyring();
   const std::string own = identifier();
   const std::string others = apply({"UUID", "tv.example.radio"});
   const std::string shared = apply({"UUID", "tv.example.player", "group"});
@@ -210,15 +141,19 @@ TEST_F(SecretServiceKeychainTest, SharesAnIdentifierOnlyByAccessGroup) {
 }
 
 TEST_F(SecretServiceKeychainTest, FindsTheIdentifierInEveryKeyring) {
-  startKeyring("password");
+  startKeyring();
   const std::string kept = identifier();
-  const Bus ours = connectToBus();
-  const std::string first = makeDefaultKeyring(ours);
+  killKeyring();
+  // Now the user has another one, too, which takes no password, and which is the default.
+  std::ofstream(home.path() / "keyrings/other.keyring") << "[keyring]\ndisplay-name=other\n";
+  std::ofstream(home.path() / "keyrings/default") << "other";
+  startKeyring();
+  call("Unlock", "other");
   EXPECT_EQ(identifier(), kept);
   EXPECT_EQ(apply({"add", "tv.example.player"}), "KWDXUUIDHandler Keychain Save Error: -25299");
   const std::string added = apply({"UUID", "tv.example.player", "group"});
   EXPECT_EQ(added.size(), 36U) << added;
-  ask(ours, std::string(kService) + "Lock", g_variant_new_parsed("([%o],)", first.c_str()));
+  call("Lock", "login");
   EXPECT_EQ(apply({"UUID", "tv.example.player", "group"}), added);
   // What no open keyring has may be in the one that is locked.
   EXPECT_EQ(answers(), failures("-25308"));
@@ -227,11 +162,11 @@ TEST_F(SecretServiceKeychainTest, FindsTheIdentifierInEveryKeyring) {
 
 TEST_F(SecretServiceKeychainTest, MakesNoNewIdentifierWhereTheKeyringIsOutOfReach) {
   EXPECT_EQ(answers(), failures("-25291"));  // no daemon
-  startKeyring("");
+  startKeyring(false);
   EXPECT_EQ(answers(), failures("-25291"));  // no keyring
   killKeyring();
 
-  startKeyring("password");
+  startKeyring();
   const std::string kept = identifier();
   EXPECT_EQ(kept.size(), 36U) << kept;
   // In one process that goes on: the keychain holds on to nothing of the daemon that was killed.
@@ -243,12 +178,12 @@ TEST_F(SecretServiceKeychainTest, MakesNoNewIdentifierWhereTheKeyringIsOutOfReac
   killKeyring();
   EXPECT_EQ(keychain->copyMatching(query).status, errSecNotAvailable);
   EXPECT_EQ(answers(), failures("-25291"));
-  startKeyring("");
+  startKeyring(false);
   EXPECT_EQ(keychain->copyMatching(query).status, errSecInteractionNotAllowed);
   EXPECT_EQ(keychain->add(query), errSecInteractionNotAllowed);
   EXPECT_EQ(answers(), failures("-25308"));
   killKeyring();
-  startKeyring("password");
+  startKeyring();
   EXPECT_EQ(keychain->copyMatching(query).data, kept);
 
   bus->kill(SIGKILL);

@@ -32,31 +32,20 @@ int runRole(const std::string& name, const std::vector<std::string>& arguments) 
   return 127;
 }
 
-std::vector<std::string> commandOf(const std::string& program) {
-  std::istringstream emulator(ORBIQ_TEST_EMULATOR);
-  std::vector<std::string> words(std::istream_iterator<std::string>(emulator), {});
-  words.push_back(program);
-  return words;
-}
-
-std::vector<char*> pointersTo(std::vector<std::string>& words) {
-  std::vector<char*> pointers;
-  pointers.reserve(words.size() + 1);
-  for (std::string& word : words) pointers.push_back(word.data());
-  pointers.push_back(nullptr);
-  return pointers;
-}
-
 RoleProcess::RoleProcess(const std::string& role, const std::vector<std::string>& arguments,
                          const std::string& program) {
   int ends[2];
   if (pipe2(ends, O_CLOEXEC) != 0) throw std::runtime_error("no pipe");
   // Resolved here: for an emulated program the kernel's link leads to the emulator.
-  std::vector<std::string> words = commandOf(
-      program.empty() ? std::filesystem::read_symlink("/proc/self/exe").string() : program);
-  words.insert(words.end(), {"--role", role});
+  const std::string own = std::filesystem::read_symlink("/proc/self/exe");
+  std::istringstream emulator(ORBIQ_TEST_EMULATOR);
+  std::vector<std::string> words(std::istream_iterator<std::string>(emulator), {});
+  words.push_back(program.empty() ? own : program);
+  if (!role.empty()) words.insert(words.end(), {"--role", role});
   words.insert(words.end(), arguments.begin(), arguments.end());
-  const std::vector<char*> argv = pointersTo(words);
+  std::vector<char*> argv;
+  for (std::string& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
 
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);

@@ -16,13 +16,8 @@ struct RoleRegistration {
 };
 int runRole(const std::string& name, const std::vector<std::string>& arguments);
 
-/// What runs a program that was built with the tests: the emulator's words first, if it needs one.
-std::vector<std::string> commandOf(const std::string& program);
-/// The words as `exec` takes them; valid as long as they are.
-std::vector<char*> pointersTo(std::vector<std::string>& words);
-
-/// This program, or a copy of it, run again in a role. Its standard output can be read line by
-/// line.
+/// This program, or a copy of it, run again in a role; or, without a role, another one that was
+/// built with it. Its standard output can be read line by line.
 class RoleProcess {
  public:
   RoleProcess(const std::string& role, const std::vector<std::string>& arguments,

@@ -51,15 +51,6 @@ TEST_P(KeptConnectionTest, MayEndAfterEachAnswer) {
     for (std::size_t i = 0; i < times; ++i) answered += get(server).data == "x";
     EXPECT_EQ(answered, times);
   }
-  // Now the client sends again only when the connection has ended.
-  for (const Step& end : {send(""), reset()}) {
-    const ScriptedServer server(
-        std::vector<Script>(times, {readRequest(), send(answer(200, "x")), end}), tls());
-    for (std::size_t i = 1; i <= times; ++i) {
-      expectData(get(server), 200, "x");
-      ASSERT_TRUE(server.waitForEnds(i));
-    }
-  }
 }
 
 TEST_P(KeptConnectionTest, BringsNoAnswerThatNobodyAskedFor) {

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -33,49 +32,38 @@ bool isReadable(int descriptor, int timeout = 0) {
 }
 
 TEST(MainLoopTest, AdoptionWaitsForTheItemInProgressAndKeepsTheOrder) {
-  constexpr std::size_t kItems = 1000;
-  constexpr std::size_t kAdoptedAt = 100;
+  constexpr int kItems = 1000;
+  constexpr int kAdoptedAt = 100;
   const std::string host = "/proc/self/task/" + std::to_string(gettid()) + "/stat";
-  // Shared by the items without a lock: two at a time would be a race.
-  std::array<std::vector<std::size_t>, 3> seen;
-  std::size_t total = 0;
-  std::size_t onLibraryThread = 0;
+  std::vector<int> seen;
+  int onLibraryThread = 0;
   std::atomic<bool> begun{false};
   std::atomic<bool> ended{false};
   // Held back until all is posted, so that the adoption comes amid one turn of the loop.
   std::promise<void> gate;
   loop().post([&] { gate.get_future().wait(); });
-  std::vector<std::jthread> producers;
-  for (auto& own : seen) {
-    producers.emplace_back([&] {
-      for (std::size_t i = 0; i < kItems; ++i) {
-        loop().post([&, i] {
-          own.push_back(i);
-          if (isLibraryThread()) ++onLibraryThread;
-          if (++total != kAdoptedAt) return;
-          EXPECT_EQ(loop().adopt(), -1);
-          begun = true;
-          // Until the adopting thread sleeps; the kernel has no event for that.
-          for (std::string line; line.find(") S ") == line.npos; std::this_thread::yield()) {
-            std::getline(std::ifstream(host), line);
-          }
-          ended = true;
-        });
+  for (int i = 1; i <= kItems; ++i) {
+    loop().post([&, i] {
+      seen.push_back(i);
+      if (isLibraryThread()) ++onLibraryThread;
+      if (i != kAdoptedAt) return;
+      EXPECT_EQ(loop().adopt(), -1);
+      begun = true;
+      // Until the adopting thread sleeps; the kernel has no event for that.
+      for (std::string line; line.find(") S ") == line.npos; std::this_thread::yield()) {
+        std::getline(std::ifstream(host), line);
       }
+      ended = true;
     });
   }
-  producers.clear();
   gate.set_value();
   // No sleep here, so that the one that the item sees is that of the adoption.
   while (!begun) continue;
   const int descriptor = loop().adopt();
   EXPECT_TRUE(ended);
-  while (total < kItems * seen.size() && isReadable(descriptor, -1)) loop().runPending();
+  while (seen.size() < kItems && isReadable(descriptor, -1)) loop().runPending();
   EXPECT_EQ(onLibraryThread, kAdoptedAt);
-  for (const auto& own : seen) {
-    EXPECT_EQ(own.size(), kItems);
-    EXPECT_TRUE(std::is_sorted(own.begin(), own.end()));
-  }
+  EXPECT_TRUE(std::is_sorted(seen.begin(), seen.end()));
   EXPECT_FALSE(isReadable(descriptor));
   EXPECT_EQ(loop().adopt(), descriptor);
 }
@@ -97,12 +85,6 @@ TEST(MainLoopTest, TimersOfAnyLengthMayBeRemovedByEachOther) {
   EXPECT_EQ(fired, "1");
   EXPECT_FALSE(isReadable(descriptor));
 
-  const auto zero = loop().addTimer(nanoseconds{0}, true, [&] { fired += '0'; });
-  while (fired.size() < 3 && isReadable(descriptor, -1)) loop().runPending();
-  EXPECT_EQ(fired, "100");
-  ASSERT_TRUE(isReadable(descriptor, -1));
-  loop().removeTimer(zero);
-  EXPECT_FALSE(isReadable(descriptor));
   loop().removeTimer(endless);
 }
 
@@ -126,13 +108,6 @@ TEST(MainLoopTest, AWatchThatEndsWithinTheTurnIsNotCalled) {
   loop().runPending();
   EXPECT_EQ(calls, "e");
   EXPECT_FALSE(isReadable(descriptor));
-  // Closed by its owner without a word, and its number used again.
-  close(readable[0]);
-  ASSERT_EQ(eventfd(1, EFD_CLOEXEC), readable[0]);
-  loop().watch(readable[0], [&] { calls += 'r'; });
-  for (const int bad : {-1, 1'000'000}) loop().watch(bad, [] {});
-  loop().runPending();
-  EXPECT_EQ(calls, "er");
 }
 
 TEST(MainLoopTest, HostIsNeverStarvedAndRunEndsAfterTheItemThatStopsIt) {

