@@ -4,13 +4,10 @@
 #include <libsecret/secret.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <chrono>
-#include <cstring>
+#include <memory>
 #include <new>
 #include <string>
-#include <utility>
-#include <vector>
 
 #include "orbiq/services/platform/base/NeverDestroyed.h"
 #include "orbiq/services/platform/files/BriefLock.h"
@@ -21,12 +18,6 @@
 namespace orbiq {
 namespace {
 
-struct Unref {
-  void operator()(void* object) const { g_object_unref(object); }
-};
-template <class T>
-using Held = std::unique_ptr<T, Unref>;
-
 /// The status of a call that left this error; success if it left none.
 KeychainStatus statusOf(const GError* error) {
   if (!error) return errSecSuccess;
@@ -35,48 +26,6 @@ KeychainStatus statusOf(const GError* error) {
 }
 
 constinit Mutex turn;
-
-/// The connection that GLib shares in the process, which libsecret takes and the host may have,
-/// too. One visitor at a time; to be made before anything that changes the thread's main context,
-/// as the connection keeps the one it is made with.
-class SharedBus {
- public:
-  SharedBus() : _connection(g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr)) {
-    if (!_connection) return;
-    // The end of a bus that nobody but this visit asked for must not be the end of the process.
-    _endsProcess = g_dbus_connection_get_exit_on_close(_connection.get());
-    g_dbus_connection_set_exit_on_close(_connection.get(), FALSE);
-  }
-  ~SharedBus() {
-    if (_connection) g_dbus_connection_set_exit_on_close(_connection.get(), _endsProcess);
-  }
-  SharedBus(const SharedBus&) = delete;
-  SharedBus& operator=(const SharedBus&) = delete;
-
-  GDBusConnection* get() const { return _connection.get(); }
-
- private:
-  const Lock<Mutex> _turn{turn};
-  const Held<GDBusConnection> _connection;
-  gboolean _endsProcess = FALSE;
-};
-
-/// Takes what GLib leaves to a main loop, which may never run.
-class OwnMainContext {
- public:
-  OwnMainContext() { g_main_context_push_thread_default(_context); }
-  /// Runs what is left first, such as releasing memory.
-  ~OwnMainContext() {
-    while (g_main_context_iteration(_context, FALSE)) continue;
-    g_main_context_pop_thread_default(_context);
-    g_main_context_unref(_context);
-  }
-  OwnMainContext(const OwnMainContext&) = delete;
-  OwnMainContext& operator=(const OwnMainContext&) = delete;
-
- private:
-  GMainContext* const _context = g_main_context_new();
-};
 
 GVariant* refusePrompt(SecretService*, SecretPrompt*, GCancellable*, const GVariantType*,
                        GError** error) {
@@ -104,211 +53,222 @@ const SecretSchema* schema() {
   return only;
 }
 
-struct HashTableUnref {
-  void operator()(GHashTable* table) const { g_hash_table_unref(table); }
-};
-using Attributes = std::unique_ptr<GHashTable, HashTableUnref>;
-
-Attributes attributesOf(const KeychainQuery& query) {
+/// Null if D-Bus cannot carry it.
+GHashTable* attributesOf(const KeychainQuery& query) {
   // Exactly one of the two, so that neither kind of item is found where the other is meant.
   const bool isShared = !query.accessGroup.isNull();
   const std::string owner = isShared ? query.accessGroup.toStdString()
                                      : HostApplication::current().bundleIdentifier.toStdString();
   const std::string account = query.account.toStdString();
   const std::string service = query.service.toStdString();
-  // D-Bus carries no other texts.
   for (const std::string& text : {owner, account, service}) {
     const auto size = static_cast<gssize>(text.size());
     if (g_utf8_validate(text.data(), size, nullptr) == FALSE) return nullptr;
   }
-  return Attributes(secret_attributes_build(
-      schema(), "class", static_cast<int>(query.itemClass), "account", account.c_str(), "service",
-      service.c_str(), isShared ? "access-group" : "application", owner.c_str(), nullptr));
+  return secret_attributes_build(schema(), "class", static_cast<int>(query.itemClass), "account",
+                                 account.c_str(), "service", service.c_str(),
+                                 isShared ? "access-group" : "application", owner.c_str(), nullptr);
 }
 
-struct ValueUnref {
-  void operator()(SecretValue* value) const { secret_value_unref(value); }
+SecretValue* valueOf(const std::string& data) {
+  return secret_value_new(data.data(), static_cast<gssize>(data.size()), "text/plain");
+}
+
+const char* pathOf(const GList* keyring) {
+  return g_dbus_proxy_get_object_path(static_cast<GDBusProxy*>(keyring->data));
+}
+
+struct Unref {
+  void operator()(void* object) const { g_object_unref(object); }
+  void operator()(GList* objects) const { g_list_free_full(objects, g_object_unref); }
 };
-using Value = std::unique_ptr<SecretValue, ValueUnref>;
+using Objects = std::unique_ptr<GList, Unref>;
 
-Value valueOf(const std::string& data) {
-  return Value(secret_value_new(data.data(), static_cast<gssize>(data.size()), "text/plain"));
-}
-
-/// One visit to the keyring. `_status` is success only if the default keyring is unlocked.
+/// One visit to the keyring. One visitor at a time, as the connection is the one that GLib shares
+/// in the process: libsecret takes it, and the host may have it, too.
 class Visit {
  public:
+  Visit();
+  ~Visit();
+  Visit(const Visit&) = delete;
+  Visit& operator=(const Visit&) = delete;
+
   /// Finds the item in all keyrings; more than one only if somebody else made copies, or another
   /// keyring was the default one. Success means at least one, and all of them unlocked.
-  KeychainStatus find(const KeychainQuery& query, std::vector<Held<SecretItem>>& items);
+  KeychainStatus find(const KeychainQuery& query);
+  /// What was found; the default keyring's come first.
+  const GList* items() const { return _items.get(); }
+  /// The first of them.
+  SecretItem* item() const { return static_cast<SecretItem*>(_items->data); }
   KeychainStatus create(const KeychainQuery& query);
 
  private:
   KeychainStatus open();
-  KeychainStatus search(SecretCollection* keyring, GHashTable* attributes,
-                        std::vector<Held<SecretItem>>& items);
-  std::vector<Held<SecretCollection>> keyrings() const;
 
   const StandardNumbersHeld _held;  // GLib opens sockets and events
-  const SharedBus _bus;
-  const OwnMainContext _context;  // ends last, as the others leave it something to do
-  Held<SecretService> _service;
-  Held<SecretCollection> _keyring;
-  KeychainStatus _status = open();
+  const Lock<Mutex> _turn{turn};
+  // Made before the context takes its place: the connection keeps the one that it is made with.
+  GDBusConnection* const _bus = g_bus_get_sync(G_BUS_TYPE_SESSION, nullptr, nullptr);
+  gboolean _busEndsProcess = FALSE;
+  /// Takes what GLib leaves to a main loop, which may never run.
+  GMainContext* const _context = g_main_context_new();
+  std::unique_ptr<SecretService, Unref> _service;
+  Objects _keyrings;  ///< the default one first
+  Objects _items;
 };
 
+Visit::Visit() {
+  g_main_context_push_thread_default(_context);
+  if (!_bus) return;
+  // The end of a bus that nobody but this visit asked for must not be the end of the process.
+  _busEndsProcess = g_dbus_connection_get_exit_on_close(_bus);
+  g_dbus_connection_set_exit_on_close(_bus, FALSE);
+}
+
+Visit::~Visit() {
+  _items.reset();
+  _keyrings.reset();
+  _service.reset();
+  while (g_main_context_iteration(_context, FALSE)) continue;  // releasing memory, for example
+  g_main_context_pop_thread_default(_context);
+  g_main_context_unref(_context);
+  if (!_bus) return;
+  g_dbus_connection_set_exit_on_close(_bus, _busEndsProcess);
+  g_object_unref(_bus);
+}
+
+/// Success only if the default keyring is unlocked.
 KeychainStatus Visit::open() {
-  if (!_bus.get()) return errSecNotAvailable;
+  if (!_bus) return errSecNotAvailable;
   // Not libsecret's shared service: that one holds on to a daemon that is gone.
   constexpr auto kFlags = static_cast<SecretServiceFlags>(SECRET_SERVICE_OPEN_SESSION |
                                                           SECRET_SERVICE_LOAD_COLLECTIONS);
   _service.reset(secret_service_open_sync(quietServiceType(), nullptr, kFlags, nullptr, nullptr));
   if (!_service) return errSecNotAvailable;
-  _keyring.reset(secret_collection_for_alias_sync(_service.get(), SECRET_COLLECTION_DEFAULT,
-                                                  SECRET_COLLECTION_NONE, nullptr, nullptr));
-  if (!_keyring) return errSecNotAvailable;
-  return secret_collection_get_locked(_keyring.get()) ? errSecInteractionNotAllowed : errSecSuccess;
+  SecretCollection* const own = secret_collection_for_alias_sync(
+      _service.get(), SECRET_COLLECTION_DEFAULT, SECRET_COLLECTION_NONE, nullptr, nullptr);
+  if (!own) return errSecNotAvailable;
+  _keyrings.reset(g_list_prepend(secret_service_get_collections(_service.get()), own));
+  return secret_collection_get_locked(own) ? errSecInteractionNotAllowed : errSecSuccess;
 }
 
-KeychainStatus Visit::find(const KeychainQuery& query, std::vector<Held<SecretItem>>& items) {
-  if (_status != errSecSuccess) return _status;
-  const Attributes attributes = attributesOf(query);
-  if (!attributes) return errSecNotAvailable;
-  KeychainStatus status = search(_keyring.get(), attributes.get(), items);
-  const char* const ownPath = g_dbus_proxy_get_object_path(G_DBUS_PROXY(_keyring.get()));
-  for (const auto& keyring : keyrings()) {
-    const char* const path = g_dbus_proxy_get_object_path(G_DBUS_PROXY(keyring.get()));
-    if (status != errSecSuccess) return status;
-    if (std::strcmp(path, ownPath) != 0) status = search(keyring.get(), attributes.get(), items);
-  }
+KeychainStatus Visit::find(const KeychainQuery& query) {
+  KeychainStatus status = open();
   if (status != errSecSuccess) return status;
-  const auto isLocked = [](const auto& item) { return secret_item_get_locked(item.get()) != 0; };
-  if (!items.empty()) {
-    return std::ranges::any_of(items, isLocked) ? errSecInteractionNotAllowed : errSecSuccess;
+  g_autoptr(GHashTable) attributes = attributesOf(query);
+  if (!attributes) return errSecNotAvailable;
+  for (GList* each = _keyrings.get(); each; each = each->next) {
+    // The default one stands first, and once more among all.
+    if (each->prev && g_str_equal(pathOf(each), pathOf(_keyrings.get()))) continue;
+    g_autoptr(GError) error = nullptr;
+    GList* const found =
+        secret_collection_search_sync(static_cast<SecretCollection*>(each->data), schema(),
+                                      attributes, SECRET_SEARCH_ALL, nullptr, &error);
+    _items.reset(g_list_concat(_items.release(), found));
+    if (error) return statusOf(error);
   }
+  for (const GList* each = items(); each; each = each->next) {
+    if (secret_item_get_locked(static_cast<SecretItem*>(each->data))) {
+      return errSecInteractionNotAllowed;
+    }
+  }
+  if (items()) return errSecSuccess;
   // A locked keyring has nothing to show either, and one may have been locked meanwhile.
-  _status = open();
-  if (_status != errSecSuccess) return _status;
-  const bool anyIsLocked = std::ranges::any_of(keyrings(), [](const auto& keyring) {
-    return secret_collection_get_locked(keyring.get()) != 0;
-  });
-  return anyIsLocked ? errSecInteractionNotAllowed : errSecItemNotFound;
-}
-
-KeychainStatus Visit::search(SecretCollection* keyring, GHashTable* attributes,
-                             std::vector<Held<SecretItem>>& items) {
-  g_autoptr(GError) error = nullptr;
-  GList* const found = secret_collection_search_sync(keyring, schema(), attributes,
-                                                     SECRET_SEARCH_ALL, nullptr, &error);
-  for (const GList* entry = found; entry; entry = entry->next) {
-    items.emplace_back(static_cast<SecretItem*>(entry->data));
+  status = open();
+  if (status != errSecSuccess) return status;
+  for (const GList* each = _keyrings.get(); each; each = each->next) {
+    if (secret_collection_get_locked(static_cast<SecretCollection*>(each->data))) {
+      return errSecInteractionNotAllowed;
+    }
   }
-  g_list_free(found);
-  return statusOf(error);
-}
-
-std::vector<Held<SecretCollection>> Visit::keyrings() const {
-  std::vector<Held<SecretCollection>> all;
-  GList* const found = secret_service_get_collections(_service.get());
-  for (const GList* entry = found; entry; entry = entry->next) {
-    all.emplace_back(static_cast<SecretCollection*>(entry->data));
-  }
-  g_list_free(found);
-  return all;
+  return errSecItemNotFound;
 }
 
 KeychainStatus Visit::create(const KeychainQuery& query) {
   g_autoptr(GError) error = nullptr;
-  const Held<SecretItem> item(secret_item_create_sync(
-      _keyring.get(), schema(), attributesOf(query).get(), query.service.toStdString().c_str(),
-      valueOf(query.valueData.value_or("")).get(), SECRET_ITEM_CREATE_NONE, nullptr, &error));
+  g_autoptr(GHashTable) attributes = attributesOf(query);
+  g_autoptr(SecretValue) value = valueOf(query.valueData.value_or(""));
+  g_autoptr(SecretItem) item = secret_item_create_sync(
+      static_cast<SecretCollection*>(_keyrings->data), schema(), attributes,
+      query.service.toStdString().c_str(), value, SECRET_ITEM_CREATE_NONE, nullptr, &error);
   if (item) return errSecSuccess;
   return error ? statusOf(error) : errSecNotAvailable;
 }
 
-class SecretServiceKeychain final : public Keychain {
- public:
-  KeychainMatch copyMatching(const KeychainQuery& query) override;
-  KeychainStatus add(const KeychainQuery& query) override;
-  KeychainStatus update(const KeychainQuery& query, const KeychainAttributes& changes) override;
-  KeychainStatus deleteMatching(const KeychainQuery& query) override;
-
- private:
-  /// GLib's threads do not come along into a forked child, and a call there would wait in vain.
-  static bool isForkedAway();
-};
-
-bool SecretServiceKeychain::isForkedAway() {
+/// GLib's threads do not come along into a forked child, and a call there would wait in vain.
+bool isForkedAway() {
   // One for all stores: a child may make another.
   static const pid_t firstUser = getpid();
   return firstUser != getpid();
 }
 
-KeychainMatch SecretServiceKeychain::copyMatching(const KeychainQuery& query) try {
-  if (isForkedAway()) return {};
-  Visit visit;
-  std::vector<Held<SecretItem>> items;
-  KeychainMatch match{.status = visit.find(query, items)};
-  if (match.status != errSecSuccess || !query.returnData) return match;
-
-  g_autoptr(GError) error = nullptr;
-  secret_item_load_secret_sync(items.front().get(), nullptr, &error);
-  match.status = statusOf(error);
-  const Value value(match.status == errSecSuccess ? secret_item_get_secret(items.front().get())
-                                                  : nullptr);
-  if (!value) return {.status = match.status == errSecSuccess ? errSecNotAvailable : match.status};
-  gsize size = 0;
-  const gchar* const bytes = secret_value_get(value.get(), &size);
-  if (size > 0) match.data.emplace(bytes, size);
-  return match;
-} catch (const std::bad_alloc&) {
-  return {};
-}
-
-KeychainStatus SecretServiceKeychain::add(const KeychainQuery& query) try {
-  if (isForkedAway()) return errSecNotAvailable;
-  // The keyring itself would take a second item with the same attributes.
-  const std::string directory = g_get_user_runtime_dir();
-  const BriefLock lock(AT_FDCWD, directory + "/orbiq-keychain.lock", std::chrono::seconds(30));
-  if (!lock.isHeld()) return errSecNotAvailable;
-  Visit visit;
-  std::vector<Held<SecretItem>> items;
-  const KeychainStatus status = visit.find(query, items);
-  if (status == errSecSuccess) return errSecDuplicateItem;
-  return status == errSecItemNotFound ? visit.create(query) : status;
+/// What every operation runs in.
+template <class Operation>
+KeychainStatus guarded(const Operation& operation) try {
+  return isForkedAway() ? errSecNotAvailable : operation();
 } catch (const std::bad_alloc&) {
   return errSecNotAvailable;
 }
 
-KeychainStatus SecretServiceKeychain::update(const KeychainQuery& query,
-                                             const KeychainAttributes& changes) try {
-  if (isForkedAway()) return errSecNotAvailable;
-  Visit visit;
-  std::vector<Held<SecretItem>> items;
-  const KeychainStatus status = visit.find(query, items);
-  if (status != errSecSuccess || !changes.valueData) return status;
-  g_autoptr(GError) error = nullptr;
-  const Value value = valueOf(*changes.valueData);
-  secret_item_set_secret_sync(items.front().get(), value.get(), nullptr, &error);
-  return statusOf(error);
-} catch (const std::bad_alloc&) {
-  return errSecNotAvailable;
-}
-
-KeychainStatus SecretServiceKeychain::deleteMatching(const KeychainQuery& query) try {
-  if (isForkedAway()) return errSecNotAvailable;
-  Visit visit;
-  std::vector<Held<SecretItem>> items;
-  KeychainStatus status = visit.find(query, items);
-  for (auto item = items.begin(); status == errSecSuccess && item != items.end(); ++item) {
-    g_autoptr(GError) error = nullptr;
-    secret_item_delete_sync(item->get(), nullptr, &error);
-    status = statusOf(error);
+class SecretServiceKeychain final : public Keychain {
+ public:
+  KeychainMatch copyMatching(const KeychainQuery& query) override {
+    KeychainMatch match;
+    match.status = guarded([&]() -> KeychainStatus {
+      Visit visit;
+      const KeychainStatus status = visit.find(query);
+      if (status != errSecSuccess || !query.returnData) return status;
+      g_autoptr(GError) error = nullptr;
+      secret_item_load_secret_sync(visit.item(), nullptr, &error);
+      if (error) return statusOf(error);
+      g_autoptr(SecretValue) value = secret_item_get_secret(visit.item());
+      if (!value) return errSecNotAvailable;
+      gsize size = 0;
+      const gchar* const bytes = secret_value_get(value, &size);
+      if (size > 0) match.data.emplace(bytes, size);
+      return errSecSuccess;
+    });
+    return match;
   }
-  return status;
-} catch (const std::bad_alloc&) {
-  return errSecNotAvailable;
-}
+
+  KeychainStatus add(const KeychainQuery& query) override {
+    return guarded([&]() -> KeychainStatus {
+      // The keyring itself would take a second item with the same attributes.
+      const std::string directory = g_get_user_runtime_dir();
+      const BriefLock lock(AT_FDCWD, directory + "/orbiq-keychain.lock", std::chrono::seconds(30));
+      if (!lock.isHeld()) return errSecNotAvailable;
+      Visit visit;
+      const KeychainStatus status = visit.find(query);
+      if (status == errSecSuccess) return errSecDuplicateItem;
+      return status == errSecItemNotFound ? visit.create(query) : status;
+    });
+  }
+
+  KeychainStatus update(const KeychainQuery& query, const KeychainAttributes& changes) override {
+    return guarded([&]() -> KeychainStatus {
+      Visit visit;
+      const KeychainStatus status = visit.find(query);
+      if (status != errSecSuccess || !changes.valueData) return status;
+      g_autoptr(GError) error = nullptr;
+      g_autoptr(SecretValue) value = valueOf(*changes.valueData);
+      secret_item_set_secret_sync(visit.item(), value, nullptr, &error);
+      return statusOf(error);
+    });
+  }
+
+  KeychainStatus deleteMatching(const KeychainQuery& query) override {
+    return guarded([&]() -> KeychainStatus {
+      Visit visit;
+      KeychainStatus status = visit.find(query);
+      for (auto item = visit.items(); status == errSecSuccess && item; item = item->next) {
+        g_autoptr(GError) error = nullptr;
+        secret_item_delete_sync(static_cast<SecretItem*>(item->data), nullptr, &error);
+        status = statusOf(error);
+      }
+      return status;
+    });
+  }
+};
 
 }  // namespace
 

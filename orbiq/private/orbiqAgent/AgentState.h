@@ -84,9 +84,8 @@ struct orbiqAgent::State {
   void handleHead() ORBIQ_REQUIRES(requestsProtector);
   void sendStopCopyOf(const std::shared_ptr<orbiqRequest>& request)
       ORBIQ_REQUIRES(requestsProtector);
-  std::optional<Error> handleRequest(const std::shared_ptr<orbiqRequest>& request)
+  Attempt handleRequest(const std::shared_ptr<orbiqRequest>& request)
       ORBIQ_REQUIRES(requestsProtector);
-  Attempt attempt(const std::shared_ptr<orbiqRequest>& request) ORBIQ_REQUIRES(requestsProtector);
   static bool authorize(orbiqRequest& request);
   Attempt send(orbiqRequest& request, const orbiq::Url& url) ORBIQ_REQUIRES(requestsProtector);
   bool isReachable() const;
@@ -105,9 +104,6 @@ struct orbiqAgent::State {
   /// One for each place of the queue. Behind them those of dequeued requests until they are
   /// counted.
   std::vector<orbiq::HitLedger::Number> numbers ORBIQ_GUARDED_BY(requestsProtector);
-  // In the queue. Counted, so that an addition need not look through it.
-  std::size_t pendingMarkers ORBIQ_GUARDED_BY(requestsProtector) = 0;
-  std::size_t pendingStreaming ORBIQ_GUARDED_BY(requestsProtector) = 0;
   // False from an addition until `rest`: meanwhile, the loop's going to sleep is no rest.
   bool isQuiet ORBIQ_GUARDED_BY(requestsProtector) = true;
   bool waitsForNetwork ORBIQ_GUARDED_BY(requestsProtector) = false;

@@ -1,6 +1,4 @@
 // The agent's queue and its file.
-#include <sys/stat.h>
-
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -22,25 +20,12 @@ bool isMarker(const orbiqRequest& request) {
   return dynamic_cast<const orbiqClearCache*>(&request) != nullptr;
 }
 
-bool isStreaming(const orbiqRequest& request) {
-  return request.requestType() != orbiq::RequestTypeAudience;
-}
-
-// Both never destroyed: the sending thread outlives the process's static objects.
-const std::string& requestsDirectory() {
-  static const auto* const path = new std::string(orbiq::libraryDirectory() + "/orbiqCache");
-  return *path;
-}
+std::string requestsDirectory() { return orbiq::libraryDirectory() + "/orbiqCache"; }
 
 const std::string& requestsPath() {
+  // Never destroyed: the sending thread outlives the process's static objects.
   static const auto* const path = new std::string(requestsDirectory() + "/requests.ser");
   return *path;
-}
-
-void makeRequestsDirectory() {
-  struct stat status{};
-  if (lstat(requestsDirectory().c_str(), &status) == 0) return;
-  orbiq::makeDirectories(requestsDirectory());  // what fails here shows at the save
 }
 
 void logQueueLength(std::size_t length) {
@@ -52,7 +37,7 @@ void logQueueLength(std::size_t length) {
 }  // namespace
 
 orbiq::String orbiqAgent::requestsFilePath() const try {
-  makeRequestsDirectory();
+  orbiq::makeDirectories(requestsDirectory());
   return requestsPath();
 } catch (const std::bad_alloc& error) {
   return orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError), nullptr;
@@ -63,7 +48,7 @@ void orbiqAgent::State::loadRequests() {
   orbiq::RequestQueue kept;
   std::uint64_t accepted = 0;
   std::uint64_t discarded = 0;
-  makeRequestsDirectory();
+  orbiq::makeDirectories(requestsDirectory());  // what fails here shows at the save
   for (const auto& request : requestsFile->load(requestsPath())) {
     const bool isHit = !isMarker(*request);
     if (isHit) ++accepted;
@@ -77,8 +62,6 @@ void orbiqAgent::State::loadRequests() {
   const bool isMarked = !kept.empty();
   if (isMarked) kept.push_back(std::make_shared<orbiqClearCache>());
 
-  pendingMarkers = isMarked ? 1 : 0;
-  pendingStreaming = kept.size() - pendingMarkers;
   // Of all that there will ever be, so that an addition cannot fail for want of it.
   numbers.reserve(std::max(kept.size(), orbiq::SendingRules::kMostRequests) + 1);
   numbers.assign(kept.size(), 0);
@@ -87,6 +70,9 @@ void orbiqAgent::State::loadRequests() {
   ledger.countLoaded(accepted, discarded);
 }
 
+// The only place that writes the file: after every addition (`add`) and after every removal by the
+// sending loop (`removeRequestFromQueue`). Whatever else changes the queue or a request, such as a
+// failed attempt or the network's return, is in the file from the next of these on.
 void orbiqAgent::State::saveRequests() try {
   orbiqLogger::log_withMode("Saving requests to cache", orbiq::LoggingModeInfo);
   requestsFile->save(requestsPath(), *requestQueue);
@@ -102,7 +88,10 @@ void orbiqAgent::State::rest() {
 }
 
 void orbiqAgent::State::syncAtRest() {
-  if (pendingStreaming != 0) requestsFile->sync(requestsPath());
+  const auto survives = [](const auto& request) {
+    return !orbiq::SendingRules::isDroppedLate(request->requestType());
+  };
+  if (std::ranges::any_of(*requestQueue, survives)) requestsFile->sync(requestsPath());
 }
 
 void orbiqAgent::State::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
@@ -162,7 +151,7 @@ void orbiqAgent::State::add(const orbiq::HandlerWork::Item& item) {
 bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
   const std::shared_ptr<orbiqRequest>& request = item.added;
   isQuiet = false;
-  if (pendingMarkers == 0) {
+  if (std::ranges::find(numbers, orbiq::HitLedger::kNoHit) == numbers.end()) {  // no marker
     request->setAuth(orbiqAuthManager::manager().authFromCacheForTagger(request->taggerID()));
     if (request->shouldRenewSessionAfter()) renewSession(*request);
     requestsFile->changed(*request);  // it may be in the queue already
@@ -170,8 +159,6 @@ bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
   requestQueue->push_back(request);
   numbers.push_back(item.number);
   requestsFile->added(request);
-  if (isMarker(*request)) ++pendingMarkers;
-  if (isStreaming(*request)) ++pendingStreaming;
   if (requestQueue->size() > orbiq::SendingRules::kMostRequests) dequeue(0);
   return true;
 } catch (const std::bad_alloc& error) {
@@ -181,8 +168,6 @@ bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
 
 void orbiqAgent::State::dequeue(std::size_t index) {
   const auto request = requestQueue->begin() + static_cast<std::ptrdiff_t>(index);
-  if (isMarker(**request)) --pendingMarkers;
-  if (isStreaming(**request)) --pendingStreaming;
   requestsFile->removed(index);
   const auto number = numbers.begin() + static_cast<std::ptrdiff_t>(index);
   std::rotate(number, number + 1, numbers.end());

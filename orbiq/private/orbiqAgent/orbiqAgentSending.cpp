@@ -137,7 +137,7 @@ void orbiqAgent::State::handleHead() {
   }
   orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },
                             orbiq::LoggingModeInfo);
-  const Attempt result = attempt(head);
+  const Attempt result = handleRequest(head);
   if (!result.fate) {
     requestsFile->changed(*head);
     if (!result.failure.isNull()) ledger.noteFailure(result.failure);
@@ -163,12 +163,7 @@ void orbiqAgent::State::sendStopCopyOf(const std::shared_ptr<orbiqRequest>& requ
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
 }
 
-std::optional<orbiqAgent::State::Error> orbiqAgent::State::handleRequest(
-    const std::shared_ptr<orbiqRequest>& request) {
-  return attempt(request).error;
-}
-
-orbiqAgent::State::Attempt orbiqAgent::State::attempt(
+orbiqAgent::State::Attempt orbiqAgent::State::handleRequest(
     const std::shared_ptr<orbiqRequest>& request) {
   if (!request) return {};
   const HitLedger::Sending sending(ledger);

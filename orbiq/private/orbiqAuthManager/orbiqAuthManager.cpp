@@ -40,9 +40,8 @@ std::shared_ptr<orbiqAuth> orbiqAuthManager::authForTagger(const TaggerID& tagge
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::obtainAuth(const TaggerID& tagger) {
-  const std::shared_ptr<orbiqAuth> cached = ask(stored(tagger), &orbiqAuth::copy);
-  // A copy never says that it holds default values, so in effect only a missing record is fetched.
-  if (!cached || cached->isDefaultValues()) exchange(tagger);
+  // Default values are as good: a copy, which is what others get, never says that it holds them.
+  if (!stored(tagger)) exchange(tagger);
   return ask(stored(tagger), &orbiqAuth::copy);
 }
 
