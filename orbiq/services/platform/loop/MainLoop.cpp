@@ -152,15 +152,8 @@ void MainLoop::State::endWithProcess() {
 }
 
 bool MainLoop::State::mayRun(Runner runner) const {
-  switch (runner) {
-    case Runner::library:
-      return !adopted && !processExits;
-    case Runner::host:
-      return adopted;
-    case Runner::run:
-      return !stopRequested;
-  }
-  return false;
+  if (runner == Runner::run) return !stopRequested;
+  return runner == Runner::host ? adopted : !adopted && !processExits;
 }
 
 void MainLoop::State::leave(Runner runner) {
