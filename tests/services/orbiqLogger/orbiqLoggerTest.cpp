@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
+#include <cstdlib>
+#include <ctime>
 #include <regex>
 #include <stdexcept>
 #include <string>
@@ -28,7 +31,16 @@ TEST(Logger, PrintsWhatReachesTheThreshold) {
   orbiqLogger::log_withMode([]() -> String { throw std::logic_error("made"); }, LoggingModeError);
 }
 
+std::string localTime() {
+  const std::time_t now = std::chrono::system_clock::to_time_t(std::chrono::system_clock::now());
+  char text[20];
+  std::strftime(text, sizeof text, "%F %T", std::localtime(&now));
+  return text;
+}
+
 TEST(Logger, WritesToStandardErrorWithoutASink) {
+  setenv("TZ", "QUARTERS-13:45", 1);
+  const std::string before = localTime();
   testing::internal::CaptureStderr();
   orbiqLogger::log_withMode("one", LoggingModeError);
   const std::string hostile("\x1b[2J\a\0\r\x7f\n\t\u00e9\u0085\xff", 15);
@@ -36,6 +48,8 @@ TEST(Logger, WritesToStandardErrorWithoutASink) {
   SystemLog::setSink([](const LogLine&) { throw std::runtime_error("host"); });
   orbiqLogger::log_withMode("two", LoggingModeError);
   const std::string written = testing::internal::GetCapturedStderr();
+  EXPECT_LE(before, written.substr(0, before.size()));
+  EXPECT_GE(localTime(), written.substr(0, before.size()));
   const std::regex expected(
       "[0-9-]+ [0-9:]+\\.[0-9]+ orbiq_tests\\[[0-9]+:[0-9]+\\] \\(ERROR\\) : one\n"
       ".* \\\\x1B\\[2J\\\\x07\\\\x00\\\\x0D\\\\x7F\n\t\t\u00e9\\\\u0085\\\\xFF\n"

@@ -15,8 +15,7 @@ static_assert(std::atomic<bool>::is_always_lock_free, "the handler runs where lo
 
 void beginInForkedChild() {
   ++forks;
-  if (!isArmed) return;
-  forkedChild.store(true, std::memory_order_relaxed);
+  if (isArmed) forkedChild.store(true, std::memory_order_relaxed);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <array>
 #include <cstddef>
+#include <cstdio>
 #include <cstring>
 #include <random>
 #include <span>
@@ -14,16 +15,16 @@ namespace orbiq {
 namespace {
 
 /// At most 256 bytes.
-void fillRandom(std::span<unsigned char> bytes) {
+void fillRandom(std::span<std::byte> bytes) {
   if (getentropy(bytes.data(), bytes.size()) == 0) return;
   // A sandbox that forbids the call: the library's own source is the next best.
   std::random_device source;
-  for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(source());
+  for (std::byte& byte : bytes) byte = static_cast<std::byte>(source());
 }
 
 /// A thread's store: asking the kernel for one number costs more than composing a hit.
 struct Store {
-  std::array<unsigned char, 64 * sizeof(std::uint32_t)> bytes;
+  std::array<std::byte, 64 * sizeof(std::uint32_t)> bytes;
   std::size_t left = 0;
   /// What the parent of a fork has in store would come twice.
   std::uint32_t forks = 0;
@@ -46,19 +47,14 @@ std::uint32_t randomUint32() {
 }
 
 std::string randomUuid() {
-  std::array<unsigned char, 16> bytes;
-  fillRandom(bytes);
-  bytes[6] = static_cast<unsigned char>((bytes[6] & 0x0F) | 0x40);
-  bytes[8] = static_cast<unsigned char>((bytes[8] & 0x3F) | 0x80);
-
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  std::string text;
-  text.reserve(36);
-  for (std::size_t i = 0; i < bytes.size(); ++i) {
-    if (i == 4 || i == 6 || i == 8 || i == 10) text += '-';
-    text += kDigits[bytes[i] >> 4];
-    text += kDigits[bytes[i] & 0x0F];
-  }
+  std::array<std::uint32_t, 4> words;
+  fillRandom(std::as_writable_bytes(std::span(words)));
+  constexpr unsigned kVersion = 0x4000;
+  constexpr unsigned kVariant = 0x8000;
+  char text[37];
+  std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%04X%08X", words[0], words[1] >> 16,
+                (words[1] & 0x0FFF) | kVersion, (words[2] >> 18) | kVariant, words[2] & 0xFFFF,
+                words[3]);
   return text;
 }
 

@@ -10,28 +10,12 @@
 #include <tuple>
 #include <utility>
 
+#include "orbiq/services/platform/files/Directories.h"
+
 namespace orbiq {
-namespace {
-
-std::string directoryOf(const std::string& path) { return path.substr(0, path.rfind('/') + 1); }
-
-int syncDirectory(const std::string& path) {
-  const Descriptor opened(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  return opened.isOpen() && fsync(opened.number()) == 0 ? 0 : errno;
-}
-
-}  // namespace
 
 int AtomicFile::Version::create(int directory, const std::string& name) {
-  const auto open = [&] {
-    return Descriptor(
-        openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
-  };
-  _descriptor = open();
-  // A leftover, or somebody else's: in any case not to be written into.
-  if (!_descriptor.isOpen() && errno == EEXIST && unlinkat(directory, name.c_str(), 0) == 0) {
-    _descriptor = open();
-  }
+  _descriptor = createFile(directory, name);
   return _descriptor.isOpen() ? noteState() : errno;
 }
 
@@ -76,7 +60,7 @@ int AtomicFile::replace(const std::string& path, std::string_view bytes,
   if (!isOurs) {
     _name = path.substr(path.rfind('/') + 1);
     _spareName = _name + ".new";
-    const std::string directory = directoryOf(path);
+    const std::string directory = path.substr(0, path.size() - _name.size());
     _directory = Descriptor(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!_directory.isOpen()) return errno;
   }
@@ -85,7 +69,7 @@ int AtomicFile::replace(const std::string& path, std::string_view bytes,
     _spare.close();
     return failed;
   }
-  return synced ? syncDirectory(directoryOf(path)) : 0;
+  return synced ? syncDirectoryOf(path) : 0;
 }
 
 int AtomicFile::write(std::string_view bytes, bool mayExchange, bool synced) {
@@ -110,7 +94,7 @@ int AtomicFile::write(std::string_view bytes, bool mayExchange, bool synced) {
 int syncFile(const std::string& path) {
   const Descriptor file(open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC));
   if (!file.isOpen() || fdatasync(file.number()) != 0) return errno;
-  return syncDirectory(directoryOf(path));
+  return syncDirectoryOf(path);
 }
 
 std::optional<std::string> readFile(const std::string& path, std::size_t limit, int* failure) {

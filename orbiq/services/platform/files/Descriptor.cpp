@@ -43,6 +43,11 @@ StandardNumbersHeld::~StandardNumbersHeld() {
   }
 }
 
+Descriptor createFile(int directory, const std::string& name) {
+  if (unlinkat(directory, name.c_str(), 0) != 0 && errno != ENOENT) return {};
+  return Descriptor(openat(directory, name.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+}
+
 int writeAll(const Descriptor& file, std::string_view bytes, std::size_t from) {
   while (from < bytes.size()) {
     const ssize_t count =

@@ -62,6 +62,10 @@ class Descriptor {
   int _number = -1;
 };
 
+/// Makes a file (0600) for writing, in place of what has the name: a leftover, or somebody else's,
+/// is not to be written into. Not open, with the cause in `errno`, if that fails.
+Descriptor createFile(int directory, const std::string& name);
+
 /// Writes the bytes from number `from` on, at their places in the file. Returns 0 or the error
 /// number.
 int writeAll(const Descriptor& file, std::string_view bytes, std::size_t from = 0);

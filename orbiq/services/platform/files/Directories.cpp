@@ -11,14 +11,18 @@
 
 namespace orbiq {
 
+int syncDirectoryOf(const std::string& path) {
+  const std::string directory = path.substr(0, path.rfind('/') + 1);
+  const Descriptor opened(open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+  return opened.isOpen() && fsync(opened.number()) == 0 ? 0 : errno;
+}
+
 int makeDirectories(const std::string& path) {
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);
     if (mkdir(part.c_str(), 0700) == 0) {
       // A file that is synced later would not outlast a loss of power without its directory.
-      const Descriptor parent(
-          open(part.substr(0, part.rfind('/') + 1).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-      if (parent.isOpen()) fsync(parent.number());
+      syncDirectoryOf(part);
     } else if (errno != EEXIST && end == std::string::npos) {
       return errno;
     }

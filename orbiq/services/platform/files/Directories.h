@@ -8,4 +8,7 @@ namespace orbiq {
 /// error number.
 int makeDirectories(const std::string& path);
 
+/// Brings to the disk which files the directory of that one holds. Returns 0 or the error number.
+int syncDirectoryOf(const std::string& path);
+
 }  // namespace orbiq

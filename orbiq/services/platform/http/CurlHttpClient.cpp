@@ -290,13 +290,12 @@ void CurlHttpClient::setConstantOptions() {
   set(CURLOPT_ERRORBUFFER, _errorText);
   set(CURLOPT_PROTOCOLS_STR, "http,https");
   set(CURLOPT_HTTP_VERSION, long{CURL_HTTP_VERSION_1_1});
-  set(CURLOPT_HTTP09_ALLOWED, 0L);
   set(CURLOPT_PATH_AS_IS, 1L);
   set(CURLOPT_HTTPHEADER, _headers);
   set(CURLOPT_PROXYHEADER, _headers);
   set(CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
-  // Redirects are decided here, hop by hop: libcurl would turn one that it refuses into an error.
-  set(CURLOPT_FOLLOWLOCATION, 0L);
+  // Redirects are not followed by libcurl, but decided hop by hop: it would turn one that it
+  // refuses into an error.
   set(CURLOPT_OPENSOCKETFUNCTION, openSocket);
   set(CURLOPT_PREREQFUNCTION, onSend);
   set(CURLOPT_HEADERFUNCTION, onHeader);

@@ -3,7 +3,6 @@
 
 #include <curl/curl.h>
 
-#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
@@ -11,7 +10,6 @@
 
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/http/TransferStay.h"
-#include "orbiq/services/platform/threads/Mutex.h"
 
 namespace orbiq {
 namespace {
@@ -39,13 +37,9 @@ CURLcode initialise() {
 bool& libcurlRanOutOfMemory() noexcept { return memoryRanOut; }
 
 bool prepareHttpForProcess() try {
-  static std::atomic<bool> isPrepared{false};
-  static Mutex protector;
-  if (isPrepared) return true;
-  const Lock lock(protector);
-  if (!isPrepared && initialise() == CURLE_OK) {
-    isPrepared = installExitHandler();
-  }
+  static const bool isPrepared = initialise() == CURLE_OK && installExitHandler()
+                                     ? true
+                                     : throw std::bad_alloc();  // and the next call tries again
   return isPrepared;
 } catch (const std::bad_alloc&) {
   return false;

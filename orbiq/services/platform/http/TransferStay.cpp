@@ -21,7 +21,7 @@ constexpr std::chrono::milliseconds kLongestWaitAtExit{250};
 struct Stays {
   Condition changed;
   /// Those of the threads inside.
-  TransferStay::Link* first ORBIQ_GUARDED_BY(changed) = nullptr;
+  TransferStay* first ORBIQ_GUARDED_BY(changed) = nullptr;
   std::thread::id exitingThread ORBIQ_GUARDED_BY(changed);
 };
 
@@ -68,12 +68,12 @@ bool installExitHandler() {
   return std::atexit(onProcessExit) == 0;
 }
 
-TransferStay::TransferStay(CURLM* multi) : _link{multi, nullptr} {
+TransferStay::TransferStay(CURLM* toWake) : multi(toWake) {
   if (inForkedChild()) return;
   {
     Lock lock(stays().changed);
     if (!isProcessExiting()) {
-      _link.next = std::exchange(stays().first, &_link);
+      next = std::exchange(stays().first, this);
       _entered = true;
     } else if (stays().exitingThread == std::this_thread::get_id()) {
       return;
@@ -96,9 +96,9 @@ void TransferStay::parkIfExiting() {
 
 void TransferStay::leave() {
   Lock lock(stays().changed);
-  Link** place = &stays().first;
-  while (*place != &_link) place = &(*place)->next;
-  *place = _link.next;
+  TransferStay** place = &stays().first;
+  while (*place != this) place = &(*place)->next;
+  *place = next;
   stays().changed.broadcast();
 }
 

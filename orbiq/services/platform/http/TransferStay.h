@@ -31,16 +31,13 @@ class TransferStay {
   /// True while any thread stays inside.
   static bool isAnyUnderWay();
 
-  /// Of the list of all stays, which needs no memory but theirs.
-  struct Link {
-    CURLM* multi;
-    Link* next;
-  };
+  // Of the list of all stays, which needs no memory but theirs; for the exit handler.
+  CURLM* const multi;
+  mutable TransferStay* next = nullptr;
 
  private:
   void leave();
 
-  Link _link;
   bool _entered = false;
 };
 

@@ -15,6 +15,7 @@
 #include "orbiq/services/platform/files/BriefLock.h"
 #include "orbiq/services/platform/files/Descriptor.h"
 #include "orbiq/services/platform/files/Directories.h"
+#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq {
 namespace {
@@ -24,31 +25,20 @@ constexpr std::size_t kSizeLimit = 65'536;
 constexpr const char* kLockName = "lock";
 constexpr const char* kSpareName = "spare";
 
-/// Appends a part of a file name: what is neither a small letter nor a digit nor "_" becomes "%"
-/// and two hexadecimal digits, so that different items never have one name, even where the file
-/// system takes capitals and small letters for the same.
-void appendEscaped(std::string& name, std::string_view part) {
-  constexpr char kDigits[] = "0123456789ABCDEF";
-  for (const char character : part) {
-    const auto byte = static_cast<unsigned char>(character);
-    const bool isPlain =
-        (byte >= '0' && byte <= '9') || (byte >= 'a' && byte <= 'z') || byte == '_';
-    if (isPlain) {
-      name += character;
-    } else {
-      name.append({'%', kDigits[byte >> 4], kDigits[byte & 0x0F]});
-    }
-  }
-}
-
+/// An item's file. What is neither a small letter nor a digit nor "_" is escaped, so that different
+/// items never have one name, even where the file system takes capitals and small letters for the
+/// same.
 std::string nameOf(const KeychainQuery& query) {
-  std::string name = "item" + std::to_string(query.itemClass) + ".";
-  appendEscaped(name, query.account.view());
-  name += '.';
-  appendEscaped(name, query.service.view());
-  if (query.accessGroup.isNull()) return name;
-  name += '.';
-  appendEscaped(name, query.accessGroup.view());
+  std::string name = "item" + std::to_string(query.itemClass);
+  const auto isPlain = [](char character) {
+    return isLowerCaseOrDigit(character) || character == '_';
+  };
+  const auto add = [&](const String& part) {
+    appendEscaped(name.append("."), part.view(), isPlain);
+  };
+  add(query.account);
+  add(query.service);
+  if (!query.accessGroup.isNull()) add(query.accessGroup);
   return name;
 }
 
@@ -101,10 +91,7 @@ KeychainStatus readItem(const Descriptor& directory, const std::string& name, st
 
 /// Makes the spare file, with the item in it, and syncs it.
 bool writeSpare(const Descriptor& directory, std::string_view data) {
-  // A writer that was killed may have left one.
-  unlinkat(directory.number(), kSpareName, 0);
-  const Descriptor file(
-      openat(directory.number(), kSpareName, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600));
+  const Descriptor file = createFile(directory.number(), kSpareName);
   const std::string bytes = headerOf(data).append(data);
   if (!file.isOpen() || bytes.size() > kSizeLimit) return false;
   return writeAll(file, bytes) == 0 && fsync(file.number()) == 0;
@@ -121,12 +108,6 @@ KeychainStatus addSpareAs(const Descriptor& directory, const std::string& name) 
     return errSecSuccess;
   }
   return errno == EEXIST ? errSecDuplicateItem : errSecNotAvailable;
-}
-
-KeychainStatus syncDirectory(const Descriptor& directory) {
-  // Some file systems cannot do that to a directory, and say so by EINVAL.
-  const bool isDone = fsync(directory.number()) == 0 || errno == EINVAL;
-  return isDone ? errSecSuccess : errSecNotAvailable;
 }
 
 }  // namespace
@@ -159,7 +140,10 @@ KeychainStatus FileKeychain::change(const KeychainQuery& query, bool makesDirect
   if (!lock.isHeld()) return errSecNotAvailable;
   status = operation(directory, nameOf(query));
   unlinkat(directory.number(), kSpareName, 0);
-  return status == errSecSuccess ? syncDirectory(directory) : status;
+  if (status != errSecSuccess) return status;
+  // Some file systems cannot do that to a directory, and say so by EINVAL.
+  const bool isSynced = fsync(directory.number()) == 0 || errno == EINVAL;
+  return isSynced ? errSecSuccess : errSecNotAvailable;
 } catch (const std::bad_alloc&) {
   return errSecNotAvailable;
 }

@@ -66,21 +66,17 @@ Descriptor openAnew() {
   return Descriptor(open("/proc/self/fd/2", O_WRONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
 }
 
-bool awaitRoom(SteadyClock::time_point deadline) {
-  for (;;) {
-    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
-    pollfd polled{STDERR_FILENO, POLLOUT, 0};
-    const int ready = poll(&polled, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
-    if (ready >= 0 || errno != EINTR) return ready > 0;
-  }
-}
-
 /// Returns how much was written.
 std::size_t write(std::string_view text, SteadyClock::time_point deadline) {
   const Descriptor anew = openAnew();
   const int file = anew.isOpen() ? anew.number() : STDERR_FILENO;
   std::size_t written = 0;
-  while (written < text.size() && awaitRoom(deadline)) {
+  while (written < text.size()) {
+    const auto left = std::chrono::ceil<std::chrono::milliseconds>(deadline - SteadyClock::now());
+    pollfd polled{STDERR_FILENO, POLLOUT, 0};
+    const int ready = poll(&polled, 1, static_cast<int>(std::max<long long>(left.count(), 0)));
+    if (ready < 0 && errno == EINTR) continue;
+    if (ready <= 0) break;
     const std::string_view rest = text.substr(written, PIPE_BUF);
     const ssize_t count = ::write(file, rest.data(), rest.size());
     if (count >= 0) {

@@ -7,7 +7,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <cmath>
 #include <cstdio>
 #include <ctime>
 #include <new>
@@ -46,39 +45,26 @@ class InSink {
   const bool _before;
 };
 
-/// In UTC, without the C library, whose functions for that all take its lock.
-std::tm universalTime(std::time_t time) {
-  const std::chrono::sys_seconds moment{std::chrono::seconds(time)};
-  const auto midnight = std::chrono::floor<std::chrono::days>(moment);
-  const std::chrono::year_month_day date(midnight);
-  const std::chrono::hh_mm_ss clock(moment - midnight);
-  std::tm parts{};
-  parts.tm_year = static_cast<int>(date.year()) - 1900;
-  parts.tm_mon = static_cast<int>(static_cast<unsigned>(date.month())) - 1;
-  parts.tm_mday = static_cast<int>(static_cast<unsigned>(date.day()));
-  parts.tm_hour = static_cast<int>(clock.hours().count());
-  parts.tm_min = static_cast<int>(clock.minutes().count());
-  parts.tm_sec = static_cast<int>(clock.seconds().count());
-  return parts;
-}
-
 std::string prefix(const Date& time) {
-  const double seconds = std::floor(time.secondsSince1970());
-  const auto milliseconds = static_cast<int>((time.secondsSince1970() - seconds) * 1000);
-  const auto whole = static_cast<std::time_t>(seconds);
+  namespace chrono = std::chrono;
+  const auto now = chrono::floor<chrono::milliseconds>(chrono::sys_time<chrono::duration<double>>(
+      chrono::duration<double>(time.secondsSince1970())));
   // In a forked child the lock of the time zone may be held by a thread that is not there.
   const bool isLocal = !inForkedChild();
-  std::tm parts{};
-  if (isLocal) {
-    localtime_r(&whole, &parts);
-  } else {
-    parts = universalTime(whole);
-  }
+  std::tm local{};
+  const std::time_t seconds = chrono::system_clock::to_time_t(now);
+  if (isLocal) localtime_r(&seconds, &local);
+  const auto shown = now + chrono::seconds(local.tm_gmtoff);
+  const auto midnight = chrono::floor<chrono::days>(shown);
+  const chrono::year_month_day date(midnight);
+  const chrono::hh_mm_ss clock(shown - midnight);
+  const auto number = [](auto part) { return static_cast<int>(part.count()); };
   char text[160];
-  std::snprintf(text, sizeof text, "%d-%02d-%02d %02d:%02d:%02d.%03d%s %.40s[%ld:%ld] ",
-                parts.tm_year + 1900, parts.tm_mon + 1, parts.tm_mday, parts.tm_hour, parts.tm_min,
-                parts.tm_sec, milliseconds, isLocal ? "" : "Z", program_invocation_short_name,
-                static_cast<long>(getpid()), syscall(SYS_gettid));
+  std::snprintf(text, sizeof text, "%d-%02u-%02u %02d:%02d:%02d.%03d%s %.40s[%ld:%ld] ",
+                static_cast<int>(date.year()), static_cast<unsigned>(date.month()),
+                static_cast<unsigned>(date.day()), number(clock.hours()), number(clock.minutes()),
+                number(clock.seconds()), number(clock.subseconds()), isLocal ? "" : "Z",
+                program_invocation_short_name, static_cast<long>(getpid()), syscall(SYS_gettid));
   return text;
 }
 

@@ -45,10 +45,12 @@ void LoopDescriptors::raise(bool wanted) {
 
 void LoopDescriptors::setAlarm(std::chrono::nanoseconds time) {
   if (time == _alarmTime) return;
-  const auto seconds = std::chrono::duration_cast<std::chrono::seconds>(time);
   itimerspec setting{};
-  setting.it_value.tv_sec = static_cast<time_t>(seconds.count());
-  setting.it_value.tv_nsec = static_cast<long>((time - seconds).count());
+  if (time != time.max()) {
+    const auto seconds = std::chrono::floor<std::chrono::seconds>(time);
+    setting.it_value.tv_sec = static_cast<time_t>(seconds.count());
+    setting.it_value.tv_nsec = static_cast<long>((time - seconds).count());
+  }
   timerfd_settime(_alarm.number(), TFD_TIMER_ABSTIME, &setting, nullptr);
   _alarmTime = time;
 }

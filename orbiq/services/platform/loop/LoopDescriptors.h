@@ -21,7 +21,8 @@ class LoopDescriptors {
 
   /// Makes the set readable until it is taken back.
   void raise(bool wanted);
-  /// When the set becomes readable, by CLOCK_MONOTONIC; 0 for never. Takes an expiry back.
+  /// When the set becomes readable, by CLOCK_MONOTONIC; the maximum for never. Takes an expiry
+  /// back.
   void setAlarm(std::chrono::nanoseconds time);
   /// Watches a descriptor, or gives it another key. False if the system lacks what that takes at
   /// the moment; what can never be watched is passed over.
@@ -34,7 +35,7 @@ class LoopDescriptors {
   Descriptor _alarm;
   /// What the kernel was last told.
   bool _isRaised = false;
-  std::chrono::nanoseconds _alarmTime{0};
+  std::chrono::nanoseconds _alarmTime = std::chrono::nanoseconds::max();
 };
 
 }  // namespace orbiq

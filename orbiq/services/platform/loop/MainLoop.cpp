@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
-#include <list>
+#include <limits>
 #include <map>
 #include <memory>
 #include <new>
@@ -27,6 +27,11 @@ using Task = std::function<void()>;
 using Callback = TimerTable::Callback;
 using std::chrono::nanoseconds;
 
+constexpr nanoseconds kAtOnce{0};
+constexpr nanoseconds kShortestInterval = std::chrono::microseconds{100};
+/// So far below the clock's range that adding the time since the start of the machine is safe, even
+/// where the kernel's seconds have 32 bits.
+constexpr nanoseconds kLongestInterval = std::chrono::seconds{1'000'000'000};
 constexpr nanoseconds kDescriptorRetry = std::chrono::seconds{1};
 constexpr nanoseconds kLongestWaitAtExit = std::chrono::milliseconds{250};
 /// Added to a watched descriptor's number, so that an event of a closed descriptor is not taken for
@@ -58,21 +63,18 @@ struct MainLoop::State {
   bool processExits ORBIQ_GUARDED_BY(condition) = false;
   int runs ORBIQ_GUARDED_BY(condition) = 0;
 
-  std::list<Task> posted ORBIQ_GUARDED_BY(condition);
-  /// How many were ever posted, and ever taken to be run.
-  std::uint64_t postedCount ORBIQ_GUARDED_BY(condition) = 0;
-  std::uint64_t takenCount ORBIQ_GUARDED_BY(condition) = 0;
-
+  /// What is posted is a timer that has been due since `kAtOnce`.
   TimerTable timers ORBIQ_GUARDED_BY(condition);
 
   std::map<int, Watch> watches ORBIQ_GUARDED_BY(condition);
   std::uint64_t lastKey ORBIQ_GUARDED_BY(condition) = 0;
-  /// When to try again what could not be watched for want of memory; 0 for never.
-  nanoseconds retryAt ORBIQ_GUARDED_BY(condition){0};
+  /// When to try again what could not be watched for want of memory.
+  nanoseconds retryAt ORBIQ_GUARDED_BY(condition) = TimerTable::kNever;
 
   bool openDescriptors() ORBIQ_REQUIRES(condition);
-  void updateEvent() ORBIQ_REQUIRES(condition);
-  void updateAlarm() ORBIQ_REQUIRES(condition);
+  void update() ORBIQ_REQUIRES(condition);
+  TimerId add(nanoseconds now, nanoseconds interval, bool repeats, Task task,
+              TimerId* timer = nullptr);
   void addWatch(int descriptor, const Watch& watch) ORBIQ_REQUIRES(condition);
   void addWatches() ORBIQ_REQUIRES(condition);
   /// After a change that the loop's thread must see: tells it, or starts it.
@@ -90,8 +92,7 @@ struct MainLoop::State {
   }
 
   void runDue(Runner runner);
-  bool takePosted(Runner runner, std::uint64_t limit, Task& task);
-  bool fireNext(Runner runner, nanoseconds limit);
+  bool fireNext(Runner runner, TimerTable::Place from, TimerTable::Place to);
   void runReadable(Runner runner);
 };
 
@@ -99,8 +100,7 @@ bool MainLoop::State::openDescriptors() {
   if (descriptors.areOpen()) return true;
   if (!descriptors.open()) return false;
   addWatches();
-  updateEvent();
-  updateAlarm();
+  update();
   // The library's thread may be waiting without descriptors.
   condition.broadcast();
   return true;
@@ -108,42 +108,29 @@ bool MainLoop::State::openDescriptors() {
 
 void MainLoop::State::addWatch(int descriptor, const Watch& watch) {
   if (!descriptors.areOpen() || descriptors.add(descriptor, watch.key)) return;
-  if (retryAt.count() == 0) retryAt = monotonicNow() + kDescriptorRetry;
+  if (retryAt == TimerTable::kNever) retryAt = monotonicNow() + kDescriptorRetry;
 }
 
 /// Adding one that is there already changes nothing.
 void MainLoop::State::addWatches() {
-  retryAt = nanoseconds{0};
+  retryAt = TimerTable::kNever;
   for (const auto& [descriptor, watch] : watches) addWatch(descriptor, watch);
 }
 
-/// Raises the event, or takes it back, so that the descriptor is readable exactly while something
-/// is to be done.
-void MainLoop::State::updateEvent() {
-  const bool wanted =
-      !posted.empty() || ((adopted || processExits) && threadRuns) || (runs > 0 && stopRequested);
-  if (descriptors.areOpen()) {
-    descriptors.raise(wanted);
-  } else {
-    condition.broadcast();
-  }
-}
-
-/// Sets the alarm to what is due first.
-void MainLoop::State::updateAlarm() {
-  nanoseconds earliest = timers.earliest();
-  if (retryAt.count() != 0 && (earliest.count() == 0 || retryAt < earliest)) earliest = retryAt;
-  if (descriptors.areOpen()) {
-    descriptors.setAlarm(earliest);
-  } else {
-    condition.broadcast();
-  }
+/// Makes the descriptor readable while something is to be done, and else when the next timer is
+/// due.
+void MainLoop::State::update() {
+  if (!descriptors.areOpen()) return condition.broadcast();
+  const nanoseconds due = std::min(timers.earliest(), retryAt);
+  const bool isDue = due <= monotonicNow() || ((adopted || processExits) && threadRuns) ||
+                     (runs > 0 && stopRequested);
+  descriptors.raise(isDue);
+  if (!isDue) descriptors.setAlarm(due);
 }
 
 void MainLoop::State::wakeOrStart() {
   openDescriptors();
-  updateEvent();
-  updateAlarm();
+  update();
   if (adopted || threadRuns || processExits) return;
   threadRuns = startThread("orbiqMainLoop", [this] {
                  onLoopThread = true;
@@ -156,7 +143,7 @@ void MainLoop::State::endWithProcess() {
   const nanoseconds deadline = monotonicNow() + kLongestWaitAtExit;
   const Lock lock(condition);
   processExits = true;
-  updateEvent();
+  update();
   while (threadRuns && !isLibraryThread()) {
     const nanoseconds left = deadline - monotonicNow();
     if (left.count() <= 0) return;
@@ -165,15 +152,8 @@ void MainLoop::State::endWithProcess() {
 }
 
 bool MainLoop::State::mayRun(Runner runner) const {
-  switch (runner) {
-    case Runner::library:
-      return !adopted && !processExits;
-    case Runner::host:
-      return adopted;
-    case Runner::run:
-      return !stopRequested;
-  }
-  return false;
+  if (runner == Runner::run) return !stopRequested;
+  return runner == Runner::host ? adopted : !adopted && !processExits;
 }
 
 void MainLoop::State::leave(Runner runner) {
@@ -184,20 +164,12 @@ void MainLoop::State::leave(Runner runner) {
     --runs;
     stopRequested = false;
   }
-  updateEvent();
+  update();
 }
 
 void MainLoop::State::waitWithoutDescriptors() {
-  if (!posted.empty()) return;
-  nanoseconds longest = nanoseconds::max();
-  if (!watches.empty()) longest = kDescriptorRetry;
-  const nanoseconds earliest = timers.earliest();
-  if (earliest.count() > 0) longest = std::min(longest, earliest - monotonicNow());
-  if (longest == nanoseconds::max()) {
-    condition.wait();
-  } else if (longest.count() > 0) {
-    condition.waitFor(longest);
-  }
+  const nanoseconds left = std::min(timers.earliest() - monotonicNow(), kDescriptorRetry);
+  if (left.count() > 0) condition.waitFor(left);
 }
 
 bool MainLoop::State::await(Runner runner) {
@@ -221,45 +193,36 @@ bool MainLoop::State::await(Runner runner) {
 
 /// Runs what was due at the call; what comes up meanwhile is left, so that it ends.
 void MainLoop::State::runDue(Runner runner) {
-  std::uint64_t limit = 0;
+  constexpr TimerId kLastId = std::numeric_limits<TimerId>::max();
   const nanoseconds now = monotonicNow();
+  TimerId newest = 0;
   {
     const Lock lock(condition);
-    limit = postedCount;
-    if (retryAt.count() != 0 && retryAt <= now) {
+    newest = timers.last();
+    if (retryAt <= now) {
       addWatches();
-      updateAlarm();
+      update();
     }
   }
-  // The task is cleared out here because the end of what it holds may use the loop again.
-  for (Task task; takePosted(runner, limit, task); task = nullptr) runTask(task);
-  while (fireNext(runner, now)) continue;
+  while (fireNext(runner, {kAtOnce, 0}, {kAtOnce, newest})) continue;
+  while (fireNext(runner, {kAtOnce, kLastId}, {now, kLastId})) continue;
   runReadable(runner);
 }
 
-bool MainLoop::State::takePosted(Runner runner, std::uint64_t limit, Task& task) {
-  const Lock lock(condition);
-  if (!mayRun(runner) || takenCount >= limit) return false;
-  task = std::move(posted.front());
-  posted.pop_front();
-  ++takenCount;
-  updateEvent();
-  return true;
-}
-
-bool MainLoop::State::fireNext(Runner runner, nanoseconds limit) {
+bool MainLoop::State::fireNext(Runner runner, TimerTable::Place from, TimerTable::Place to) {
+  // Ends after the lock, because the end of what it holds may use the loop again.
   Callback fire;
   TimerId timer = 0;
   {
     const Lock lock(condition);
-    if (mayRun(runner)) timer = timers.beginFiring(limit, fire);
+    if (mayRun(runner)) timer = timers.beginFiring(from, to, fire);
     if (timer == 0) return false;
-    updateAlarm();
+    update();
   }
   runTask(*fire);
   const Lock lock(condition);
   timers.endFiring(timer, monotonicNow());
-  updateAlarm();
+  update();
   return true;
 }
 
@@ -304,7 +267,7 @@ int MainLoop::adopt() {
   const Lock lock(_state.condition);
   if (!_state.openDescriptors()) return -1;
   _state.adopted = true;
-  _state.updateEvent();
+  _state.update();
   while (_state.threadRuns) _state.condition.wait();
   return _state.descriptors.set();
 }
@@ -318,7 +281,7 @@ void MainLoop::run() {
   {
     const Lock lock(_state.condition);
     ++_state.runs;
-    _state.updateEvent();
+    _state.update();
   }
   _state.runAll(Runner::run);
 }
@@ -327,33 +290,30 @@ void MainLoop::stop() {
   if (isForkedAway()) return;
   const Lock lock(_state.condition);
   _state.stopRequested = true;
-  _state.updateEvent();
+  _state.update();
 }
 
-bool MainLoop::post(std::function<void()> task) try {
-  if (isForkedAway()) return false;
-  std::list<Task> added;
-  added.push_back(std::move(task));
-  const Lock lock(_state.condition);
-  _state.posted.splice(_state.posted.end(), added);
-  ++_state.postedCount;
-  _state.wakeOrStart();
-  return true;
-} catch (const std::bad_alloc&) {
-  return false;
-}
-
-MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats, std::function<void()> fire,
-                                     TimerId* timer) try {
+MainLoop::TimerId MainLoop::State::add(nanoseconds now, nanoseconds interval, bool repeats,
+                                       Task task, TimerId* timer) try {
   if (isForkedAway()) return 0;
-  auto callback = std::make_shared<const Task>(std::move(fire));
-  const Lock lock(_state.condition);
-  const TimerId id = _state.timers.add(monotonicNow(), interval, repeats, std::move(callback));
+  auto callback = std::make_shared<const Task>(std::move(task));
+  const Lock lock(condition);
+  const TimerId id = timers.add(now, interval, repeats, std::move(callback));
   if (timer) *timer = id;
-  _state.wakeOrStart();
+  wakeOrStart();
   return id;
 } catch (const std::bad_alloc&) {
   return 0;
+}
+
+bool MainLoop::post(std::function<void()> task) {
+  return _state.add(kAtOnce, nanoseconds{0}, false, std::move(task)) != 0;
+}
+
+MainLoop::TimerId MainLoop::addTimer(nanoseconds interval, bool repeats, std::function<void()> fire,
+                                     TimerId* timer) {
+  interval = std::clamp(interval, kShortestInterval, kLongestInterval);
+  return _state.add(monotonicNow(), interval, repeats, std::move(fire), timer);
 }
 
 void MainLoop::removeTimer(TimerId timer) {
@@ -362,7 +322,7 @@ void MainLoop::removeTimer(TimerId timer) {
   Callback removed;
   const Lock lock(_state.condition);
   removed = _state.timers.remove(timer);
-  if (removed) _state.updateAlarm();
+  if (removed) _state.update();
 }
 
 bool MainLoop::watch(int descriptor, std::function<void()> readable) try {

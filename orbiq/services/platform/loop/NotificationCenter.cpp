@@ -1,9 +1,10 @@
 #include "orbiq/services/platform/loop/NotificationCenter.h"
 
-#include <cstdint>
+#include <algorithm>
 #include <list>
 #include <new>
 #include <utility>
+#include <vector>
 
 #include "orbiq/services/platform/base/NeverDestroyed.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
@@ -15,7 +16,6 @@ namespace orbiq {
 namespace {
 
 struct Observer {
-  std::uint64_t number;
   const void* token;
   std::string name;
   std::function<void(const Notification&)> call;
@@ -30,23 +30,12 @@ constinit const char* const UIApplicationWillEnterForegroundNotification =
 
 struct NotificationCenter::State {
   Mutex mutex;
-  /// In the order of their addition, which is that of their numbers.
+  /// In the order of their addition.
   Observers observers ORBIQ_GUARDED_BY(mutex);
-  std::uint64_t lastNumber ORBIQ_GUARDED_BY(mutex) = 0;
 
-  std::uint64_t newest() {
+  bool has(const Observers::value_type& observer) {
     const Lock lock(mutex);
-    return lastNumber;
-  }
-  /// The first one of the name behind `number` and not behind `last`; null if there is none.
-  std::shared_ptr<const Observer> next(const std::string& name, std::uint64_t number,
-                                       std::uint64_t last) {
-    const Lock lock(mutex);
-    for (const auto& observer : observers) {
-      if (observer->number > last) break;
-      if (observer->number > number && observer->name == name) return observer;
-    }
-    return nullptr;
+    return std::ranges::find(observers, observer) != observers.end();
   }
 };
 
@@ -61,10 +50,8 @@ NotificationCenter& NotificationCenter::defaultCenter() {
 bool NotificationCenter::addObserver(const void* observer, const std::string& name,
                                      std::function<void(const Notification&)> call) try {
   if (isForkedAway()) return false;
-  const auto made = std::make_shared<Observer>(Observer{0, observer, name, std::move(call)});
-  Observers added{made};
+  Observers added{std::make_shared<const Observer>(Observer{observer, name, std::move(call)})};
   const Lock lock(_state.mutex);
-  made->number = ++_state.lastNumber;
   _state.observers.splice(_state.observers.end(), added);
   return true;
 } catch (const std::bad_alloc&) {
@@ -90,10 +77,16 @@ void NotificationCenter::postNotificationName(const std::string& name,
   if (isForkedAway()) return;
   const Notification notification{name, std::move(object)};
   // Those that are added meanwhile are not told, those that are removed meanwhile neither.
-  const std::uint64_t last = _state.newest();
-  for (auto observer = _state.next(name, 0, last); observer;
-       observer = _state.next(name, observer->number, last)) {
-    runTask([&] { observer->call(notification); });
+  std::vector<std::weak_ptr<const Observer>> told;
+  {
+    const Lock lock(_state.mutex);
+    for (const auto& each : _state.observers) {
+      if (each->name == name) told.push_back(each);
+    }
+  }
+  for (const auto& each : told) {
+    const auto observer = each.lock();
+    if (observer && _state.has(observer)) runTask([&] { observer->call(notification); });
   }
 } catch (const std::bad_alloc&) {
   SystemLog::write(LoggingModeError, "(ERROR) : There is no memory to post a notification");

@@ -45,8 +45,6 @@ struct SerialQueue::State {
   /// Somebody, normally the queue's thread, runs the tasks until there is none.
   bool attended ORBIQ_GUARDED_BY(condition) = false;
   bool closed ORBIQ_GUARDED_BY(condition) = false;
-  /// The queue's thread waits for a task, and nobody has signalled yet.
-  bool idle ORBIQ_GUARDED_BY(condition) = false;
   /// No task has come since `onIdle`.
   bool rested ORBIQ_GUARDED_BY(condition) = false;
 
@@ -71,9 +69,7 @@ struct SerialQueue::State {
     const Lock lock(condition);
     while (tasks.empty()) {
       const bool waits = !closed && !rested && idleTime.count() != 0;
-      idle = waits;
       const bool isOver = !waits || !condition.waitFor(idleTime);
-      idle = false;
       if (isOver && tasks.empty()) {
         rested = waits && !closed && onIdle;
         attended = rested;
@@ -103,18 +99,14 @@ const std::string& SerialQueue::label() const { return _state->label; }
 
 void SerialQueue::async(std::function<void()> task) {
   if (isForkedAway()) return;
-  std::shared_ptr<State> sleeper;
+  const auto state = _state;  // the task may destroy the queue before the signal
   {
-    const Lock lock(_state->condition);
-    _state->tasks.push_back(std::move(task));
-    // A thread that is at work looks for further tasks by itself.
-    if (State::ensureThread(_state) && _state->idle) {
-      _state->idle = false;
-      sleeper = _state;  // the task may destroy the queue before the signal
-    }
+    const Lock lock(state->condition);
+    state->tasks.push_back(std::move(task));
+    State::ensureThread(state);
   }
   // Outside of the lock, or the thread would wake up only to wait for it.
-  if (sleeper) sleeper->condition.signal();
+  state->condition.signal();
 }
 
 void SerialQueue::resume() {

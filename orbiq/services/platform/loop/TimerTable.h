@@ -5,7 +5,6 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <set>
 #include <utility>
 
 namespace orbiq {
@@ -19,37 +18,38 @@ class TimerTable {
   /// lets go of one last does so outside the guard: its end may use the loop again.
   using Callback = std::shared_ptr<const std::function<void()>>;
   using Time = std::chrono::nanoseconds;
+  static constexpr Time kNever = Time::max();
 
   /// A timer that is due one interval from now, and, if it repeats, at the multiples after that.
-  /// Intervals below 0.1 ms are taken as that, those beyond thirty years as thirty years. Throws
-  /// `std::bad_alloc`, and then there is no timer.
+  /// Those due at the same time stand in the order of their addition. Throws `std::bad_alloc`, and
+  /// then there is no timer.
   Id add(Time now, Time interval, bool repeats, Callback fire);
   /// What the timer called, or null for one that has ended.
   Callback remove(Id timer);
-  /// When the next timer is due; 0 if none waits.
-  Time earliest() const { return _schedule.empty() ? Time{0} : _schedule.begin()->first; }
+  /// When the next timer is due; `kNever` if none waits.
+  Time earliest() const { return _timers.empty() ? kNever : _timers.begin()->first.first; }
 
-  /// Takes the timer that is due first, if that is not after `limit`, and what it calls; 0 if there
+  /// The one that was added last.
+  Id last() const { return _last; }
+
+  /// When a timer is due, and which of those that are due at the same time.
+  using Place = std::pair<Time, Id>;
+  /// Takes the first timer from one place to another, both included, and what it calls; 0 if there
   /// is none. It is not due again before its `endFiring`.
-  Id beginFiring(Time limit, Callback& fire);
+  Id beginFiring(Place from, Place to, Callback& fire);
   /// After the call of what was taken. Harmless for a timer that has ended meanwhile.
   void endFiring(Id timer, Time now);
 
  private:
-  using Schedule = std::set<std::pair<Time, Id>>;
   struct Timer {
     Time start;
     Time interval;
-    Time deadline;
     bool repeats;
     Callback fire;
-    /// Its place in the schedule, while its call is in progress: so it needs no memory to go back.
-    Schedule::node_type place = {};
   };
 
-  std::map<Id, Timer> _timers;
-  /// The timers by deadline, except those whose call is in progress.
-  Schedule _schedule;
+  /// The time of one whose call is in progress is `kNever`.
+  std::map<Place, Timer> _timers;
   Id _last = 0;
 };
 

@@ -15,12 +15,6 @@ std::string textOf(const UriTextRangeA& range) {
   return range.first == nullptr ? std::string() : std::string(range.first, range.afterLast);
 }
 
-bool passesUnescaped(char character) {
-  return (character >= 'a' && character <= 'z') || (character >= 'A' && character <= 'Z') ||
-         (character >= '0' && character <= '9') ||
-         std::string_view("-._~").find(character) != std::string_view::npos;
-}
-
 struct FreeParts {
   void operator()(UriUriA* parts) const { uriFreeUriMembersA(parts); }
 };
@@ -56,16 +50,11 @@ std::string Url::textWithoutUser() const {
 
 String percentEscaped(const String& text) {
   if (text.isNull()) return nullptr;
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
   std::string escaped;
-  for (const char character : text.view()) {
-    if (passesUnescaped(character)) {
-      escaped += character;
-    } else {
-      const auto byte = static_cast<unsigned char>(character);
-      escaped += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
-    }
-  }
+  appendEscaped(escaped, text.view(), [](char character) {
+    return isLowerCaseOrDigit(character) || (character >= 'A' && character <= 'Z') ||
+           std::string_view("-._~").find(character) != std::string_view::npos;
+  });
   return escaped;
 }
 

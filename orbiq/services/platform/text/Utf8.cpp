@@ -1,5 +1,8 @@
 #include "orbiq/services/platform/text/Utf8.h"
 
+#include <bit>
+#include <cstdint>
+
 namespace orbiq {
 namespace {
 
@@ -20,26 +23,18 @@ Utf8Character decodeUtf8(std::string_view bytes) noexcept {
   if (lead < 0x80) return {lead, 1, true};
   const Utf8Character malformed{kReplacement, 1, false};
 
-  std::size_t count = 0;
-  char32_t codePoint = 0;
-  char32_t smallest = 0;
-  if ((lead & 0xE0) == 0xC0) {
-    count = 2, codePoint = lead & 0x1F, smallest = 0x80;
-  } else if ((lead & 0xF0) == 0xE0) {
-    count = 3, codePoint = lead & 0x0F, smallest = 0x800;
-  } else if ((lead & 0xF8) == 0xF0) {
-    count = 4, codePoint = lead & 0x07, smallest = 0x10000;
-  } else {
-    return malformed;
-  }
-  if (bytes.size() < count) return malformed;
+  // The lead byte begins with as many ones as the character has bytes.
+  const auto count = static_cast<std::size_t>(std::countl_one(static_cast<std::uint8_t>(lead)));
+  if (count < 2 || count > 4 || bytes.size() < count) return malformed;
+  constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  char32_t codePoint = lead & (0x7FU >> count);
   for (std::size_t i = 1; i < count; ++i) {
     const unsigned next = byteAt(bytes, i);
     if ((next & 0xC0) != 0x80) return malformed;
     codePoint = (codePoint << 6) | (next & 0x3F);
   }
   const bool surrogate = codePoint >= 0xD800 && codePoint <= 0xDFFF;
-  if (codePoint < smallest || codePoint > 0x10FFFF || surrogate) return malformed;
+  if (codePoint < kSmallest[count] || codePoint > 0x10FFFF || surrogate) return malformed;
   return {codePoint, count, true};
 }
 
@@ -83,18 +78,12 @@ void appendUtf8(std::string& text, char32_t codePoint) {
   if (codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
     codePoint = kReplacement;
   }
-  const auto continuation = [codePoint](int shift) {
-    return static_cast<char>(0x80 | ((codePoint >> shift) & 0x3F));
-  };
-  if (codePoint < 0x80) {
-    text += static_cast<char>(codePoint);
-  } else if (codePoint < 0x800) {
-    text += {static_cast<char>(0xC0 | (codePoint >> 6)), continuation(0)};
-  } else if (codePoint < 0x10000) {
-    text += {static_cast<char>(0xE0 | (codePoint >> 12)), continuation(6), continuation(0)};
-  } else {
-    text += {static_cast<char>(0xF0 | (codePoint >> 18)), continuation(12), continuation(6),
-             continuation(0)};
+  // As many bytes behind the lead byte, which begins with a one for each of them and for itself.
+  const int more = (codePoint >= 0x80) + (codePoint >= 0x800) + (codePoint >= 0x10000);
+  const unsigned ones = more == 0 ? 0 : 0x7F80U >> more;
+  text += static_cast<char>(ones | codePoint >> (6 * more));
+  for (int shift = 6 * (more - 1); shift >= 0; shift -= 6) {
+    text += static_cast<char>(0x80 | ((codePoint >> shift) & 0x3F));
   }
 }
 

@@ -16,11 +16,30 @@ constexpr char asciiLowerCase(char character) noexcept {
                                               : character;
 }
 
+/// ASCII only, as well.
+constexpr bool isLowerCaseOrDigit(char character) noexcept {
+  return (character >= 'a' && character <= 'z') || (character >= '0' && character <= '9');
+}
+
 /// True for ASCII's control characters and DEL, by their code.
 constexpr bool isControl(char32_t code) noexcept { return code < 0x20 || code == 0x7F; }
 
 /// The text without them: a header must not be broken in two by a name.
 std::string withoutControlCharacters(std::string text);
+
+/// Appends the bytes, those that are not plain as "%" and two hexadecimal digits.
+template <class IsPlain>
+void appendEscaped(std::string& text, std::string_view bytes, const IsPlain& isPlain) {
+  constexpr std::string_view kDigits = "0123456789ABCDEF";
+  for (const char character : bytes) {
+    if (isPlain(character)) {
+      text += character;
+    } else {
+      const auto byte = static_cast<unsigned char>(character);
+      text += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
+    }
+  }
+}
 
 /// Length in UTF-16 code units. Malformed bytes count one each.
 std::size_t utf16Length(std::string_view text) noexcept;

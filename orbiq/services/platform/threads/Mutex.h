@@ -31,21 +31,14 @@ class ORBIQ_CAPABILITY("mutex") Mutex {
   void lock() ORBIQ_ACQUIRE() { _mutex.lock(); }
   void unlock() ORBIQ_RELEASE() { _mutex.unlock(); }
 
- private:
+ protected:
   std::mutex _mutex;
 };
 
 /// A lock together with the condition that its holders wait for. Waits may end without a signal, so
 /// a waiter loops over what it waits for.
-class ORBIQ_CAPABILITY("mutex") Condition {
+class Condition : public Mutex {
  public:
-  Condition() = default;
-  Condition(const Condition&) = delete;
-  Condition& operator=(const Condition&) = delete;
-
-  void lock() ORBIQ_ACQUIRE() { _mutex.lock(); }
-  void unlock() ORBIQ_RELEASE() { _mutex.unlock(); }
-
   /// Lets go of the lock, sleeps until a signal, takes the lock again.
   void wait() ORBIQ_REQUIRES(this) {
     Borrowed held(_mutex);
@@ -71,7 +64,6 @@ class ORBIQ_CAPABILITY("mutex") Condition {
     std::unique_lock<std::mutex> lock;
   };
 
-  std::mutex _mutex;
   // Not the one for any lock, whose making takes memory.
   std::condition_variable _condition;
 };

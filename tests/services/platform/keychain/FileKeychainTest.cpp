@@ -71,7 +71,7 @@ TEST_F(FileKeychainTest, KeepsItemsApartAndForTheUserAlone) {
       item("1"),
       item("2", ""),
       item("3", "spare"),
-      item("4", "a/../b\n%"),
+      item("4", "a/../B\n%"),
       {.account = "account.service", .service = "", .valueData = "5", .returnData = true},
       {.account = nullptr,
        .service = "lock",
@@ -85,6 +85,8 @@ TEST_F(FileKeychainTest, KeepsItemsApartAndForTheUserAlone) {
     EXPECT_EQ(keychain.add(query), errSecSuccess);
     EXPECT_EQ(keychain.add(query), errSecDuplicateItem);
   }
+  // As earlier versions named it.
+  EXPECT_TRUE(files().contains("item0.account.service.a%2F%2E%2E%2F%42%0A%25"));
   for (const std::string& name : files()) {
     EXPECT_EQ(fs::status(place + "/" + name).permissions(), fs::perms(0600));
   }

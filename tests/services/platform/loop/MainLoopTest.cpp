@@ -81,10 +81,17 @@ TEST(MainLoopTest, TimersOfAnyLengthMayBeRemovedByEachOther) {
   const auto endless = loop().addTimer(nanoseconds::max(), true, [&] { fired += '3'; });
   const auto due = steady_clock::now() + milliseconds{1};
   while (steady_clock::now() < due) continue;  // both are
+  loop().post([&] { fired += 'p'; });          // which may end a timer that is due
   loop().runPending();
-  EXPECT_EQ(fired, "1");
+  EXPECT_EQ(fired, "p1");
   EXPECT_FALSE(isReadable(descriptor));
 
+  const auto zero = loop().addTimer(nanoseconds{0}, true, [&] { fired += '0'; });
+  while (fired.size() < 4 && isReadable(descriptor, -1)) loop().runPending();
+  EXPECT_EQ(fired, "p100");
+  ASSERT_TRUE(isReadable(descriptor, -1));
+  loop().removeTimer(zero);
+  EXPECT_FALSE(isReadable(descriptor));
   loop().removeTimer(endless);
 }
 

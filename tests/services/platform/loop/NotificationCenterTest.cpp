@@ -42,5 +42,18 @@ TEST(NotificationCenterTest, TellsByNameInOrderOnThePostingThread) {
   EXPECT_EQ(told, "bado");
 }
 
+TEST(NotificationCenterTest, WhoIsRemovedWithinItsCallIsNotCalledAgain) {
+  const int remover = 0;
+  int calls = 0;
+  center().addObserver(&remover, "name", [&](const auto&) {
+    if (calls > 0) center().removeObserver(&calls, "name");
+  });
+  center().addObserver(&calls, "name", [&](const auto&) {
+    if (++calls == 1) center().postNotificationName("name");
+  });
+  center().postNotificationName("name");
+  EXPECT_EQ(calls, 1);
+}
+
 }  // namespace
 }  // namespace orbiq

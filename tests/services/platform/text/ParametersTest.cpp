@@ -33,6 +33,8 @@ TEST(Parameters, StandInTheOrderOfTheirKeysEachOnce) {
 }
 
 TEST(MutableString, ChangesOnlyWhatItMadeItself) {
+  // An overlong form, which is three malformed bytes, and a character of two units.
+  EXPECT_EQ(String("\xE0\x80\x80\xF0\x9F\x98\x80").length(), 5U);
   MutableString changing("own");
   const String sharer = changing;
   const String immutable("immutable");
