@@ -14,9 +14,9 @@ bool installExitHandler();
 /// down is in nobody's use. A parked thread sleeps for ever, whatever it was about to do.
 class TransferStay {
  public:
-  /// Parks if the process is exiting. `multi` is what the handler wakes; null if the stay is too
+  /// Parks if the process is exiting. `toWake` is what the handler wakes; null if the stay is too
   /// short to need waking.
-  explicit TransferStay(CURLM* multi);
+  explicit TransferStay(CURLM* toWake);
   /// Parks instead of returning if the process is exiting.
   ~TransferStay();
   TransferStay(const TransferStay&) = delete;

@@ -38,7 +38,7 @@ class TimerTable {
   /// is none. It is not due again before its `endFiring`.
   Id beginFiring(Place from, Place to, Callback& fire);
   /// After the call of what was taken. Harmless for a timer that has ended meanwhile.
-  void endFiring(Id timer, Time now);
+  void endFiring(Id id, Time now);
 
  private:
   struct Timer {
