@@ -43,8 +43,8 @@ class Listing:
         self.at += size
 
     def refs(self, count):
-        return ", ".join(str(self.number(self.at + i * self.ref_size, self.ref_size))
-                         for i in range(count))
+        shown = [str(self.number(self.at + i * self.ref_size, self.ref_size)) for i in range(count)]
+        return ", ".join(shown if count <= WIDTH else shown[:WIDTH] + ["…"])
 
     def object(self, number):
         kind, info = divmod(self.data[self.at], 16)

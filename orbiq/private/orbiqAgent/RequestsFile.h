@@ -37,7 +37,7 @@ class RequestsFile {
   /// Replaces the file by the queue; makes its directory if that has gone. What fails is logged
   /// when the cause changes, and changes nothing else: the next save tries again.
   void save(const std::string& path, const RequestQueue& queue);
-  /// Gives back the memory that only makes the next save faster.
+  /// Gives back the memory of a long queue's archive, which only makes the next save faster.
   void rest() { _archiver.forget(); }
   /// Syncs the last save, unless that was done.
   void sync(const std::string& path);

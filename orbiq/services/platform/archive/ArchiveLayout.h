@@ -11,21 +11,26 @@
 
 namespace orbiq {
 
-/// The bytes of a keyed archive, laid out once, so that no number and no place ever moves:
+/// The bytes of a keyed archive. Each part begins at a fixed byte, and an object keeps its number
+/// and its place while it exists; only the references of the root array move up.
 ///
-///     | UIDs | root array | object table | slots | long objects | places | trailer |
+///     | UIDs | root array | object table | bytes of slots | long objects | places | trailer |
+///                            7 of slot k    160 of slot k                  11 of slot k
 ///
-/// Objects are numbered in that order: the UIDs first, and number n is the UID that leads to entry
-/// n of the object table. A slot is a run of entries, of object numbers and of bytes. Whatever is
-/// encoded together begins a fresh slot and goes on in another one where that is full; the slot is
-/// free again when nothing in it is left. Free numbers lead to "$null", and so do free entries.
+/// Objects are numbered: first a UID for each entry of the object table (object n is the UID that
+/// leads to entry n), then the root array, the object table, and 11 objects for each slot. A slot
+/// owns its part of three rows: entries, places of objects, and bytes (320 where references take
+/// four bytes). Of an object that is too long, only the bytes stand elsewhere.
+///
+/// Each addition or change begins a fresh slot, and takes another when one is full. A slot is free
+/// again once all its entries and objects are. What is free leads to "$null".
 class ArchiveLayout {
  public:
   struct Measure {
-    std::size_t elements;   ///< of the root array, at most; the slots are some more
+    std::size_t elements;   ///< that the root array has room for
     std::size_t longBytes;  ///< for objects that are too long for a slot
   };
-  /// So many bytes are wanted for long objects; 0 if slots or elements are what lacks.
+  /// How many bytes all long objects need; 0 if it is slots, elements or an equal size that lack.
   struct NoRoom {
     std::size_t longBytes = 0;
   };
@@ -38,7 +43,7 @@ class ArchiveLayout {
   static constexpr std::size_t slotsFor(std::size_t elements) {
     return elements + elements / 8 + 16;
   }
-  /// Where things begin. The UIDs do behind the first eight bytes.
+  /// Where things begin. The UIDs begin at byte 8.
   struct Places {
     Places(std::size_t elements, std::size_t refSize);
     std::size_t rootArray;
@@ -76,15 +81,16 @@ class ArchiveLayout {
   PlistRef takeEntry();
   void putEntry(PlistRef entry, PlistRef object);
   PlistRef objectOf(PlistRef entry) const;
-  /// Puts an encoded object somewhere and returns its number. What is for all, any number of
-  /// containers may refer to: it stays, and is nobody's own.
+  /// Puts an encoded object somewhere and returns its number. Any number of containers may refer to
+  /// one that is for all; it is never freed.
   PlistRef place(std::string_view object, bool isForAll = false);
-  /// Writes a container over one; throws `NoRoom` if that is of another size.
+  /// Replaces a container by one of the same size; throws `NoRoom` if it is of another.
   void overwrite(PlistRef placed, std::string_view object);
   void freeEntry(PlistRef entry);
   void freeObject(PlistRef placed);
 
-  /// What an array or a dictionary refers to: entries, by their UIDs, and objects, some its own.
+  /// What an array or a dictionary refers to: entries, by their UIDs, and objects. Its own objects,
+  /// which are not for all, are freed with it.
   struct Refs {
     std::size_t at;
     std::size_t count;

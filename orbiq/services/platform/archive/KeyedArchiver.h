@@ -20,12 +20,12 @@
 
 namespace orbiq {
 
-/// Keeps an array of objects as a keyed archive in the binary property-list container, and takes
-/// note of what comes, goes and changes: each costs the same however long the array is, as the rest
-/// stays where it is (see `ArchiveLayout`). Where there is no room for more, all is encoded anew.
+/// Keeps an array of objects as a keyed archive in the binary property-list container, and edits
+/// its bytes at once when an element comes, goes or changes, without encoding the others (see
+/// `ArchiveLayout`). Without room for that it is no longer whole, and the caller encodes anew.
 ///
-/// One object that is referred to twice is stored once: an entry of the object table that counts
-/// its users. The archive shares what it holds, so that an address stands for one object. Not
+/// One object that is referred to twice is stored once: its entry of the object table counts its
+/// users. The archive keeps it alive, so its address cannot come to mean another object. Not
 /// thread-safe.
 class KeyedArchiver {
  public:
@@ -33,14 +33,13 @@ class KeyedArchiver {
 
   /// Starts a new archive. Throws `std::length_error` beyond 4 GiB.
   void encode(const std::vector<Element>& elements);
-  /// Whether there is an archive of all that it was told since. If not, all other operations do
-  /// nothing, and it wants `encode`.
+  /// Whether the bytes are up to date. If not, nothing but `encode` has an effect.
   bool isWhole() const { return _isWhole && !_holdsMutableText; }
 
   // What fails, for want of room or memory, leaves an archive that is not whole.
   void append(const Element& element);
   void remove(std::size_t index);
-  /// The record at that address, an element or what one refers to, writes other fields now.
+  /// Encodes the record at that address again; no effect if the archive does not have it.
   void change(const void* record);
 
   /// The archive's bytes.
@@ -49,7 +48,7 @@ class KeyedArchiver {
   const ChangedPages& changedPages() const { return _layout->changedPages(); }
   void pagesTaken() { _layout->pagesTaken(); }
 
-  /// Gives back the memory, and all that it holds.
+  /// Drops an archive of more than 16 KiB, to give back its memory.
   void forget();
 
   // For `Archivable::encodeWithCoder`: each writes one field of the object being encoded. Keys must

@@ -15,14 +15,14 @@ namespace orbiq {
 /// watches the descriptor for reading and calls `runPending()` whenever it is readable; a host
 /// without one may call `adopt()` and `run()`.
 ///
-/// Callbacks run one at a time and under no lock of the library, so they may use the loop as they
-/// like, themselves included; an exception that one throws is caught and dropped. Where the process
-/// has no descriptors left, the library's thread runs posts and timers without them. What cannot be
-/// watched for want of descriptors or memory is tried again once a second; where no thread can be
-/// had, everything waits for the next use of the loop. In a forked child nothing runs and nothing
+/// Callbacks run one at a time and under no lock of the library, so they may call any function here
+/// and may remove themselves; an exception that one throws is caught and dropped. Where the process
+/// has no descriptors left, posts and timers still run, on the library's thread. What cannot be
+/// watched for want of descriptors or memory is tried again once a second. If no thread can be
+/// started, the next post, timer or watch tries again. In a forked child nothing runs and nothing
 /// is kept. When the process exits, the library's thread begins nothing more, and the item in
-/// progress has a quarter of a second to end: what the host made before its first use of the loop
-/// is destroyed after that.
+/// progress has a quarter of a second to end; static objects made before the first use of the loop
+/// are destroyed after that.
 class ORBIQ_EXPORT MainLoop {
  public:
   /// The process's one loop. Any thread.
@@ -32,10 +32,10 @@ class ORBIQ_EXPORT MainLoop {
   MainLoop& operator=(const MainLoop&) = delete;
 
   /// Hands the loop to the calling thread's own loop, for good. Returns the descriptor to watch
-  /// (level-triggered, for reading), or -1 if the loop could not be set up (it may be tried again)
-  /// or is the caller itself. Returns when the item in progress on the library's thread has ended,
-  /// so no item may wait for the calling thread; order is kept. A second call returns the same
-  /// descriptor.
+  /// (level-triggered, for reading), or -1 if the loop could not be set up (it may be tried again),
+  /// in a forked child, and on the library's own loop thread. Returns when the item in progress on
+  /// the library's thread has ended, so no item may wait for the calling thread; order is kept. A
+  /// second call returns the same descriptor.
   int adopt();
   /// Runs all that is due, without waiting; what comes up meanwhile waits for the next call. For
   /// the thread that adopted the loop; does nothing before it is adopted.

@@ -14,8 +14,8 @@ namespace orbiq {
 class TimerTable {
  public:
   using Id = std::uint64_t;
-  /// Shared by the table and the firing in progress, so that a timer may remove itself. Whoever
-  /// lets go of one last does so outside the guard: its end may use the loop again.
+  /// Shared by the table and the firing in progress, so that a timer may remove itself. The
+  /// last reference ends outside of the caller's lock: its destructor may use the loop again.
   using Callback = std::shared_ptr<const std::function<void()>>;
   using Time = std::chrono::nanoseconds;
   static constexpr Time kNever = Time::max();
@@ -32,10 +32,11 @@ class TimerTable {
   /// The one that was added last.
   Id last() const { return _last; }
 
-  /// When a timer is due, and which of those that are due at the same time.
+  /// A timer's sort key: when it is due, then its id.
   using Place = std::pair<Time, Id>;
-  /// Takes the first timer from one place to another, both included, and what it calls; 0 if there
-  /// is none. It is not due again before its `endFiring`.
+  /// Begins the firing of the first timer with `from` <= place <= `to`: sets `fire` to what it
+  /// calls and returns its id, or 0 if there is none. A repeating one is not due before its
+  /// `endFiring`.
   Id beginFiring(Place from, Place to, Callback& fire);
   /// After the call of what was taken. Harmless for a timer that has ended meanwhile.
   void endFiring(Id id, Time now);
@@ -48,7 +49,7 @@ class TimerTable {
     Callback fire;
   };
 
-  /// The time of one whose call is in progress is `kNever`.
+  /// A repeating timer whose call is in progress has the time `kNever`; another one has gone.
   std::map<Place, Timer> _timers;
   Id _last = 0;
 };
