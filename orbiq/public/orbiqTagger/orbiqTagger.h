@@ -40,28 +40,28 @@ class ORBIQ_EXPORT orbiqTagger {
 
   /// Free texts. They are kept and returned, and this version sends none of them.
   /// @{
-  orbiq::String theNewLevel1() const { return _newLevels[0]; }
-  void setNewLevel1(orbiq::String level) { _newLevels[0] = std::move(level); }
-  orbiq::String theNewLevel2() const { return _newLevels[1]; }
-  void setNewLevel2(orbiq::String level) { _newLevels[1] = std::move(level); }
-  orbiq::String theNewLevel3() const { return _newLevels[2]; }
-  void setNewLevel3(orbiq::String level) { _newLevels[2] = std::move(level); }
-  orbiq::String theNewLevel4() const { return _newLevels[3]; }
-  void setNewLevel4(orbiq::String level) { _newLevels[3] = std::move(level); }
-  orbiq::String theNewLevel5() const { return _newLevels[4]; }
-  void setNewLevel5(orbiq::String level) { _newLevels[4] = std::move(level); }
-  orbiq::String theNewLevel6() const { return _newLevels[5]; }
-  void setNewLevel6(orbiq::String level) { _newLevels[5] = std::move(level); }
-  orbiq::String theNewLevel7() const { return _newLevels[6]; }
-  void setNewLevel7(orbiq::String level) { _newLevels[6] = std::move(level); }
-  orbiq::String theNewLevel8() const { return _newLevels[7]; }
-  void setNewLevel8(orbiq::String level) { _newLevels[7] = std::move(level); }
-  orbiq::String theNewLevel9() const { return _newLevels[8]; }
-  void setNewLevel9(orbiq::String level) { _newLevels[8] = std::move(level); }
-  orbiq::String theNewLevel10() const { return _newLevels[9]; }
-  void setNewLevel10(orbiq::String level) { _newLevels[9] = std::move(level); }
-  orbiq::String theNewLevel11() const { return _newLevels[10]; }
-  void setNewLevel11(orbiq::String level) { _newLevels[10] = std::move(level); }
+  orbiq::String theNewLevel1() const { return _newLevel1; }
+  void setNewLevel1(orbiq::String level) { _newLevel1 = std::move(level); }
+  orbiq::String theNewLevel2() const { return _newLevel2; }
+  void setNewLevel2(orbiq::String level) { _newLevel2 = std::move(level); }
+  orbiq::String theNewLevel3() const { return _newLevel3; }
+  void setNewLevel3(orbiq::String level) { _newLevel3 = std::move(level); }
+  orbiq::String theNewLevel4() const { return _newLevel4; }
+  void setNewLevel4(orbiq::String level) { _newLevel4 = std::move(level); }
+  orbiq::String theNewLevel5() const { return _newLevel5; }
+  void setNewLevel5(orbiq::String level) { _newLevel5 = std::move(level); }
+  orbiq::String theNewLevel6() const { return _newLevel6; }
+  void setNewLevel6(orbiq::String level) { _newLevel6 = std::move(level); }
+  orbiq::String theNewLevel7() const { return _newLevel7; }
+  void setNewLevel7(orbiq::String level) { _newLevel7 = std::move(level); }
+  orbiq::String theNewLevel8() const { return _newLevel8; }
+  void setNewLevel8(orbiq::String level) { _newLevel8 = std::move(level); }
+  orbiq::String theNewLevel9() const { return _newLevel9; }
+  void setNewLevel9(orbiq::String level) { _newLevel9 = std::move(level); }
+  orbiq::String theNewLevel10() const { return _newLevel10; }
+  void setNewLevel10(orbiq::String level) { _newLevel10 = std::move(level); }
+  orbiq::String theNewLevel11() const { return _newLevel11; }
+  void setNewLevel11(orbiq::String level) { _newLevel11 = std::move(level); }
   /// @}
 
   /// Media fields and a free text. They are kept and returned, and this version sends none of them.
@@ -90,7 +90,17 @@ class ORBIQ_EXPORT orbiqTagger {
   /// @endcond
 
  private:
-  orbiq::String _newLevels[11];
+  orbiq::String _newLevel1;
+  orbiq::String _newLevel2;
+  orbiq::String _newLevel3;
+  orbiq::String _newLevel4;
+  orbiq::String _newLevel5;
+  orbiq::String _newLevel6;
+  orbiq::String _newLevel7;
+  orbiq::String _newLevel8;
+  orbiq::String _newLevel9;
+  orbiq::String _newLevel10;
+  orbiq::String _newLevel11;
   orbiq::String _mediaContentId;
   orbiq::String _mediaDiffMode;
   orbiq::String _mediaChannel;
