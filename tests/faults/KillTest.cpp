@@ -6,6 +6,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -22,6 +23,12 @@
 
 namespace orbiq::test {
 namespace {
+
+/// Without giving way: whoever does may have to wait long on a busy machine.
+void passTime(std::chrono::microseconds time) {
+  const auto end = std::chrono::steady_clock::now() + time;
+  while (std::chrono::steady_clock::now() < end) continue;
+}
 
 /// Tells the test that one more was "added", or that its addition or its removal was "saved" or
 /// "removed". In one piece, whichever thread is killed.
@@ -57,7 +64,7 @@ int addUntilKilled(const std::vector<std::string>& arguments) {
         std::make_shared<Parameters>(Parameters{{"number", std::to_string(number)}}),
         RequestTypeStreaming, SendingModeHost, "ABC", tagger));
     while (orbiqAgent::sharedAgent().statistics().pending > 100) std::this_thread::yield();
-    for (auto spins = random() % 200; spins > 0; --spins) std::this_thread::yield();
+    passTime(std::chrono::microseconds(random() % 100));
   }
 }
 const RoleRegistration kAdd("add-until-killed", addUntilKilled);
@@ -93,7 +100,7 @@ TEST(Kill, LeavesAQueueThatWasThere) {
       };
       const std::uint64_t additions = random() % 40;
       while (told["saved"] < additions && listen()) continue;
-      for (auto spins = random() % 300; spins > 0; --spins) std::this_thread::yield();
+      passTime(std::chrono::microseconds(random() % 300));  // to any moment of a save or a send
       process.kill(SIGKILL);
       while (listen()) continue;
       ASSERT_EQ(process.wait(), 128 + SIGKILL);
