@@ -202,7 +202,7 @@ bool isForkedAway() {
   return firstUser != getpid();
 }
 
-/// What every operation runs in.
+/// Runs an operation. A forked child or a lack of memory gives "not available".
 template <class Operation>
 KeychainStatus guarded(const Operation& operation) try {
   return isForkedAway() ? errSecNotAvailable : operation();

@@ -40,7 +40,8 @@ std::shared_ptr<orbiqAuth> orbiqAuthManager::authForTagger(const TaggerID& tagge
 }
 
 std::shared_ptr<orbiqAuth> orbiqAuthManager::obtainAuth(const TaggerID& tagger) {
-  // Default values are as good: a copy, which is what others get, never says that it holds them.
+  // A stored record is used even if it holds default values: its copies, which others get, never
+  // say that they do.
   if (!stored(tagger)) exchange(tagger);
   return ask(stored(tagger), &orbiqAuth::copy);
 }

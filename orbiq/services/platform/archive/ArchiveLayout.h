@@ -14,12 +14,12 @@ namespace orbiq {
 /// The bytes of a keyed archive. Each part begins at a fixed byte, and an object keeps its number
 /// and its place while it exists; only the references of the root array move up.
 ///
-///     | UIDs | root array | object table | bytes of slots | long objects | places | trailer |
+///     | UIDs | root array | object table | bytes of slots | long objects | offsets | trailer |
 ///                            7 of slot k    160 of slot k                  11 of slot k
 ///
 /// Objects are numbered: first a UID for each entry of the object table (object n is the UID that
 /// leads to entry n), then the root array, the object table, and 11 objects for each slot. A slot
-/// owns its part of three rows: entries, places of objects, and bytes (320 where references take
+/// owns its part of three rows: entries, offsets of objects, and bytes (320 where references take
 /// four bytes). Of an object that is too long, only the bytes stand elsewhere.
 ///
 /// Each addition or change begins a fresh slot, and takes another when one is full. A slot is free
@@ -66,6 +66,8 @@ class ArchiveLayout {
   std::size_t refSize() const { return _refSize; }
   PlistRef entryCount() const { return static_cast<PlistRef>(kSlotEntries * _slots.size()); }
   bool isNearlyFull() const { return _free.size() < _slots.size() / 8; }
+  /// Of long objects, freed ones too: their room is not used again.
+  std::size_t longBytes() const { return _longBytes; }
 
   // The numbers of objects that are always there.
   static constexpr PlistRef kNullUid = 0;

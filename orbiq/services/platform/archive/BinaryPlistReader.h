@@ -8,8 +8,8 @@
 
 namespace orbiq {
 
-/// A number of a property list. As an integer, a real is truncated to a signed one, saturates, and
-/// is 0 if it is no number; integers keep their low 64 bits.
+/// A number of a property list. A real becomes a signed integer: truncated, limited to its range, 0
+/// for NaN. An integer keeps its low 64 bits.
 struct PlistNumber {
   std::uint64_t bits = 0;
   double real = 0;

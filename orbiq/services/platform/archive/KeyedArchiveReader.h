@@ -11,7 +11,7 @@
 
 namespace orbiq {
 
-/// The platform's own; where there are two forms, the mutable one is first.
+/// The platform's own classes. The names begin with the mutable form where there is one.
 extern const ArchivedClass kArchivedArray, kArchivedDictionary, kArchivedDate;
 
 /// Finds its way through a keyed archive: from keys to values, from UIDs to entries, from entries

@@ -39,8 +39,10 @@ bool KeyedArchiver::tryToEncode(const std::vector<Element>& elements,
     _layout->appendElement(objectUid(element));
   }
   // With some room to go on.
-  if (!_layout->isNearlyFull()) return true;
-  measure.elements *= 2;
+  const std::size_t longBytes = _layout->longBytes() + _layout->longBytes() / 4;
+  if (!_layout->isNearlyFull() && longBytes <= measure.longBytes) return true;
+  if (_layout->isNearlyFull()) measure.elements *= 2;
+  measure.longBytes = std::max(measure.longBytes, longBytes);
   return false;
 } catch (const ArchiveLayout::NoRoom& lack) {
   if (lack.longBytes == 0) measure.elements *= 2;
@@ -206,7 +208,7 @@ PlistRef KeyedArchiver::classUid(const ArchivedClass& archivedClass) {
     for (const std::string_view name : archivedClass.names) _values.push_back(nameRef(name));
     const PlistRef chain = placeArray(std::span(_values).subspan(first));
     _values.resize(first);
-    ++_entries[find(&archivedClass)].users;  // it stays
+    ++_entries[find(&archivedClass)].users;  // one more than there are, so that it stays
     assemble({{"$classname", nameRef(archivedClass.name())}, {"$classes", chain}});
   });
 }
@@ -284,8 +286,8 @@ void KeyedArchiver::addField(std::string_view key, PlistRef value) {
   _values.push_back(value);
 }
 
-/// Of a key or of a class's name, the text that stands in the archive once. They come in the same
-/// order again and again.
+/// The number of a key's or a class's name, which stands in the archive once. Names recur in the
+/// same order, so the search begins behind the last one.
 PlistRef KeyedArchiver::nameRef(std::string_view name) {
   for (std::size_t tries = _names.size(); tries > 0; --tries) {
     if (_nextName == _names.size()) _nextName = 0;

@@ -63,7 +63,8 @@ class KeyedArchiver {
  private:
   static constexpr PlistRef kNone = UINT32_MAX;
   static constexpr std::int64_t kSmallIntegers = 4;
-  static constexpr std::size_t kBooleans = 4;  ///< behind them among the constants
+  /// Where the booleans begin in `_constants`; the small integers come first.
+  static constexpr std::size_t kBooleans = 4;
   using Name = std::pair<std::string_view, PlistRef>;
   /// Of the object table.
   struct Entry {

@@ -8,7 +8,8 @@ namespace orbiq {
 /// error number.
 int makeDirectories(const std::string& path);
 
-/// Brings to the disk which files the directory of that one holds. Returns 0 or the error number.
+/// Syncs the directory that holds the path, so that the file's name outlasts a loss of power.
+/// Returns 0 or the error number.
 int syncDirectoryOf(const std::string& path);
 
 }  // namespace orbiq

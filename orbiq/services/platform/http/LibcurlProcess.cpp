@@ -37,9 +37,10 @@ CURLcode initialise() {
 bool& libcurlRanOutOfMemory() noexcept { return memoryRanOut; }
 
 bool prepareHttpForProcess() try {
-  static const bool isPrepared = initialise() == CURLE_OK && installExitHandler()
-                                     ? true
-                                     : throw std::bad_alloc();  // and the next call tries again
+  static const bool isPrepared =
+      initialise() == CURLE_OK && installExitHandler()
+          ? true
+          : throw std::bad_alloc();  // unset, so the next call tries again
   return isPrepared;
 } catch (const std::bad_alloc&) {
   return false;

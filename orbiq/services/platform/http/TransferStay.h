@@ -31,7 +31,8 @@ class TransferStay {
   /// True while any thread stays inside.
   static bool isAnyUnderWay();
 
-  // Of the list of all stays, which needs no memory but theirs; for the exit handler.
+  // For the exit handler: what to wake, and the next stay. The list lives in the stays themselves,
+  // so it needs no other memory.
   CURLM* const multi;
   mutable TransferStay* next = nullptr;
 

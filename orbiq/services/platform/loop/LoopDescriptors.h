@@ -21,8 +21,8 @@ class LoopDescriptors {
 
   /// Makes the set readable until it is taken back.
   void raise(bool wanted);
-  /// When the set becomes readable, by CLOCK_MONOTONIC; the maximum for never. Takes an expiry
-  /// back.
+  /// When the set becomes readable, by CLOCK_MONOTONIC; the maximum for never. Another time than
+  /// before clears an alarm that has gone off.
   void setAlarm(std::chrono::nanoseconds time);
   /// Watches a descriptor, or gives it another key. False if the system lacks what that takes at
   /// the moment; what can never be watched is passed over.

@@ -63,12 +63,12 @@ struct MainLoop::State {
   bool processExits ORBIQ_GUARDED_BY(condition) = false;
   int runs ORBIQ_GUARDED_BY(condition) = 0;
 
-  /// What is posted is a timer that has been due since `kAtOnce`.
+  /// A posted task is kept as a timer that is due at `kAtOnce`.
   TimerTable timers ORBIQ_GUARDED_BY(condition);
 
   std::map<int, Watch> watches ORBIQ_GUARDED_BY(condition);
   std::uint64_t lastKey ORBIQ_GUARDED_BY(condition) = 0;
-  /// When to try again what could not be watched for want of memory.
+  /// When to try again what could not be watched for want of memory; `kNever` if there is nothing.
   nanoseconds retryAt ORBIQ_GUARDED_BY(condition) = TimerTable::kNever;
 
   bool openDescriptors() ORBIQ_REQUIRES(condition);
@@ -117,8 +117,8 @@ void MainLoop::State::addWatches() {
   for (const auto& [descriptor, watch] : watches) addWatch(descriptor, watch);
 }
 
-/// Makes the descriptor readable while something is to be done, and else when the next timer is
-/// due.
+/// Makes the descriptor readable now if something is to be done, or else when the next timer is
+/// due. Without descriptors, wakes who waits.
 void MainLoop::State::update() {
   if (!descriptors.areOpen()) return condition.broadcast();
   const nanoseconds due = std::min(timers.earliest(), retryAt);
@@ -210,7 +210,7 @@ void MainLoop::State::runDue(Runner runner) {
 }
 
 bool MainLoop::State::fireNext(Runner runner, TimerTable::Place from, TimerTable::Place to) {
-  // Ends after the lock, because the end of what it holds may use the loop again.
+  // Declared before the lock, so that it ends after it: its destructor may use the loop.
   Callback fire;
   TimerId timer = 0;
   {
@@ -298,7 +298,8 @@ MainLoop::TimerId MainLoop::State::add(nanoseconds now, nanoseconds interval, bo
   if (isForkedAway()) return 0;
   auto callback = std::make_shared<const Task>(std::move(task));
   const Lock lock(condition);
-  const TimerId id = timers.add(now, interval, repeats, std::move(callback));
+  // A copy: where there is no memory, the task's end comes after the lock, as it may use the loop.
+  const TimerId id = timers.add(now, interval, repeats, callback);
   if (timer) *timer = id;
   wakeOrStart();
   return id;

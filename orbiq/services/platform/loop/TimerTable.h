@@ -29,7 +29,7 @@ class TimerTable {
   /// When the next timer is due; `kNever` if none waits.
   Time earliest() const { return _timers.empty() ? kNever : _timers.begin()->first.first; }
 
-  /// The one that was added last.
+  /// The id that was given out last; that timer may have ended.
   Id last() const { return _last; }
 
   /// A timer's sort key: when it is due, then its id.

@@ -78,7 +78,7 @@ void appendUtf8(std::string& text, char32_t codePoint) {
   if (codePoint > 0x10FFFF || (codePoint >= 0xD800 && codePoint <= 0xDFFF)) {
     codePoint = kReplacement;
   }
-  // As many bytes behind the lead byte, which begins with a one for each of them and for itself.
+  // `more` bytes follow the lead byte, which begins with `more` + 1 ones, or with none for ASCII.
   const int more = (codePoint >= 0x80) + (codePoint >= 0x800) + (codePoint >= 0x10000);
   const unsigned ones = more == 0 ? 0 : 0x7F80U >> more;
   text += static_cast<char>(ones | codePoint >> (6 * more));
