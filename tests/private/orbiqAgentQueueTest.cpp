@@ -36,7 +36,14 @@ std::shared_ptr<orbiqRequest> audienceRequest() {
 }
 
 TEST(AgentQueue, KeepsTheYoungest500InOrder) {
-  const Application application(kNoServer);
+  std::uint64_t pushedOutAtSave = 0;
+  Application application(kNoServer, [&](HostDescription& host, Platform& /*platform*/) {
+    host.logSink = [&, record = host.logSink](const LogLine& line) {
+      record(line);
+      if (line.text.ends_with("Saving requests to cache"))
+        pushedOutAtSave = orbiqAgent::sharedAgent().statistics().pushedOut;
+    };
+  });
   orbiqAgent& agent = orbiqAgent::sharedAgent();
   agent.addRequestToQueue(nullptr);
   for (int number = 0; number < 503; ++number) {
@@ -44,6 +51,7 @@ TEST(AgentQueue, KeepsTheYoungest500InOrder) {
   }
   ASSERT_TRUE(application.log().waitFor("We have now", 503));
   EXPECT_EQ(counts(agent.statistics()), (Counts{503, 0, 0, 0, 0, 3, 0, 0, 500}));
+  EXPECT_EQ(pushedOutAtSave, 2U) << "counted when the file no longer has it";
   const RequestQueue saved = savedRequests();
   ASSERT_EQ(saved.size(), 500U);
   for (std::size_t i = 0; i < saved.size(); ++i) {

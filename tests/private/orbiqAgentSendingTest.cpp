@@ -184,7 +184,7 @@ TEST_F(Road, AMissingAnswerIsTriedAgainWithASignalAMinuteLater) {
   EXPECT_EQ(accounts(), (Counts{2, 2, 0, 0, 0, 0, 0, 0, 0}));
 }
 
-TEST_F(Road, AUserOfTheHostIsNotShown) {
+TEST_F(Road, AUserOfTheHostIsNeitherSentNorShown) {
   std::string host = server.hitServer();
   server.grantHost(host.insert(host.find("127"), "user:secret@"));
   server.answerHits([](const std::string&) { return ""; });
@@ -193,6 +193,7 @@ TEST_F(Road, AUserOfTheHostIsNotShown) {
   ASSERT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
   const std::string shown = server.hitServer() + "ABC: ";
   EXPECT_TRUE(agent().statistics().lastFailure.view().starts_with(shown));
+  EXPECT_EQ(server.server().requests().back().find("Authorization"), std::string::npos);
 }
 
 TEST_F(Road, TheFallbackNeverBecomesAHostName) {

@@ -288,10 +288,13 @@ class RequestsTest(unittest.TestCase):
                         exchange(spare, file)
 
             with concurrent.futures.ThreadPoolExecutor() as pool:
-                pool.submit(rewrite)
-                outcomes = {(code, json.loads(text)["isSettled"]) for code, text, _ in (
-                    inspect(file, "--json") for _ in range(30))}
-                is_done.set()
+                rewriting = pool.submit(rewrite)
+                try:
+                    outcomes = {(code, json.loads(text)["isSettled"]) for code, text, _ in (
+                        inspect(file, "--json") for _ in range(30))}
+                finally:
+                    is_done.set()
+                rewriting.result()
             # It may well say that the file does not stand still.
             self.assertLessEqual(outcomes, {(0, True), (3, False)})
             self.assertEqual(inspect(file)[0], 0)

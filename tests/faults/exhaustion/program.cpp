@@ -14,6 +14,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <functional>
 #include <future>
 #include <memory>
 #include <string>
@@ -60,6 +61,16 @@ struct Receiver {
 const auto receiver = std::make_shared<Receiver>();
 const auto late = std::make_shared<Receiver>();
 std::promise<void> promises[2][3];
+/// Uses the loop when it ends, wherever that is.
+struct LateUser {
+  LateUser() = default;
+  LateUser(const LateUser&) = delete;
+  LateUser& operator=(const LateUser&) = delete;
+  ~LateUser() { MainLoop::mainLoop().removeTimer(0); }
+};
+std::function<void()> posted[] = {
+    [user = std::make_shared<LateUser>()] { promises[0][2].set_value(); },
+    [user = std::make_shared<LateUser>()] { promises[1][2].set_value(); }};
 int lines = 0;
 const orbiq::LogSink sink = [text = kLongText](const auto&) { ++lines; };
 orbiq::LogSink sinks[] = {sink, sink};
@@ -87,7 +98,7 @@ bool loopCalls(bool isWhole) {
     MainLoop::mainLoop().unwatch(descriptor);
     done[1].set_value();
   });
-  accepted[2] = loop.post([&done] { done[2].set_value(); });
+  accepted[2] = loop.post(std::move(posted[isWhole]));
   if (!isWhole) return true;
   for (const int i : {0, 1, 2}) {
     if (!accepted[i]) return false;

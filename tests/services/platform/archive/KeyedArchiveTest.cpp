@@ -1,4 +1,4 @@
-// Archives by other writers, and damaged ones. What we write is judged by RequestsWalk.
+// Archives by other writers, and damaged ones. What we write is mostly judged by RequestsWalk.
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
+#include "orbiq/services/platform/archive/KeyedArchiver.h"
 #include "orbiq/services/platform/archive/KeyedUnarchiver.h"
 #include "orbiq/services/platform/files/AtomicFile.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -32,7 +33,7 @@ struct Item : Archivable {
   std::shared_ptr<Archivable> link;
 
   const ArchivedClass& archivedClass() const override { return kClass; }
-  void encodeWithCoder(KeyedArchiver& /*coder*/) const override {}
+  void encodeWithCoder(KeyedArchiver& coder) const override { coder.encodeString(name, "name"); }
   static std::shared_ptr<Archivable> decode(KeyedUnarchiver& coder) {
     auto item = std::make_shared<Item>();
     item->name = coder.decodeString("name");
@@ -183,6 +184,22 @@ TEST(KeyedArchive, SmallFilesCannotBecomeBig) {
   limitMemory();
   for (const std::size_t hostile : {0U, 1U, 2U}) EXPECT_FALSE(unarchive(archives[hostile]));
   EXPECT_EQ(unarchive(archives[3]).value().size(), 1U);
+}
+
+TEST(KeyedArchive, HasRoomForAnotherLongText) {
+  std::vector<KeyedArchiver::Element> items;
+  const auto add = [&] {
+    const auto item = std::make_shared<Item>();
+    item->name = std::string(1'000 + items.size(), 'x');
+    return items.emplace_back(item);
+  };
+  for (const std::size_t count : {6U, 10U, 25U, 60U}) {
+    while (items.size() < count) add();
+    KeyedArchiver archiver;
+    archiver.encode(items);
+    archiver.append(add());
+    EXPECT_TRUE(archiver.isWhole()) << count;
+  }
 }
 
 std::size_t numberAt(const std::string& bytes, std::size_t at, std::size_t size) {

@@ -115,6 +115,13 @@ TEST(MainLoopTest, AWatchThatEndsWithinTheTurnIsNotCalled) {
   loop().runPending();
   EXPECT_EQ(calls, "e");
   EXPECT_FALSE(isReadable(descriptor));
+  // Closed by its owner without a word, and its number used again.
+  close(readable[0]);
+  ASSERT_EQ(eventfd(1, EFD_CLOEXEC), readable[0]);
+  loop().watch(readable[0], [&] { calls += 'r'; });
+  for (const int bad : {-1, 1'000'000}) loop().watch(bad, [] {});
+  loop().runPending();
+  EXPECT_EQ(calls, "er");
 }
 
 TEST(MainLoopTest, HostIsNeverStarvedAndRunEndsAfterTheItemThatStopsIt) {
