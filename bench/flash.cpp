@@ -65,11 +65,11 @@ int hits(const std::vector<std::string>& arguments) {
   if (!problem.isNull()) throw std::runtime_error(problem.toStdString());
   const std::string path =
       arguments.at(1) + "/flash-" + arguments.at(2) + "-" + arguments.at(3) + ".ser";
-  RequestsFile file;
+  RequestsFile file(path);
   RequestQueue queue;
   Requests requests;
   const auto save = [&] {
-    file.save(path, queue);
+    file.save(queue);
     if (mode == Mode::kSynced) syncFile(path);
   };
   while (queue.size() < depth) queue.push_back(requests.next());
@@ -90,7 +90,7 @@ int hits(const std::vector<std::string>& arguments) {
                       static_cast<double>(count);
   const double written = static_cast<double>(writtenBytes() - before) / static_cast<double>(count);
   // A save that fails says so only in the log.
-  if (file.load(path).size() != depth) throw std::runtime_error("the queue was not saved");
+  if (file.load().size() != depth) throw std::runtime_error("the queue was not saved");
   const auto size = static_cast<double>(std::filesystem::file_size(path));
   const std::uint64_t beforeRemovals = writtenBytes();
   while (mode == Mode::kOrdinary && !queue.empty()) {

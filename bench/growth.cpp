@@ -144,12 +144,12 @@ int added(const std::vector<std::string>& arguments) {
   // queue takes longer to write than one that was written at once.
   SavingThread another("benchSaver", directory + "/another");
   const std::string path = directory + "/another/orbiqCache/requests.ser";
-  RequestsFile file;
+  RequestsFile file(path);
   SerialQueue saver("benchSaver");
   const auto save = [&] {
     saver.async([&] {
       file.added(queue.back());
-      file.save(path, queue);
+      file.save(queue);
     });
   };
   while (queue.size() < depth) {
@@ -201,12 +201,12 @@ int loaded(const std::vector<std::string>& arguments) {
   const std::string path = arguments.at(1) + "/loaded" + arguments.at(2) + ".ser";
   RequestQueue queue;
   for (Requests requests; queue.size() < count;) queue.push_back(requests.next());
-  RequestsFile().save(path, queue);
+  RequestsFile(path).save(queue);
   std::vector<double> times;
   for (std::size_t run = 0; run < kLoads; ++run) {
     queue.clear();
-    RequestsFile file;
-    times.push_back(microseconds([&] { queue = file.load(path); }));
+    RequestsFile file(path);
+    times.push_back(microseconds([&] { queue = file.load(); }));
     if (queue.size() != count) throw std::runtime_error("not all requests were loaded");
   }
   std::printf("%f\n", quantile(times, 0));

@@ -120,7 +120,7 @@ int save(const std::vector<std::string>& arguments) {
   constexpr std::size_t kMostAllocations = 4;  // of a save
   if (!Platform::install({.clock = std::make_shared<EvenClock>()}).isNull()) return 1;
   const std::string path = arguments.at(0) + "/requests.ser";
-  RequestsFile file;
+  RequestsFile file(path);
   RequestQueue queue;
   int number = 0;
   while (number < kDepth) queue.push_back(request(++number));
@@ -129,19 +129,19 @@ int save(const std::vector<std::string>& arguments) {
     queue.pop_front();
     if (isCounted) begin();
     file.removed(0);
-    file.save(path, queue);
+    file.save(queue);
     if (isCounted) end();
     queue.push_back(request(++number));
     if (isCounted) begin();
     file.added(queue.back());
-    file.save(path, queue);
+    file.save(queue);
     if (isCounted) end();
   }
   if (allocations > kMostAllocations * 2 * kPairs) {
     std::cerr << allocations << " allocations for " << 2 * kPairs << " saves\n";
     return 1;
   }
-  return file.load(path).size() == kDepth ? 0 : 1;
+  return file.load().size() == kDepth ? 0 : 1;
 }
 
 /// From the text of an authorization server's answer to the session and the access.

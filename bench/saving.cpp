@@ -50,12 +50,12 @@ class Depth {
     queue.pop_front();
     removal.push_back(microseconds([&] {
       _file.removed(0);
-      _file.save(_path, queue);
+      _file.save(queue);
     }));
     queue.push_back(_requests.next());
     addition.push_back(microseconds([&] {
       _file.added(queue.back());
-      _file.save(_path, queue);
+      _file.save(queue);
     }));
   }
   void encodeWhole() {
@@ -72,8 +72,7 @@ class Depth {
   void writePlainly() {
     renaming.push_back(microseconds([&] { writeAndRename(_path + ".renamed", bytes); }));
     exchanging.push_back(microseconds([&] {
-      if (_plain.replace(_path + ".exchanged", bytes, ChangedPages::all(bytes.size()), false) !=
-          0) {
+      if (_plain.replace(bytes, ChangedPages::all(bytes.size()), false) != 0) {
         throw std::runtime_error("cannot write beside " + _path);
       }
     }));
@@ -86,9 +85,9 @@ class Depth {
  private:
   const std::string _path;
   Requests _requests;
-  RequestsFile _file;
+  RequestsFile _file{_path};
   KeyedArchiver _archiver;
-  AtomicFile _plain;
+  AtomicFile _plain{_path + ".exchanged"};
 };
 
 std::vector<double> divided(const std::vector<double>& dividends,
@@ -145,12 +144,12 @@ struct Encoders {
 /// Milliseconds for so many additions to an empty queue, all of them saved.
 double additionsInARow(const std::string& path, std::size_t count) {
   Requests requests;
-  RequestsFile file;
+  RequestsFile file(path);
   RequestQueue queue;
   return microseconds([&] {
            while (queue.size() < count) {
              file.added(queue.emplace_back(requests.next()));
-             file.save(path, queue);
+             file.save(queue);
            }
          }) /
          1000;

@@ -39,7 +39,7 @@ int leave(const std::vector<std::string>& arguments) {
     auto request = requests.next();
     if (request->requestType() != RequestTypeAudience) queue.push_back(std::move(request));
   }
-  RequestsFile().save(directory + "/requests.ser", queue);
+  RequestsFile(directory + "/requests.ser").save(queue);
   return 0;
 }
 const test::RoleRegistration kLeave("leave", leave);

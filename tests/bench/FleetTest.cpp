@@ -98,7 +98,7 @@ class SideBySide : public testing::TestWithParam<std::uint64_t> {
     }
     const std::string directory = orbiq::libraryDirectory() + "/orbiqCache";
     std::filesystem::create_directories(directory);
-    RequestsFile().save(directory + "/requests.ser", queue);
+    RequestsFile(directory + "/requests.ser").save(queue);
     client.isOffline = false;
     model.restart(client, now);
     settle();

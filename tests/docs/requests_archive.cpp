@@ -16,5 +16,5 @@ int main(int argc, char** argv) {
       orbiq::RequestTypeStreaming, orbiq::SendingModeHost, serial,
       std::make_shared<orbiqTaggerID>(serial, 7, true));
   request->setCreationDate(orbiq::Date::sinceReferenceDate(800000000.5));
-  orbiq::RequestsFile().save(argv[1], {request, std::make_shared<orbiqClearCache>()});
+  orbiq::RequestsFile(argv[1]).save({request, std::make_shared<orbiqClearCache>()});
 }

@@ -44,7 +44,7 @@ TEST(Disk, IsFull) {
     EXPECT_TRUE(application.log().waitFor(line));
     const std::string copy = directory.path() / ("copy " + std::to_string(added));
     fs::copy_file(library + "/orbiqCache/requests.ser", copy);
-    return RequestsFile().load(copy).size();
+    return RequestsFile(copy).load().size();
   };
   std::size_t before = add();
   const std::string filler = library + "/filler";

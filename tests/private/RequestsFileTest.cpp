@@ -31,10 +31,10 @@ struct SavedQueue {
   RequestsFile file;
   RequestQueue queue;
 
-  void save(const std::string& path, std::size_t count) {
+  void save(std::size_t count) {
     for (; queue.size() > count; queue.pop_front()) file.removed(0);
     while (queue.size() < count) file.added(queue.emplace_back(streamingRequest()));
-    file.save(path, queue);
+    file.save(queue);
   }
 };
 
@@ -50,18 +50,18 @@ class RequestsFileTest : public testing::Test {
 TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
   const std::string aside = path + ".unread";
   const auto check = [&](const char* cause, const auto& hinder) {
-    SavedQueue saved;
+    SavedQueue saved{RequestsFile(path)};
     hinder();
-    EXPECT_TRUE(saved.file.load(path).empty()) << cause;
+    EXPECT_TRUE(saved.file.load().empty()) << cause;
     fs::remove_all(lock);
     EXPECT_EQ(application.log().count(std::string("can't be read: ") + cause +
                                       "; before the next save " + path + " becomes " + aside),
               1U);
-    saved.save(path, 1);
-    saved.save(path, 2);
+    saved.save(1);
+    saved.save(2);
     EXPECT_EQ(savedRequests(path).size(), 2U) << cause;
   };
-  EXPECT_TRUE(RequestsFile().load(path).empty());
+  EXPECT_TRUE(RequestsFile(path).load().empty());
   EXPECT_TRUE(application.log().lines().empty()) << "there is no file";
   // Nobody can read its first bytes.
   fs::create_directory(place);
@@ -73,7 +73,7 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
 
   const auto large = streamingRequest();
   large->setSerial(std::string(40U << 20U, 'x'));
-  RequestsFile().save(path, {large});
+  RequestsFile(path).save({large});
   const auto size = fs::file_size(path);
   rlim_t pages = 0;
   std::ifstream("/proc/self/statm") >> pages;
@@ -89,9 +89,9 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
 /// then saves nine.
 const RoleRegistration kUses("use-the-file", [](const std::vector<std::string>& arguments) {
   const Application application("http://127.0.0.1:9/");
-  SavedQueue saved;
-  const std::size_t loaded = saved.file.load(arguments[0]).size();
-  saved.save(arguments[0], 9);
+  SavedQueue saved{RequestsFile(arguments[0])};
+  const std::size_t loaded = saved.file.load().size();
+  saved.save(9);
   std::cout << loaded << (application.log().count(kAnother) != 0 ? " told" : "") << std::endl;
   return pause();
 });
@@ -112,20 +112,20 @@ TEST_F(RequestsFileTest, WhateverBecomesOfTheLockFileOneProcessWrites) {
   };
   std::size_t losses = 0;
   for (const auto& [tamper, savesFirst, printed] : cases) {
-    SavedQueue file;
+    SavedQueue saved{RequestsFile(path)};
     fs::remove_all(place);
-    file.save(path, 2);
+    saved.save(2);
     tamper();
-    if (savesFirst) file.save(path, 3);
+    if (savesFirst) saved.save(3);
     RoleProcess other("use-the-file", {path});
     const std::string line = other.readLine();
     EXPECT_EQ(line, printed);
     const bool isLost = !line.ends_with("told");
-    file.save(path, 3);
+    saved.save(3);
     EXPECT_EQ(savedRequests(path).size(), isLost ? 9U : 3U) << printed;
     other.kill(SIGKILL);
     other.wait();
-    file.save(path, 3);
+    saved.save(3);
     EXPECT_EQ(savedRequests(path).size(), isLost ? 9U : 3U) << "what was lost is not taken over";
     losses += isLost ? 1 : 0;
     EXPECT_EQ(application.log().count(kAnother), losses) << "told once";
@@ -143,8 +143,8 @@ const RoleRegistration kLocks("lock-by-process", [](const std::vector<std::strin
 
 /// Has the file, and ends before a child that was forked.
 const RoleRegistration kForks("fork-and-end", [](const std::vector<std::string>& arguments) {
-  SavedQueue saved;
-  saved.save(arguments[0], 4);
+  SavedQueue saved{RequestsFile(arguments[0])};
+  saved.save(4);
   if (fork() != 0) _exit(0);
   std::cout << getpid() << std::endl;
   return pause();
@@ -155,24 +155,24 @@ TEST_F(RequestsFileTest, TheLockIsTheProcessesAndKnownToEarlierVersions) {
     RoleProcess forking("fork-and-end", {path});
     const pid_t child = std::stoi(forking.readLine());
     EXPECT_EQ(forking.wait(), 0);
-    RequestsFile file;
-    EXPECT_EQ(file.load(path).size(), 4U);
+    RequestsFile file(path);
+    EXPECT_EQ(file.load().size(), 4U);
     kill(child, SIGKILL);
     EXPECT_EQ(RoleProcess("lock-by-process", {lock}).readLine(), std::to_string(EAGAIN));
   }
   RoleProcess earlier("lock-by-process", {lock});
   EXPECT_EQ(earlier.readLine(), "0");
-  EXPECT_TRUE(RequestsFile().load(path).empty());
+  EXPECT_TRUE(RequestsFile(path).load().empty());
   EXPECT_EQ(application.log().count(kAnother), 1U);
 }
 
 TEST_F(RequestsFileTest, IsSyncedAtEachSaveWhereTheHostAsksForIt) {
   EXPECT_EQ(HostApplication::describe({.durability = Durability::PowerLoss}), nullptr);
   fs::create_directory(place);
-  SavedQueue saved;
+  SavedQueue saved{RequestsFile(path)};
   const DiskCalls before = DiskCalls::soFar();
-  for (std::size_t count : {1U, 2U, 3U}) saved.save(path, count);
-  saved.file.sync(path);
+  for (std::size_t count : {1U, 2U, 3U}) saved.save(count);
+  saved.file.sync();
   EXPECT_EQ(DiskCalls::soFar().files, before.files + 3);
   EXPECT_EQ(DiskCalls::soFar().directories, before.directories + 3);
 }

@@ -125,7 +125,7 @@ class Walk {
     const std::size_t fate = _step == 0 ? 2 : draw(20);
     if (fate == 0) fs::remove(_path + ".new"), fs::create_directories(_path + ".new/in the way");
     if (fate == 1) fs::remove(_path), std::ofstream(_path) << "somebody else's";
-    _file.save(_path, _queue);
+    _file.save(_queue);
     if (fate == 0) fs::remove_all(_path + ".new");
     if (fate != 0) _saved = described(_queue);
     const std::string name = _directory.path() / std::to_string(_step++);
@@ -175,7 +175,7 @@ class Walk {
   std::mt19937& _random;
   const TemporaryDirectory _directory;
   const std::string _path = _directory.path() / "requests.ser";
-  RequestsFile _file;
+  RequestsFile _file{_path};
   RequestQueue _queue;
   std::vector<Account> _accounts{Account(0), Account(1), Account(2), Account(3)};
   MutableString _mutable{"changes"};

@@ -20,7 +20,7 @@ TEST_P(Upgrade, AllRequestsAreThere) {
   const TemporaryDirectory directory;
   const std::string path = directory.path() / "requests.ser";
   std::filesystem::copy_file(std::filesystem::path(ORBIQ_SAVED) / GetParam(), path);
-  const RequestQueue queue = RequestsFile().load(path);
+  const RequestQueue queue = RequestsFile(path).load();
   ASSERT_EQ(queue.size(), 3U);
   const orbiqRequest& audience = *queue[0];
   const std::string parameters =

@@ -64,8 +64,8 @@ TEST(AgentQueue, KeepsTheYoungest500InOrder) {
 TEST(AgentQueue, OnlyStreamingRequestsSurviveARestartFollowedByAMarker) {
   Application application(kNoServer);
   const auto late = streamingRequest(SendingModeHost, "late");
-  RequestsFile().save(fileOf(), {audienceRequest(), streamingRequest(),
-                                 std::make_shared<orbiqClearCache>(), audienceRequest()});
+  RequestsFile(fileOf()).save({audienceRequest(), streamingRequest(),
+                               std::make_shared<orbiqClearCache>(), audienceRequest()});
   orbiqAuthManager::manager().setAuthToCache_forKey(
       std::make_shared<orbiqAuth>(nullptr, nullptr, false), late->taggerID());
   orbiqAgent& agent = orbiqAgent::sharedAgent();
@@ -88,7 +88,7 @@ TEST(AgentQueue, ASavedRequestWaitsForItsMinuteAndGoesToItsOwnHost) {
   saved->setLastFail(application.clock().now());
   saved->setShouldRenewSessionAfter(true);  // is not kept
   saved->setAuth(fullAccess(server.hitServer()));
-  RequestsFile().save(fileOf(), {saved});
+  RequestsFile(fileOf()).save({saved});
   orbiqAgent::sharedAgent().addRequestToQueue(streamingRequest());
   ASSERT_TRUE(application.log().waitFor("We have now 3 request(s) to handle"));
   application.clock().advance(60);
@@ -105,7 +105,7 @@ TEST(AgentQueue, OfALongerFileEachFailedHeadIsDropped) {
     saved.push_back(streamingRequest());
     saved.back()->setAuth(fullAccess(""));
   }
-  RequestsFile().save(fileOf(), saved);
+  RequestsFile(fileOf()).save(saved);
   const orbiqAgent& agent = orbiqAgent::sharedAgent();
   ASSERT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection", 4));
   EXPECT_EQ(application.log().count("We have now 500 request(s) to handle"), 1U);

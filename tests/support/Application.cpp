@@ -115,7 +115,7 @@ std::shared_ptr<orbiqRequest> streamingRequest(SendingMode mode, const String& s
 RequestQueue savedRequests(const std::string& path) {
   const std::string copy = path + ".copy";
   std::filesystem::copy_file(path, copy, std::filesystem::copy_options::overwrite_existing);
-  return RequestsFile().load(copy);
+  return RequestsFile(copy).load();
 }
 
 std::vector<std::uint64_t> counts(const Statistics& statistics) {

@@ -86,10 +86,10 @@ struct World {
   }
   /// A queue of one request, which is held as long as what is returned.
   std::unique_ptr<RequestsFile> save(const std::shared_ptr<orbiqRequest>& request) const {
-    auto file = std::make_unique<RequestsFile>();
-    file->load(requests);
+    auto file = std::make_unique<RequestsFile>(requests);
+    file->load();
     file->added(request);
-    file->save(requests, {request});
+    file->save({request});
     return file;
   }
 

@@ -66,7 +66,9 @@ struct orbiqAgent::State {
   void rest();
   void syncAtRest() ORBIQ_REQUIRES(requestsProtector);
   bool append(const orbiq::HandlerWork::Item& item) ORBIQ_REQUIRES(requestsProtector);
-  void dequeue(std::size_t index) ORBIQ_REQUIRES(requestsProtector);
+  /// Returns the place of the next one.
+  orbiq::RequestQueue::iterator dequeue(orbiq::RequestQueue::iterator request)
+      ORBIQ_REQUIRES(requestsProtector);
   void countDequeued(orbiq::HitFate fate, const orbiq::String& failure = {})
       ORBIQ_REQUIRES(requestsProtector);
   template <class IsUnwanted>

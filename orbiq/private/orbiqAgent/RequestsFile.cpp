@@ -43,30 +43,33 @@ constexpr std::array kRequestClasses{&orbiqRequest::kArchivedClass,
 
 }  // namespace
 
-RequestQueue RequestsFile::load(const std::string& path) {
+RequestsFile::RequestsFile(std::string path)
+    : _path(std::move(path)), _lock(_path + ".lock"), _file(_path) {}
+
+RequestQueue RequestsFile::load() {
   int failure = 0;
-  if (auto queue = read(path, failure)) {
+  if (auto queue = read(failure)) {
     _mustMoveAside = false;
     return *std::move(queue);
   }
   if (failure == 0) return {};
   _mustMoveAside = true;
   struct stat status{};
-  if (lstat(path.c_str(), &status) != 0 && errno == ENOENT) return {};
+  if (lstat(_path.c_str(), &status) != 0 && errno == ENOENT) return {};
   warn([&] {
     return "The saved requests can't be read: " + causeOf(failure) + "; before the next save " +
-           path + " becomes " + path + kAsideSuffix;
+           _path + " becomes " + _path + kAsideSuffix;
   });
   return {};
 }
 
-std::optional<RequestQueue> RequestsFile::read(const std::string& path, int& failure) try {
-  if (isHeldByAnotherProcess(path)) return {};
+std::optional<RequestQueue> RequestsFile::read(int& failure) try {
+  if (isHeldByAnotherProcess()) return {};
   if (_lock.state() != FileLock::State::Held) {
     failure = _lock.failure();
     return {};
   }
-  const std::optional<std::string> bytes = readFile(path, kLargestFile, &failure);
+  const std::optional<std::string> bytes = readFile(_path, kLargestFile, &failure);
   if (!bytes) return {};
   const auto requests = KeyedUnarchiver::unarchiveArray(*bytes, kRequestClasses);
   if (!requests) return {};
@@ -80,27 +83,27 @@ std::optional<RequestQueue> RequestsFile::read(const std::string& path, int& fai
   return {};
 }
 
-void RequestsFile::save(const std::string& path, const RequestQueue& queue) {
-  if (isHeldByAnotherProcess(path)) return;
-  int failure = write(path, queue);
-  if (failure == ENOENT && makeDirectories(path.substr(0, path.rfind('/'))) == 0) {
-    if (isHeldByAnotherProcess(path)) return;
-    failure = write(path, queue);
+void RequestsFile::save(const RequestQueue& queue) {
+  if (isHeldByAnotherProcess()) return;
+  int failure = write(queue);
+  if (failure == ENOENT && makeDirectories(_path.substr(0, _path.rfind('/'))) == 0) {
+    if (isHeldByAnotherProcess()) return;
+    failure = write(queue);
   }
-  report(path, failure);
+  report(failure);
 }
 
-int RequestsFile::write(const std::string& path, const RequestQueue& queue) try {
+int RequestsFile::write(const RequestQueue& queue) try {
   // Without the lock, another process may be writing.
   if (_lock.state() != FileLock::State::Held) return _lock.failure();
   if (_mustMoveAside) {
-    if (rename(path.c_str(), (path + kAsideSuffix).c_str()) != 0 && errno != ENOENT) return errno;
+    if (rename(_path.c_str(), (_path + kAsideSuffix).c_str()) != 0 && errno != ENOENT) return errno;
     _mustMoveAside = false;
   }
   if (!_archiver.isWhole()) _archiver.encode({queue.begin(), queue.end()});
   if (_archiver.bytes().size() > kLargestFile) return EFBIG;
   const bool synced = HostApplication::current().durability == Durability::PowerLoss;
-  const int failure = _file.replace(path, _archiver.bytes(), _archiver.changedPages(), synced);
+  const int failure = _file.replace(_archiver.bytes(), _archiver.changedPages(), synced);
   _archiver.pagesTaken();
   if (failure == 0) _isUnsynced = !synced;
   return failure;
@@ -110,32 +113,32 @@ int RequestsFile::write(const std::string& path, const RequestQueue& queue) try 
   return EFBIG;
 }
 
-void RequestsFile::sync(const std::string& path) {
+void RequestsFile::sync() {
   if (!_isUnsynced) return;
   _isUnsynced = false;
   // It says nothing of whether saving works again, or why it does not.
-  const int failure = syncFile(path);
-  if (failure != 0 && _lastFailure == 0) report(path, failure);
+  const int failure = syncFile(_path);
+  if (failure != 0 && _lastFailure == 0) report(failure);
 }
 
-bool RequestsFile::isHeldByAnotherProcess(const std::string& path) {
+bool RequestsFile::isHeldByAnotherProcess() {
   const bool wasHeld = _lock.state() == FileLock::State::Held;
-  if (_lock.hold(path + ".lock") != FileLock::State::HeldByAnother) return false;
+  if (_lock.hold() != FileLock::State::HeldByAnother) return false;
   if (!std::exchange(_saidThatAnotherHasIt, true)) {
     warn([&] {
-      return "Another process of this application has the requests file " + path + "; this one " +
+      return "Another process of this application has the requests file " + _path + "; this one " +
              (wasHeld ? "has lost it" : "starts without it") + " and saves nothing";
     });
   }
   return true;
 }
 
-void RequestsFile::report(const std::string& path, int failure) {
+void RequestsFile::report(int failure) {
   if (failure == _lastFailure) return;
   _lastFailure = failure;
   warn([&] {
-    if (failure == 0) return "The requests are saved again to " + path;
-    return "The requests can't be saved to " + path + ": " + causeOf(failure);
+    if (failure == 0) return "The requests are saved again to " + _path;
+    return "The requests can't be saved to " + _path + ": " + causeOf(failure);
   });
 }
 

@@ -22,10 +22,12 @@ using RequestQueue = std::deque<std::shared_ptr<orbiqRequest>>;
 /// or writes nothing any more. One thread at a time.
 class RequestsFile {
  public:
+  explicit RequestsFile(std::string path);
+
   /// The queue that the file holds; empty, without a word, if there is none or it is no archive. A
   /// file that cannot be locked or read for another reason is an empty queue, too, which is said;
   /// the first save moves it aside.
-  RequestQueue load(const std::string& path);
+  RequestQueue load();
   // What happens to the queue between two saves, in the order in which it happens; nothing else
   // tells the next save what it has to write.
   /// Behind all others.
@@ -36,18 +38,19 @@ class RequestsFile {
 
   /// Replaces the file by the queue; makes its directory if that has gone. What fails is logged
   /// when the cause changes, and changes nothing else: the next save tries again.
-  void save(const std::string& path, const RequestQueue& queue);
+  void save(const RequestQueue& queue);
   /// Gives back the memory of a long queue's archive, which only makes the next save faster.
   void rest() { _archiver.forget(); }
   /// Syncs the last save, unless that was done.
-  void sync(const std::string& path);
+  void sync();
 
  private:
-  std::optional<RequestQueue> read(const std::string& path, int& failure);
-  bool isHeldByAnotherProcess(const std::string& path);
-  int write(const std::string& path, const RequestQueue& queue);
-  void report(const std::string& path, int failure);
+  std::optional<RequestQueue> read(int& failure);
+  bool isHeldByAnotherProcess();
+  int write(const RequestQueue& queue);
+  void report(int failure);
 
+  const std::string _path;
   FileLock _lock;
   KeyedArchiver _archiver;
   AtomicFile _file;

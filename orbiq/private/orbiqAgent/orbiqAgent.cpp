@@ -77,7 +77,6 @@ void orbiqAgent::State::makeParts() {
   }
   {
     const orbiq::Lock lock(requestsProtector);
-    if (!requestsFile) requestsFile.emplace();
     if (!requestQueue) loadRequests();
   }
   observeAndHandleRequests();

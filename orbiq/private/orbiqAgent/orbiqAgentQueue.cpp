@@ -22,11 +22,7 @@ bool isMarker(const orbiqRequest& request) {
 
 std::string requestsDirectory() { return orbiq::libraryDirectory() + "/orbiqCache"; }
 
-const std::string& requestsPath() {
-  // Never destroyed: the sending thread outlives the process's static objects.
-  static const auto* const path = new std::string(requestsDirectory() + "/requests.ser");
-  return *path;
-}
+std::string requestsPath() { return requestsDirectory() + "/requests.ser"; }
 
 void logQueueLength(std::size_t length) {
   orbiqLogger::log_withMode(
@@ -49,7 +45,8 @@ void orbiqAgent::State::loadRequests() {
   std::uint64_t accepted = 0;
   std::uint64_t discarded = 0;
   orbiq::makeDirectories(requestsDirectory());  // what fails here shows at the save
-  for (const auto& request : requestsFile->load(requestsPath())) {
+  if (!requestsFile) requestsFile.emplace(requestsPath());
+  for (const auto& request : requestsFile->load()) {
     const bool isHit = !isMarker(*request);
     if (isHit) ++accepted;
     // Audience requests of an earlier process would be counted too late.
@@ -75,7 +72,7 @@ void orbiqAgent::State::loadRequests() {
 // failed attempt or the network's return, is in the file from the next of these on.
 void orbiqAgent::State::saveRequests() try {
   orbiqLogger::log_withMode("Saving requests to cache", orbiq::LoggingModeInfo);
-  requestsFile->save(requestsPath(), *requestQueue);
+  requestsFile->save(*requestQueue);
 } catch (const std::bad_alloc& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
 }
@@ -91,7 +88,7 @@ void orbiqAgent::State::syncAtRest() {
   const auto survives = [](const auto& request) {
     return !orbiq::SendingRules::isDroppedLate(request->requestType());
   };
-  if (std::ranges::any_of(*requestQueue, survives)) requestsFile->sync(requestsPath());
+  if (std::ranges::any_of(*requestQueue, survives)) requestsFile->sync();
 }
 
 void orbiqAgent::State::addRequestToQueue(std::shared_ptr<orbiqRequest> request) {
@@ -159,19 +156,19 @@ bool orbiqAgent::State::append(const orbiq::HandlerWork::Item& item) try {
   requestQueue->push_back(request);
   numbers.push_back(item.number);
   requestsFile->added(request);
-  if (requestQueue->size() > orbiq::SendingRules::kMostRequests) dequeue(0);
+  if (requestQueue->size() > orbiq::SendingRules::kMostRequests) dequeue(requestQueue->begin());
   return true;
 } catch (const std::bad_alloc& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
   return false;
 }
 
-void orbiqAgent::State::dequeue(std::size_t index) {
-  const auto request = requestQueue->begin() + static_cast<std::ptrdiff_t>(index);
-  requestsFile->removed(index);
-  const auto number = numbers.begin() + static_cast<std::ptrdiff_t>(index);
+orbiq::RequestQueue::iterator orbiqAgent::State::dequeue(orbiq::RequestQueue::iterator request) {
+  const std::ptrdiff_t index = request - requestQueue->begin();
+  requestsFile->removed(static_cast<std::size_t>(index));
+  const auto number = numbers.begin() + index;
   std::rotate(number, number + 1, numbers.end());
-  requestQueue->erase(request);
+  return requestQueue->erase(request);
 }
 
 void orbiqAgent::State::countDequeued(orbiq::HitFate fate, const orbiq::String& failure) {
@@ -182,11 +179,11 @@ void orbiqAgent::State::countDequeued(orbiq::HitFate fate, const orbiq::String& 
 
 template <class IsUnwanted>
 void orbiqAgent::State::removeIf(const IsUnwanted& isUnwanted) {
-  for (std::size_t index = 0; index < requestQueue->size();) {
-    if (isUnwanted(*(*requestQueue)[index])) {
-      dequeue(index);
+  for (auto each = requestQueue->begin(); each != requestQueue->end();) {
+    if (isUnwanted(**each)) {
+      each = dequeue(each);
     } else {
-      ++index;
+      ++each;
     }
   }
 }

@@ -52,15 +52,17 @@ int AtomicFile::Version::noteState() {
   return fstat(_descriptor.number(), &_state) == 0 ? 0 : errno;
 }
 
-int AtomicFile::replace(const std::string& path, std::string_view bytes,
-                        const ChangedPages& changed, bool synced) {
+AtomicFile::AtomicFile(std::string path)
+    : _path(std::move(path)),
+      _name(_path.substr(_path.rfind('/') + 1)),
+      _spareName(_name + ".new") {}
+
+int AtomicFile::replace(std::string_view bytes, const ChangedPages& changed, bool synced) {
   _spare.stale.add(changed);
   _current.stale.add(changed);
-  const bool isOurs = _current.standsAt(AT_FDCWD, path);
+  const bool isOurs = _current.standsAt(AT_FDCWD, _path);
   if (!isOurs) {
-    _name = path.substr(path.rfind('/') + 1);
-    _spareName = _name + ".new";
-    const std::string directory = path.substr(0, path.size() - _name.size());
+    const std::string directory = _path.substr(0, _path.size() - _name.size());
     _directory = Descriptor(open(directory.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC));
     if (!_directory.isOpen()) return errno;
   }
@@ -69,7 +71,7 @@ int AtomicFile::replace(const std::string& path, std::string_view bytes,
     _spare.close();
     return failed;
   }
-  return synced ? syncDirectoryOf(path) : 0;
+  return synced ? syncDirectoryOf(_path) : 0;
 }
 
 int AtomicFile::write(std::string_view bytes, bool mayExchange, bool synced) {

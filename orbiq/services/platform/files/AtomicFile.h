@@ -20,11 +20,12 @@ namespace orbiq {
 /// the file open meanwhile may see it being rewritten. One thread at a time.
 class AtomicFile {
  public:
+  explicit AtomicFile(std::string path);
+
   /// `changed`: the pages in which the bytes differ from those of the last call. `synced`: returns
   /// only when the disk has the bytes. Returns 0 or the error number; then the old file stands, or
   /// the new one, if only the disk's word for it is missing.
-  int replace(const std::string& path, std::string_view bytes, const ChangedPages& changed,
-              bool synced);
+  int replace(std::string_view bytes, const ChangedPages& changed, bool synced);
 
  private:
   /// A file of ours under one of the two names.
@@ -52,9 +53,10 @@ class AtomicFile {
 
   int write(std::string_view bytes, bool mayExchange, bool synced);
 
+  const std::string _path;
+  const std::string _name;
+  const std::string _spareName;
   Descriptor _directory;
-  std::string _name;
-  std::string _spareName;
   Version _current;
   Version _spare;
 };

@@ -15,13 +15,6 @@ namespace {
 
 constexpr int kMostTries = 3;
 
-bool standsAt(const Descriptor& file, const std::string& path) {
-  struct stat opened{};
-  struct stat found{};
-  return file.isOpen() && fstat(file.number(), &opened) == 0 && lstat(path.c_str(), &found) == 0 &&
-         opened.st_dev == found.st_dev && opened.st_ino == found.st_ino;
-}
-
 /// Returns 0 or the error number.
 int tryToLock(const Descriptor& file) {
   struct flock first{};
@@ -61,7 +54,7 @@ struct FileLock::All {
 constinit Mutex FileLock::All::protector;
 constinit FileLock* FileLock::All::first = nullptr;
 
-FileLock::FileLock() {
+FileLock::FileLock(std::string path) : _path(std::move(path)) {
   [[maybe_unused]] static const int error =
       pthread_atfork(All::beforeFork, All::afterFork, All::inForkedChild);
   const Lock guard(All::protector);
@@ -75,25 +68,34 @@ FileLock::~FileLock() {
   *place = _next;
 }
 
-FileLock::State FileLock::hold(const std::string& path) {
+FileLock::State FileLock::hold() {
   if (_state == State::HeldByAnother) return _state;
   // Again after locking: the file may have lost its name in between.
-  for (int tries = 0; !standsAt(_file, path); ++tries) {
+  for (int tries = 0; !hasTheName(); ++tries) {
     if (tries == kMostTries) return fail(EBUSY);
-    if (lock(path) != State::Held) return _state;
+    if (lock() != State::Held) return _state;
   }
   return _state = State::Held;
 }
 
-FileLock::State FileLock::lock(const std::string& path) {
+bool FileLock::hasTheName() const {
+  struct stat found{};
+  return _file.isOpen() && lstat(_path.c_str(), &found) == 0 && found.st_dev == _opened.st_dev &&
+         found.st_ino == _opened.st_ino;
+}
+
+FileLock::State FileLock::lock() {
   const Lock guard(All::protector);  // a child that is forked meanwhile must find what to let go of
-  Descriptor file(open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+  Descriptor file(
+      open(_path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600));
+  struct stat opened{};
   // What is locked already stays so, until it is clear who has the new file.
-  if (!file.isOpen()) return fail(errno);
+  if (!file.isOpen() || fstat(file.number(), &opened) != 0) return fail(errno);
   const int failure = tryToLock(file);
   const bool isHeldByAnother = failure == EAGAIN || failure == EACCES;
   if (failure != 0 && !isHeldByAnother) return fail(failure);
   _file = isHeldByAnother ? Descriptor() : std::move(file);
+  _opened = opened;
   return _state = isHeldByAnother ? State::HeldByAnother : State::Held;
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "orbiq/services/platform/files/Descriptor.h"
@@ -18,7 +20,8 @@ class FileLock {
     Failed,
   };
 
-  FileLock();
+  /// Does not touch the file yet.
+  explicit FileLock(std::string path);
   ~FileLock();
   FileLock(const FileLock&) = delete;
   FileLock& operator=(const FileLock&) = delete;
@@ -28,15 +31,18 @@ class FileLock {
   int failure() const { return _failure; }
   /// Takes the lock, or makes sure that it is still held: where the file of that name is no longer
   /// the one that was locked, the new one is. Never waits. `HeldByAnother` is final.
-  State hold(const std::string& path);
+  State hold();
 
  private:
   struct All;
 
-  State lock(const std::string& path);
+  bool hasTheName() const;
+  State lock();
   State fail(int failure);
 
+  const std::string _path;
   Descriptor _file;
+  struct stat _opened{};  ///< the locked file's
   State _state = State::Untried;
   int _failure = 0;
   FileLock* _next = nullptr;

@@ -25,7 +25,7 @@ class AtomicFileTest : public testing::Test {
     return replace(bytes, ChangedPages::all(bytes.size()));
   }
   std::string replace(const std::string& bytes, const ChangedPages& changed) {
-    const int failure = _file.replace(path, bytes, changed, false);
+    const int failure = _file.replace(bytes, changed, false);
     return failure != 0 ? "error " + std::to_string(failure) : readFile(path, 1U << 20U).value();
   }
   static ino_t inodeOf(const std::string& path) {
@@ -41,7 +41,7 @@ class AtomicFileTest : public testing::Test {
   const std::string spare = path + ".new";
 
  private:
-  AtomicFile _file;
+  AtomicFile _file{path};
 };
 
 TEST_F(AtomicFileTest, WritesOnlyWhatTheLastTwoVersionsChanged) {
@@ -113,7 +113,7 @@ TEST_F(AtomicFileTest, FailsAndRecovers) {
   DiskCalls::failFlushes(false);
   EXPECT_EQ(replace("one six"), "one six");
   const std::string away = directory.path() / "away";
-  EXPECT_EQ(AtomicFile().replace(away + "/file", "bytes", ChangedPages::all(5), false), ENOENT);
+  EXPECT_EQ(AtomicFile(away + "/file").replace("bytes", ChangedPages::all(5), false), ENOENT);
 }
 
 }  // namespace
