@@ -29,7 +29,7 @@ constexpr char kAnother[] = "Another process of this application has the request
 /// A queue of which its file is told.
 struct SavedQueue {
   RequestsFile file;
-  RequestQueue queue;
+  RequestQueue queue = {};
 
   void save(std::size_t count) {
     for (; queue.size() > count; queue.pop_front()) file.removed(0);
