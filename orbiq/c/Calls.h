@@ -28,13 +28,18 @@ orbiq_status guarded(const Call& call) try {
   return ORBIQ_ERROR_SYSTEM;
 }
 
+/// The same for what a forked child cannot do.
+template <class Call>
+orbiq_status unlessForked(const Call& call) {
+  return guarded([&]() -> orbiq_status {
+    return orbiqAgent::isForkedAway() ? orbiq_status{ORBIQ_ERROR_FORKED} : call();
+  });
+}
+
 /// The same for what needs the agent.
 template <class Call>
 orbiq_status withAgent(const Call& call) {
-  return guarded([&]() -> orbiq_status {
-    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
-    return call(orbiqAgent::sharedAgent());
-  });
+  return unlessForked([&] { return call(orbiqAgent::sharedAgent()); });
 }
 
 template <class Table>

@@ -15,7 +15,21 @@
 using orbiq::c::canHold;
 using orbiq::c::giveOut;
 using orbiq::c::guarded;
+using orbiq::c::unlessForked;
 using orbiq::c::withAgent;
+
+namespace {
+
+template <class Obtain>
+orbiq_status giveIdentifier(const Obtain& obtain, char* buffer, size_t capacity, size_t* length) {
+  if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
+  return unlessForked([&]() -> orbiq_status {
+    const orbiq_status status = giveOut(obtain(), buffer, capacity, length);
+    return status == ORBIQ_NONE ? orbiq_status{ORBIQ_ERROR_KEYCHAIN} : status;
+  });
+}
+
+}  // namespace
 
 const char* orbiq_status_text(orbiq_status status) {
   static constexpr std::pair<orbiq_status, const char*> kTexts[] = {
@@ -39,8 +53,7 @@ const char* orbiq_status_text(orbiq_status status) {
 const char* orbiq_version() { return orbiq_iOSVersionString; }
 
 orbiq_status orbiq_post_will_enter_foreground() {
-  return guarded([]() -> orbiq_status {
-    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
+  return unlessForked([]() -> orbiq_status {
     orbiq::NotificationCenter::defaultCenter().postNotificationName(
         orbiq::UIApplicationWillEnterForegroundNotification);
     return ORBIQ_OK;
@@ -94,28 +107,16 @@ orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length
 }
 
 orbiq_status orbiq_device_identifier(char* buffer, size_t capacity, size_t* length) {
-  return guarded([&]() -> orbiq_status {
-    if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
-    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
-    const orbiq::String identifier = orbiqKWDXUUIDHandler::UUID();
-    const orbiq_status status = giveOut(identifier, buffer, capacity, length);
-    return status == ORBIQ_NONE ? ORBIQ_ERROR_KEYCHAIN : status;
-  });
+  return giveIdentifier(orbiqKWDXUUIDHandler::UUID, buffer, capacity, length);
 }
 
 orbiq_status orbiq_device_identifier_replace(char* buffer, size_t capacity, size_t* length) {
-  return guarded([&]() -> orbiq_status {
-    if (!canHold(buffer, capacity)) return ORBIQ_ERROR_ARGUMENT;
-    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
-    const orbiq::String identifier = orbiqKWDXUUIDHandler::storeUUID(true);
-    const orbiq_status status = giveOut(identifier, buffer, capacity, length);
-    return status == ORBIQ_NONE ? ORBIQ_ERROR_KEYCHAIN : status;
-  });
+  return giveIdentifier([] { return orbiqKWDXUUIDHandler::storeUUID(true); }, buffer, capacity,
+                        length);
 }
 
 orbiq_status orbiq_device_identifier_reset() {
-  return guarded([]() -> orbiq_status {
-    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
+  return unlessForked([]() -> orbiq_status {
     orbiqKWDXUUIDHandler::reset();
     // The reset itself only logs its failure.
     orbiq::Keychain* const keychain = orbiq::Platform::currentKeychain();
@@ -134,9 +135,8 @@ orbiq_status orbiq_device_identifier_set_access_group(const char* accessGroup) {
 }
 
 orbiq_status orbiq_main_loop_adopt(int* descriptor) {
-  return guarded([&]() -> orbiq_status {
-    if (descriptor == nullptr) return ORBIQ_ERROR_ARGUMENT;
-    if (orbiqAgent::isForkedAway()) return ORBIQ_ERROR_FORKED;
+  if (descriptor == nullptr) return ORBIQ_ERROR_ARGUMENT;
+  return unlessForked([&]() -> orbiq_status {
     *descriptor = orbiq::MainLoop::mainLoop().adopt();
     return *descriptor < 0 ? ORBIQ_ERROR_SYSTEM : ORBIQ_OK;
   });
