@@ -31,7 +31,7 @@ bool KeyedArchiver::tryToEncode(const std::vector<Element>& elements,
   *this = {};
   _layout.emplace(measure);
   _entries.resize(_layout->entryCount());
-  _lists.assign(std::bit_floor(_entries.size()), kNone);
+  _lists.assign(std::bit_ceil(_entries.size()), kNone);
   _object = PlistObjects(_layout->refSize());
   placeFrame();
   for (const Element& element : elements) {
