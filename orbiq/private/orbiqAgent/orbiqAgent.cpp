@@ -11,6 +11,7 @@
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/base/UntilDone.h"
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
 #include "orbiq/services/platform/log/InLogSink.h"
@@ -59,11 +60,11 @@ void orbiqAgent::State::makeParts() {
   orbiq::prepareHttpForProcess();
   orbiq::armForkGuard();
   // Before the sender stops. What waits longer than the process's exit would hold it up.
-  const auto endWaits = [] {
-    if (!orbiq::inForkedChild()) ofProcess().ledger.endWaits();
-  };
-  static bool isTold = false;
-  isTold = isTold || std::atexit(endWaits) == 0;
+  const bool isTold = orbiq::untilDone([] {
+    return std::atexit([] {
+             if (!orbiq::inForkedChild()) ofProcess().ledger.endWaits();
+           }) == 0;
+  });
   if (!isTold) throw std::bad_alloc();
 
   if (!reachability) reachability = orbiqReachability::reachabilityForInternetConnection();

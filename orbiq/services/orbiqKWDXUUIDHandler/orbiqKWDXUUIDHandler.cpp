@@ -1,7 +1,5 @@
 #include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
 
-#include <cxxabi.h>
-
 #include <exception>
 #include <string>
 
@@ -12,6 +10,7 @@
 #include "orbiq/services/platform/log/ForkedAway.h"
 #include "orbiq/services/platform/log/SystemLog.h"
 #include "orbiq/services/platform/text/Utf8.h"
+#include "orbiq/services/platform/threads/Thread.h"
 
 using enum orbiq::KeychainStatus;
 using orbiq::Keychain;
@@ -36,16 +35,12 @@ State& state() {
 
 /// Calls the keychain, which may be the host's: what it throws ends here.
 template <class Call>
-auto ask(const Call& call) -> decltype(call(*Platform::currentKeychain())) {
-  try {
-    Keychain* const keychain = Platform::currentKeychain();
-    if (keychain == nullptr) return {errSecNotAvailable};
-    return call(*keychain);
-  } catch (const abi::__forced_unwind&) {
-    throw;  // the caller's thread was cancelled
-  } catch (...) {
-    return {errSecNotAvailable};
-  }
+auto ask(const Call& call) {
+  decltype(call(*Platform::currentKeychain())) answer{errSecNotAvailable};
+  orbiq::runTask([&] {
+    if (Keychain* const keychain = Platform::currentKeychain()) answer = call(*keychain);
+  });
+  return answer;
 }
 
 KeychainMatch lookUp(const KeychainQuery& query) {

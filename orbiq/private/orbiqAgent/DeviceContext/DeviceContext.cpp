@@ -1,7 +1,5 @@
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
 
-#include <cxxabi.h>
-
 #include <cmath>
 #include <cstdint>
 #include <string>
@@ -10,6 +8,7 @@
 #include "orbiq/services/platform/base/OfThisThread.h"
 #include "orbiq/services/platform/base/Random.h"
 #include "orbiq/services/platform/text/Utf8.h"
+#include "orbiq/services/platform/threads/Thread.h"
 
 namespace orbiq {
 namespace {
@@ -43,12 +42,9 @@ String DeviceContext::appleDID() {
     return nullptr;
   }
   String identifier;
-  try {
-    // No tracking preference is consulted and nothing stands in for a missing identifier: meant.
-    identifier = advertisingIdentifier().copy();
-  } catch (const abi::__forced_unwind&) {
-    throw;  // its thread was cancelled
-  } catch (...) {
+  // No tracking preference is asked for, and nothing stands in for a missing identifier, on
+  // purpose.
+  if (!runTask([&] { identifier = advertisingIdentifier().copy(); })) {
     orbiqLogger::log_withMode("The advertising identifier's provider threw an exception",
                               LoggingModeError);
     return nullptr;

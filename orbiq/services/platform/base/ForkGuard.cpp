@@ -3,7 +3,8 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <new>
+
+#include "orbiq/services/platform/base/UntilDone.h"
 
 namespace orbiq {
 namespace {
@@ -20,13 +21,8 @@ void beginInForkedChild() {
 
 }  // namespace
 
-bool watchForks() try {
-  static const bool areWatched = pthread_atfork(nullptr, nullptr, beginInForkedChild) == 0
-                                     ? true
-                                     : throw std::bad_alloc();  // and the next call tries again
-  return areWatched;
-} catch (const std::bad_alloc&) {
-  return false;
+bool watchForks() {
+  return untilDone([] { return pthread_atfork(nullptr, nullptr, beginInForkedChild) == 0; });
 }
 
 std::uint32_t forkCount() noexcept { return forks.load(std::memory_order_relaxed); }

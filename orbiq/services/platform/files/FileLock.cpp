@@ -7,6 +7,7 @@
 
 #include <utility>
 
+#include "orbiq/services/platform/base/UntilDone.h"
 #include "orbiq/services/platform/files/Descriptor.h"
 #include "orbiq/services/platform/threads/Mutex.h"
 
@@ -55,8 +56,8 @@ constinit Mutex FileLock::All::protector;
 constinit FileLock* FileLock::All::first = nullptr;
 
 FileLock::FileLock(std::string path) : _path(std::move(path)) {
-  [[maybe_unused]] static const int error =
-      pthread_atfork(All::beforeFork, All::afterFork, All::inForkedChild);
+  untilDone(
+      [] { return pthread_atfork(All::beforeFork, All::afterFork, All::inForkedChild) == 0; });
   const Lock guard(All::protector);
   _next = std::exchange(All::first, this);
 }

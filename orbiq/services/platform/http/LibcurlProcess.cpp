@@ -6,8 +6,8 @@
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
-#include <new>
 
+#include "orbiq/services/platform/base/UntilDone.h"
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/http/TransferStay.h"
 
@@ -36,14 +36,8 @@ CURLcode initialise() {
 
 bool& libcurlRanOutOfMemory() noexcept { return memoryRanOut; }
 
-bool prepareHttpForProcess() try {
-  static const bool isPrepared =
-      initialise() == CURLE_OK && installExitHandler()
-          ? true
-          : throw std::bad_alloc();  // unset, so the next call tries again
-  return isPrepared;
-} catch (const std::bad_alloc&) {
-  return false;
+bool prepareHttpForProcess() {
+  return untilDone([] { return initialise() == CURLE_OK && installExitHandler(); });
 }
 
 }  // namespace orbiq

@@ -1,6 +1,5 @@
 #include "orbiq/services/platform/log/SystemLog.h"
 
-#include <cxxabi.h>
 #include <errno.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -16,6 +15,7 @@
 #include "orbiq/services/platform/log/InLogSink.h"
 #include "orbiq/services/platform/log/StandardError.h"
 #include "orbiq/services/platform/threads/ProcessExit.h"
+#include "orbiq/services/platform/threads/Thread.h"
 #include "orbiq/services/platform/time/Clock.h"
 
 namespace orbiq {
@@ -83,14 +83,11 @@ void SystemLog::write(LoggingMode mode, std::string_view text) {
   // The host's teardown may have destroyed what the sink needs.
   if (currentSink.load(std::memory_order_acquire) && isProcessExiting()) return;
   if (const LogSink* const sink = currentSink.load(std::memory_order_acquire)) {
-    try {
+    const bool isDone = runTask([&] {
       const InSink mark;
       (*sink)(LogLine{mode, text, now});
-    } catch (const abi::__forced_unwind&) {
-      throw;  // the sink's thread was cancelled
-    } catch (...) {
-      print("(ERROR) : The log sink threw an exception", now);
-    }
+    });
+    if (!isDone) print("(ERROR) : The log sink threw an exception", now);
   } else {
     print(text, now);
   }

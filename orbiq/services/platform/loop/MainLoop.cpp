@@ -13,6 +13,7 @@
 
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/base/UntilDone.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
 #include "orbiq/services/platform/loop/LoopDescriptors.h"
 #include "orbiq/services/platform/loop/TimerTable.h"
@@ -252,13 +253,7 @@ MainLoop::MainLoop(State& state) : _state(state) { armForkGuard(); }
 MainLoop& MainLoop::mainLoop() {
   static NeverDestroyed<State> state;
   static MainLoop loop(*state);
-  try {
-    static const bool isRegistered =
-        std::atexit([] { loop._state.endWithProcess(); }) == 0 ? true : throw std::bad_alloc();
-    static_cast<void>(isRegistered);
-  } catch (const std::bad_alloc&) {
-    // The next call tries again.
-  }
+  untilDone([] { return std::atexit([] { loop._state.endWithProcess(); }) == 0; });
   return loop;
 }
 

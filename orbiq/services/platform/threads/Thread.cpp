@@ -1,6 +1,5 @@
 #include "orbiq/services/platform/threads/Thread.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -86,14 +85,5 @@ int startThread(const std::string& label, std::function<void()> body, WorkKind k
 }
 
 bool isLibraryThread() noexcept { return libraryThread; }
-
-void runTask(const std::function<void()>& task) {
-  try {
-    if (task) task();
-  } catch (const abi::__forced_unwind&) {
-    throw;
-  } catch (...) {
-  }
-}
 
 }  // namespace orbiq

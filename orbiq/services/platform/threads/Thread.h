@@ -1,5 +1,7 @@
 #pragma once
 
+#include <cxxabi.h>
+
 #include <functional>
 #include <string>
 
@@ -17,8 +19,17 @@ int startThread(const std::string& label, std::function<void()> body,
 /// True on a thread that `startThread` made.
 bool isLibraryThread() noexcept;
 
-/// Calls the task, if there is one. What it throws ends here: one task must not take the thread, or
-/// the tasks behind it, along. Only the end of a thread of the host's, which was cancelled, passes.
-void runTask(const std::function<void()>& task);
+/// Calls a task, or what the host gave. What it throws ends here, and the answer is false: one task
+/// must not take the thread, or the tasks behind it, along. Only the end of a thread of the host's,
+/// which was cancelled, passes.
+template <class Task>
+bool runTask(const Task& task) try {
+  task();
+  return true;
+} catch (const abi::__forced_unwind&) {
+  throw;
+} catch (...) {
+  return false;
+}
 
 }  // namespace orbiq
