@@ -19,7 +19,7 @@ foreach(file ${files})
   endif()
   # The directories that are the project's alone.
   cmake_path(GET file PARENT_PATH directory)
-  while(directory MATCHES "/(include|cmake|dist-packages)/orbiq(/|$)")
+  while(directory MATCHES "/((include|cmake|dist-packages)/orbiq|doc/liborbiq-doc)(/|$)")
     list(APPEND directories ${directory})
     cmake_path(GET directory PARENT_PATH directory)
   endwhile()

@@ -123,15 +123,17 @@ ORBIQ_EXPORT orbiq_status orbiq_host_set_log_sink(orbiq_host* host, orbiq_log_si
 ORBIQ_EXPORT orbiq_status orbiq_host_set_advertising_identifier(
     orbiq_host* host, orbiq_advertising_identifier identifier, void* context);
 
-/// Puts the description in force. The last accepted one before the first tagger, statistics or
-/// device identifier counts; a later one is refused. The buffer, which may be null, gets the reason
-/// of a refusal or the status's text, cut if need be, and an empty text on success.
+/// Puts the description in force. The last accepted one before the first use of a tagger, the
+/// statistics, a flush or the device identifier counts; a later one is refused. The buffer, which
+/// may be null, gets the reason of a refusal or the status's text, cut if need be, and an empty
+/// text on success.
 ORBIQ_EXPORT orbiq_status orbiq_host_describe(const orbiq_host* host, char* reason,
                                               size_t capacity);
 
 /// Takes the log sink away for good: later lines go to standard error. Returns when no call of it
 /// is in progress, so it must not be called by a sink. To be called before what the sink needs goes
-/// away, an interpreter for instance. Does nothing if there is none.
+/// away, an interpreter for instance. Where there is none, it keeps
+/// the sinks of later descriptions away as well.
 ORBIQ_EXPORT orbiq_status orbiq_remove_log_sink(void);
 
 // ---- Taggers ------------------------------------------------------------------------------------
@@ -168,7 +170,8 @@ ORBIQ_EXPORT orbiq_status orbiq_tagger_set_text(orbiq_tagger* tagger, orbiq_tagg
 /// The text that was set, or the serial.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_get_text(const orbiq_tagger* tagger, orbiq_tagger_text which,
                                                 char* buffer, size_t capacity, size_t* length);
-/// Whether each hit carries the advertising identifier; true at first.
+/// Whether each hit's parameters hold the advertising identifier; true at first. They are saved and
+/// logged, and this version sends none of them.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_use_idfa(orbiq_tagger* tagger, bool use);
 /// The setting, in `*use`.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_get_use_idfa(const orbiq_tagger* tagger, bool* use);
@@ -196,7 +199,7 @@ typedef struct orbiq_statistics {
   uint64_t sent;                          ///< answered with status 200
   uint64_t refused;                       ///< refused by their access
   uint64_t answered_with_another_status;  ///< never tried again
-  uint64_t given_up;                      ///< invalid or without a URL
+  uint64_t given_up;                      ///< invalid, without a URL or lost for want of memory
   uint64_t pushed_out;                    ///< the oldest of a full queue
   uint64_t discarded_at_start;            ///< audience requests of an earlier process
   uint64_t discarded_at_network_return;   ///< audience requests that waited for the network
@@ -211,7 +214,7 @@ typedef struct orbiq_statistics {
 /// what it knows, and zero for what the library does not: pass `sizeof(orbiq_statistics)`. Makes
 /// the agent if there is none yet, as the two that follow do.
 ORBIQ_EXPORT orbiq_status orbiq_get_statistics(orbiq_statistics* statistics, size_t size);
-/// Why the last hit that failed did; none before the first failure.
+/// Why the last hit that failed did, or why all wait; none before the first failure.
 ORBIQ_EXPORT orbiq_status orbiq_last_failure(char* buffer, size_t capacity, size_t* length);
 /// The same as one JSON object; see `orbiq::Statistics::json`.
 ORBIQ_EXPORT orbiq_status orbiq_statistics_json(char* buffer, size_t capacity, size_t* length);

@@ -18,7 +18,8 @@ namespace orbiq {
 /// the application, by its bundle identifier; one with a group to all applications of the user that
 /// name the group.
 ///
-/// Any thread. Each call waits for the daemon, at most as long as D-Bus does. In a process that was
+/// Any thread. Each call waits for the daemon, at most as long as D-Bus does, and an addition up
+/// to half a minute for another process's. In a process that was
 /// forked after the first call it answers `errSecNotAvailable`.
 ORBIQ_EXPORT std::shared_ptr<Keychain> makeSecretServiceKeychain();
 

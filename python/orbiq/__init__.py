@@ -7,7 +7,7 @@
     orbiq.Tagger("ABC").send_hit()  # returns at once
     orbiq.flush(5)                  # only where the process ends soon
 
-Everything may be called from any thread. What goes wrong is raised as `Error`. The library's log goes
+Everything may be called from any thread, the device identifier from one at a time. What goes wrong is raised as `Error`. The library's log goes
 to the logger "orbiq" of the module `logging` from `describe` on, and to standard error before.
 """
 
@@ -167,7 +167,9 @@ class Tagger:
 
     @property
     def use_idfa(self) -> bool:
-        """Whether each hit carries the advertising identifier; true at first."""
+        """Whether each hit's parameters hold the advertising identifier; true at first.
+
+        They are saved and logged, and this version sends none of them."""
         use = c_bool()
         _check(_library.orbiq_tagger_get_use_idfa(self._handle, byref(use)))
         return use.value
@@ -206,7 +208,7 @@ class Statistics:
     additions_waiting_high_water: int
     #: Seconds since 1970 (UTC); 0 before the first success.
     last_success: float
-    #: Why the last hit that failed did; None before the first failure.
+    #: Why the last hit that failed did, or why all wait; None before the first failure.
     last_failure: str | None
 
 

@@ -71,6 +71,8 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
   check("Is a directory", [&] { fs::create_directory(lock); });
   EXPECT_EQ(savedRequests(aside).size(), 2U);
 
+  check("File too large", [&] { fs::resize_file(path, (64U << 20U) + 1); });
+
   const auto large = streamingRequest();
   large->setSerial(std::string(40U << 20U, 'x'));
   RequestsFile(path).save({large});
@@ -108,6 +110,7 @@ TEST_F(RequestsFileTest, WhateverBecomesOfTheLockFileOneProcessWrites) {
       {[&] { fs::remove_all(place); }, false, "0"},
       {touch, false, "0 told"},
       {[&] { fs::remove(lock); }, true, "0 told"},
+      {DiskCalls::failNextLook, true, "0 told"},
       {[&] { fs::remove_all(place); }, true, "0 told"},
   };
   std::size_t losses = 0;

@@ -1,6 +1,7 @@
 #include "tests/support/DiskCalls.h"
 
 #include <errno.h>
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <unistd.h>
@@ -17,6 +18,7 @@ namespace {
 Condition& changed = *new Condition;
 DiskCalls calls ORBIQ_GUARDED_BY(changed);
 std::atomic<bool> flushesFail = false;
+std::atomic<bool> nextLookFails = false;
 
 int sync(long number, int file) {
   const long result = syscall(number, file);
@@ -49,6 +51,7 @@ bool DiskCalls::waitForFiles(std::size_t count) {
 }
 
 void DiskCalls::failFlushes(bool fail) { flushesFail = fail; }
+void DiskCalls::failNextLook() { nextLookFails = true; }
 
 }  // namespace orbiq::test
 
@@ -57,6 +60,13 @@ void DiskCalls::failFlushes(bool fail) { flushesFail = fail; }
 
 ORBIQ_REPLACES int fsync(int file) { return orbiq::test::sync(SYS_fsync, file); }
 ORBIQ_REPLACES int fdatasync(int file) { return orbiq::test::sync(SYS_fdatasync, file); }
+ORBIQ_REPLACES int lstat(const char* name, struct stat* status) noexcept {
+  if (!orbiq::test::nextLookFails.exchange(false)) {
+    return fstatat(AT_FDCWD, name, status, AT_SYMLINK_NOFOLLOW);
+  }
+  errno = ENOMEM;
+  return -1;
+}
 ORBIQ_REPLACES int dup(int file) noexcept {
   if (orbiq::test::flushesFail) return 1 << 30;  // nothing that could be closed
   return static_cast<int>(syscall(SYS_dup, file));

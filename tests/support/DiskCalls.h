@@ -16,6 +16,8 @@ struct DiskCalls {
   /// Whether closing a duplicate of a descriptor fails, as on a file system that tells only then
   /// that an earlier write has failed.
   static void failFlushes(bool fail);
+  /// The next look at what has a name fails, for want of the kernel's memory.
+  static void failNextLook();
 };
 
 }  // namespace orbiq::test

@@ -20,9 +20,9 @@ struct Statistics {
   std::uint64_t refused = 0;
   /// Answered, but with a status other than 200; never tried again.
   std::uint64_t answeredWithAnotherStatus = 0;
-  /// Invalid or without a URL.
+  /// Invalid, without a URL, or lost for want of memory.
   std::uint64_t givenUp = 0;
-  /// The oldest of a full queue.
+  /// The oldest of a full queue, or of more than 10,000 that wait to enter it.
   std::uint64_t pushedOut = 0;
   /// Audience requests of an earlier process.
   std::uint64_t discardedAtStart = 0;

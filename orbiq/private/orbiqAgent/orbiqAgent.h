@@ -65,15 +65,18 @@ class ORBIQ_EXPORT orbiqAgent {
   static orbiq::String userAgent();
   /// The advertising identifier; null where there is none.
   static orbiq::String appleDID();
-  /// The parameters that every hit starts from, with a fresh random number.
+  /// "v", the application's version, and "n", a fresh random number. For callers: audience hits
+  /// have their own.
   orbiq::Parameters defaultParametersForRequest() const;
   /// The diagonal of the main screen in inches; 0 where no screen was described.
   orbiq::GraphicsFloat screenDiagonal() const;
-  /// The authorization server's clock minus the device's, in seconds; 0 before the first exchange.
+  /// The authorization server's clock minus the device's, in seconds; 0 before the first exchange,
+  /// and after one whose answer had no date that could be read.
   double timeIntervalBetweenServerAndDevice() const;
 
-  /// False for a request that was created, by the device's clock, on a later day; true for one
-  /// without a creation date.
+  /// False for a request that was created more than five seconds after the device's present time,
+  /// on a day that is later by the authorization server's clock; true for one without a creation
+  /// date.
   bool isTheRequestValid(const orbiqRequest& request) const;
 
   /// Called by the notification centre when the network has changed. If it can be reached, audience

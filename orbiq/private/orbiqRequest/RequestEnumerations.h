@@ -2,8 +2,8 @@
 
 #include <cstdint>
 
-/// What has no prefix in its name: host, platform, and the numbers by which requests and their
-/// sending are distinguished. These are stored in the requests file and must not change.
+/// Everything whose name has no prefix. The numbers below are stored in the requests file and must
+/// not change.
 namespace orbiq {
 
 /// Kind of a request. Every test asks only whether it is zero: any other number is streaming.

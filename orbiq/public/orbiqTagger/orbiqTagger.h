@@ -27,7 +27,8 @@ class ORBIQ_EXPORT orbiqTagger {
   /// Reserved; always false, and never asked.
   bool canSend() const { return _canSend; }
 
-  /// Whether each hit carries the advertising identifier. Any thread.
+  /// Whether each hit's parameters hold the advertising identifier. They are saved and logged, and
+  /// this version sends none of them. Any thread.
   bool useIDFA() const { return _useIDFA.load(std::memory_order_relaxed); }
   /// Takes effect at the next `sendHit`. Any thread.
   void setUseIDFA(bool useIDFA) { _useIDFA.store(useIDFA, std::memory_order_relaxed); }

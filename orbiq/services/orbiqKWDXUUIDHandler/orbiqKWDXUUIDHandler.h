@@ -24,7 +24,8 @@ class ORBIQ_EXPORT orbiqKWDXUUIDHandler {
   static orbiq::String generateUUID();
 
   /// The device's identifier, which is added to the keychain if that has none, and remembered once
-  /// it was read from there. Null after a keychain error, which is logged.
+  /// it was read from there. Null after a keychain error, which is logged, and where what is kept
+  /// is no text.
   ///
   /// Of two processes that ask a fresh keychain at once, one may get null; its next call returns
   /// what the other one added.

@@ -120,8 +120,8 @@ class ORBIQ_EXPORT orbiqReachability : public orbiq::Object,
   /// the notification is handed to the main loop, which keeps the monitor alive until it is posted.
   void reachabilityChanged(std::uint32_t flags);
 
-  /// Reachable, not by a connection that would first have to be made, and not over a mobile network
-  /// unless that counts.
+  /// Reachable, not by a transient connection that would first have to be made, and not over a
+  /// mobile network unless that counts.
   bool isReachable();
   /// Reachable over a mobile network, whether that counts or not.
   bool isReachableViaWWAN();

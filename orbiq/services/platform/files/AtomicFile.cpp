@@ -114,7 +114,7 @@ std::optional<std::string> readFile(const std::string& path, std::size_t limit, 
   if (fstat(file.number(), &status) != 0) return fail(errno);
   if (!S_ISREG(status.st_mode)) return fail(0);
   std::optional<std::string> bytes = readAll(file, limit);
-  if (!bytes) return fail(errno == EFBIG ? 0 : errno);
+  if (!bytes) return fail(errno);
   fail(0);
   return bytes;
 }

@@ -65,7 +65,8 @@ class AtomicFile {
 int syncFile(const std::string& path);
 
 /// The bytes of a regular file of at most `limit` bytes; no value for anything else. `failure`, if
-/// given, becomes 0, or the error number where such a file may be there but cannot be read.
+/// given, becomes 0, or the error number where a file may be there but cannot be read (EFBIG: it is
+/// longer).
 std::optional<std::string> readFile(const std::string& path, std::size_t limit,
                                     int* failure = nullptr);
 

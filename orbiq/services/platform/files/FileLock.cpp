@@ -79,10 +79,17 @@ FileLock::State FileLock::hold() {
   return _state = State::Held;
 }
 
-bool FileLock::hasTheName() const {
+bool FileLock::hasTheName() {
+  if (!_file.isOpen()) return false;
   struct stat found{};
-  return _file.isOpen() && lstat(_path.c_str(), &found) == 0 && found.st_dev == _opened.st_dev &&
-         found.st_ino == _opened.st_ino;
+  // Another descriptor of the file would find it locked, by this one. So what cannot be looked at
+  // for now is not taken for gone.
+  if (lstat(_path.c_str(), &found) != 0) return errno != ENOENT && errno != ENOTDIR;
+  const auto isFound = [&] {
+    return found.st_dev == _opened.st_dev && found.st_ino == _opened.st_ino;
+  };
+  // Some file systems give an open file another number.
+  return isFound() || (fstat(_file.number(), &_opened) == 0 && isFound());
 }
 
 FileLock::State FileLock::lock() {

@@ -36,7 +36,7 @@ class FileLock {
  private:
   struct All;
 
-  bool hasTheName() const;
+  bool hasTheName();
   State lock();
   State fail(int failure);
 

@@ -81,10 +81,10 @@ struct HostDescription {
 class ORBIQ_EXPORT HostApplication {
  public:
   /// Describes the application. Returns null, or the reason why the description was refused, which
-  /// is logged as well; then nothing has changed, but as long as none has been accepted there is no
-  /// keychain, lest the default one makes a second device identifier. The last accepted call before
-  /// the first use of the agent, or of the file keychain, counts; later ones are refused. Any
-  /// thread.
+  /// is logged as well; then nothing has changed. Until one is accepted after that, there is no
+  /// keychain: a second device identifier could be made in the wrong place. The last accepted call
+  /// before the first use of the agent, or of the device identifier, counts; later ones are
+  /// refused. Any thread.
   static String describe(const HostDescription& description);
 
   /// The description in force, its defaults filled in. Valid as long as the process lives. Any

@@ -48,7 +48,7 @@ class ORBIQ_EXPORT MainLoop {
   void stop();
 
   /// Runs the task on the loop, after everything posted before it. Any thread; returns at once.
-  /// False if there is no memory for it: then it does not run.
+  /// False if there is no memory for it, and in a forked child: then it does not run.
   bool post(std::function<void()> task);
 
   /// Never 0 for a timer that was made.

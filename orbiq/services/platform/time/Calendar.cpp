@@ -22,6 +22,7 @@ std::tm localTime(const Date& date) {
       std::isnan(since1970) ? 0 : std::clamp(since1970, kFirstSecond, kLastSecond);
   const auto seconds = static_cast<std::time_t>(bounded);
   std::tm local{};
+  tzset();  // the device's zone may have been set since
   localtime_r(&seconds, &local);
   return local;
 }

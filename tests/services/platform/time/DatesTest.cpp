@@ -26,9 +26,12 @@ TEST(HttpDate, ReadsWhatServersSendAndRefusesTheRest) {
 }
 
 TEST(Calendar, FollowsTheDevicesTimeZone) {
-  setenv("TZ", "CET-1CEST,M3.5.0/0,M10.5.0/3", 1);
-  tzset();
-  const Date lastSecond = Date::since1970(1774738799);  // of 2026-03-28
+  const Date lastSecond = Date::since1970(1774738799);                // of 2026-03-28
+  for (const char* zone : {"UTC", "CET-1CEST,M3.5.0/0,M10.5.0/3"}) {  // which is set late
+    setenv("TZ", zone, 1);
+    const bool isOver = CalendarComponents::dayOf(lastSecond.adding(1)).isSameDayAs({2026, 3, 29});
+    EXPECT_EQ(isOver, zone[0] == 'C');
+  }
   const auto day = CalendarComponents::dayOf(lastSecond);
   EXPECT_TRUE(day.isSameDayAs({2026, 3, 28}));
   EXPECT_EQ(day.hour, CalendarComponents::kUndefined);
