@@ -132,8 +132,8 @@ ORBIQ_EXPORT orbiq_status orbiq_host_describe(const orbiq_host* host, char* reas
 
 /// Takes the log sink away for good: later lines go to standard error. Returns when no call of it
 /// is in progress, so it must not be called by a sink. To be called before what the sink needs goes
-/// away, an interpreter for instance. Where there is none, it keeps
-/// the sinks of later descriptions away as well.
+/// away, an interpreter for instance. Where there is none, it keeps the sinks of later descriptions
+/// away as well.
 ORBIQ_EXPORT orbiq_status orbiq_remove_log_sink(void);
 
 // ---- Taggers ------------------------------------------------------------------------------------

@@ -18,9 +18,9 @@ namespace orbiq {
 /// the application, by its bundle identifier; one with a group to all applications of the user that
 /// name the group.
 ///
-/// Any thread. Each call waits for the daemon, at most as long as D-Bus does, and an addition up
-/// to half a minute for another process's. In a process that was
-/// forked after the first call it answers `errSecNotAvailable`.
+/// Any thread. Each call waits for the daemon, at most as long as D-Bus does. An addition waits up
+/// to half a minute for that of another process. In a process that was forked after the first call
+/// it answers `errSecNotAvailable`.
 ORBIQ_EXPORT std::shared_ptr<Keychain> makeSecretServiceKeychain();
 
 }  // namespace orbiq

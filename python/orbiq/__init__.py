@@ -7,8 +7,9 @@
     orbiq.Tagger("ABC").send_hit()  # returns at once
     orbiq.flush(5)                  # only where the process ends soon
 
-Everything may be called from any thread, the device identifier from one at a time. What goes wrong is raised as `Error`. The library's log goes
-to the logger "orbiq" of the module `logging` from `describe` on, and to standard error before.
+Everything may be called from any thread, the device identifier from one at a time. What goes wrong is
+raised as `Error`. The library's log goes to the logger "orbiq" of the module `logging` from `describe` on,
+and to standard error before.
 """
 
 import atexit

@@ -41,16 +41,16 @@ class ORBIQ_EXPORT orbiqAuthManager {
   /// Returns the marked access, null if there is none.
   std::shared_ptr<orbiqAccess> hitSuccessfullySentForTagger(const TaggerID& tagger);
 
-  /// The server's clock minus the device's, in seconds, as last measured; 0 before, and
-  /// after an answer without a date that could be read.
+  /// The server's clock minus the device's, in seconds, as last measured; 0 before, and after
+  /// an answer without a date that could be read.
   double timeIntervalBetweenServerAndDevice() const {
     return deltaBetweenServerAndDevice.load(std::memory_order_relaxed);
   }
 
   /// Asks the authorization server and stores its answer or the fallback. Where this machine lacks
   /// memory or descriptors nothing is stored, and the next use asks again. An identity without a
-  /// serial is an error, which is logged; then nothing is stored. Blocks. Of two
-  /// exchanges for one tagger at once, the later answer stays.
+  /// serial is an error, which is logged; then nothing is stored. Blocks. Of two exchanges for one
+  /// tagger at once, the later answer stays.
   void authentificationInformationForTagger(const TaggerID& tagger);
   /// "denied" and "restricted" in just this spelling; everything else, null too, is full access.
   static orbiq::AccessMode accessModeFromString(const orbiq::String& text);

@@ -42,8 +42,8 @@ String DeviceContext::appleDID() {
     return nullptr;
   }
   String identifier;
-  // No tracking preference is asked for, and nothing stands in for a missing identifier, on
-  // purpose.
+  // Whether there is one to give is the host's to decide: no tracking preference is asked for, and
+  // nothing stands in for a missing identifier.
   if (!runTask([&] { identifier = advertisingIdentifier().copy(); })) {
     orbiqLogger::log_withMode("The advertising identifier's provider threw an exception",
                               LoggingModeError);

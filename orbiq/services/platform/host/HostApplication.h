@@ -81,7 +81,7 @@ struct HostDescription {
 class ORBIQ_EXPORT HostApplication {
  public:
   /// Describes the application. Returns null, or the reason why the description was refused, which
-  /// is logged as well; then nothing has changed. Until one is accepted after that, there is no
+  /// is logged as well; then nothing has changed. As long as all have been refused, there is no
   /// keychain: a second device identifier could be made in the wrong place. The last accepted call
   /// before the first use of the agent, or of the device identifier, counts; later ones are
   /// refused. Any thread.

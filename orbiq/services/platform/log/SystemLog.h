@@ -31,9 +31,9 @@ struct LogLine {
 /// Takes the library's log lines instead of standard error, from any thread, several at once. The
 /// thread that logs may hold the lock of the request queue (additions, sends) or of the tagger
 /// factory and be in the middle of making the agent: a sink must return soon, must not call the
-/// library, and must not wait for a thread that does. What it throws is dropped, which
-/// standard error says. A thread of the
-/// host's may be cancelled in it; one of the library's never is, and a sink must not end it.
+/// library, and must not wait for a thread that does. What it throws is dropped, which standard
+/// error says. A thread of the host's may be cancelled in it; one of the library's never is, and a
+/// sink must not end it.
 using LogSink = std::function<void(const LogLine&)>;
 
 /// The system log.

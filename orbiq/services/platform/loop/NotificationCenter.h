@@ -37,8 +37,8 @@ class ORBIQ_EXPORT NotificationCenter {
   /// was no memory for it, and in a forked child.
   bool addObserver(const void* observer, const std::string& name,
                    std::function<void(const Notification&)> call);
-  /// After this has returned no call begins for that observer and name, but for one that another
-  /// thread was about to make; one in progress there may still end.
+  /// After this has returned no call begins for that observer and name. One that another thread was
+  /// about to make, or has begun, still runs.
   void removeObserver(const void* observer, const std::string& name);
   /// Runs the calls in the order of their addition and returns when all have ended. An
   /// exception that a call throws is caught and dropped. Without memory for the notification
