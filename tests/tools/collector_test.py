@@ -1,5 +1,6 @@
 """Drives the real collector over loopback sockets. Its path is the one argument."""
 
+import concurrent.futures
 import contextlib
 import email.utils
 import functools
@@ -203,13 +204,15 @@ class CollectorTest(unittest.TestCase):
                 self.assertEqual(events.news(), ("snapshot", []))
             with Events(collector, position) as events:  # which is forgotten
                 self.assertEqual(events.news(), ("snapshot", []))
-            # A reader that takes nothing holds up neither the others nor the end.
+            # A reader that takes nothing holds up neither the others nor the end. The other one
+            # reads beside the flood: the server cuts off whoever takes nothing for five seconds.
             stuck = collector.hold("/api/events", f"127.0.0.1:{collector.port}")
-            with Events(collector) as events:
-                flood(collector.port, 3_000 * ["/hit/" + 4_000 * "S"])
+            with Events(collector) as events, concurrent.futures.ThreadPoolExecutor() as beside:
+                flooded = beside.submit(flood, collector.port, 3_000 * ["/hit/" + 4_000 * "S"])
                 told = 0
                 while told < 3_000:
                     told += len(events.news()[1])
+                flooded.result()
                 self.assertEqual(events.data["exchanges"]["totals"]["hits"], 3_000)
                 self.assertEqual(collector.stop()[0], 0)
                 self.assertEqual(events.answer.read(), b"\n")  # raises if the stream was cut
