@@ -28,12 +28,12 @@ constexpr char kKept[] = "handling resulted in a timeout or lack of connection";
 
 using TimeLimits = std::vector<std::chrono::milliseconds>;
 
-/// Notes what it is asked, and gives up earlier.
-struct ImpatientClient final : HttpClient {
-  explicit ImpatientClient(std::shared_ptr<TimeLimits> limits) : asked(std::move(limits)) {}
+/// Notes what time limits it is given.
+struct NotingClient final : HttpClient {
+  explicit NotingClient(std::shared_ptr<TimeLimits> limits) : asked(std::move(limits)) {}
   HttpResult send(const HttpRequest& request) override {
     asked->push_back(request.timeout);
-    return real->send({request.url, request.userAgent, 1s});
+    return real->send(request);
   }
   const std::shared_ptr<TimeLimits> asked;
   const std::unique_ptr<HttpClient> real = makeHttpClient("");
@@ -53,7 +53,7 @@ class Road : public testing::Test {
   AccountServer server;
   Application application{
       server.authorizationServer(), [this](HostDescription&, Platform& platform) {
-        platform.makeHttpClient = [this] { return std::make_unique<ImpatientClient>(limits); };
+        platform.makeHttpClient = [this] { return std::make_unique<NotingClient>(limits); };
       }};
 };
 

@@ -5,7 +5,7 @@ namespace {
 
 using SteadyClock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kFarewell{250};
+constexpr std::chrono::milliseconds kFarewell{1000};
 
 }  // namespace
 
