@@ -17,6 +17,7 @@
 
 #include "orbiq/orbiq_c.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
+#include "orbiq/services/platform/http/TransferStay.h"
 #include "tests/support/Application.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -79,26 +80,31 @@ const RoleRegistration kLast("use-last", [](const auto& arguments) {
   return 7;
 });
 
-/// A thread waits for a hit that is never answered, and is joined by a destructor.
-const RoleRegistration kFlushing("exit-while-flushing", [](const auto& arguments) {
+/// A thread waits for an answer that never comes, and is joined by a destructor.
+const RoleRegistration kWaiting("exit-while-waiting", [](const auto& arguments) {
   static std::thread waits;
   static const struct Join {
     ~Join() { waits.join(); }
   } join;
   static Application application(arguments.at(0));
-  Application::tagger("ABC")->sendHit();
+  const bool isFlush = arguments.at(1) == "flush";
+  if (isFlush) Application::tagger("ABC")->sendHit();
   static std::promise<void> begins;
-  waits = std::thread([] {
+  waits = std::thread([isFlush] {
     begins.set_value();
-    orbiqAgent::sharedAgent().flush(std::chrono::hours(1));
+    if (isFlush) orbiqAgent::sharedAgent().flush(std::chrono::hours(1));
+    if (!isFlush) orbiqAuthManager::manager().authForTagger(streamingRequest()->taggerID());
   });
   begins.get_future().wait();
+  while (!TransferStay::isAnyUnderWay()) std::this_thread::yield();
   return 7;
 });
 
-TEST(Leaving, AFlushEndsWithTheProcess) {
-  const ScriptedServer server({{steps::untilPeerCloses()}});
-  EXPECT_EQ(RoleProcess("exit-while-flushing", {server.url("/")}).wait(), 7);
+TEST(Leaving, WhatAThreadOfTheHostWaitsForEndsWithTheProcess) {
+  for (const std::string waitsFor : {"flush", "exchange"}) {
+    const ScriptedServer server({{steps::untilPeerCloses()}});
+    EXPECT_EQ(RoleProcess("exit-while-waiting", {server.url("/"), waitsFor}).wait(), 7) << waitsFor;
+  }
 }
 
 TEST(Leaving, DestructorsThatComeLateMayUseTheLibrary) {

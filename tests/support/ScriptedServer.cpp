@@ -1,6 +1,7 @@
 #include "tests/support/ScriptedServer.h"
 
 #include <arpa/inet.h>
+#include <linux/filter.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
 #include <openssl/ssl.h>
@@ -130,6 +131,11 @@ class ScriptedServer::Connection final : public ServedConnection {
 
   void untilPeerCloses() override {
     for (;;) readSome();
+  }
+  void goDeaf() override {
+    sock_filter keepNothing = BPF_STMT(BPF_RET, 0);
+    const sock_fprog program{1, &keepNothing};
+    setsockopt(_socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
   }
 
  private:
@@ -262,6 +268,7 @@ namespace steps {
 Step readRequest() { return &ServedConnection::readRequest; }
 Step reset() { return &ServedConnection::reset; }
 Step untilPeerCloses() { return &ServedConnection::untilPeerCloses; }
+Step goDeaf() { return &ServedConnection::goDeaf; }
 Step send(std::string text) {
   return [text = std::move(text)](ServedConnection& connection) { connection.send(text); };
 }

@@ -25,6 +25,8 @@ class ServedConnection {
   /// Closes so that the peer gets a reset.
   virtual void reset() = 0;
   virtual void untilPeerCloses() = 0;
+  /// From now on the kernel drops what arrives, unacknowledged.
+  virtual void goDeaf() = 0;
 };
 
 using Step = std::function<void(ServedConnection&)>;
@@ -38,6 +40,7 @@ Step readRequest();
 Step send(std::string text);
 Step reset();
 Step untilPeerCloses();
+Step goDeaf();
 /// Sends the text byte by byte, with a millisecond before each.
 Step drip(std::string text);
 }  // namespace steps

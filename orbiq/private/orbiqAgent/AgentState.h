@@ -88,7 +88,7 @@ struct orbiqAgent::State {
       ORBIQ_REQUIRES(requestsProtector);
   Attempt handleRequest(const std::shared_ptr<orbiqRequest>& request)
       ORBIQ_REQUIRES(requestsProtector);
-  static bool authorize(orbiqRequest& request);
+  static orbiq::String authorize(orbiqRequest& request);
   Attempt send(orbiqRequest& request, const orbiq::Url& url) ORBIQ_REQUIRES(requestsProtector);
   bool isReachable() const;
 

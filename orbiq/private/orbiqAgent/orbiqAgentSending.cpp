@@ -8,6 +8,7 @@
 #include "orbiq/private/orbiqAgent/AgentState.h"
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
 #include "orbiq/private/orbiqAgent/SendingRules.h"
+#include "orbiq/private/orbiqAuthManager/Shortage.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/private/orbiqRequest/orbiqClearCache.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
@@ -171,10 +172,12 @@ orbiqAgent::State::Attempt orbiqAgent::State::handleRequest(
   if (!isReachable()) return {Error{kErrorDomain, kNotReachable}, std::nullopt, {}};
 
   const bool hasItsOwn = request->auth() != nullptr;
-  if (SendingRules::takesCachedAuthorization(request->requestType(), hasItsOwn) &&
-      !authorize(*request)) {
-    recordFailure(*request);
-    return {Error{kErrorDomain, kNoResponse}, std::nullopt, orbiq::String::outOfMemory()};
+  if (SendingRules::takesCachedAuthorization(request->requestType(), hasItsOwn)) {
+    const orbiq::String shortage = authorize(*request);
+    if (!shortage.isNull()) {
+      recordFailure(*request);
+      return {Error{kErrorDomain, kNoResponse}, std::nullopt, shortage};
+    }
   }
   const auto access = ask(request->auth(), &orbiqAuth::currentAccess);
   if (!ask(access, &orbiqAccess::canSendRequestFor, request->requestType())) {
@@ -192,13 +195,17 @@ orbiqAgent::State::Attempt orbiqAgent::State::handleRequest(
   return send(*request, *url);
 }
 
-/// False if this machine could not even ask: then the request waits like one without a response.
-bool orbiqAgent::State::authorize(orbiqRequest& request) try {
+/// Null, or why this machine could not even ask: then the request waits like one without a
+/// response.
+orbiq::String orbiqAgent::State::authorize(orbiqRequest& request) try {
   request.setAuth(orbiqAuthManager::manager().obtainAuth(request.taggerID()));
-  return true;
+  return {};
+} catch (const orbiq::Shortage& shortage) {
+  orbiqLogger::log_withMode(shortage.what(), orbiq::LoggingModeError);
+  return textOf([&] { return std::string(shortage.what()); });
 } catch (const std::bad_alloc& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
-  return false;
+  return orbiq::String::outOfMemory();
 }
 
 orbiqAgent::State::Attempt orbiqAgent::State::send(orbiqRequest& request, const orbiq::Url& url) {

@@ -6,6 +6,7 @@
 
 #include "orbiq/private/orbiqAgent/DeviceContext/DeviceContext.h"
 #include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
+#include "orbiq/private/orbiqAuthManager/Shortage.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/base/Ask.h"
@@ -95,7 +96,9 @@ void orbiqAuthManager::exchange(const TaggerID& tagger) try {
   std::shared_ptr<orbiqAuth> auth;
   const Answer answer = fetch(serial);
   // The fallback is for what a server or a network does. This machine tries again later.
-  if (answer.http.error && answer.http.error->isExhaustion) throw std::bad_alloc();
+  if (answer.http.error && answer.http.error->isExhaustion) {
+    throw orbiq::Shortage(answer.problem);
+  }
   if (answer.http.data) {  // whatever its status: the fields alone decide
     if (answer.http.response) {
       deltaBetweenServerAndDevice.store(clockOffset(*answer.http.response),

@@ -44,7 +44,6 @@ const auto theClock = std::make_shared<orbiq::test::ManualClock>();
 orbiq::HostDescription host{.bundleIdentifier = "tv.example.player",
                             .bundleName = "Player",
                             .shortVersion = "4.2",
-                            .authorizationServer = "http://127.0.0.1:9/auth/",
                             .advertisingIdentifier = [] { return orbiq::String("device"); }};
 orbiq::String firstAccount;
 orbiq::String secondAccount;
@@ -268,6 +267,24 @@ bool application(bool isWhole) {
   return all.accepted == hits && all.sent > 0;
 }
 
+/// Of a server with a name, whose look-up takes a thread. What is lacking here is told as such: it
+/// says nothing of the server.
+bool transfer(bool isWhole) {
+  static std::unique_ptr<orbiq::HttpClient> client;
+  try {
+    if (!client) client = orbiq::makeHttpClient("");
+    std::string url = host.authorizationServer.toStdString();
+    url.replace(url.find("127.0.0.1"), 9, "collector.test");
+    const orbiq::HttpResult result = client->send({*orbiq::Url::fromText(url + "S"), {}});
+    // A look-up without memory keeps the cause to itself.
+    const bool isSilent = result.error && lacking == faults::Kind::Memory &&
+                          result.error->code == CURLE_COULDNT_RESOLVE_HOST;
+    return result.data || (!isWhole && (isSilent || result.error->isExhaustion));
+  } catch (const std::bad_alloc&) {
+    return !isWhole;
+  }
+}
+
 orbiq::HandlerWork work;
 /// Without memory, what wakes the sending loop waits for the next who takes.
 bool triggers(bool isWhole) {
@@ -286,6 +303,7 @@ constexpr struct {
   Call call;
 } kCalls[] = {
     {"application", application},
+    {"transfer", transfer},
     {"triggers", triggers},
     {"loop", loopCalls},
     {"timer", timers},
@@ -339,13 +357,12 @@ int main(int argc, char** argv) {
     for (const int end : ends) {
       if (write(end, "x", 1) != 1) return 2;
     }
+    host.authorizationServer = argv[3];
     if (call == application) {
-      host.authorizationServer = argv[3];
       enterForeground();
       orbiqLogger::sharedLogger().setLoggingMode(orbiq::LoggingModeInfo);
-    } else {
-      lookUp();
     }
+    lookUp();
     const bool startsByItself = call == application && mayStartWithoutMemory();
     if (!startsByItself && !orbiq::prepareHttpForProcess()) return 2;
     const char* const problem = attempt(call, argv + 5);

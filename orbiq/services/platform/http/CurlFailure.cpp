@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <cerrno>
 #include <new>
 
 #include "orbiq/services/platform/files/Descriptor.h"
@@ -11,19 +12,29 @@ namespace {
 
 bool isExhaustion(int code) { return code == CURLE_OUT_OF_MEMORY || code == CURLE_FAILED_INIT; }
 
+bool lacksDescriptors() {
+  Descriptor needed[3];
+  for (Descriptor& each : needed) {
+    each = Descriptor(open("/", O_PATH | O_CLOEXEC));
+    if (!each.isOpen()) return errno == EMFILE || errno == ENFILE;
+  }
+  return false;
+}
+
 }  // namespace
 
-bool lacksForLookUp(CURLcode code) {
-  if (code != CURLE_COULDNT_RESOLVE_HOST && code != CURLE_COULDNT_RESOLVE_PROXY &&
-      code != CURLE_SSL_CACERT_BADFILE) {
-    return false;
-  }
-  Descriptor needed[3];
-  for (Descriptor& each : needed) each = Descriptor(open("/dev/null", O_RDONLY | O_CLOEXEC));
-  return !needed[2].isOpen();
+const char* shortageBehind(CURLcode code, std::string_view text) {
+  if (text == "getaddrinfo() thread failed to start") return "no thread is left for a look-up";
+  const bool saysNothing = code == CURLE_COULDNT_RESOLVE_HOST ||
+                           code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_SSL_CACERT_BADFILE;
+  return saysNothing && lacksDescriptors() ? kNoDescriptor : nullptr;
 }
 
 HttpError errorOf(int code, const char* text) try {
+  // Of an address that it cannot read libcurl shows all, with the password.
+  if (std::string_view(text).starts_with("Unsupported proxy")) {
+    text = "the proxy's address cannot be used";
+  }
   return HttpError{code, text, isExhaustion(code)};
 } catch (const std::bad_alloc&) {
   return HttpError{code, {}, isExhaustion(code)};

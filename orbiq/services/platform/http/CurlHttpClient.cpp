@@ -31,8 +31,6 @@ constexpr Milliseconds kLongestTimeout{INT_MAX};  // libcurl takes no more
 /// Only an upper bound: libcurl shortens it to its own next timer.
 constexpr int kPollMilliseconds = 60'000;
 
-constexpr char kNoDescriptor[] = "no descriptor is left for a connection";
-
 /// One request and what has arrived of its answer. libcurl's callbacks fill it in.
 struct Hop {
   CURL* easy = nullptr;
@@ -138,6 +136,12 @@ void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
 }
 
+/// It did not fail at the request's own URL. Without memory, the cause must do.
+void nameLastHop(const std::string& url, HttpError& error) try {
+  error.text = "redirected to " + url + ": " + error.text;
+} catch (const std::bad_alloc&) {
+}
+
 /// A header without a value takes libcurl's own one away. Null if that needs memory.
 curl_slist* unwantedHeaders() {
   curl_slist* const first = curl_slist_append(nullptr, "Accept:");
@@ -236,7 +240,11 @@ HttpResult CurlHttpClient::follow(const HttpRequest& request, TransferStay& stay
     order.mayLeadOn = followed < kMostRedirects;
     Hop hop;
     const CURLcode code = runHop(order, hop, stay);
-    if (hop.redirect.target.empty()) return resultOf(hop, code);
+    if (hop.redirect.target.empty()) {
+      HttpResult result = resultOf(hop, code);
+      if (followed > 0 && code != CURLE_OK) nameLastHop(order.url, *result.error);
+      return result;
+    }
     order.url = std::move(hop.redirect.target);
   }
 }
@@ -308,6 +316,7 @@ void CurlHttpClient::setConstantOptions() {
   if (!_caBundle.empty()) {
     set(CURLOPT_CAINFO, _caBundle.c_str());
     set(CURLOPT_CAPATH, static_cast<const char*>(nullptr));
+    set(CURLOPT_CA_CACHE_TIMEOUT, 0L);  // the next connection sees a new bundle
   }
 }
 
@@ -321,7 +330,7 @@ CURLcode CurlHttpClient::drive(const Order& order, Hop& hop, TransferStay& stay)
     if (curl_multi_poll(_multi, nullptr, 0, kPollMilliseconds, nullptr) != CURLM_OK) {
       return CURLE_FAILED_INIT;
     }
-    stay.parkIfExiting();
+    if (stay.mustEnd()) return CURLE_ABORTED_BY_CALLBACK;
   }
   hop.isOver = true;
   int remaining = 0;
@@ -340,12 +349,16 @@ void CurlHttpClient::watchConnection(bool isKept) {
 
 HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   HttpResult result;
+  if (code == CURLE_OK) {
+    hop.shortage = nullptr;  // it went well without
+  } else if (hop.shortage == nullptr) {
+    hop.shortage = shortageBehind(code, _errorText);
+  }
   result.response = std::move(hop.response);
   if (hop.problem != nullptr) {
     result.error = errorOf(code, hop.problem);
-  } else if (code != CURLE_OK && (hop.shortage != nullptr || lacksForLookUp(code))) {
-    result.error =
-        errorOf(CURLE_OUT_OF_MEMORY, hop.shortage != nullptr ? hop.shortage : kNoDescriptor);
+  } else if (hop.shortage != nullptr) {
+    result.error = errorOf(CURLE_OUT_OF_MEMORY, hop.shortage);
   } else if (code != CURLE_OK && libcurlRanOutOfMemory()) {
     result.error = errorOf(CURLE_OUT_OF_MEMORY, "out of memory");
   } else if (code == CURLE_OUT_OF_MEMORY && hop.sends > 0) {

@@ -15,11 +15,16 @@ namespace {
 /// with AES-GCM; TLS 1.3 takes less). A record of an answer is as short only if it ends before the
 /// status does.
 constexpr std::uint64_t kLongestLeave = 31 + 1;
+/// In milliseconds. Half of what a hit has, so that another connection has time, too.
+constexpr unsigned kLongestUnacknowledged = 5'000;
 
 }  // namespace
 
 void KeptConnection::watch(int socket) {
   _socket = Descriptor(socket < 0 ? -1 : fcntl(socket, F_DUPFD_CLOEXEC, 3));
+  // Where its network has gone, or a router on the way has forgotten it, nobody says so.
+  setsockopt(_socket.number(), IPPROTO_TCP, TCP_USER_TIMEOUT, &kLongestUnacknowledged,
+             sizeof kLongestUnacknowledged);
 }
 
 bool KeptConnection::isQuiet() {

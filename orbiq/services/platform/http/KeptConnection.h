@@ -10,7 +10,8 @@ namespace orbiq {
 /// through a descriptor of its own. One thread at a time.
 class KeptConnection {
  public:
-  /// From now on this is the connection; -1: none, as when no descriptor can be had.
+  /// From now on this is the connection; -1: none, as when no descriptor can be had. It ends by
+  /// itself when the peer acknowledges nothing for five seconds.
   void watch(int socket);
   void forget() { _socket = Descriptor(); }
 

@@ -35,7 +35,7 @@ Stays& stays() {
   for (;;) pause();
 }
 
-void waitUntilAllParked() {
+void waitUntilAllHaveLeft() {
   const auto deadline = std::chrono::steady_clock::now() + kLongestWaitAtExit;
   Lock lock(stays().changed);
   while (stays().first != nullptr) {
@@ -57,7 +57,7 @@ void onProcessExit() {
     }
   }
   // A library thread may hold what the others need in order to park.
-  if (!isLibraryThread()) waitUntilAllParked();
+  if (!isLibraryThread()) waitUntilAllHaveLeft();
 }
 
 }  // namespace
@@ -75,23 +75,26 @@ TransferStay::TransferStay(CURLM* toWake) : multi(toWake) {
     if (!isProcessExiting()) {
       next = std::exchange(stays().first, this);
       _entered = true;
-    } else if (stays().exitingThread == std::this_thread::get_id()) {
       return;
     }
+    if (stays().exitingThread == std::this_thread::get_id()) return;
   }
-  if (!_entered) park();
+  if (isLibraryThread()) park();
 }
 
 TransferStay::~TransferStay() {
   if (!_entered) return;
   leave();
-  if (isProcessExiting()) park();
+  if (isProcessExiting() && isLibraryThread()) park();
 }
 
-void TransferStay::parkIfExiting() {
-  if (!isProcessExiting()) return;
-  leave();
-  park();
+bool TransferStay::mustEnd() {
+  if (!isProcessExiting()) return false;
+  if (isLibraryThread()) {
+    leave();
+    park();
+  }
+  return true;
 }
 
 void TransferStay::leave() {

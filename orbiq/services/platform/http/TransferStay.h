@@ -10,23 +10,25 @@ namespace orbiq {
 bool installExitHandler();
 
 /// A thread's stay inside the transfer library. When the process exits, the handler wakes whoever
-/// stays there and waits, not for long, until all have parked: what libcurl and OpenSSL then tear
-/// down is in nobody's use. A parked thread sleeps for ever, whatever it was about to do.
+/// stays there and waits, not for long, until all have left: what libcurl and OpenSSL then tear
+/// down is in nobody's use. A thread of the library's then parks: it sleeps for ever, whatever it
+/// was about to do. One of the host's goes on, as a destructor may wait for it.
 class TransferStay {
  public:
-  /// Parks if the process is exiting. `toWake` is what the handler wakes; null if the stay is too
-  /// short to need waking.
+  /// Parks a thread of the library's if the process is exiting. `toWake` is what the handler wakes;
+  /// null if the stay is too short to need waking.
   explicit TransferStay(CURLM* toWake);
-  /// Parks instead of returning if the process is exiting.
+  /// The same.
   ~TransferStay();
   TransferStay(const TransferStay&) = delete;
   TransferStay& operator=(const TransferStay&) = delete;
 
-  /// False where libcurl must not be called but parking would be wrong: on the thread that runs the
-  /// exit, which would never end, and in a forked child.
+  /// False where libcurl must not be called but parking would be wrong: at the exit on a thread of
+  /// the host's or the one that runs the exit, and in a forked child.
   bool entered() const { return _entered; }
-  /// To be called wherever the stay can pause.
-  void parkIfExiting();
+  /// To be called wherever the stay can pause. True if the process is exiting and the stay, on a
+  /// thread of the host's, must end now; one of the library's parks.
+  bool mustEnd();
 
   /// True while any thread stays inside.
   static bool isAnyUnderWay();

@@ -100,6 +100,8 @@ TEST_P(KeptConnectionTest, HasARequestRepeatedOnceAndOnlyWhenNothingCame) {
   } cases[] = {
       {{readRequest()}, ok, true, 3},
       {{readRequest(), reset()}, ok, true, 3},
+      // As where the network has changed: what is sent arrives nowhere.
+      {{steps::goDeaf(), steps::untilPeerCloses()}, ok, true, 2},
       // Not twice.
       {{readRequest()}, {readRequest()}, false, 3},
       {{readRequest(), reset()}, {readRequest(), reset()}, false, 3},

@@ -8,6 +8,7 @@
 #include "orbiq/services/platform/http/HttpClient.h"
 #include "orbiq/services/platform/http/TransferStay.h"
 #include "orbiq/services/platform/threads/ProcessExit.h"
+#include "orbiq/services/platform/threads/Thread.h"
 #include "tests/support/Role.h"
 
 namespace orbiq::test {
@@ -16,19 +17,19 @@ namespace {
 /// The code with which the application itself ends.
 constexpr int kOwnCode = 7;
 
-/// A thread whose stay ends after the exit has begun, and must not come out, and one that never
-/// comes to park; the process ends all the same.
+/// A thread of the library's whose stay ends after the exit has begun, and must not come out, and
+/// one that never comes to park; the process ends all the same.
 const RoleRegistration stays("exitDuringStays", [](const auto&) {
   static std::atomic<int> entered{0};
   prepareHttpForProcess();
-  std::thread([] {
+  startThread("stays", [] {
     {
       const TransferStay stay(nullptr);
       ++entered;
       while (!isProcessExiting()) std::this_thread::yield();
     }
     _exit(9);
-  }).detach();
+  });
   std::thread([] {
     const TransferStay stay(nullptr);
     ++entered;
