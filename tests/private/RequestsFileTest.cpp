@@ -63,6 +63,9 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
   };
   EXPECT_TRUE(RequestsFile(path).load().empty());
   EXPECT_TRUE(application.log().lines().empty()) << "there is no file";
+  RequestsFile("/sys/orbiq/a/requests.ser").save({});
+  EXPECT_EQ(application.log().count("can't be saved to /sys/orbiq/a/requests.ser: "), 1U);
+  EXPECT_EQ(application.log().count("No such file"), 0U) << "why there is no directory";
   // Nobody can read its first bytes.
   fs::create_directory(place);
   check("Input/output error", [&] { fs::create_symlink("/proc/self/mem", path); });

@@ -133,8 +133,11 @@ class ScriptedServer::Connection final : public ServedConnection {
     for (;;) readSome();
   }
   void goDeaf() override {
-    sock_filter keepNothing = BPF_STMT(BPF_RET, 0);
-    const sock_fprog program{1, &keepNothing};
+    constexpr unsigned kLongestHeader = 60;  // with nothing behind it, it only acknowledges
+    sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
+                            BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLongestHeader, 0, 1),
+                            BPF_STMT(BPF_RET, 0), BPF_STMT(BPF_RET, UINT32_MAX)};
+    const sock_fprog program{4, filter};
     setsockopt(_socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
   }
 

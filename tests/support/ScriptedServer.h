@@ -25,7 +25,7 @@ class ServedConnection {
   /// Closes so that the peer gets a reset.
   virtual void reset() = 0;
   virtual void untilPeerCloses() = 0;
-  /// From now on the kernel drops what arrives, unacknowledged.
+  /// From now on the kernel drops what is sent here, unacknowledged.
   virtual void goDeaf() = 0;
 };
 

@@ -86,9 +86,10 @@ std::optional<RequestQueue> RequestsFile::read(int& failure) try {
 void RequestsFile::save(const RequestQueue& queue) {
   if (isHeldByAnotherProcess()) return;
   int failure = write(queue);
-  if (failure == ENOENT && makeDirectories(_path.substr(0, _path.rfind('/'))) == 0) {
+  if (failure == ENOENT) {
+    failure = makeDirectories(_path.substr(0, _path.rfind('/')));
     if (isHeldByAnotherProcess()) return;
-    failure = write(queue);
+    if (failure == 0) failure = write(queue);
   }
   report(failure);
 }

@@ -49,6 +49,8 @@ orbiq::String firstAccount;
 orbiq::String secondAccount;
 int ends[2];  // two that can be read
 faults::Kind lacking;
+/// More than the library's threads have for themselves. The C library takes it from each stack.
+thread_local char ofEachThread[600'000];
 
 struct Receiver {
   void tick(orbiqTimer& timer) {
@@ -349,6 +351,7 @@ int main(int argc, char** argv) {
   for (const auto& [name, call] : kCalls) {
     if (argc == 1) std::puts(name);
     if (argc != 8 || std::string_view(name) != argv[1]) continue;
+    ofEachThread[0] = 'x';
     setenv("ORBIQ_LIBRARY_DIRECTORY", argv[2], 1);
     firstAccount = std::string("A") + argv[4];
     secondAccount = std::string("B") + argv[4];

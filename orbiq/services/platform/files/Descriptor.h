@@ -11,6 +11,7 @@
 #include <utility>
 
 #include "orbiq/services/platform/base/Export.h"
+#include "orbiq/services/platform/threads/CancellationHeld.h"
 
 namespace orbiq {
 
@@ -46,7 +47,9 @@ class Descriptor {
   /// Moves it above those of standard input, output and error.
   explicit Descriptor(int number) : _number(aboveStandard(number)) {}
   ~Descriptor() {
-    if (isOpen()) ::close(_number);
+    if (!isOpen()) return;
+    const CancellationHeld held;  // no thread may end within a destructor
+    ::close(_number);
   }
   Descriptor(Descriptor&& other) noexcept { swap(other); }
   Descriptor& operator=(Descriptor other) noexcept {

@@ -18,17 +18,23 @@ int syncDirectoryOf(const std::string& path) {
 }
 
 int makeDirectories(const std::string& path) {
+  int failure = 0;
   for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
     const std::string part = path.substr(0, end);
-    if (mkdir(part.c_str(), 0700) == 0) {
+    const bool isMade = mkdir(part.c_str(), 0700) == 0;
+    if (isMade) {
+      chmod(part.c_str(), 0700);  // whatever the host's umask has taken away
       // A file that is synced later would not outlast a loss of power without its directory.
       syncDirectoryOf(part);
-    } else if (errno != EEXIST && end == std::string::npos) {
-      return errno;
     }
-    if (end == std::string::npos) break;
+    // Below a part that is missing, the cause of that counts.
+    if (isMade || errno == EEXIST) {
+      failure = 0;
+    } else if (failure == 0) {
+      failure = errno;
+    }
+    if (end == std::string::npos) return failure;
   }
-  return 0;
 }
 
 }  // namespace orbiq

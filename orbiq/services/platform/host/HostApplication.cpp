@@ -13,7 +13,9 @@
 #include <utility>
 #include <vector>
 
+#include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/base/NeverDestroyed.h"
+#include "orbiq/services/platform/log/ForkedAway.h"
 #include "orbiq/services/platform/text/Url.h"
 #include "orbiq/services/platform/threads/Mutex.h"
 
@@ -104,7 +106,8 @@ String whatIsWrongWithServer(const String& server) {
 
 String whatIsWrongWith(const HostDescription& description) {
   const std::string_view identifier = description.bundleIdentifier.view();
-  if (identifier.starts_with('.') || identifier.find('/') != std::string_view::npos ||
+  if (identifier.starts_with('.') || identifier.size() > NAME_MAX ||
+      identifier.find('/') != std::string_view::npos ||
       identifier.find('\0') != std::string_view::npos) {
     return "the bundle identifier \"" + std::string(identifier) + "\" cannot name a directory";
   }
@@ -146,6 +149,7 @@ const HostDescription& known() {
 String HostApplication::describe(const HostDescription& description) {
   String reason = String::outOfMemory();
   try {
+    if (isForkedAway()) return "this process was forked from one that uses the library";
     reason = accept(description);
   } catch (const std::bad_alloc&) {
     state().refused = true;
@@ -169,6 +173,7 @@ const HostDescription& HostApplication::current() try {
 }
 
 void HostApplication::settle() {
+  if (inForkedChild()) return;
   const Lock lock(state().lock);
   state().settled = true;
 }

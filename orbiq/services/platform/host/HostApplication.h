@@ -36,7 +36,8 @@ enum class Durability {
 
 /// What the library knows of the application and the device. Every field may be left out.
 struct HostDescription {
-  /// Names the state directory. Default: the executable's name. No "/" and no leading ".".
+  /// Names the state directory. Default: the executable's name. No "/", no leading ".",
+  /// 255 bytes at most.
   String bundleIdentifier = {};
   /// Stands in the User-Agent. Default: the executable's name.
   String bundleName = {};
@@ -84,7 +85,7 @@ class ORBIQ_EXPORT HostApplication {
   /// is logged as well; then nothing has changed. As long as all have been refused, there is no
   /// keychain: a second device identifier could be made in the wrong place. The last accepted call
   /// before the first use of the agent, or of the device identifier, counts; later ones are
-  /// refused. Any thread.
+  /// refused, and those in a forked child of a process that uses the library. Any thread.
   static String describe(const HostDescription& description);
 
   /// The description in force, its defaults filled in. Valid as long as the process lives. Any

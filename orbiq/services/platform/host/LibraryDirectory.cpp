@@ -32,6 +32,10 @@ std::string homeDirectory() {
 std::string findLibraryDirectory() {
   const HostDescription& host = HostApplication::current();
   if (host.libraryDirectory.view().starts_with('/')) return host.libraryDirectory.toStdString();
+  if (!host.libraryDirectory.isEmpty()) {
+    SystemLog::write(LoggingModeError,
+                     "(ERROR) : ORBIQ_LIBRARY_DIRECTORY is not used: it must be an absolute path");
+  }
   // Never without a name, but where there was no memory for the defaults. The next call has some.
   if (host.bundleIdentifier.isEmpty()) throw std::bad_alloc();
   std::string state = absoluteFromEnvironment("XDG_STATE_HOME");

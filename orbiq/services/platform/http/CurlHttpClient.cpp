@@ -6,6 +6,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
+#include <cstring>
 #include <new>
 #include <utility>
 
@@ -134,6 +135,15 @@ void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
   readHeaders(hop.easy, *hop.response);
   hop.redirect = redirectOf(url, *hop.response);
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
+}
+
+/// Refused, or unreachable: libcurl says only that it could not connect.
+void nameSystemError(CURL* easy, CURLcode code, HttpError& error) try {
+  long number = 0;
+  curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &number);
+  const char* const text = strerrordesc_np(static_cast<int>(number));
+  if (code == CURLE_COULDNT_CONNECT && number != 0 && text) error.text.append(": ").append(text);
+} catch (const std::bad_alloc&) {
 }
 
 /// It did not fail at the request's own URL. Without memory, the cause must do.
@@ -366,6 +376,7 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
     result.error = errorOf(CURLE_FILESIZE_EXCEEDED, "a header line of more than 100 KiB");
   } else if (code != CURLE_OK) {
     result.error = errorOf(code, _errorText[0] != '\0' ? _errorText : curl_easy_strerror(code));
+    nameSystemError(_easy, code, *result.error);
   } else if (!result.response) {
     // A switch to another protocol ends the transfer well.
     result.error = errorOf(CURLE_WEIRD_SERVER_REPLY, "the headers of an answer did not come whole");

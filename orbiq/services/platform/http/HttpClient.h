@@ -77,8 +77,9 @@ bool prepareHttpForProcess();
 
 /// A client over real sockets. One thread at a time. It keeps one connection between sends, and
 /// takes another if anything lies there that nobody asked for. It sends a request again, once and
-/// over a new connection, only if the kept one ended without one byte of an answer. `caBundle`
-/// names a file of trusted certificates; empty means the system's.
+/// over a new connection, only if the kept one ended without one byte of an answer. It counts as
+/// ended when nothing was acknowledged for five seconds. `caBundle` names a file of trusted
+/// certificates; empty means the system's.
 std::unique_ptr<HttpClient> makeHttpClient(const std::string& caBundle);
 
 }  // namespace orbiq

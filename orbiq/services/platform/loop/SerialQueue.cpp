@@ -1,7 +1,5 @@
 #include "orbiq/services/platform/loop/SerialQueue.h"
 
-#include <pthread.h>
-
 #include <chrono>
 #include <deque>
 #include <new>
@@ -9,6 +7,7 @@
 
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
+#include "orbiq/services/platform/threads/CancellationHeld.h"
 #include "orbiq/services/platform/threads/Mutex.h"
 #include "orbiq/services/platform/threads/Thread.h"
 
@@ -18,18 +17,6 @@ namespace {
 using Task = std::function<void()>;
 
 constexpr std::chrono::seconds kIdleTime{2};
-
-/// Lets a cancellation of this thread wait for the end of a scope.
-class CancellationHeld {
- public:
-  CancellationHeld() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &_previous); }
-  ~CancellationHeld() { pthread_setcancelstate(_previous, nullptr); }
-  CancellationHeld(const CancellationHeld&) = delete;
-  CancellationHeld& operator=(const CancellationHeld&) = delete;
-
- private:
-  int _previous = PTHREAD_CANCEL_ENABLE;
-};
 
 }  // namespace
 

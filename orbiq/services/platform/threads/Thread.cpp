@@ -1,5 +1,6 @@
 #include "orbiq/services/platform/threads/Thread.h"
 
+#include <link.h>
 #include <pthread.h>
 #include <sched.h>
 #include <signal.h>
@@ -28,6 +29,20 @@ constexpr std::size_t kStackSize = std::size_t{8} << 20;
 constexpr std::size_t kStackSize = std::size_t{512} << 10;
 #endif
 constexpr std::size_t kLongestName = 15;
+
+/// The C library takes what the program's thread-local variables need from each thread's stack.
+std::size_t threadLocalBytes() {
+  std::size_t bytes = 0;
+  const auto add = [](dl_phdr_info* loaded, std::size_t, void* sum) {
+    for (const auto* part = loaded->dlpi_phdr; part != loaded->dlpi_phdr + loaded->dlpi_phnum;
+         ++part) {
+      if (part->p_type == PT_TLS) *static_cast<std::size_t*>(sum) += part->p_memsz + part->p_align;
+    }
+    return 0;
+  };
+  dl_iterate_phdr(add, &bytes);
+  return bytes;
+}
 
 thread_local bool libraryThread = false;
 
@@ -67,7 +82,7 @@ int startThread(const std::string& label, std::function<void()> body, WorkKind k
   int error = pthread_attr_init(&attributes);
   if (error != 0) return error;
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
-  pthread_attr_setstacksize(&attributes, kStackSize);
+  pthread_attr_setstacksize(&attributes, kStackSize + threadLocalBytes());
 
   // The new thread inherits the mask, so there is no moment in which it could take a signal.
   sigset_t all;

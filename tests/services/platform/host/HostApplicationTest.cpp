@@ -40,7 +40,7 @@ TEST_F(HostApplicationTest, RefusesWhatItCannotUse) {
     expectRefused(other, server);
   }
   other = host;
-  for (const char* identifier : {"a/b", ".hidden"}) {
+  for (const std::string& identifier : {std::string("a/b"), {".hidden"}, std::string(256, 'x')}) {
     other.bundleIdentifier = identifier;
     expectRefused(other, identifier);
   }
@@ -60,11 +60,16 @@ TEST_F(HostApplicationTest, RefusesWhatItCannotUse) {
 
 TEST(HostApplication, DefaultsComeFromTheEnvironmentAndTheExecutable) {
   setenv("ORBIQ_AUTHORIZATION_SERVER", "https://from.environment/", 1);
+  setenv("ORBIQ_LIBRARY_DIRECTORY", "relative", 1);
+  std::string said;
+  SystemLog::setSink([&](const LogLine& line) { said = line.text; });
   EXPECT_EQ(HostApplication::current().bundleIdentifier, "orbiq_tests");
   EXPECT_EQ(HostApplication::current().bundleName, "orbiq_tests");
   EXPECT_EQ(HostApplication::current().authorizationServer, "https://from.environment/");
   const std::string state = getenv("XDG_STATE_HOME");
   EXPECT_EQ(orbiq::libraryDirectory(), state + "/orbiq_tests/Library");
+  EXPECT_EQ(said, "(ERROR) : ORBIQ_LIBRARY_DIRECTORY is not used: it must be an absolute path");
+  SystemLog::setSink({});
 }
 
 TEST(HostApplication, WithoutAUsableServerThereIsOneErrorAndTheFallback) {

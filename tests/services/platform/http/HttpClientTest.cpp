@@ -128,7 +128,9 @@ TEST_F(HttpClientTest, hasAResponseOnlyWithWholeHeadersAndDataOnlyOfAWholeBody) 
   }
   expectNothing(getFrom({steps::reset()}));
   const ClosedPort nobody;
-  expectNothing(get("http://127.0.0.1:" + std::to_string(nobody.port()) + "/"));
+  const HttpResult refused = get("http://127.0.0.1:" + std::to_string(nobody.port()) + "/");
+  expectNothing(refused);
+  EXPECT_TRUE(refused.error->text.ends_with(": Connection refused")) << refused.error->text;
   expectNothing(getFrom({steps::untilPeerCloses()}, std::chrono::milliseconds::min()));
 }
 
