@@ -4,6 +4,7 @@
 #include <sys/mount.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <ctime>
 #include <filesystem>
@@ -223,11 +224,22 @@ void isHeld(World& world) {
   world.says = "Process " + std::to_string(getpid()) + " (orbiq_tests) has";
 }
 
+/// As long as an answer may take, and a second.
+void isOld(const World& world) {
+  fs::last_write_time(world.requests, fs::file_time_type::clock::now() - std::chrono::seconds(71));
+}
+
+void isHeldForLong(World& world) {
+  isHeld(world);
+  isOld(world);
+}
+
 void hasAFallback(World& world) { world.save(requestUnder(accessTo(AccessModeFull, ""))); }
 
 void hasSentItsOneHit(World& world) {
   const auto access = accessTo(AccessModeRestricted, "https://h.example/");
   world.save(requestUnder(access->hitSuccessfullySent()));
+  isOld(world);
   world.serve(accepted(world.grant("restricted")));
   world.options = {"--send"};
 }
@@ -282,6 +294,7 @@ const Case kCases[] = {
     {"FileUnreadable", isUnreadable, 5, "file-unreadable"},
     {"HitDue", hasADueHit, 0, "open-to-others dropped-at-start head-unanswered moved-aside"},
     {"FileHeldByAnother", isHeld, 0, "held-by-another-process"},
+    {"HeadWaits", isHeldForLong, 0, "held-by-another-process head-waits"},
     {"FallbackAtTheHead", hasAFallback, 0, "fallback-at-head"},
     {"RestrictedAfterItsHit", hasSentItsOneHit, 0,
      "restricted-after-its-hit restricted restricted-after-its-hit"},

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstddef>
 #include <fstream>
 #include <string>
@@ -10,6 +11,8 @@
 #include "orbiq/private/orbiqAgent/SendingRules.h"
 #include "orbiq/private/orbiqAuthManager/orbiqAccess/orbiqAccess.h"
 #include "orbiq/services/platform/host/LibraryDirectory.h"
+#include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/http/HttpClient.h"
 #include "tools/doctor/Shown.h"
 #include "tools/doctor/Steps.h"
 #include "tools/requests/LiveFile.h"
@@ -46,8 +49,8 @@ void examineHolder(const Use& use, Finding& finding) {
                holder +
                    " has the requests file. Another process of the same application starts "
                    "with an empty queue, and what waits in it is not saved.",
-               "If that is your application, all is well. If it is another one, end it, or give "
-               "each a bundle identifier or library directory of its own.");
+               "If that is your application, this is as it should be. If it is another one, end "
+               "it, or give each a bundle identifier or library directory of its own.");
 }
 
 struct Waiting {
@@ -73,7 +76,20 @@ Waiting countOf(const RequestsArchive& archive) {
   return waiting;
 }
 
-void examineHead(const RequestsArchive& archive, Finding& finding) {
+bool isInUse(const Snapshot& snapshot) { return snapshot.use.state == Use::State::kInUse; }
+
+/// For how long the application has had the same requests; 0 if none has the file.
+double secondsAtRest(const Snapshot& snapshot) {
+  if (!isInUse(snapshot) || !snapshot.changedAt) return 0;
+  return Platform::now().secondsSince1970() - *snapshot.changedAt;
+}
+
+/// The file does not tell of a head that failed since: that is saved with the next addition or
+/// removal.
+void examineHead(const RequestsArchive& archive, double atRest, Finding& finding) {
+  // An exchange for the authorization, and the hit behind it.
+  constexpr std::chrono::duration<double> kLongestAnswer =
+      HttpRequest::kUsualTimeout + SendingRules::kHitTimeout;
   if (archive.requests().empty()) return;
   const Request& head = archive.requests().front();
   if (head.access && head.access->isFallback()) {
@@ -88,15 +104,24 @@ void examineHead(const RequestsArchive& archive, Finding& finding) {
                      shownUrl(head.target().value_or("an unknown address")) + ", had no answer " +
                      std::to_string(head.numberOfFails) + " times. Everything behind it waits.",
                  "See what the hit server does with it; the step \"Hit\" tries with --send.");
+  } else if (atRest > kLongestAnswer.count()) {
+    finding.warn("head-waits",
+                 "The first request has been the first for at least " + shownDuration(atRest) +
+                     ", so the application has probably got no answer for it. Everything behind "
+                     "it waits, even if all steps below are sound by now.",
+                 "In the application's statistics, lastFailure tells the cause. If it begins with "
+                 "a URL, the request is tried again with the next hit, when the application comes "
+                 "to the foreground or, if it is a streaming request, when the network comes back. "
+                 "If it begins with the account's serial, only a restart helps.");
   }
 }
 
-void examineQueue(const RequestsArchive& archive, bool isInUse, Finding& finding) {
+void examineQueue(const RequestsArchive& archive, const Snapshot& snapshot, Finding& finding) {
   const Waiting waiting = countOf(archive);
   finding.isFine("What waits: audience hits " + std::to_string(waiting.audience) +
                  ", streaming requests " + std::to_string(waiting.streaming) +
                  ", clear-cache markers " + std::to_string(waiting.markers) + ".");
-  if (waiting.audience > 0 && !isInUse) {
+  if (waiting.audience > 0 && !isInUse(snapshot)) {
     finding.warn("dropped-at-start",
                  "The audience hits among them are dropped when the application starts.",
                  "Let it run until its hits are sent: a process that ends takes them along.");
@@ -112,13 +137,12 @@ void examineQueue(const RequestsArchive& archive, bool isInUse, Finding& finding
     finding.warn("queue-full", "The queue is full: each further hit pushes out the oldest.",
                  "Find out below why none is sent.");
   }
-  examineHead(archive, finding);
+  examineHead(archive, secondsAtRest(snapshot), finding);
 }
 
 void examineArchive(const Snapshot& snapshot, Finding& finding) {
-  const bool isInUse = snapshot.use.state == Use::State::kInUse;
   const RequestsArchive archive(snapshot.bytes);
-  if (archive.isLoadable()) return examineQueue(archive, isInUse, finding);
+  if (archive.isLoadable()) return examineQueue(archive, snapshot, finding);
   finding.fail("damaged",
                "The requests file is damaged. The application starts with an empty queue, and "
                "overwrites it.",
