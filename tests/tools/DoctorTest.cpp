@@ -33,7 +33,11 @@ const std::string kElsewhere = "https://auth.example/";
 struct Report {
   explicit Report(const Words& arguments) {
     RoleProcess process("", arguments, ORBIQ_DOCTOR);
-    for (std::string line; !(line = process.readLine()).empty();) text += line + "\n";
+    // An empty line stands before the last ones.
+    for (std::string line;
+         !(line = process.readLine()).empty() || !(line = process.readLine()).empty();) {
+      text += line + "\n";
+    }
     exitStatus = process.wait();
   }
   /// The causes of everything that is no praise.
@@ -199,8 +203,6 @@ std::string nowhere() {
   return "http://127.0.0.1:" + std::to_string(closed.port()) + "/";
 }
 
-void isNobody(World& world) { world.server = nowhere(); }
-
 void goesOverNoProxy(World&) { setenv("http_proxy", nowhere().c_str(), 1); }
 
 void goesOverARefusingProxy(World& world) {
@@ -210,14 +212,10 @@ void goesOverARefusingProxy(World& world) {
   world.server = kElsewhere;
 }
 
-void isAFile(World& world) { std::ofstream(world.library) << 1; }
-
 void isDamaged(World& world) {
   fs::create_directories(world.library + "/orbiqCache");
   std::ofstream(world.requests) << "bplist00";
 }
-
-void isUnreadable(World& world) { fs::create_directories(world.requests); }
 
 void isHeld(World& world) {
   static const auto file = world.save(requestUnder(accessTo(AccessModeRestricted, "https://h/")));
@@ -227,11 +225,6 @@ void isHeld(World& world) {
 /// As long as an answer may take, and a second.
 void isOld(const World& world) {
   fs::last_write_time(world.requests, fs::file_time_type::clock::now() - std::chrono::seconds(71));
-}
-
-void isHeldForLong(World& world) {
-  isHeld(world);
-  isOld(world);
 }
 
 void hasAFallback(World& world) { world.save(requestUnder(accessTo(AccessModeFull, ""))); }
@@ -289,19 +282,21 @@ const Case kCases[] = {
     {"DirectoryReadOnly", mounts(MS_RDONLY, "size=8m"), 4, "read-only-file-system"},
     {"DirectoryFull", mounts(0, "size=32k"), 4, "no-space"},
     {"DirectoryNearlyFull", mounts(0, "size=1m"), 0, "little-space"},
-    {"DirectoryIsAFile", isAFile, 4, "no-directory"},
+    {"DirectoryIsAFile", [](World& it) { std::ofstream(it.library) << 1; }, 4, "no-directory"},
     {"FileDamaged", isDamaged, 5, "damaged"},
-    {"FileUnreadable", isUnreadable, 5, "file-unreadable"},
+    {"FileUnreadable", [](World& it) { fs::create_directories(it.requests); }, 5,
+     "file-unreadable"},
     {"HitDue", hasADueHit, 0, "open-to-others dropped-at-start head-unanswered moved-aside"},
     {"FileHeldByAnother", isHeld, 0, "held-by-another-process"},
-    {"HeadWaits", isHeldForLong, 0, "held-by-another-process head-waits"},
+    {"HeadWaits", [](World& it) { isHeld(it), isOld(it); }, 0,
+     "held-by-another-process head-waits"},
     {"FallbackAtTheHead", hasAFallback, 0, "fallback-at-head"},
     {"RestrictedAfterItsHit", hasSentItsOneHit, 0,
      "restricted-after-its-hit restricted restricted-after-its-hit"},
     {"NoRouteNeeded", needsNoRoute, 0, ""},
     {"NoNameServer", isOffline, 6, "no-route name-server"},
     {"ProxyUnknown", isOfflineBehindAProxy, 6, "no-route proxy-name"},
-    {"NobodyListens", isNobody, 8, "not-connected"},
+    {"NobodyListens", [](World& it) { it.server = nowhere(); }, 8, "not-connected"},
     {"ProxyRefuses", goesOverARefusingProxy, 8, "proxy-refuses"},
     {"ProxyIsNotThere", goesOverNoProxy, 8, "proxy-unreachable"},
     {"TlsTooOld", speaksTls10, 9, "tls-handshake"},
@@ -368,6 +363,14 @@ TEST_P(Doctor, NamesWhatIsBroken) {
 
 INSTANTIATE_TEST_SUITE_P(SetUps, Doctor, testing::ValuesIn(kCases),
                          [](const auto& tried) { return std::string(tried.param.name); });
+
+TEST(DoctorInText, NamesEveryStepThatFailed) {
+  const Report report({"--server", nowhere(), "--serial", "S", "--ca-bundle", "/none"});
+  EXPECT_EQ(report.exitStatus, 3);
+  for (const std::string step : {"Description and environment", "Connection"}) {
+    EXPECT_NE(report.text.find("\nFailed at \"" + step + "\": "), std::string::npos) << report.text;
+  }
+}
 
 TEST(DoctorOfServers, ListsWhatIsOutOfOrder) {
   World world;

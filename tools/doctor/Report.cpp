@@ -103,15 +103,16 @@ std::string asText(const std::vector<Walked>& walked, bool isColoured) {
       if (!remark.advice.empty()) text += wrapped(margin + "> ", requests::escaped(remark.advice));
     }
   }
-  const Walked* const failed = firstFailed(walked);
-  const std::size_t warnings = warningsIn(walked);
   text += "\n";
-  if (failed != nullptr) {
-    const std::string sentence = "Failed at \"" + std::string(failed->step->title) +
-                                 "\": " + failureOf(failed->finding).text;
-    return text + coloured(wrapped({}, requests::escaped(sentence)), lookOf(Level::kFailure).colour,
-                           isColoured);
+  for (const Walked& each : walked) {
+    if (each.finding.level() != Level::kFailure) continue;
+    const std::string sentence =
+        std::string("Failed at \"") + each.step->title + "\": " + failureOf(each.finding).text;
+    text += coloured(wrapped({}, requests::escaped(sentence)), lookOf(Level::kFailure).colour,
+                     isColoured);
   }
+  if (firstFailed(walked) != nullptr) return text;
+  const std::size_t warnings = warningsIn(walked);
   return text + "Nothing failed" +
          (warnings == 0   ? ".\n"
           : warnings == 1 ? "; there is 1 warning.\n"
