@@ -272,7 +272,7 @@ struct Case {
 };
 
 const Case kCases[] = {
-    {"Sound", [](World&) {}, 0, ""},
+    {"Sound", has(&World::says, "hit server itself was not tried: --send does"), 0, ""},
     {"NoServer", has(&World::server, ""), 3, "no-server"},
     {"Password", has(&World::server, "https://a:secret@b/"), 3, "server-refused"},
     {"Token", has(&World::server, "https://b/?t=secret"), 3, "server-refused"},

@@ -33,6 +33,9 @@ Finding examineHitUrl(Context& context) {
   }
   finding.isFine("A hit would be sent to " + shown + ".");
   examineNameOf(*context.hit, wayTo(*context.hit), finding);
+  if (!context.options.sends && !context.options.checksServer) {
+    finding.isFine("The hit server itself was not tried: --send does that, and counts a hit.");
+  }
   return finding;
 }
 
