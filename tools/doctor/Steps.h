@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <span>
 #include <vector>
 
@@ -46,7 +47,8 @@ struct Walked {
 std::span<const Step> roadSteps();
 /// What a client meets at an authorization server.
 std::span<const Step> serverSteps();
-/// Runs the steps in order.
-std::vector<Walked> walk(std::span<const Step> steps, Context& context);
+/// Runs the steps in order, and tells of each as soon as it is done.
+std::vector<Walked> walk(std::span<const Step> steps, Context& context,
+                         const std::function<void(const Walked&)>& tell);
 
 }  // namespace orbiq::doctor

@@ -78,13 +78,16 @@ int run(Settings& settings) {
     context.options.server = settings.checkedServer;
   }
   if (!orbiq::prepareHttpForProcess()) throw std::runtime_error("libcurl cannot be set up");
-  const auto walked = orbiq::doctor::walk(
-      context.options.checksServer ? orbiq::doctor::serverSteps() : orbiq::doctor::roadSteps(),
-      context);
   const char* const noColour = std::getenv("NO_COLOR");
   const bool isColoured = isatty(STDOUT_FILENO) == 1 && (noColour == nullptr || *noColour == '\0');
+  const auto walked = orbiq::doctor::walk(
+      context.options.checksServer ? orbiq::doctor::serverSteps() : orbiq::doctor::roadSteps(),
+      context, [&](const orbiq::doctor::Walked& each) {
+        if (settings.isJson) return;
+        std::cout << orbiq::doctor::asText(each, isColoured) << std::flush;
+      });
   std::cout << (settings.isJson ? orbiq::doctor::asJson(walked)
-                                : orbiq::doctor::asText(walked, isColoured))
+                                : orbiq::doctor::summaryOf(walked, isColoured))
             << std::flush;
   if (std::cout) return orbiq::doctor::exitStatusOf(walked);
   std::cerr << "orbiq-doctor: standard output cannot be written\n";
