@@ -175,12 +175,16 @@ ORBIQ_EXPORT orbiq_status orbiq_tagger_get_text(const orbiq_tagger* tagger, orbi
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_use_idfa(orbiq_tagger* tagger, bool use);
 /// The setting, in `*use`.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_get_use_idfa(const orbiq_tagger* tagger, bool* use);
-/// The threshold of the log, for the whole library: the last call on any tagger counts. Any number
-/// from 0 on; one above `ORBIQ_LOG_ERROR` silences the three named modes.
+/// Sets the same threshold as `orbiq_set_logging_mode`.
 ORBIQ_EXPORT orbiq_status orbiq_tagger_set_logging_mode(orbiq_tagger* tagger,
                                                         orbiq_logging_mode mode);
 
 // ---- The process --------------------------------------------------------------------------------
+
+/// The threshold of the log, for the whole library: the last call counts. It is `ORBIQ_LOG_ERROR`
+/// at first. Any number from 0 on; one above 2 silences the three named modes. To be called before
+/// the first tagger if the log is to show what goes wrong at the start.
+ORBIQ_EXPORT orbiq_status orbiq_set_logging_mode(orbiq_logging_mode mode);
 
 /// To be called when the application comes back to the foreground: the queue is looked at again.
 ORBIQ_EXPORT orbiq_status orbiq_post_will_enter_foreground(void);

@@ -8,6 +8,7 @@
 #include "orbiq/orbiqVersion.h"
 #include "orbiq/orbiq_c.h"
 #include "orbiq/services/orbiqKWDXUUIDHandler/orbiqKWDXUUIDHandler.h"
+#include "orbiq/services/orbiqLogger/orbiqLogger.h"
 #include "orbiq/services/platform/host/Platform.h"
 #include "orbiq/services/platform/loop/MainLoop.h"
 #include "orbiq/services/platform/loop/NotificationCenter.h"
@@ -51,6 +52,12 @@ const char* orbiq_status_text(orbiq_status status) {
 }
 
 const char* orbiq_version() { return orbiq_iOSVersionString; }
+
+orbiq_status orbiq_set_logging_mode(orbiq_logging_mode mode) {
+  if (mode < 0) return ORBIQ_ERROR_ARGUMENT;
+  orbiqLogger::sharedLogger().setLoggingMode(static_cast<orbiq::LoggingMode>(mode));
+  return ORBIQ_OK;
+}
 
 orbiq_status orbiq_post_will_enter_foreground() {
   return unlessForked([]() -> orbiq_status {

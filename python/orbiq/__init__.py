@@ -55,7 +55,7 @@ for _name, _arguments in {
         "tagger_send_hit": (Handle,),
         "tagger_set_use_idfa": (Handle, c_bool),
         "tagger_get_use_idfa": (Handle, POINTER(c_bool)),
-        "tagger_set_logging_mode": (Handle, c_int32),
+        "set_logging_mode": (c_int32,),
         "flush": (c_double,),
         "get_statistics": (POINTER(_Statistics), c_size_t),
         "last_failure": _text,
@@ -98,6 +98,10 @@ def _read(function: Callable[..., int]) -> str | None:
         capacity = length.value + 100  # it may grow meanwhile
 
 
+def _set_logging_level(level: int) -> None:
+    _check(_library.orbiq_set_logging_mode(sum(level > each for each in _LEVELS)))
+
+
 def describe(*, bundle_identifier: str | None = None, bundle_name: str | None = None,
              short_version: str | None = None, authorization_server: str | None = None,
              library_directory: str | None = None, ca_bundle: str | None = None,
@@ -105,13 +109,14 @@ def describe(*, bundle_identifier: str | None = None, bundle_name: str | None = 
              user_interface_idiom: int | None = None, durable: bool = False,
              assume_reachable: bool = False,
              advertising_identifier: Callable[[], str | None] | None = None,
-             logger: logging.Logger | None = None) -> None:
+             logger: logging.Logger | None = None, logging_level: int | None = None) -> None:
     """Describes the application and the device, before the first tagger. The last description counts.
 
     What is left out has the default of the same field of `orbiq::HostDescription`; the screen is
     width and height in points, scale, and native scale or 0. `advertising_identifier` is asked at
     each hit, on the thread that sends it. `logger` gets the log; it must not call this module.
-    Raises `DescriptionRefused`."""
+    `logging_level` is the library's own threshold, as a level of `logging`, and counts from the
+    start on; without one, only errors are logged. Raises `DescriptionRefused`."""
     taker = logger or logging.getLogger("orbiq")
 
     def log(_context: int, mode: int, text: bytes, _length: int, _time: float) -> None:
@@ -148,6 +153,8 @@ def describe(*, bundle_identifier: str | None = None, bundle_name: str | None = 
         if status == _REFUSED:
             raise DescriptionRefused(status, reason.value.decode(errors="replace"))
         _check(status)
+        if logging_level is not None:
+            _set_logging_level(logging_level)
     finally:
         _library.orbiq_host_free(host)
 
@@ -180,9 +187,8 @@ class Tagger:
         _check(_library.orbiq_tagger_set_use_idfa(self._handle, use))
 
     def set_logging_level(self, level: int) -> None:
-        """The library's own threshold, for all taggers, as a level of `logging`; ERROR at first."""
-        mode = sum(level > each for each in _LEVELS)
-        _check(_library.orbiq_tagger_set_logging_mode(self._handle, mode))
+        """Changes `logging_level` of `describe` later, for the whole library."""
+        _set_logging_level(level)
 
 
 def flush(timeout: float = 5) -> bool:

@@ -91,6 +91,7 @@ class CInterfaceTest(unittest.TestCase):
                 c.orbiq_tagger_send_hit(None), c.orbiq_tagger_with_serial(b"A", None),
                 c.orbiq_tagger_with_serial(None, ctypes.byref(other)),
                 c.orbiq_tagger_set_text(self.tagger, SERIAL, b"other"),
+                c.orbiq_set_logging_mode(-1),
                 c.orbiq_get_statistics(None, some), c.orbiq_main_loop_adopt(None)):
             self.assertEqual(status, ARGUMENT)
         self.assertIsNone(other.value)

@@ -26,7 +26,7 @@ class ModuleTest(unittest.TestCase):
         description = {"bundle_identifier": "tv.example.python", "bundle_name": "Player",
                        "short_version": "4.2",
                        "library_directory": self.directory, "main_screen": (320, 568, 2, 0),
-                       "user_interface_idiom": 1,
+                       "user_interface_idiom": 1, "logging_level": logging.INFO,
                        "advertising_identifier": lambda: next(identifiers)}
         with self.assertRaisesRegex(orbiq.DescriptionRefused, "elsewhere.example.* must be https"):
             orbiq.describe(**description, authorization_server="http://elsewhere.example/")
@@ -35,16 +35,19 @@ class ModuleTest(unittest.TestCase):
             orbiq.Tagger("")
         self.assertEqual(refused.exception.status, -1)
 
-        tagger = orbiq.Tagger("ABC")
-        tagger.set_logging_level(logging.INFO)
+        os.mkdir(f"{self.directory}/orbiqCache")
+        with open(f"{self.directory}/orbiqCache/requests.ser", "wb") as file:
+            file.truncate(65 << 20)  # too large to be read at the start
         with self.assertLogs("orbiq", logging.INFO) as logged:
+            tagger = orbiq.Tagger("ABC")
             for _ in range(3):
                 tagger.send_hit()
             self.assertTrue(orbiq.flush(60))
         self.assertEqual(list(identifiers), [])
         texts = [record.getMessage() for record in logged.records]
         self.assertEqual(sum(text.endswith(" handling done") for text in texts), 3)
-        self.assertTrue(any("did = AD-ID;" in text for text in texts))
+        for said in "did = AD-ID;", "requests can't be read: File too large":
+            self.assertTrue(any(said in text for text in texts), said)
         tagger.set_logging_level(logging.CRITICAL)
         tagger.use_idfa = False
         self.assertFalse(orbiq.Tagger("ABC").use_idfa)
