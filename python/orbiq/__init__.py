@@ -8,8 +8,9 @@
     orbiq.flush(5)                  # only where the process ends soon
 
 Everything may be called from any thread, the device identifier from one at a time. What goes wrong is
-raised as `Error`. The library's log goes to the logger "orbiq" of the module `logging` from `describe` on,
-and to standard error before.
+raised as `Error`; so is a text with a zero character or a lone surrogate, which C does not have. The
+library's log goes to the logger "orbiq" of the module `logging` from `describe` on, and to standard error
+before.
 """
 
 import atexit
@@ -25,7 +26,7 @@ __all__ = ["DescriptionRefused", "Error", "Statistics", "Tagger", "describe", "d
            "flush", "reset_device_identifier", "statistics", "version",
            "will_enter_foreground"]
 
-_NONE, _BUFFER, _REFUSED, _TIMEOUT = 1, -3, -2, -8
+_NONE, _ARGUMENT, _REFUSED, _BUFFER, _TIMEOUT = 1, -1, -2, -3, -8
 _LEVELS = (logging.INFO, logging.WARNING, logging.ERROR)
 _COUNTS = ("accepted", "sent", "refused", "answered_with_another_status", "given_up", "pushed_out",
            "discarded_at_start", "discarded_at_network_return", "pending",
@@ -87,6 +88,13 @@ def _check(status: int) -> int:
     return status
 
 
+def _encoded(text: str) -> bytes:
+    """For C, which would cut the text at a zero character."""
+    if re.search(r"[\0\ud800-\udfff]", text):
+        raise Error(_ARGUMENT, f"{text!r} has a zero character or a lone surrogate")
+    return text.encode()
+
+
 def _read(function: Callable[..., int]) -> str | None:
     """The text that a function gives out."""
     capacity = 200
@@ -114,9 +122,10 @@ def describe(*, bundle_identifier: str | None = None, bundle_name: str | None = 
 
     What is left out has the default of the same field of `orbiq::HostDescription`; the screen is
     width and height in points, scale, and native scale or 0. `advertising_identifier` is asked at
-    each hit, on the thread that sends it. `logger` gets the log; it must not call this module.
-    `logging_level` is the library's own threshold, as a level of `logging`, and counts from the
-    start on; without one, only errors are logged. Raises `DescriptionRefused`."""
+    each hit, on the thread that sends it; an error there leaves the hit without one. `logger` gets
+    the log; it must not call this module. `logging_level` is the library's own threshold, as a level
+    of `logging`, and counts from the start on; without one, only errors are logged. Raises
+    `DescriptionRefused`."""
     taker = logger or logging.getLogger("orbiq")
 
     def log(_context: int, mode: int, text: bytes, _length: int, _time: float) -> None:
@@ -125,7 +134,7 @@ def describe(*, bundle_identifier: str | None = None, bundle_name: str | None = 
 
     def identify(_context: int, buffer: "ctypes._Pointer[c_char]", capacity: int) -> bool:
         text = advertising_identifier() if advertising_identifier else None
-        data = (text or "").encode() + b"\0"
+        data = _encoded(text or "") + b"\0"
         if text is None or len(data) > capacity:
             return False
         ctypes.memmove(buffer, data, len(data))
@@ -137,7 +146,7 @@ def describe(*, bundle_identifier: str | None = None, bundle_name: str | None = 
         for which, value in enumerate((bundle_identifier, bundle_name, short_version,
                                        authorization_server, library_directory, ca_bundle)):
             if value is not None:
-                _check(_library.orbiq_host_set_text(host, which, value.encode()))
+                _check(_library.orbiq_host_set_text(host, which, _encoded(value)))
         if main_screen is not None:
             _check(_library.orbiq_host_set_main_screen(host, *main_screen))
         if user_interface_idiom is not None:
@@ -167,7 +176,7 @@ class Tagger:
     def __init__(self, serial: str) -> None:
         self.serial = serial
         self._handle = Handle()
-        _check(_library.orbiq_tagger_with_serial(serial.encode(), byref(self._handle)))
+        _check(_library.orbiq_tagger_with_serial(_encoded(serial), byref(self._handle)))
 
     def send_hit(self) -> None:
         """Counts one event. Returns at once; what becomes of the hit, `statistics` tells."""
