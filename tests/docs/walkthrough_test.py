@@ -1,5 +1,5 @@
 """Does what docs/tutorial.md and docs/testing.md say, and compares what comes of it. The hit of each
-sample that sends one arrives."""
+sample that sends one arrives, and those that tell of the failure do so."""
 
 import os
 import pathlib
@@ -57,10 +57,16 @@ class Walkthrough(unittest.TestCase):
             for number, (page, language, code) in enumerate(samples, 1):
                 with self.subTest(page=page, language=language):
                     code = re.sub(r"https://[a-z.]*/tag/", f"{server.url}auth/", code)
-                    self.send(language, code, server, f"{scratch}/{number}")
+                    place = f"{scratch}/{number}"
+                    program = self.program(language, code, place)
+                    server.behave(hitStatus=200)
+                    self.send(program, server, place, 0, "^")
                     self.assertEqual(server.counts()["hits"], {"ABC": number})
+                    if number in (1, 3, 4):
+                        server.behave(hitStatus=500)
+                        self.send(program, server, place, 1, "not sent: .* with status 500")
 
-    def send(self, language, code, server, place):
+    def program(self, language, code, place):
         os.mkdir(place)
         program = [sys.executable, "-c", code]
         if language != "python":
@@ -70,8 +76,14 @@ class Walkthrough(unittest.TestCase):
                             f"-I{PROJECT}", "-x", "c++" if language == "cpp" else "c", "-", "-o",
                             *program, "-x", "none", LIBRARY, f"-Wl,-rpath,{LIBRARY.parent}"],
                            input=code, text=True, check=True)
-        subprocess.run(program, check=True, timeout=100, env=server.environment(place) | {
-            "LD_LIBRARY_PATH": str(LIBRARY.parent), "PYTHONPATH": PROJECT / "python"})
+        return program
+
+    def send(self, program, server, place, status, said):
+        ended = subprocess.run(program, timeout=100, env=server.environment(place) | {
+            "LD_LIBRARY_PATH": str(LIBRARY.parent), "PYTHONPATH": PROJECT / "python"},
+                               capture_output=True, text=True)
+        self.assertEqual(ended.returncode, status, ended.stderr)
+        self.assertRegex(ended.stdout + ended.stderr, said)
 
 
 if __name__ == "__main__":
