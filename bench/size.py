@@ -33,12 +33,12 @@ int main() { orbiqLogger::log_withMode("hello", orbiq::LoggingModeError); }
 """
 
 
-def ten_lines():
+def readme_example():
     """README's, so that what is measured is what a reader writes."""
     readme = (PROJECT / "README.md").read_text(encoding="utf-8")
     sample = re.search(r"<!-- sample: whole(?:; linked)? -->\n```cpp\n(.*?)```", readme, re.DOTALL)
     if not sample or "sendHit" not in sample[1]:
-        sys.exit("size: README has no ten lines that send a hit")
+        sys.exit("size: README has no example that sends a hit")
     return sample[1]
 
 
@@ -81,7 +81,7 @@ def main():
     report("stripped liborbiq.so", stripped_size(shared, place), AIM_KIB)
     base = linked_size("nothing", NOTHING, build, place)
     for name, what, code in (("logger", "the logger", LOGGER),
-                             ("hit", "a tagger and sendHit", ten_lines())):
+                             ("hit", "a tagger and sendHit", readme_example())):
         report(f"{what}, linked from liborbiq.a, adds", linked_size(name, code, build, place) - base)
 
 

@@ -149,7 +149,7 @@ class Demo:
             print(f"  collector counts {name}: {value}", flush=True)
 
     def audience(self):
-        say("1. One hit, ten lines of code")
+        say("1. One hit, a few lines of code")
         self.run("first-hit")
         self.expect(authorizations={"ABC": 1}, hits={"ABC": 1}, hitsUnanswered={})
 
