@@ -1,4 +1,6 @@
 // Whether the server's certificates would be trusted.
+#include <unistd.h>
+
 #include <optional>
 #include <string>
 
@@ -77,6 +79,10 @@ void examineTlsOf(const Url& url, const Connected& connected, const std::string&
   if (url.scheme() != "https") {
     return finding.isFine("None: " + shownUrl(url.text()) + " is http.");
   }
+  // The step "Description and environment" says so, and why.
+  if (!caBundle.empty() && access(caBundle.c_str(), R_OK) != 0) {
+    return finding.skip("Not tried: the certificates to trust cannot be read.");
+  }
   const Connected ofChain = connectTo(url, caBundle, {.chain = true});
   const Connected ofName = connectTo(url, caBundle, {.name = true});
   for (const Connected* each : {&connected, &ofChain, &ofName}) {
@@ -99,6 +105,9 @@ void examineTlsOf(const Url& url, const Connected& connected, const std::string&
 Finding examineTls(Context& context) {
   Finding finding;
   examineTlsOf(*context.url, context.connected, context.options.caBundle, finding);
+  if (finding.level() == Level::kSkipped) {
+    context.obstacle = "the certificates to trust cannot be read.";
+  }
   return finding;
 }
 
