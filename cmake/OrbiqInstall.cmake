@@ -102,9 +102,10 @@ function(orbiq_install)
   orbiq_install_library(orbiq library development)
   orbiq_install_library(orbiq_static development development)
   orbiq_install_pkgconfig(development orbiq "audience measurement for native applications" "" "${core}" -lorbiq)
-  # The archive with everything else shared: `--static` would ask for all that libcurl may need.
+  # The archive with everything else shared: `--static` would ask for all that libcurl may need. The
+  # last two are what a C compiler does not link by itself.
   orbiq_install_pkgconfig(development orbiq-static "audience measurement, linked into the application"
-    "${core}" "" -l:liborbiq.a)
+    "${core}" "" "-l:liborbiq.a -lstdc++ -lm")
   if(TARGET orbiq_secretservice)
     set(keyring secretservice_development)
     orbiq_install_headers(${keyring} ${ORBIQ_SECRETSERVICE_HEADERS})

@@ -1,9 +1,11 @@
-"""Installs a build into a prefix of its own, compiles every installed header, and uninstalls.
+"""Installs a build into a prefix of its own, compiles every installed header, links a C program with
+the archive, and uninstalls.
 
 Usage: prefix_test.py BUILD_DIRECTORY SOURCE_DIRECTORY COMPILER
 """
 
 import concurrent.futures
+import os
 import pathlib
 import subprocess
 import sys
@@ -55,6 +57,24 @@ class Prefix(unittest.TestCase):
             for job, faults in zip(jobs, pool.map(compiled, jobs)):
                 with self.subTest(job=job):
                     self.assertEqual(faults, "")
+
+    def test_c_alone_links_the_archive(self):
+        prefix = self.install("c")
+        compiler = COMPILER.replace("clang++", "clang").replace("g++", "gcc")
+        program = f"{SOURCE}/examples/first-hit-c/main.c"
+        flags = run("pkg-config", "--cflags", "--libs", "orbiq-static", env={
+            **os.environ, "PKG_CONFIG_PATH": str(next(prefix.rglob("pkgconfig")))})
+        (prefix / "CMakeLists.txt").write_text(
+            "cmake_minimum_required(VERSION 3.25)\nproject(consumer LANGUAGES C)\n"
+            "find_package(orbiq REQUIRED COMPONENTS static)\n"
+            f"add_executable(app {program})\ntarget_link_libraries(app PRIVATE orbiq::orbiq_static)\n")
+        for command in ([compiler, program, *flags.stdout.split(), "-o", prefix / "app"],
+                        ["cmake", "-G", "Ninja", "-S", prefix, "-B", prefix / "build",
+                         f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_C_COMPILER={compiler}"],
+                        ["cmake", "--build", prefix / "build"]):
+            with self.subTest(command=command[:2]):
+                done = run(*command)
+                self.assertEqual(done.returncode, 0, done.stderr + done.stdout)
 
     def test_uninstalling_removes_what_was_installed_and_nothing_else(self):
         prefix = self.install("uninstalled")
