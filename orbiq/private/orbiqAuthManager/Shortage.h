@@ -1,7 +1,7 @@
 #pragma once
 
+#include <memory>
 #include <new>
-#include <stdexcept>
 #include <string>
 
 namespace orbiq {
@@ -9,11 +9,11 @@ namespace orbiq {
 /// This machine had too little of what the text says: memory, descriptors or threads.
 class Shortage : public std::bad_alloc {
  public:
-  explicit Shortage(const std::string& text) : _text(text) {}
-  const char* what() const noexcept override { return _text.what(); }
+  explicit Shortage(const std::string& text) : _text(std::make_shared<const std::string>(text)) {}
+  const char* what() const noexcept override { return _text->c_str(); }
 
  private:
-  std::runtime_error _text;  // whose copies need no memory
+  std::shared_ptr<const std::string> _text;  // shared, as copies must not need memory
 };
 
 }  // namespace orbiq
