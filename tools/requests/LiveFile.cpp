@@ -36,7 +36,9 @@ int read(const std::string& path, Snapshot& snapshot, bool& stoodStill) {
   std::optional<std::string> bytes = readAll(file, kLargestFile);
   if (!bytes) return errno;
   struct stat after{};
-  stoodStill = fstat(file.number(), &after) == 0 && isSameTime(after.st_mtim, status.st_mtim);
+  // A file is written under another name. Within a tick of the kernel's clock that shows only here.
+  stoodStill = stat(path.c_str(), &after) == 0 && after.st_ino == status.st_ino &&
+               isSameTime(after.st_mtim, status.st_mtim);
   snapshot.bytes = std::move(*bytes);
   snapshot.changedAt = static_cast<double>(status.st_mtim.tv_sec);
   return 0;
