@@ -8,6 +8,7 @@
 #include <string_view>
 
 #include "orbiq/services/platform/host/HostApplication.h"
+#include "orbiq/services/platform/http/CurlFailure.h"
 
 namespace orbiq::doctor {
 namespace {
@@ -54,7 +55,7 @@ void setUp(CURL* easy, const std::string& url, const std::string& caBundle, char
 
 std::string errorOf(CURLcode code, const char* text) {
   if (code == CURLE_OK) return {};
-  return text[0] != '\0' ? text : curl_easy_strerror(code);
+  return orbiq::errorOf(code, text[0] != '\0' ? text : curl_easy_strerror(code)).text;
 }
 
 double secondsOf(CURL* easy, CURLINFO which) {

@@ -105,14 +105,16 @@ void examineHead(const RequestsArchive& archive, double atRest, Finding& finding
                      std::to_string(head.numberOfFails) + " times. Everything behind it waits.",
                  "See what the hit server does with it; the step \"Hit\" tries with --send.");
   } else if (atRest > kLongestAnswer.count()) {
-    finding.warn("head-waits",
-                 "The first request has been the first for at least " + shownDuration(atRest) +
-                     ", so the application has probably got no answer for it. Everything behind "
-                     "it waits, even if all steps below are sound by now.",
-                 "In the application's statistics, lastFailure tells the cause. If it begins with "
-                 "a URL, the request is tried again with the next hit, when the application comes "
-                 "to the foreground or, if it is a streaming request, when the network comes back. "
-                 "If it begins with the account's serial, only a restart helps.");
+    finding.warn(
+        "head-waits",
+        "The first request has been the first for at least " + shownDuration(atRest) +
+            ", so the application has probably got no answer for it, and everything "
+            "behind it waits, even if all steps below are sound by now. (Or it was dropped "
+            "when the network came back, which the file does not show.)",
+        "In the application's statistics, lastFailure tells the cause. If it begins with "
+        "a URL, the request is tried again with the next hit, when the application comes "
+        "to the foreground or, if it is a streaming request, when the network comes back. "
+        "If it begins with the account's serial, only a restart helps.");
   }
 }
 

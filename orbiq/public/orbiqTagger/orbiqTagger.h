@@ -36,8 +36,8 @@ class ORBIQ_EXPORT orbiqTagger {
   /// The tagger's own copy of the threshold.
   orbiq::LoggingMode loggingMode() const { return _loggingMode; }
   /// Sets the threshold below which log lines are not printed, for the whole library: the last call
-  /// counts, on any tagger or on `orbiqLogger`. By the first tagger the library has started
-  /// already; `orbiqLogger::setLoggingMode` can be called before.
+  /// counts, on any tagger or on `orbiqLogger`. The first tagger starts the library: to see what
+  /// goes wrong there, call `orbiqLogger::setLoggingMode` before.
   void setLoggingMode(orbiq::LoggingMode mode);
 
   /// Free texts. They are kept and returned, and this version sends none of them.

@@ -24,10 +24,12 @@ bool lacksDescriptors() {
 }  // namespace
 
 const char* shortageBehind(CURLcode code, std::string_view text) {
-  if (text == "getaddrinfo() thread failed to start") return "no thread is left for a look-up";
   const bool saysNothing = code == CURLE_COULDNT_RESOLVE_HOST ||
                            code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_SSL_CACERT_BADFILE;
-  return saysNothing && lacksDescriptors() ? kNoDescriptor : nullptr;
+  if (saysNothing && lacksDescriptors()) return kNoDescriptor;
+  // A look-up's thread has a socket pair, too.
+  const bool isWithoutThread = text == "getaddrinfo() thread failed to start";
+  return isWithoutThread ? "no thread is left for a look-up" : nullptr;
 }
 
 HttpError errorOf(int code, const char* text) try {

@@ -38,6 +38,7 @@ struct Hop {
   const KeptConnection* kept = nullptr;
   bool isTls = false;
 
+  bool hasHadSocket = false;
   int sends = 0;
   bool goesOverTheKeptOne = false;
   bool isOver = false;
@@ -60,6 +61,7 @@ curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
   if (number < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
     hop.shortage = kNoDescriptor;
   }
+  hop.hasHadSocket |= number >= 0;
   return number;
 }
 
@@ -137,18 +139,23 @@ void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
 }
 
-/// Refused, or unreachable: libcurl says only that it could not connect.
-void nameSystemError(CURL* easy, CURLcode code, HttpError& error) try {
+/// Refused, or unreachable: libcurl says only that it could not connect. Without a socket, the
+/// number is an earlier request's.
+void nameSystemError(const Hop& hop, CURLcode code, HttpError& error) try {
+  if (code != CURLE_COULDNT_CONNECT || !hop.hasHadSocket) return;
   long number = 0;
-  curl_easy_getinfo(easy, CURLINFO_OS_ERRNO, &number);
+  curl_easy_getinfo(hop.easy, CURLINFO_OS_ERRNO, &number);
   const char* const text = strerrordesc_np(static_cast<int>(number));
-  if (code == CURLE_COULDNT_CONNECT && number != 0 && text) error.text.append(": ").append(text);
+  if (number != 0 && text != nullptr) error.text.append(": ").append(text);
 } catch (const std::bad_alloc&) {
 }
 
-/// It did not fail at the request's own URL. Without memory, the cause must do.
+/// It did not fail at the request's own URL. What stands in a query may be secret, or long.
+/// Without memory, the cause must do.
 void nameLastHop(const std::string& url, HttpError& error) try {
-  error.text = "redirected to " + url + ": " + error.text;
+  constexpr std::size_t kLongest = 200;
+  const std::size_t end = std::min(url.find_first_of("?#"), kLongest);
+  error.text = "redirected to " + url.substr(0, end) + ": " + error.text;
 } catch (const std::bad_alloc&) {
 }
 
@@ -361,7 +368,7 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   HttpResult result;
   if (code == CURLE_OK) {
     hop.shortage = nullptr;  // it went well without
-  } else if (hop.shortage == nullptr) {
+  } else if (hop.shortage == nullptr && !libcurlRanOutOfMemory()) {
     hop.shortage = shortageBehind(code, _errorText);
   }
   result.response = std::move(hop.response);
@@ -376,7 +383,7 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
     result.error = errorOf(CURLE_FILESIZE_EXCEEDED, "a header line of more than 100 KiB");
   } else if (code != CURLE_OK) {
     result.error = errorOf(code, _errorText[0] != '\0' ? _errorText : curl_easy_strerror(code));
-    nameSystemError(_easy, code, *result.error);
+    nameSystemError(hop, code, *result.error);
   } else if (!result.response) {
     // A switch to another protocol ends the transfer well.
     result.error = errorOf(CURLE_WEIRD_SERVER_REPLY, "the headers of an answer did not come whole");
