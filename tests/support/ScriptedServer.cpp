@@ -9,6 +9,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <chrono>
 #include <set>
 #include <stdexcept>
@@ -132,13 +133,14 @@ class ScriptedServer::Connection final : public ServedConnection {
   void untilPeerCloses() override {
     for (;;) readSome();
   }
-  void goDeaf() override {
+  int goDeaf() override {
     constexpr unsigned kLongestHeader = 60;  // with nothing behind it, it only acknowledges
     sock_filter filter[] = {BPF_STMT(BPF_LD | BPF_W | BPF_LEN, 0),
                             BPF_JUMP(BPF_JMP | BPF_JGT | BPF_K, kLongestHeader, 0, 1),
                             BPF_STMT(BPF_RET, 0), BPF_STMT(BPF_RET, UINT32_MAX)};
     const sock_fprog program{4, filter};
-    setsockopt(_socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program);
+    return setsockopt(_socket, SOL_SOCKET, SO_ATTACH_FILTER, &program, sizeof program) == 0 ? 0
+                                                                                            : errno;
   }
 
  private:
@@ -271,7 +273,6 @@ namespace steps {
 Step readRequest() { return &ServedConnection::readRequest; }
 Step reset() { return &ServedConnection::reset; }
 Step untilPeerCloses() { return &ServedConnection::untilPeerCloses; }
-Step goDeaf() { return &ServedConnection::goDeaf; }
 Step send(std::string text) {
   return [text = std::move(text)](ServedConnection& connection) { connection.send(text); };
 }

@@ -25,8 +25,9 @@ class ServedConnection {
   /// Closes so that the peer gets a reset.
   virtual void reset() = 0;
   virtual void untilPeerCloses() = 0;
-  /// From now on the kernel drops what is sent here, unacknowledged.
-  virtual void goDeaf() = 0;
+  /// From now on the kernel drops what is sent here, unacknowledged. Returns 0 or the error number:
+  /// not every user may have that.
+  virtual int goDeaf() = 0;
 };
 
 using Step = std::function<void(ServedConnection&)>;
@@ -40,7 +41,6 @@ Step readRequest();
 Step send(std::string text);
 Step reset();
 Step untilPeerCloses();
-Step goDeaf();
 /// Sends the text byte by byte, with a millisecond before each.
 Step drip(std::string text);
 }  // namespace steps
