@@ -182,8 +182,8 @@ ORBIQ_EXPORT orbiq_status orbiq_tagger_set_logging_mode(orbiq_tagger* tagger,
 // ---- The process --------------------------------------------------------------------------------
 
 /// The threshold of the log, for the whole library: the last call counts. It is `ORBIQ_LOG_ERROR`
-/// at first. Any number from 0 on; one above 2 silences the three named modes. To be called before
-/// the first tagger if the log is to show what goes wrong at the start.
+/// at first. Any number from 0 on; one above `ORBIQ_LOG_ERROR` silences the three named modes. To
+/// be called before the first tagger if the log is to show what goes wrong at the start.
 ORBIQ_EXPORT orbiq_status orbiq_set_logging_mode(orbiq_logging_mode mode);
 
 /// To be called when the application comes back to the foreground: the queue is looked at again.

@@ -202,7 +202,7 @@ orbiq::String orbiqAgent::State::authorize(orbiqRequest& request) try {
   return {};
 } catch (const orbiq::Shortage& shortage) {
   orbiqLogger::log_withMode(shortage.what(), orbiq::LoggingModeError);
-  return textOf([&] { return std::string(shortage.what()); });
+  return textOf([&] { return shortage.what(); });
 } catch (const std::bad_alloc& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
   return orbiq::String::outOfMemory();

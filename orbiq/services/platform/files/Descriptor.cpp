@@ -25,6 +25,7 @@ bool isStillOurs(int number) {
 }  // namespace
 
 StandardNumbersHeld::StandardNumbersHeld() {
+  const CancellationHeld held;
   const Lock lock(holdersLock);
   ++holders;
   int number = 0;
@@ -36,6 +37,7 @@ StandardNumbersHeld::StandardNumbersHeld() {
 }
 
 StandardNumbersHeld::~StandardNumbersHeld() {
+  const CancellationHeld held;
   const Lock lock(holdersLock);
   if (--holders > 0) return;
   for (int number = 0; number <= STDERR_FILENO; ++number) {

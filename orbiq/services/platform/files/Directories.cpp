@@ -27,7 +27,7 @@ int makeDirectories(const std::string& path) {
       // A file that is synced later would not outlast a loss of power without its directory.
       syncDirectoryOf(part);
     }
-    // Below a part that is missing, the cause of that counts.
+    // Nothing can be made below a part that could not be: its failure is the cause.
     if (isMade || errno == EEXIST) {
       failure = 0;
     } else if (failure == 0) {

@@ -6,7 +6,6 @@
 #include <algorithm>
 #include <cerrno>
 #include <climits>
-#include <cstring>
 #include <new>
 #include <utility>
 
@@ -139,26 +138,6 @@ void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
 }
 
-/// Refused, or unreachable: libcurl says only that it could not connect. Without a socket, the
-/// number is an earlier request's.
-void nameSystemError(const Hop& hop, CURLcode code, HttpError& error) try {
-  if (code != CURLE_COULDNT_CONNECT || !hop.hasHadSocket) return;
-  long number = 0;
-  curl_easy_getinfo(hop.easy, CURLINFO_OS_ERRNO, &number);
-  const char* const text = strerrordesc_np(static_cast<int>(number));
-  if (number != 0 && text != nullptr) error.text.append(": ").append(text);
-} catch (const std::bad_alloc&) {
-}
-
-/// It did not fail at the request's own URL. What stands in a query may be secret, or long.
-/// Without memory, the cause must do.
-void nameLastHop(const std::string& url, HttpError& error) try {
-  constexpr std::size_t kLongest = 200;
-  const std::size_t end = std::min(url.find_first_of("?#"), kLongest);
-  error.text = "redirected to " + url.substr(0, end) + ": " + error.text;
-} catch (const std::bad_alloc&) {
-}
-
 /// A header without a value takes libcurl's own one away. Null if that needs memory.
 curl_slist* unwantedHeaders() {
   curl_slist* const first = curl_slist_append(nullptr, "Accept:");
@@ -259,7 +238,7 @@ HttpResult CurlHttpClient::follow(const HttpRequest& request, TransferStay& stay
     const CURLcode code = runHop(order, hop, stay);
     if (hop.redirect.target.empty()) {
       HttpResult result = resultOf(hop, code);
-      if (followed > 0 && code != CURLE_OK) nameLastHop(order.url, *result.error);
+      if (followed > 0 && code != CURLE_OK) addLastHop(order.url, *result.error);
       return result;
     }
     order.url = std::move(hop.redirect.target);
@@ -366,24 +345,20 @@ void CurlHttpClient::watchConnection(bool isKept) {
 
 HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   HttpResult result;
-  if (code == CURLE_OK) {
-    hop.shortage = nullptr;  // it went well without
-  } else if (hop.shortage == nullptr && !libcurlRanOutOfMemory()) {
-    hop.shortage = shortageBehind(code, _errorText);
-  }
+  const char* const shortage =
+      hop.shortage != nullptr ? hop.shortage : shortageBehind(code, _errorText);
   result.response = std::move(hop.response);
   if (hop.problem != nullptr) {
     result.error = errorOf(code, hop.problem);
-  } else if (hop.shortage != nullptr) {
-    result.error = errorOf(CURLE_OUT_OF_MEMORY, hop.shortage);
-  } else if (code != CURLE_OK && libcurlRanOutOfMemory()) {
-    result.error = errorOf(CURLE_OUT_OF_MEMORY, "out of memory");
+  } else if (code != CURLE_OK && shortage != nullptr) {
+    result.error = errorOf(CURLE_OUT_OF_MEMORY, shortage);
   } else if (code == CURLE_OUT_OF_MEMORY && hop.sends > 0) {
     // So libcurl 7 calls it.
     result.error = errorOf(CURLE_FILESIZE_EXCEEDED, "a header line of more than 100 KiB");
   } else if (code != CURLE_OK) {
     result.error = errorOf(code, _errorText[0] != '\0' ? _errorText : curl_easy_strerror(code));
-    nameSystemError(hop, code, *result.error);
+    // Without a socket, its number is an earlier request's.
+    if (code == CURLE_COULDNT_CONNECT && hop.hasHadSocket) addSystemError(_easy, *result.error);
   } else if (!result.response) {
     // A switch to another protocol ends the transfer well.
     result.error = errorOf(CURLE_WEIRD_SERVER_REPLY, "the headers of an answer did not come whole");

@@ -22,6 +22,7 @@ constexpr unsigned kLongestUnacknowledged = 5'000;
 
 void KeptConnection::watch(int socket) {
   _socket = Descriptor(socket < 0 ? -1 : fcntl(socket, F_DUPFD_CLOEXEC, 3));
+  if (!_socket.isOpen()) return;
   // Where its network has gone, or a router on the way has forgotten it, nobody says so.
   setsockopt(_socket.number(), IPPROTO_TCP, TCP_USER_TIMEOUT, &kLongestUnacknowledged,
              sizeof kLongestUnacknowledged);
