@@ -87,9 +87,10 @@ export class Rows {
     if (!this.#height) this.#measure();
     if (!this.#height && length) return; // not shown
     const height = this.#height || 1; // or nothing is there to be seen
+    let wanted = NaN;
     // The spacers first: the browser scrolls no further than there is something.
     if (keep) {
-      const wanted = this.#place(keep.number) * height + keep.above;
+      wanted = this.#place(keep.number) * height + keep.above;
       this.#before.firstChild.style.height = `${wanted}px`;
       this.#after.firstChild.style.height = `${Math.max(0, length * height - wanted)}px`;
       if (Math.abs(this.#scrollTop - wanted) >= 1) this.#scrollTo(wanted);
@@ -101,6 +102,11 @@ export class Rows {
     this.#fill(first, last);
     this.#before.firstChild.style.height = `${first * height}px`;
     this.#after.firstChild.style.height = `${(length - last) * height}px`;
+    // The browser rounds where it scrolls to. Taken from there, the list would drift off.
+    if (Math.abs(top - wanted) < 1) {
+      this.#top = keep;
+      return;
+    }
     const place = Math.max(0, Math.min(length - 1, Math.floor(top / height)));
     this.#top = length ? { number: this.#list[length - 1 - place].number, above: top - place * height } : null;
   }
