@@ -207,7 +207,9 @@ Way wayTo(const Url& url) {
   const CURLcode code = curl_easy_perform(handle.easy);
   Way way;
   if (!socket.isAsked) {
-    way.isOverProxy = code == CURLE_COULDNT_RESOLVE_PROXY;
+    // The server's name has its address, so only a proxy's can be missing: libcurl 8.14 now and then
+    // reports it as the server's.
+    way.isOverProxy = code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_RESOLVE_HOST;
     way.failure = way.isOverProxy ? errorOf(code, handle.errorText) : "";
     return way;
   }
