@@ -9,7 +9,7 @@ namespace {
 using SteadyClock = std::chrono::steady_clock;
 
 /// How often a held request is asked whether its client is still there.
-constexpr std::chrono::milliseconds kLook{100};
+constexpr std::chrono::milliseconds kGateLook{100};
 
 }  // namespace
 
@@ -51,7 +51,7 @@ Gate::Passage Gate::pass(Kind kind, const std::function<bool()>& clientHasGone) 
       return passage;
     }
     if (!isHeld) addHeld(1);
-    _condition.waitFor(stalls ? kLook : std::min<SteadyClock::duration>(kLook, left));
+    _condition.waitFor(stalls ? kGateLook : std::min<SteadyClock::duration>(kGateLook, left));
   }
 }
 

@@ -9,13 +9,12 @@
 namespace orbiq::requests {
 namespace {
 
-constexpr std::string_view kMagic = "bplist00";
 constexpr std::size_t kMostObjects = 1'000'000;
 
 /// Objects that stand one behind the other from the start of the file on.
 FoundObjects sequenceOf(std::string_view bytes, std::size_t refSize) {
   const BinaryPlistReader reader = BinaryPlistReader::withoutFrame(bytes, refSize);
-  FoundObjects sequence{.offsets = {}, .end = kMagic.size(), .refSize = refSize};
+  FoundObjects sequence{.offsets = {}, .end = kPlistMagic.size(), .refSize = refSize};
   while (sequence.end < bytes.size() && sequence.offsets.size() < kMostObjects) {
     const PlistObject object = reader.objectAt(sequence.end);
     if (object.kind == PlistObject::Kind::kNone) break;
@@ -59,10 +58,10 @@ Container::Container(std::string bytes, Faults& faults) : _bytes(std::move(bytes
   _reader = BinaryPlistReader::open(_bytes, &damage);
   if (_reader) return;
   faults.add({damage.offset, {}, damage.expected});
-  if (_bytes.size() < kMagic.size()) return;
-  if (!_bytes.starts_with(kMagic)) {
+  if (_bytes.size() < kPlistMagic.size()) return;
+  if (!_bytes.starts_with(kPlistMagic)) {
     // Not a property list at all, unless the rest is one.
-    std::ranges::copy(kMagic, _bytes.begin());
+    std::ranges::copy(kPlistMagic, _bytes.begin());
     _reader = BinaryPlistReader::open(_bytes);
     return;
   }

@@ -48,7 +48,7 @@ std::string urlOf(const Request& request) {
   return url->scheme().empty() ? *target + " (no address)" : *target;
 }
 
-std::string accessOf(const Request& request) {
+std::string accessTextOf(const Request& request) {
   if (!request.hasAuthorization) return std::string(kNone);
   if (!request.access) return "none";
   if (request.access->isFallback()) return "fallback";
@@ -76,7 +76,7 @@ Row rowOf(const Request& request, std::size_t position, const TableStyle& style)
           request.serial.value_or(none),
           urlOf(request),
           createdOf(request, style.now),
-          accessOf(request),
+          accessTextOf(request),
           request.session ? request.session->identifier.value_or(none) : none,
           request.parameters ? std::to_string(request.parameters->size()) : none,
           std::to_string(request.numberOfFails)};
@@ -89,9 +89,9 @@ Row rowOf(const Request& request, std::size_t position, const TableStyle& style)
   return row;
 }
 
-class Printer {
+class TablePrinter {
  public:
-  Printer(std::ostream& out, const TableStyle& style) : _out(out), _style(style) {}
+  TablePrinter(std::ostream& out, const TableStyle& style) : _out(out), _style(style) {}
 
   void line(std::string_view colour, std::string_view text) {
     if (_style.isColoured) _out << colour;
@@ -165,7 +165,7 @@ std::string counted(std::size_t count, const std::string& noun) {
 
 void printTable(std::ostream& out, const std::string& path, const Snapshot& snapshot,
                 const RequestsArchive& archive, const TableStyle& style) {
-  Printer printer(out, style);
+  TablePrinter printer(out, style);
   const std::string saved = snapshot.changedAt
                                 ? ", saved " + localTime(*snapshot.changedAt) + " (" +
                                       distance(*snapshot.changedAt, style.now) + ")"

@@ -4,12 +4,12 @@
 
 namespace {
 
-constexpr std::string_view kClassNames[] = {"orbiqClearCache", "orbiqRequest", "NSObject"};
+constexpr std::string_view kClearCacheNames[] = {"orbiqClearCache", "orbiqRequest", "NSObject"};
 
 }  // namespace
 
 constinit const orbiq::ArchivedClass orbiqClearCache::kArchivedClass{
-    kClassNames, orbiq::decodeAs<orbiqClearCache>};
+    kClearCacheNames, orbiq::decodeAs<orbiqClearCache>};
 
 orbiqClearCache::orbiqClearCache(orbiq::KeyedUnarchiver& /*coder*/) {}
 

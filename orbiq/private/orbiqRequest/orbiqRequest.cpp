@@ -15,7 +15,7 @@ using orbiq::foldHash;
 
 namespace {
 
-constexpr std::string_view kClassNames[] = {"orbiqRequest", "NSObject"};
+constexpr std::string_view kRequestNames[] = {"orbiqRequest", "NSObject"};
 
 constexpr std::string_view kStateKey = "cmsPS";
 constexpr std::string_view kStoppedState = "12";
@@ -61,7 +61,7 @@ std::string describeParameters(const orbiq::SharedParameters& parameters) {
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqRequest::kArchivedClass{kClassNames,
+constinit const orbiq::ArchivedClass orbiqRequest::kArchivedClass{kRequestNames,
                                                                   orbiq::decodeAs<orbiqRequest>};
 
 std::shared_ptr<orbiqRequest>

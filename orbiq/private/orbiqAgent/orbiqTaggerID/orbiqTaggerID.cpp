@@ -7,11 +7,11 @@
 
 namespace {
 
-constexpr std::string_view kClassNames[] = {"orbiqTaggerID", "NSObject"};
+constexpr std::string_view kTaggerIDNames[] = {"orbiqTaggerID", "NSObject"};
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqTaggerID::kArchivedClass{kClassNames,
+constinit const orbiq::ArchivedClass orbiqTaggerID::kArchivedClass{kTaggerIDNames,
                                                                    orbiq::decodeAs<orbiqTaggerID>};
 
 orbiqTaggerID::orbiqTaggerID(orbiq::String serial, std::intptr_t partialID, bool isStreamTagger)

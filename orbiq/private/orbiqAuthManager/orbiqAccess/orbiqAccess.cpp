@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::string_view kClassNames[] = {"orbiqAccess", "NSObject"};
+constexpr std::string_view kAccessNames[] = {"orbiqAccess", "NSObject"};
 
 orbiq::String composeHost(const orbiq::String& baseURL, const orbiq::String& serial) {
   if (baseURL.isNull()) return nullptr;
@@ -18,7 +18,7 @@ orbiq::String composeHost(const orbiq::String& baseURL, const orbiq::String& ser
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqAccess::kArchivedClass{kClassNames,
+constinit const orbiq::ArchivedClass orbiqAccess::kArchivedClass{kAccessNames,
                                                                  orbiq::decodeAs<orbiqAccess>};
 
 std::shared_ptr<orbiqAccess> orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(

@@ -7,11 +7,11 @@
 
 namespace {
 
-constexpr std::string_view kClassNames[] = {"orbiqAuth", "NSObject"};
+constexpr std::string_view kAuthNames[] = {"orbiqAuth", "NSObject"};
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqAuth::kArchivedClass{kClassNames,
+constinit const orbiq::ArchivedClass orbiqAuth::kArchivedClass{kAuthNames,
                                                                orbiq::decodeAs<orbiqAuth>};
 
 std::shared_ptr<orbiqAuth> orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(

@@ -7,11 +7,11 @@
 
 namespace {
 
-constexpr std::string_view kClassNames[] = {"orbiqSession", "NSObject"};
+constexpr std::string_view kSessionNames[] = {"orbiqSession", "NSObject"};
 
 }  // namespace
 
-constinit const orbiq::ArchivedClass orbiqSession::kArchivedClass{kClassNames,
+constinit const orbiq::ArchivedClass orbiqSession::kArchivedClass{kSessionNames,
                                                                   orbiq::decodeAs<orbiqSession>};
 
 std::shared_ptr<orbiqSession> orbiqSession::orbiqSessionWithSerial_withCmsVI(orbiq::String serial,

@@ -9,8 +9,6 @@
 namespace orbiq {
 namespace {
 
-constexpr std::string_view kMagic = "bplist00";
-constexpr std::size_t kTrailerSize = 32;
 constexpr std::size_t kOffsetSize = 4;
 constexpr std::size_t kCountSize = 4;
 /// Before the elements of an array whose count may grow in its place.
@@ -26,7 +24,7 @@ std::uint64_t numbersFor(std::size_t elements) {
 
 ArchiveLayout::Places::Places(std::size_t elements, std::size_t refSize) {
   const std::size_t entries = kSlotEntries * slotsFor(elements);
-  rootArray = kMagic.size() + (1 + refSize) * entries;
+  rootArray = kPlistMagic.size() + (1 + refSize) * entries;
   rootElements = rootArray + kArrayHeadSize;
   table = rootElements + refSize * elements;
   tableEntries = table + kArrayHeadSize;
@@ -44,12 +42,12 @@ ArchiveLayout::ArchiveLayout(const Measure& measure)
   const std::uint64_t end = _at.longObjects + measure.longBytes + kOffsetSize * numbers;
   // Whole pages: a file that keeps its length is written faster.
   const std::uint64_t size =
-      (end + kTrailerSize + ChangedPages::kSize - 1) / ChangedPages::kSize * ChangedPages::kSize;
+      (end + kPlistTrailerSize + ChangedPages::kSize - 1) / ChangedPages::kSize * ChangedPages::kSize;
   if (size > UINT32_MAX) throw std::length_error("the archive is too long");
-  _offsetsAt = static_cast<std::size_t>(size - kTrailerSize - kOffsetSize * numbers);
+  _offsetsAt = static_cast<std::size_t>(size - kPlistTrailerSize - kOffsetSize * numbers);
   _bytes.resize(static_cast<std::size_t>(size));
   _changed = ChangedPages::all(_bytes.size());
-  put(_bytes.size() - kTrailerSize + 6, kOffsetSize << 8 | _refSize, 2);
+  put(_bytes.size() - kPlistTrailerSize + 6, kOffsetSize << 8 | _refSize, 2);
   put(_bytes.size() - 24, numbers, 8);
   put(_bytes.size() - 8, _offsetsAt, 8);
   fill();
@@ -62,12 +60,12 @@ void ArchiveLayout::fill() {
   heads.addArrayHead(entryCount());
   PlistObjects uids(_refSize);
   for (PlistRef entry = 0; entry < entryCount(); ++entry) {
-    setPlace(entry, kMagic.size() + uids.bytes().size());
+    setPlace(entry, kPlistMagic.size() + uids.bytes().size());
     uids.addUid(entry);
   }
   const std::string_view head = heads.bytes();
-  write(0, kMagic);
-  write(kMagic.size(), uids.bytes());
+  write(0, kPlistMagic);
+  write(kPlistMagic.size(), uids.bytes());
   write(_at.rootArray, head.substr(0, kArrayHeadSize));
   write(_at.table, head.substr(kArrayHeadSize));
   setPlace(rootArray(), _at.rootArray);

@@ -9,8 +9,6 @@
 namespace orbiq {
 namespace {
 
-constexpr std::string_view kMagic = "bplist00";
-constexpr std::size_t kTrailerSize = 32;
 
 PlistNumber ofInteger(std::int64_t number) {
   return {static_cast<std::uint64_t>(number), static_cast<double>(number)};
@@ -42,9 +40,9 @@ std::optional<BinaryPlistReader> BinaryPlistReader::open(std::string_view bytes,
 }
 
 PlistDamage BinaryPlistReader::readFrame() {
-  if (!_bytes.starts_with(kMagic)) return {"the text \"bplist00\"", 0};
-  if (_bytes.size() < kMagic.size() + kTrailerSize) return {"a trailer of 32 bytes", _bytes.size()};
-  const std::size_t trailer = _bytes.size() - kTrailerSize;
+  if (!_bytes.starts_with(kPlistMagic)) return {"the text \"bplist00\"", 0};
+  if (_bytes.size() < kPlistMagic.size() + kPlistTrailerSize) return {"a trailer of 32 bytes", _bytes.size()};
+  const std::size_t trailer = _bytes.size() - kPlistTrailerSize;
   _offsetSize = static_cast<unsigned char>(_bytes[trailer + 6]);
   _refSize = static_cast<unsigned char>(_bytes[trailer + 7]);
   _objectCount = bigEndian(trailer + 8, 8);
@@ -53,7 +51,7 @@ PlistDamage BinaryPlistReader::readFrame() {
   const auto isSize = [](std::size_t size) { return size >= 1 && size <= 8; };
   if (!isSize(_offsetSize)) return {"1 to 8, the size of an offset", trailer + 6};
   if (!isSize(_refSize)) return {"1 to 8, the size of a reference", trailer + 7};
-  if (table <= kMagic.size() || table > trailer) {
+  if (table <= kPlistMagic.size() || table > trailer) {
     return {"the offset of a table between the objects and the trailer", trailer + 24};
   }
   // The table fills the room up to the trailer: a file that was cut short does not pass for whole.
@@ -78,7 +76,7 @@ std::uint64_t BinaryPlistReader::bigEndian(std::size_t start, std::size_t size) 
 
 PlistObject BinaryPlistReader::top() const {
   PlistObject top = object(_top);
-  if (_top >= _objectCount) top.damage.offset = _bytes.size() - kTrailerSize + 16;
+  if (_top >= _objectCount) top.damage.offset = _bytes.size() - kPlistTrailerSize + 16;
   return top;
 }
 
@@ -90,7 +88,7 @@ PlistObject BinaryPlistReader::object(std::uint64_t number) const {
   PlistObject object;
   if (number < _objectCount) {
     const std::uint64_t offset = offsetOf(number);
-    if (offset >= kMagic.size() && offset < _end) {
+    if (offset >= kPlistMagic.size() && offset < _end) {
       object = objectAt(offset);
     } else {
       object.damage = {"an offset among the objects",

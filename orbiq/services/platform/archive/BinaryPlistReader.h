@@ -8,6 +8,9 @@
 
 namespace orbiq {
 
+inline constexpr std::string_view kPlistMagic = "bplist00";
+inline constexpr std::size_t kPlistTrailerSize = 32;
+
 /// A number of a property list. A real becomes a signed integer: truncated, limited to its range, 0
 /// for NaN. An integer keeps its low 64 bits.
 struct PlistNumber {

@@ -9,7 +9,7 @@
 namespace orbiq {
 namespace {
 
-enum Kind : unsigned {
+enum Marker : unsigned {
   kInteger = 0x1,
   kAscii = 0x5,
   kUtf16 = 0x6,

@@ -16,7 +16,7 @@
 namespace orbiq {
 namespace {
 
-constexpr std::chrono::milliseconds kLongestWaitAtExit{250};
+constexpr std::chrono::milliseconds kLongestStayAtExit{250};
 
 struct Stays {
   Condition changed;
@@ -36,7 +36,7 @@ Stays& stays() {
 }
 
 void waitUntilAllHaveLeft() {
-  const auto deadline = std::chrono::steady_clock::now() + kLongestWaitAtExit;
+  const auto deadline = std::chrono::steady_clock::now() + kLongestStayAtExit;
   Lock lock(stays().changed);
   while (stays().first != nullptr) {
     const auto left = deadline - std::chrono::steady_clock::now();

@@ -38,8 +38,8 @@ void LoopDescriptors::raise(bool wanted) {
   if (wanted == _isRaised) return;
   // Neither can fail: the counter goes from 0 to 1 and back.
   std::uint64_t count = 1;
-  [[maybe_unused]] const ssize_t moved = wanted ? write(_event.number(), &count, sizeof count)
-                                                : read(_event.number(), &count, sizeof count);
+  [[maybe_unused]] const ssize_t moved = wanted ? ::write(_event.number(), &count, sizeof count)
+                                                : ::read(_event.number(), &count, sizeof count);
   _isRaised = wanted;
 }
 
