@@ -17,8 +17,8 @@ constexpr double kDay = 86400;
 
 Finding examineClock(Context& context) {
   Finding finding;
-  const std::string* const text = context.answer->header("Date");
-  if (text == nullptr) {
+  const std::optional<std::string>& text = context.answer->date;
+  if (!text) {
     finding.warn("no-date", "The answer has no Date, so the clocks count as equal.",
                  "Have the server send a Date with every answer.");
     return finding;

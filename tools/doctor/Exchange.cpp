@@ -57,10 +57,10 @@ void examineRedirects(const Context& context, const Journey& journey, Finding& f
     }
   }
   if (journey.refusal == nullptr) return;
-  const std::string* const location = journey.last.result.response->header("Location");
+  const std::optional<std::string>& location = journey.last.result.response->location;
   finding.fail("redirect-not-followed",
                std::string("A redirect is not followed: ") + journey.refusal + " (" +
-                   (location != nullptr ? shownUrl(*location) : "no Location") + ").",
+                   (location ? shownUrl(*location) : "no Location") + ").",
                "Name the server where it leads to, or have it lead to https.");
 }
 

@@ -6,9 +6,11 @@
 
 #include <cstring>
 #include <string_view>
+#include <utility>
 
 #include "orbiq/services/platform/host/HostApplication.h"
 #include "orbiq/services/platform/http/CurlFailure.h"
+#include "orbiq/services/platform/http/Redirect.h"
 
 namespace orbiq::doctor {
 namespace {
@@ -180,16 +182,6 @@ std::size_t takeBody(char* bytes, std::size_t, std::size_t count, void* user) {
   return count;
 }
 
-HttpResponse responseOf(CURL* easy, long status) {
-  HttpResponse response;
-  response.status = static_cast<int>(status);
-  curl_header* header = nullptr;
-  while ((header = curl_easy_nextheader(easy, CURLH_HEADER, -1, header)) != nullptr) {
-    response.headers[header->name] = header->value;
-  }
-  return response;
-}
-
 }  // namespace
 
 Way wayTo(const Url& url) {
@@ -257,11 +249,10 @@ Hop Prober::get(const std::string& url, const std::string& userAgent) {
   const CURLcode code = curl_easy_perform(_easy);
 
   Hop hop;
-  long status = 0;
   long made = 0;
-  curl_easy_getinfo(_easy, CURLINFO_RESPONSE_CODE, &status);
   curl_easy_getinfo(_easy, CURLINFO_NUM_CONNECTS, &made);
-  if (status >= 200) hop.result.response = responseOf(_easy, status);
+  HttpResponse response = responseOf(_easy);
+  if (response.status >= 200) hop.result.response = std::move(response);
   if (code == CURLE_OK) hop.result.data = std::move(body);
   if (code != CURLE_OK) hop.result.error = HttpError{code, errorOf(code, errorText), false};
   hop.isOverKeptConnection = code == CURLE_OK && made == 0;

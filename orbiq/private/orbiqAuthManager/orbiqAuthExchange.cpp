@@ -55,8 +55,7 @@ Answer fetch(const orbiq::String& serial) {
 
 /// The server's clock minus the device's; 0 where the header is missing or cannot be read.
 double clockOffset(const orbiq::HttpResponse& response) {
-  const std::string* const text = response.header("Date");
-  const std::optional<orbiq::Date> date = text ? orbiq::parseHttpDate(*text) : std::nullopt;
+  const std::optional<orbiq::Date> date = orbiq::parseHttpDate(response.date.value_or(""));
   return date ? date->secondsSince(orbiq::Platform::now()) : 0;
 }
 

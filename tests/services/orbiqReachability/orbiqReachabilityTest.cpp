@@ -17,6 +17,7 @@
 #include "orbiq/services/platform/loop/MainLoop.h"
 #include "orbiq/services/platform/loop/NotificationCenter.h"
 #include "orbiq/services/platform/loop/SerialQueue.h"
+#include "tests/support/RunOn.h"
 
 namespace orbiq::test {
 namespace {
@@ -50,7 +51,7 @@ class HandMadeNetwork : public NetworkReachability, public NetworkReachabilitySo
   std::string failure() override { return "no sockets here"; }
 
   void deliver(std::uint32_t newFlags) {
-    queue->sync([&] { callback(*this, newFlags, context.info.lock().get()); });
+    runOn(*queue, [&] { callback(*this, newFlags, context.info.lock().get()); });
   }
 
   std::uint32_t flags = 0;

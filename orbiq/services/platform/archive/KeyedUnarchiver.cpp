@@ -18,9 +18,6 @@ constexpr std::size_t kCostOfEntry = 96;
 constexpr std::size_t kCostOfText = 96;
 constexpr std::size_t kCostOfObject = 256;
 
-/// Deeper than any record nests; it only protects the stack, should a class nest in itself.
-constexpr unsigned kMaximumDepth = 64;
-
 }  // namespace
 
 std::optional<std::vector<std::shared_ptr<Archivable>>> KeyedUnarchiver::unarchiveArray(
@@ -76,14 +73,12 @@ std::shared_ptr<Archivable> KeyedUnarchiver::decodeObjectAt(std::uint64_t uid,
   }
   const PlistObject dictionary = _archive.entryAt(uid);
   if (!_archive.isOfClass(dictionary, expected.names.first(1))) return nullptr;
-  if (_depth == kMaximumDepth || !_archive.spend(kCostOfObject)) return nullptr;
+  if (!_archive.spend(kCostOfObject)) return nullptr;
 
   Decoded& decoded = _objects[uid];
   decoded.archivedClass = &expected;
   const PlistObject outer = std::exchange(_current, dictionary);
-  ++_depth;
   decoded.object = expected.decode(*this);
-  --_depth;
   _current = outer;
   return decoded.object;
 }

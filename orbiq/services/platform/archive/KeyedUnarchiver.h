@@ -29,7 +29,8 @@ class KeyedUnarchiver {
   /// For `ArchivedClass::decode`: each reads one field of the object being decoded. A missing key
   /// or a value of another kind reads as null, 0 or false; integers, reals and booleans convert
   /// into each other.
-  /// An object of exactly that class, else null. One stored object comes back as one object.
+  /// An object of exactly that class, else null. One stored object comes back as one object. No
+  /// class may lead to itself: the stack is as deep as the classes nest.
   std::shared_ptr<Archivable> decodeObject(std::string_view key, const ArchivedClass& expected);
   /// The same for a class with its entry in `kArchivedClass`.
   template <class Class>
@@ -69,7 +70,6 @@ class KeyedUnarchiver {
 
   KeyedArchiveReader _archive;
   PlistObject _current;  ///< the dictionary of the object being decoded
-  unsigned _depth = 0;
   // By UID, the texts by the number of the object that holds the characters.
   std::unordered_map<std::uint64_t, Decoded> _objects;
   std::unordered_map<std::uint64_t, SharedParameters> _parameters;

@@ -8,10 +8,9 @@
 
 #include <atomic>
 #include <cstdlib>
-#include <memory>
+#include <list>
 #include <new>
 #include <utility>
-#include <vector>
 
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/base/NeverDestroyed.h"
@@ -22,19 +21,21 @@
 namespace orbiq {
 namespace {
 
+using Descriptions = std::list<HostDescription>;
+
 struct State {
   Mutex lock;
   // Every description that ever counted stays alive, as callers hold references to it.
-  std::vector<std::unique_ptr<const HostDescription>> descriptions ORBIQ_GUARDED_BY(lock);
+  Descriptions descriptions ORBIQ_GUARDED_BY(lock);
   bool settled ORBIQ_GUARDED_BY(lock) = false;
   std::atomic<bool> accepted = false;
   std::atomic<bool> refused = false;
   // The last of them, for readers: they are on every hit's way and take no lock.
   std::atomic<const HostDescription*> current{nullptr};
 
-  void add(std::unique_ptr<const HostDescription> description) ORBIQ_REQUIRES(lock) {
-    descriptions.push_back(std::move(description));
-    current.store(descriptions.back().get(), std::memory_order_release);
+  void add(Descriptions made) ORBIQ_REQUIRES(lock) {
+    descriptions.splice(descriptions.end(), made);
+    current.store(&descriptions.back(), std::memory_order_release);
   }
 };
 
@@ -127,8 +128,7 @@ String accept(const HostDescription& description) {
     state().refused = true;
     return reason;
   }
-  auto made = std::make_unique<const HostDescription>(withDefaults(description));
-  state().descriptions.reserve(state().descriptions.size() + 1);
+  Descriptions made{withDefaults(description)};
   if (!SystemLog::setSink(description.logSink)) throw std::bad_alloc();
   state().add(std::move(made));  // nothing fails from here on
   state().accepted = true;
@@ -138,10 +138,8 @@ String accept(const HostDescription& description) {
 const HostDescription& known() {
   if (const auto* const current = state().current.load(std::memory_order_acquire)) return *current;
   const Lock lock(state().lock);
-  if (state().descriptions.empty()) {
-    state().add(std::make_unique<const HostDescription>(withDefaults({})));
-  }
-  return *state().descriptions.back();
+  if (state().descriptions.empty()) state().add({withDefaults({})});
+  return state().descriptions.back();
 }
 
 }  // namespace

@@ -39,7 +39,6 @@ struct Hop {
 
   bool hasHadSocket = false;
   int sends = 0;
-  bool goesOverTheKeptOne = false;
   bool isOver = false;
   bool headersComplete = false;
   std::size_t headerBytes = 0;
@@ -64,19 +63,15 @@ curl_socket_t openSocket(void* user, curlsocktype, curl_sockaddr* address) {
   return number;
 }
 
-/// Called before a request is sent, and again before libcurl on its own sends it a second time.
+/// Called before a request is sent, and again before libcurl on its own sends it a second time, as
+/// it does only where a connection that it had kept ended before a line came.
 int onSend(void* user, char*, char*, int, int) {
   Hop& hop = *static_cast<Hop*>(user);
   if (hop.sends++ == 0) {
-    long made = 0;
-    curl_easy_getinfo(hop.easy, CURLINFO_NUM_CONNECTS, &made);
-    hop.goesOverTheKeptOne = made == 0;
     curl_easy_setopt(hop.easy, CURLOPT_FRESH_CONNECT, 1L);  // counts for the second time
     return CURL_PREREQFUNC_OK;
   }
-  if (hop.sends == 2 && hop.goesOverTheKeptOne && hop.kept->hasBroughtNothing(hop.isTls)) {
-    return CURL_PREREQFUNC_OK;
-  }
+  if (hop.sends == 2 && hop.kept->hasBroughtNothing(hop.isTls)) return CURL_PREREQFUNC_OK;
   hop.problem = "the connection ended within the answer's first line";
   return CURL_PREREQFUNC_ABORT;
 }
@@ -117,23 +112,8 @@ struct Added {
   ~Added() { curl_multi_remove_handle(multi, easy); }
 };
 
-/// The headers that have arrived, without those of a proxy, of informational answers, and of a
-/// body's end.
-void readHeaders(CURL* easy, HttpResponse& response) {
-  curl_header* header = nullptr;
-  while ((header = curl_easy_nextheader(easy, CURLH_HEADER, -1, header)) != nullptr) {
-    // libcurl leaves the line's end in a value that is empty otherwise.
-    std::string_view value = header->value;
-    while (value.ends_with('\r') || value.ends_with('\n')) value.remove_suffix(1);
-    response.headers[header->name] = value;
-  }
-}
-
 void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
-  long status = 0;
-  curl_easy_getinfo(hop.easy, CURLINFO_RESPONSE_CODE, &status);
-  hop.response.emplace().status = static_cast<int>(status);
-  readHeaders(hop.easy, *hop.response);
+  hop.response = responseOf(hop.easy);
   hop.redirect = redirectOf(url, *hop.response);
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
 }

@@ -1,16 +1,12 @@
 #pragma once
 
-#include <algorithm>
 #include <chrono>
-#include <map>
 #include <memory>
 #include <optional>
 #include <string>
-#include <string_view>
 
 #include "orbiq/services/platform/text/String.h"
 #include "orbiq/services/platform/text/Url.h"
-#include "orbiq/services/platform/text/Utf8.h"
 
 namespace orbiq {
 
@@ -25,22 +21,14 @@ struct HttpRequest {
   static constexpr std::chrono::milliseconds kUsualTimeout{60'000};
 };
 
+/// Of the last hop, and of all its headers those that somebody asks for: the last value where one
+/// is repeated, null where there is none.
 struct HttpResponse {
-  struct IgnoreCase {
-    using is_transparent = void;
-    bool operator()(std::string_view left, std::string_view right) const noexcept {
-      return std::ranges::lexicographical_compare(left, right, {}, asciiLowerCase, asciiLowerCase);
-    }
-  };
   int status = 0;
-  /// Of the last hop; of a repeated name the last value.
-  std::map<std::string, std::string, IgnoreCase> headers;
-
-  /// The value of a header, whatever the case of its name; null if it is not there.
-  const std::string* header(std::string_view name) const {
-    const auto found = headers.find(name);
-    return found == headers.end() ? nullptr : &found->second;
-  }
+  /// Where a redirect leads.
+  std::optional<std::string> location;
+  /// The server's clock, as it stands there.
+  std::optional<std::string> date;
 };
 
 /// Why a transfer did not end well, or why a redirect was not followed. Its codes are the HTTP

@@ -1,7 +1,5 @@
 #include "orbiq/services/platform/http/Redirect.h"
 
-#include <curl/curl.h>
-
 #include <memory>
 #include <new>
 #include <string_view>
@@ -33,7 +31,22 @@ std::string part(CURLU* url, CURLUPart which) {
   return text == nullptr ? std::string() : text;
 }
 
+std::optional<std::string> lastHeader(CURL* easy, const char* name) {
+  curl_header* header = nullptr;
+  if (curl_easy_header(easy, name, 0, CURLH_HEADER, -1, &header) != CURLHE_OK) return std::nullopt;
+  curl_easy_header(easy, name, header->amount - 1, CURLH_HEADER, -1, &header);
+  const std::string_view value = header->value;
+  // libcurl leaves the line's end in a value that is empty otherwise.
+  return std::string(value.substr(0, value.find_last_not_of("\r\n") + 1));
+}
+
 }  // namespace
+
+HttpResponse responseOf(CURL* easy) {
+  long status = 0;
+  curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
+  return {static_cast<int>(status), lastHeader(easy, "Location"), lastHeader(easy, "Date")};
+}
 
 bool isRedirect(int status) {
   return status == 301 || status == 302 || status == 303 || status == 307 || status == 308;
@@ -41,8 +54,8 @@ bool isRedirect(int status) {
 
 Redirect redirectOf(const std::string& url, const HttpResponse& response) {
   if (!isRedirect(response.status)) return {};
-  const std::string* const location = response.header("Location");
-  if (location == nullptr || location->empty()) return {{}, kNoTarget};
+  const std::string location = response.location.value_or("");
+  if (location.empty()) return {{}, kNoTarget};
 
   const std::unique_ptr<CURLU, CurlFree> parts(curl_url());
   if (!parts) throw std::bad_alloc();
@@ -52,14 +65,14 @@ Redirect redirectOf(const std::string& url, const HttpResponse& response) {
   const std::string before = part(parts.get(), CURLUPART_SCHEME);
   // Servers send blanks and UTF-8 unescaped here. A scheme of another kind is told below.
   constexpr unsigned kLenient = CURLU_URLENCODE | CURLU_ALLOW_SPACE | CURLU_NON_SUPPORT_SCHEME;
-  const CURLUcode refusal = curl_url_set(parts.get(), CURLUPART_URL, location->c_str(), kLenient);
+  const CURLUcode refusal = curl_url_set(parts.get(), CURLUPART_URL, location.c_str(), kLenient);
   if (refusal == CURLUE_OUT_OF_MEMORY) throw std::bad_alloc();
   if (refusal != CURLUE_OK) return {{}, kNoTarget};
   const std::string after = part(parts.get(), CURLUPART_SCHEME);
   if (after != "http" && after != "https") {
     return {{}, "the redirect leads to neither http nor https"};
   }
-  if (!leavesNothingToGuess(*location)) return {{}, kNoTarget};
+  if (!leavesNothingToGuess(location)) return {{}, kNoTarget};
   if (before == "https" && after == "http") return {{}, "the redirect leads from https to http"};
   curl_url_set(parts.get(), CURLUPART_USER, nullptr, 0);
   curl_url_set(parts.get(), CURLUPART_PASSWORD, nullptr, 0);

@@ -1,10 +1,16 @@
 #pragma once
 
+#include <curl/curl.h>
+
 #include <string>
 
 #include "orbiq/services/platform/http/HttpClient.h"
 
 namespace orbiq {
+
+/// The response whose headers the transfer has brought: not those of a proxy, of informational
+/// answers, and of a body's end.
+HttpResponse responseOf(CURL* easy);
 
 /// What to make of a response that may be a redirect. Both empty: it is none.
 struct Redirect {

@@ -7,7 +7,6 @@
 
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/log/ForkedAway.h"
-#include "orbiq/services/platform/threads/CancellationHeld.h"
 #include "orbiq/services/platform/threads/Mutex.h"
 #include "orbiq/services/platform/threads/Thread.h"
 
@@ -29,34 +28,30 @@ struct SerialQueue::State {
   const WorkKind kind;
   Condition condition;
   std::deque<Task> tasks ORBIQ_GUARDED_BY(condition);
-  /// Somebody, normally the queue's thread, runs the tasks until there is none.
+  /// The queue's thread runs the tasks until none has come for the idle time.
   bool attended ORBIQ_GUARDED_BY(condition) = false;
   bool closed ORBIQ_GUARDED_BY(condition) = false;
   /// No task has come since `onIdle`.
   bool rested ORBIQ_GUARDED_BY(condition) = false;
 
-  /// Makes sure that there is a thread to run the tasks; false if there cannot be one.
-  static bool ensureThread(const std::shared_ptr<State>& state)
+  /// Makes sure that there is a thread to run the tasks, if there can be one.
+  static void ensureThread(const std::shared_ptr<State>& state)
       ORBIQ_REQUIRES(state->condition) try {
-    if (!state->attended) {
-      const auto run = [state] { state->runTasks(kIdleTime); };
-      state->attended = startThread(state->label, run, state->kind) == 0;
-    }
-    return state->attended;
+    if (state->attended || state->tasks.empty()) return;
+    const auto run = [state] { state->runTasks(); };
+    state->attended = startThread(state->label, run, state->kind) == 0;
   } catch (const std::bad_alloc&) {
-    return false;
   }
 
-  /// Runs tasks until none has come for the idle time.
-  void runTasks(std::chrono::seconds idleTime) {
-    for (Task task; take(task, idleTime); task = nullptr) runTask(task);
+  void runTasks() {
+    for (Task task; take(task); task = nullptr) runTask(task);
   }
 
-  bool take(Task& task, std::chrono::seconds idleTime) {
+  bool take(Task& task) {
     const Lock lock(condition);
     while (tasks.empty()) {
-      const bool waits = !closed && !rested && idleTime.count() != 0;
-      const bool isOver = !waits || !condition.waitFor(idleTime);
+      const bool waits = !closed && !rested;
+      const bool isOver = !waits || !condition.waitFor(kIdleTime);
       if (isOver && tasks.empty()) {
         rested = waits && !closed && onIdle;
         attended = rested;
@@ -78,11 +73,9 @@ SerialQueue::~SerialQueue() {
   if (inForkedChild()) return;
   const Lock lock(_state->condition);
   _state->closed = true;
-  if (!_state->tasks.empty()) State::ensureThread(_state);
+  State::ensureThread(_state);
   _state->condition.signal();
 }
-
-const std::string& SerialQueue::label() const { return _state->label; }
 
 void SerialQueue::async(std::function<void()> task) {
   if (isForkedAway()) return;
@@ -99,37 +92,7 @@ void SerialQueue::async(std::function<void()> task) {
 void SerialQueue::resume() {
   if (isForkedAway()) return;
   const Lock lock(_state->condition);
-  if (!_state->tasks.empty()) State::ensureThread(_state);
-}
-
-void SerialQueue::sync(std::function<void()> task) {
-  if (isForkedAway()) return;
-  struct Completion {
-    Condition condition;
-    bool done ORBIQ_GUARDED_BY(condition) = false;
-  };
-  // The task lives here, and others' tasks may run here.
-  const CancellationHeld held;
-  // Shared, because the task's thread still touches it while the caller is already leaving.
-  const auto completion = std::make_shared<Completion>();
-  bool mustAttend = false;
-  {
-    const Lock lock(_state->condition);
-    _state->tasks.emplace_back([&task, completion] {
-      runTask(task);
-      const Lock completionLock(completion->condition);
-      completion->done = true;
-      completion->condition.signal();
-    });
-    if (State::ensureThread(_state)) {
-      _state->condition.signal();
-    } else {
-      _state->attended = mustAttend = true;
-    }
-  }
-  if (mustAttend) _state->runTasks(std::chrono::seconds{0});
-  const Lock lock(completion->condition);
-  while (!completion->done) completion->condition.wait();
+  State::ensureThread(_state);
 }
 
 }  // namespace orbiq

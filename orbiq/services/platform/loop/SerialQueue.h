@@ -26,18 +26,12 @@ class ORBIQ_EXPORT SerialQueue {
   SerialQueue(const SerialQueue&) = delete;
   SerialQueue& operator=(const SerialQueue&) = delete;
 
-  /// As it was given.
-  const std::string& label() const;
   /// Adds a task and returns at once. Any thread. Throws `std::bad_alloc` if there is no memory for
   /// the task, which is not added then.
   void async(std::function<void()> task);
   /// Tries again to start the thread that waiting tasks could not get. For a queue that is given no
   /// further tasks.
   void resume();
-  /// Returns when the task has run. Must not be called from a task of the same queue. Where no
-  /// thread can be started, the tasks run on the calling thread. Throws as `async` does. The
-  /// calling thread is not cancelled before the return.
-  void sync(std::function<void()> task);
 
  private:
   struct ORBIQ_HIDDEN State;

@@ -11,6 +11,7 @@
 #include "orbiq/services/platform/loop/NotificationCenter.h"
 #include "orbiq/services/platform/loop/SerialQueue.h"
 #include "tests/support/HttpExpectations.h"
+#include "tests/support/RunOn.h"
 #include "tests/support/ScriptedServer.h"
 
 namespace orbiq {
@@ -34,7 +35,7 @@ TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
   int ends[2];
   ASSERT_EQ(pipe(ends), 0);
   std::promise<void> readable;
-  queue.sync([&] { ++calls; });
+  test::runOn(queue, [&] { ++calls; });
   center.addObserver(&calls, "forked", [&](const Notification&) { ++calls; });
   loop.watch(ends[0], [&] {
     loop.unwatch(ends[0]);
@@ -43,8 +44,7 @@ TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
 
   EXPECT_TRUE(holdsInChild([&] {
     queue.async([&] { ++calls; });
-    queue.sync([&] { ++calls; });
-    SerialQueue("fresh").sync([&] { ++calls; });
+    SerialQueue("fresh").async([&] { ++calls; });
     center.postNotificationName("forked");
     loop.post([&] { ++calls; });
     loop.removeTimer(loop.addTimer({}, false, [&] { ++calls; }));
@@ -58,7 +58,7 @@ TEST(ForkGuardTest, ServicesKeepStillInTheChildAndGoOnInTheParent) {
   ASSERT_EQ(write(ends[1], "x", 1), 1);
   readable.get_future().wait();
   center.postNotificationName("forked");
-  queue.sync([&] { ++calls; });
+  test::runOn(queue, [&] { ++calls; });
   EXPECT_EQ(calls, 3);
 }
 

@@ -5,16 +5,14 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <fstream>
 #include <future>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 
 #include "orbiq/services/platform/loop/SerialQueue.h"
-#include "orbiq/services/platform/threads/Thread.h"
 #include "tests/support/Role.h"
+#include "tests/support/RunOn.h"
 
 namespace orbiq {
 namespace {
@@ -37,7 +35,7 @@ TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
   std::atomic<int> rests = 0;
   {
     SerialQueue queue("com.vorlune.reachability", [&] { ++rests; });
-    queue.sync([&] {
+    test::runOn(queue, [&] {
       markThread(idle);
       char name[16];
       pthread_getname_np(pthread_self(), name, sizeof name);
@@ -53,36 +51,10 @@ TEST(SerialQueueTest, ThreadIsNamedTakesNoSignalsAndEndsWhenIdleOrDestroyed) {
     EXPECT_EQ(sigismember(&own, SIGTERM), 0);
     idle.get_future().wait();
     EXPECT_EQ(rests, 1);
-    queue.sync([&] { markThread(destroyed); });
+    test::runOn(queue, [&] { markThread(destroyed); });
   }
   destroyed.get_future().wait();
   EXPECT_EQ(rests, 1) << "nothing is idle about an end";
-}
-
-TEST(SerialQueueTest, ACancelledThreadStaysUntilItsTaskHasRun) {
-  std::atomic<pid_t> caller{0};
-  std::atomic<bool> isGone{false};
-  bool wasThere = false;
-  SerialQueue queue("cancelled");
-  // Holds the queue until the caller sleeps, or has ended.
-  queue.async([&] {
-    while (caller == 0) std::this_thread::yield();
-    const std::string place = "/proc/self/task/" + std::to_string(caller) + "/stat";
-    std::string line;
-    while (std::getline(std::ifstream(place), line) && line.find(") S ") == line.npos) continue;
-  });
-  std::thread([&] {
-    struct End {
-      std::atomic<bool>& hasCome;
-      ~End() { hasCome = true; }
-    };
-    const End end{isGone};
-    caller = gettid();
-    pthread_cancel(pthread_self());
-    queue.sync([&] { wasThere = !isGone; });
-  }).join();
-  queue.sync([] {});
-  EXPECT_TRUE(wasThere);
 }
 
 TEST(SerialQueueTest, TasksOutliveTheQueueAndEachOther) {
@@ -110,13 +82,13 @@ const test::RoleRegistration starving("starving", [](const auto&) {
   std::string order;
   SerialQueue queue("starved");
   queue.async([&] { order += 'A'; });
-  queue.sync([&] { order += isLibraryThread() ? '?' : 'B'; });
   std::promise<void> outlived;
   auto gone = std::make_unique<SerialQueue>("gone");
   gone->async([&] { outlived.set_value(); });
   setrlimit(RLIMIT_NPROC, &usual);
   gone.reset();
   outlived.get_future().wait();
+  test::runOn(queue, [&] { order += 'B'; });
   return order == "AB" ? 0 : 3;
 });
 

@@ -27,6 +27,7 @@
 #include "tests/support/NameLookups.h"
 #include "tests/support/NetlinkFaults.h"
 #include "tests/support/NetworkNamespace.h"
+#include "tests/support/RunOn.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace orbiq::test {
@@ -120,7 +121,7 @@ class RouteReachabilityTest : public testing::Test {
     for (pollfd waited{loop, POLLIN, 0}; !isFulfilled(); ++turns) {
       poll(&waited, 1, -1);
       MainLoop::mainLoop().runPending();
-      queue->sync([] {});
+      runOn(*queue, [] {});
     }
   }
   /// Whatever the kernel reports wakes the loop.
@@ -288,7 +289,7 @@ TEST_F(RouteReachabilityTest, WhoSawTheNetworkAwayIsToldOfItsReturn) {
     std::istringstream words(script);
     for (std::string word; words >> word;) {
       steps.at(word)();
-      if (!isHeld) slow->sync([] {});
+      if (!isHeld) runOn(*slow, [] {});
     }
     EXPECT_EQ(*deliveries, expected) << script;
     if (isUp) setGate(false);
