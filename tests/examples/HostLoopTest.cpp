@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <memory>
 #include <set>
 #include <string>
 
@@ -16,17 +15,13 @@ class HostLoopTest : public testing::TestWithParam<const char*> {};
 TEST_P(HostLoopTest, HearsTheLibraryOnItsMainThread) {
   const std::string program = std::string(ORBIQ_EXAMPLES "/orbiq-host-loop-") + GetParam();
   if (access(program.c_str(), X_OK) != 0) GTEST_SKIP() << "not built: " << program;
-  std::string refusal;
-  const auto network = NetworkNamespace::enter(refusal);
-  if (!network) GTEST_SKIP() << refusal;
-  network->addVethPair("v0", "v1");
-  for (const char* link : {"v0", "v1"}) network->setUp(link);
-  network->addAddress("v0", "10.0.0.1/24");
-  network->addDefaultRoute("via 10.0.0.2");
+  if (const std::string refusal = enterNetwork(); !refusal.empty()) GTEST_SKIP() << refusal;
+  ip("link add v0 type veth peer v1\nlink set v0 up\nlink set v1 up\n"
+     "address add 10.0.0.1/24 dev v0\nroute add default via 10.0.0.2");
 
   RoleProcess process("", {"60"}, program);
   EXPECT_EQ(process.readLine(), "watching the network");
-  network->setDown("v0");
+  ip("link set v0 down");
   std::set<std::string> lines;
   for (std::string line; !(line = process.readLine()).empty();) lines.insert(line);
   EXPECT_EQ(process.wait(), 0);

@@ -44,7 +44,7 @@ class ExamplesTest(unittest.TestCase):
             f"Name: orbiq\nVersion: 1\nDescription: not installed\nCflags: -I{SOURCE}\n"
             f"Libs: -L{LIBRARY.parent} -lorbiq\n")
         environment = {**os.environ, "PATH": DEBIAN, "PKG_CONFIG_PATH": self.scratch,
-                       "GOCACHE": f"{self.scratch}/go", "LD_LIBRARY_PATH": str(LIBRARY.parent)}
+                       "GOCACHE": f"{LIBRARY.parent}/go-cache", "LD_LIBRARY_PATH": str(LIBRARY.parent)}
         environment.pop("GOFLAGS", None)
         for name, command in {
                 "rust": ["rustc", "--edition", "2021", "-D", "warnings", "-L", LIBRARY.parent],

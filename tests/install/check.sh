@@ -56,7 +56,7 @@ depends=$(for package in /orbiq/packages/*.deb; do dpkg-deb -f "$package" Depend
 {
   apt-get update -qq
   apt-get install -y -qq --no-install-recommends g++ cmake ninja-build pkg-config \
-    rustc golang-go iproute2 openssl
+    rustc golang-go
   apt-get satisfy -y -qq --no-install-recommends "$depends"
 } >apt.log 2>&1 || { cat apt.log >&2; fail "what is needed does not install"; }
 
@@ -130,7 +130,10 @@ done
 say "the doctor"
 ORBIQ_AUTHORIZATION_SERVER=http://127.0.0.1:$port/auth/ orbiq-doctor --serial ABC \
   --bundle-identifier tv.example.player --send >doctor.log || { cat doctor.log >&2; fail "the doctor finds a fault"; }
-"$source/tests/install/doctor_check.py" || fail "the doctor does not find what is broken"
+found=0
+ORBIQ_AUTHORIZATION_SERVER=http://127.0.0.1:9/ orbiq-doctor --serial ABC \
+  --bundle-identifier tv.example.player >doctor.log || found=$?
+[[ $found == 8 ]] || { cat doctor.log >&2; fail "the doctor does not find that nobody listens"; }
 
 say "upgrading: installing over what is there"
 dpkg -i /orbiq/packages/*.deb >dpkg.log 2>&1 || { cat dpkg.log >&2; fail "no upgrade"; }

@@ -25,24 +25,18 @@ def run(*command, **options):
 class Prefix(unittest.TestCase):
     @classmethod
     def setUpClass(cls):
-        scratch = tempfile.TemporaryDirectory(prefix="orbiq-install-")
-        cls.addClassCleanup(scratch.cleanup)
-        cls.scratch = pathlib.Path(scratch.name)
-
-    def install(self, name):
         """By component: the manifest of the user's own installation is left alone."""
-        place = self.scratch / name
-        prefix = place / "prefix"
+        cls.scratch = pathlib.Path(cls.enterClassContext(
+            tempfile.TemporaryDirectory(prefix="orbiq-install-")))
+        cls.prefix = cls.scratch / "prefix"
         manifest = ""
         for component in COMPONENTS:
-            done = run("cmake", "--install", BUILD, "--prefix", prefix, "--component", component)
-            self.assertEqual(done.returncode, 0, done.stderr)
+            run("cmake", "--install", BUILD, "--prefix", cls.prefix, "--component", component, check=True)
             manifest += pathlib.Path(BUILD, f"install_manifest_{component}.txt").read_text() + "\n"
-        (place / "install_manifest.txt").write_text(manifest)
-        return prefix
+        (cls.scratch / "install_manifest.txt").write_text(manifest)
 
     def test_headers_stand_alone(self):
-        include = self.install("headers") / "include"
+        include = self.prefix / "include"
         headers = sorted(str(path.relative_to(include)) for path in include.rglob("*.h"))
         self.assertIn("orbiq/orbiq.h", headers)
         jobs = [(header, ("-std=c++20", "-x", "c++")) for header in headers]
@@ -59,32 +53,33 @@ class Prefix(unittest.TestCase):
                     self.assertEqual(faults, "")
 
     def test_c_alone_links_the_archive(self):
-        prefix = self.install("c")
+        application = self.scratch / "application"
+        application.mkdir()
         compiler = COMPILER.replace("clang++", "clang").replace("g++", "gcc")
         program = f"{SOURCE}/examples/first-hit-c/main.c"
         flags = run("pkg-config", "--cflags", "--libs", "orbiq-static", env={
-            **os.environ, "PKG_CONFIG_PATH": str(next(prefix.rglob("pkgconfig")))})
-        (prefix / "CMakeLists.txt").write_text(
+            **os.environ, "PKG_CONFIG_PATH": str(next(self.prefix.rglob("pkgconfig")))})
+        (application / "CMakeLists.txt").write_text(
             "cmake_minimum_required(VERSION 3.25)\nproject(consumer LANGUAGES C)\n"
             "find_package(orbiq REQUIRED COMPONENTS static)\n"
             f"add_executable(app {program})\ntarget_link_libraries(app PRIVATE orbiq::orbiq_static)\n")
-        for command in ([compiler, program, *flags.stdout.split(), "-o", prefix / "app"],
-                        ["cmake", "-G", "Ninja", "-S", prefix, "-B", prefix / "build",
-                         f"-DCMAKE_PREFIX_PATH={prefix}", f"-DCMAKE_C_COMPILER={compiler}"],
-                        ["cmake", "--build", prefix / "build"]):
+        for command in ([compiler, program, *flags.stdout.split(), "-o", application / "app"],
+                        ["cmake", "-G", "Ninja", "-S", application, "-B", application / "build",
+                         f"-DCMAKE_PREFIX_PATH={self.prefix}", f"-DCMAKE_C_COMPILER={compiler}"],
+                        ["cmake", "--build", application / "build"]):
             with self.subTest(command=command[:2]):
                 done = run(*command)
                 self.assertEqual(done.returncode, 0, done.stderr + done.stdout)
 
+    # The last, as tests run in the order of their names.
     def test_uninstalling_removes_what_was_installed_and_nothing_else(self):
-        prefix = self.install("uninstalled")
-        foreign = prefix / "include/orbiq/private/of-the-user.h"
+        foreign = self.prefix / "include/orbiq/private/of-the-user.h"
         foreign.write_text("")
-        done = run("cmake", "-P", f"{SOURCE}/cmake/uninstall.cmake", cwd=prefix.parent)
+        done = run("cmake", "-P", f"{SOURCE}/cmake/uninstall.cmake", cwd=self.scratch)
         self.assertEqual(done.returncode, 0, done.stderr)
-        files = [path for path in prefix.rglob("*") if not path.is_dir()]
+        files = [path for path in self.prefix.rglob("*") if not path.is_dir()]
         self.assertEqual(files, [foreign])
-        places = {str(path.relative_to(prefix)) for path in prefix.rglob("*orbiq*")}
+        places = {str(path.relative_to(self.prefix)) for path in self.prefix.rglob("*orbiq*")}
         self.assertEqual(places, {"include/orbiq"})
 
 

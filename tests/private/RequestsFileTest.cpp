@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "tests/support/Application.h"
-#include "tests/support/DiskCalls.h"
+#include "tests/support/CLibrary.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -113,7 +113,7 @@ TEST_F(RequestsFileTest, WhateverBecomesOfTheLockFileOneProcessWrites) {
       {[&] { fs::remove_all(place); }, false, "0"},
       {touch, false, "0 told"},
       {[&] { fs::remove(lock); }, true, "0 told"},
-      {DiskCalls::failNextLook, true, "0 told"},
+      {[] { DiskCalls::nextLookFails = true; }, true, "0 told"},
       {[&] { fs::remove_all(place); }, true, "0 told"},
   };
   std::size_t losses = 0;

@@ -9,42 +9,36 @@
 namespace orbiq::test {
 namespace {
 
-class Tls : public testing::Test {
- protected:
-  /// What is noted of a request that is kept.
-  std::string failure(const TlsIdentity& ofAuthorizations, const TlsIdentity& ofHits) const {
-    const ScriptedServer hits([](const std::string&) { return answer(200); }, &ofHits);
-    const std::string grant = "access=full|host=" + hits.url("/") + "|cmsVI=7";
-    const ScriptedServer authorizations([&](const std::string&) { return answer(200, grant); },
-                                        &ofAuthorizations);
-    const Application application(
-        authorizations.url("/"),
-        [this](HostDescription& host, Platform&) { host.caBundle = authority.bundle(); });
-    orbiqAgent& agent = orbiqAgent::sharedAgent();
-    agent.addRequestToQueue(streamingRequest());
-    EXPECT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection"));
-    // The next addition waits for the lock, under which the failure is noted.
-    agent.addRequestToQueue(streamingRequest());
-    EXPECT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
-    EXPECT_TRUE(hits.requests().empty());
-    const std::string told = agent.statistics().lastFailure.description();
-    EXPECT_NE(told.find("certificate has expired"), std::string::npos) << told;
-    return told;
-  }
+/// Which of the two servers has a certificate that has expired.
+class Tls : public testing::TestWithParam<const char*> {};
 
+TEST_P(Tls, NothingIsTakenFromAnUntrustedServerAndTheCauseIsTold) {
+  const bool isOfHits = GetParam() == std::string("Hits");
   const CertificateAuthority authority;
   const TlsIdentity trusted = authority.issue();
   const TlsIdentity expired = authority.issueExpired();
-};
-
-TEST_F(Tls, AHitIsKeptFromAnUntrustedServer) {
-  EXPECT_TRUE(failure(trusted, expired).starts_with("https://"));
-}
-
-TEST_F(Tls, AnUntrustedAuthorizationIsReplacedByTheFallback) {
+  const ScriptedServer hits([](const std::string&) { return answer(200); },
+                            isOfHits ? &expired : &trusted);
+  const std::string grant = "access=full|host=" + hits.url("/") + "|cmsVI=7";
+  const ScriptedServer authorizations([&](const std::string&) { return answer(200, grant); },
+                                      isOfHits ? &trusted : &expired);
+  const Application application(authorizations.url("/"), [&](HostDescription& host, Platform&) {
+    host.caBundle = authority.bundle();
+  });
+  orbiqAgent& agent = orbiqAgent::sharedAgent();
+  agent.addRequestToQueue(streamingRequest());
+  EXPECT_TRUE(application.log().waitFor("handling resulted in a timeout or lack of connection"));
+  // The next addition waits for the lock, under which the failure is noted.
+  agent.addRequestToQueue(streamingRequest());
+  EXPECT_TRUE(application.log().waitFor("We have now 2 request(s) to handle"));
+  EXPECT_TRUE(hits.requests().empty());
+  const std::string told = agent.statistics().lastFailure.description();
+  EXPECT_NE(told.find("certificate has expired"), std::string::npos) << told;
   EXPECT_TRUE(
-      failure(expired, trusted).starts_with("ABC: no answer of the authorization server: "));
+      told.starts_with(isOfHits ? "https://" : "ABC: no answer of the authorization server: "));
 }
+
+INSTANTIATE_TEST_SUITE_P(Of, Tls, testing::Values("Hits", "Authorizations"));
 
 }  // namespace
 }  // namespace orbiq::test

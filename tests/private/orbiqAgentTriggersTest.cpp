@@ -57,12 +57,8 @@ class WatchedNetwork final : public NetworkReachabilitySource, public NetworkRea
 class Triggers : public testing::Test {
  protected:
   void SetUp() override {
-    std::string refusal;
-    network = NetworkNamespace::enter(refusal);
-    if (!network) GTEST_SKIP() << refusal;
-    network->addVethPair("uplink", "peer");
-    network->setUp("peer");
-    network->addAddress("uplink", "10.0.0.1/24");
+    if (const std::string refusal = enterNetwork(); !refusal.empty()) GTEST_SKIP() << refusal;
+    ip("link add uplink type veth peer peer\nlink set peer up\naddress add 10.0.0.1/24 dev uplink");
     server = std::make_unique<AccountServer>();
     watched = std::make_shared<WatchedNetwork>();
     application = std::make_unique<Application>(
@@ -79,15 +75,13 @@ class Triggers : public testing::Test {
     return watched->looks.waitFor("look", before + 1);
   }
   void connect() {
-    network->setUp("uplink");
-    network->addDefaultRoute("via 10.0.0.2");
+    ip("link set uplink up\nroute add default via 10.0.0.2");
     // The carrier comes a little later.
     const sockaddr_in internet{AF_INET, 0, {}, {}};
     const auto target = makeRouteReachabilitySource()->createWithAddress(
         reinterpret_cast<const sockaddr*>(&internet));
     for (std::uint32_t flags = 0; flags == 0; std::this_thread::yield()) target->getFlags(flags);
   }
-  std::unique_ptr<NetworkNamespace> network;
   std::unique_ptr<AccountServer> server;
   std::shared_ptr<WatchedNetwork> watched;
   std::unique_ptr<Application> application;
@@ -120,7 +114,7 @@ TEST_F(Triggers, TheNetworksReturnSendsStreamingAndDropsAudienceRequests) {
 TEST_F(Triggers, AChangeToUnreachableChangesNothing) {
   connect();
   orbiqAgent& agent = orbiqAgent::sharedAgent();
-  network->setDown("uplink");
+  ip("link set uplink down");
   ASSERT_TRUE(application->log().waitFor("Connection status changed"));
   agent.addRequestToQueue(streamingRequest());
   Application::tagger("ABC")->sendHit();
@@ -153,9 +147,7 @@ TEST_F(Triggers, AnAttemptThatFindsNoNetworkIsNoFailureOfTheRequest) {
 }
 
 TEST(AssumedNetwork, HitsReachAServerBesideLoopbackAlone) {
-  std::string refusal;
-  const auto network = NetworkNamespace::enter(refusal);
-  if (!network) GTEST_SKIP() << refusal;
+  if (const std::string refusal = enterNetwork(); !refusal.empty()) GTEST_SKIP() << refusal;
   AccountServer server;
   const Application application(
       server.authorizationServer(),
@@ -163,7 +155,7 @@ TEST(AssumedNetwork, HitsReachAServerBesideLoopbackAlone) {
   Application::tagger("ABC")->sendHit();
   ASSERT_TRUE(application.log().waitFor("We have now 0 request(s) to handle"));
   EXPECT_EQ(orbiqAgent::sharedAgent().statistics().sent, 1U);
-  network->ip("link set dev lo down");
+  ip("link set lo down");
   EXPECT_TRUE(orbiqReachability::reachabilityForLocalWiFi()->isReachable());
   EXPECT_EQ(application.log().count("(WARNING)"), 0U);
 }

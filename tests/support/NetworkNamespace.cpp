@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
@@ -19,12 +20,8 @@ bool writeFile(const std::string& path, const std::string& text) {
   return file.good();
 }
 
-/// 0 if `ip` has done it. The command stands where only root looks for commands.
-int runIp(const std::string& arguments) {
-  return std::system(("export PATH=$PATH:/usr/sbin; ip " + arguments).c_str());
-}
-
-bool isIPv6(const std::string& text) { return text.find(':') != std::string::npos; }
+/// The command stands where only root looks for commands.
+const std::string kIp = "PATH=$PATH:/usr/sbin ip ";
 
 }  // namespace
 
@@ -40,40 +37,20 @@ bool enterNamespaces(int kinds) {
   return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
 }
 
-std::unique_ptr<NetworkNamespace> NetworkNamespace::enter(std::string& refusal) {
+std::string enterNetwork() {
   if (!enterNamespaces(CLONE_NEWNET)) {
-    refusal = std::string("no network namespace of one's own: ") + std::strerror(errno);
-    return nullptr;
+    return std::string("no network namespace of one's own: ") + std::strerror(errno);
   }
-  if (runIp("link set lo up") != 0) {
-    refusal = "the command ip cannot be used";
-    return nullptr;
-  }
-  return std::unique_ptr<NetworkNamespace>(new NetworkNamespace);
+  const bool isUp = std::system((kIp + "link set lo up").c_str()) == 0;
+  return isUp ? "" : "the command ip cannot be used";
 }
 
-void NetworkNamespace::ip(const std::string& arguments) {
-  ASSERT_EQ(runIp(arguments), 0) << "ip " << arguments;
-}
-
-void NetworkNamespace::addVethPair(const std::string& name, const std::string& peer) {
-  ip("link add name " + name + " type veth peer name " + peer);
-}
-
-void NetworkNamespace::setUp(const std::string& link) { ip("link set dev " + link + " up"); }
-
-void NetworkNamespace::setDown(const std::string& link) { ip("link set dev " + link + " down"); }
-
-void NetworkNamespace::addAddress(const std::string& link, const std::string& address) {
-  ip("address add " + address + " dev " + link + (isIPv6(address) ? " nodad" : ""));
-}
-
-void NetworkNamespace::addDefaultRoute(const std::string& way) {
-  ip((isIPv6(way) ? "-6 route add default " : "route add default ") + way);
-}
-
-void NetworkNamespace::removeDefaultRoute(const std::string& way) {
-  ip((isIPv6(way) ? "-6 route del default " : "route del default ") + way);
+void ip(const std::string& lines) {
+  const std::string family = lines.starts_with("-6 ") ? "-6 " : "";
+  std::FILE* const command = popen((kIp + family + "-batch -").c_str(), "w");
+  ASSERT_NE(command, nullptr);
+  std::fputs((lines.substr(family.size()) + "\n").c_str(), command);
+  ASSERT_EQ(pclose(command), 0) << "ip " << lines.substr(0, 1'000);
 }
 
 }  // namespace orbiq::test

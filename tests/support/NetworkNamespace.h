@@ -1,8 +1,6 @@
 #pragma once
 
-#include <memory>
 #include <string>
-#include <vector>
 
 namespace orbiq::test {
 
@@ -11,28 +9,13 @@ namespace orbiq::test {
 /// with errno, where that is forbidden.
 bool enterNamespaces(int kinds);
 
-/// A network of the test's own: the process is put into a fresh network namespace, in which only
-/// the loopback link is up. Each operation runs the `ip` command and fails the test if that fails.
-class NetworkNamespace {
- public:
-  /// To be called before the process has other threads. Null if the machine does not allow it, with
-  /// the reason in `refusal`; then the test is to be skipped.
-  static std::unique_ptr<NetworkNamespace> enter(std::string& refusal);
+/// Puts the process into a fresh network namespace, in which only the loopback link is up. Empty,
+/// or the reason why the machine does not allow it; then the test is to be skipped. To be called
+/// before the process has other threads.
+std::string enterNetwork();
 
-  /// Two links that are each other's far end; both are down.
-  void addVethPair(const std::string& name, const std::string& peer);
-  void setUp(const std::string& link);
-  void setDown(const std::string& link);
-  /// `address` with its prefix length: "10.0.0.1/24". IPv6 addresses are usable at once.
-  void addAddress(const std::string& link, const std::string& address);
-  /// `way` in the words of `ip`: "via 10.0.0.2", "dev wwan0 metric 5", "via fd00::2".
-  void addDefaultRoute(const std::string& way);
-  void removeDefaultRoute(const std::string& way);
-  /// Anything else: the arguments of `ip`.
-  void ip(const std::string& arguments);
-
- private:
-  NetworkNamespace() = default;
-};
+/// Runs these lines of arguments of the command `ip`, and fails the test if one of them fails.
+/// Where they are about IPv6 and do not show it, "-6 " stands before the first.
+void ip(const std::string& lines);
 
 }  // namespace orbiq::test

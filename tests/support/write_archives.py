@@ -1,5 +1,5 @@
-"""Writes archives as other writers make them, or would like to: one for each line of standard
-input, a Python expression over the functions below, and before each its length in 20 characters.
+"""Makes archives as other writers make them, or would like to. As a program it writes one for each line of
+standard input, a Python expression over the functions below, and before each its length in 20 characters.
 """
 import datetime
 import plistlib
@@ -34,18 +34,23 @@ def mapping(keys, values):
     return {"NS.keys": keys, "NS.objects": values, "$class": UID(5)}
 
 
+def layout(data):
+    """Where the objects stand, by their numbers, the start of the offset table, and its width."""
+    width, _, count, _, table = struct.unpack(">6xBBQQQ", data[-32:])
+    return [int.from_bytes(data[table + i * width:table + (i + 1) * width], "big")
+            for i in range(count)], table, width
+
+
 def overlaid(whole):
     """Every text of three characters becomes the one long text."""
     data = binary(whole)
-    size, _, count, _, table = struct.unpack(">6xBBQQQ", data[-32:])
-    offsets = [int.from_bytes(data[table + i * size:table + (i + 1) * size], "big")
-               for i in range(count)]
+    offsets, table, width = layout(data)
     long = next(offset for offset in offsets if data[offset:offset + 2] == b"\x5F\x12")
     changed = [long if data[offset] == 0x53 else offset for offset in offsets]
-    return data[:table] + b"".join(offset.to_bytes(size, "big") for offset in changed) + data[-32:]
+    return data[:table] + b"".join(offset.to_bytes(width, "big") for offset in changed) + data[-32:]
 
 
-for line in sys.stdin:
+for line in sys.stdin if __name__ == "__main__" else ():
     made = eval(line)
     made = binary(made) if isinstance(made, dict) else made
     sys.stdout.buffer.write(b"%20d" % len(made) + made)

@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <future>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -36,13 +37,14 @@ struct Report {
     for (std::string line; !(line = process.readLine()).empty();) text += line + "\n";
     exitStatus = process.wait();
   }
-  /// The causes of everything that is no praise.
+  /// The causes of everything that is no praise. How long an answer took is the machine's affair.
   std::string causes() const {
     std::string all;
     const auto json = nlohmann::json::parse(text, nullptr, false);
     for (const auto& step : json["steps"]) {
       for (const auto& remark : step["remarks"]) {
-        if (remark.contains("cause")) all += " " + remark["cause"].get<std::string>();
+        const std::string cause = remark.value("cause", "slow");
+        if (cause != "slow") all += " " + cause;
       }
     }
     return all.substr(all.empty() ? 0 : 1);
@@ -62,12 +64,9 @@ std::string accepted(const std::string& body, int status = 200, std::time_t ahea
 /// A machine with a network, an application's directory, and servers of both kinds.
 struct World {
   World() {
-    network = NetworkNamespace::enter(refusal);
-    if (!network) return;
-    network->addVethPair("up0", "far0");
-    for (const char* const link : {"up0", "far0"}) network->setUp(link);
-    network->addAddress("up0", "10.9.0.1/24");
-    network->addDefaultRoute("via 10.9.0.2");
+    if (!refusal.empty()) return;
+    ip("link add up0 type veth peer far0\nlink set up0 up\nlink set far0 up\n"
+       "address add 10.9.0.1/24 dev up0\nroute add default via 10.9.0.2");
     serveHits(answer(200));
     serve(accepted(grant("full")));
   }
@@ -94,8 +93,7 @@ struct World {
     return file;
   }
 
-  std::string refusal;
-  std::unique_ptr<NetworkNamespace> network;
+  const std::string refusal = enterNetwork();
   const TemporaryDirectory directory;
   const std::string library = directory.path() / "library";
   const std::string requests = library + "/orbiqCache/requests.ser";
@@ -185,7 +183,7 @@ Break mounts(unsigned long flags, const char* size) {
 
 /// Without a route, and so without a name server.
 void isOffline(World& world) {
-  world.network->removeDefaultRoute("via 10.9.0.2");
+  ip("route del default");
   world.server = kElsewhere;
 }
 
@@ -195,7 +193,7 @@ void isOfflineBehindAProxy(World& world) {
 }
 
 void needsNoRoute(World& world) {
-  world.network->removeDefaultRoute("via 10.9.0.2");
+  ip("route del default");
   world.options = {"--assume-reachable"};
 }
 
@@ -346,7 +344,7 @@ class Doctor : public testing::TestWithParam<Case> {};
 
 TEST_P(Doctor, NamesWhatIsBroken) {
   World world;
-  if (!world.network) GTEST_SKIP() << world.refusal;
+  if (!world.refusal.empty()) GTEST_SKIP() << world.refusal;
   GetParam().breakIt(world);
   if (IsSkipped() || HasFatalFailure()) return;
   Words arguments{"--server",    world.server, "--serial", world.serial,
@@ -369,7 +367,7 @@ INSTANTIATE_TEST_SUITE_P(SetUps, Doctor, testing::ValuesIn(kCases),
 
 TEST(DoctorOfServers, ListsWhatIsOutOfOrder) {
   World world;
-  if (!world.network) GTEST_SKIP() << world.refusal;
+  if (!world.refusal.empty()) GTEST_SKIP() << world.refusal;
   const Report good({"--check-server", world.server, "--serial", "S"});
   EXPECT_EQ(good.exitStatus, 0) << good.text;
   EXPECT_NE(good.text.find("keeps the connection"), std::string::npos) << good.text;
@@ -387,6 +385,32 @@ TEST(DoctorOfServers, ListsWhatIsOutOfOrder) {
   EXPECT_EQ(poor.causes(), "redirected not-kept") << poor.text;
   EXPECT_EQ(poor.exitStatus, 0);
   EXPECT_EQ(Report({"--check-server", "https://a/", "--send"}).exitStatus, 2);
+}
+
+TEST(DoctorInText, TellsOfEachStepAtOnceAndOfAllThatFailedAtTheEnd) {
+  std::promise<void> heard;
+  // Nothing is answered before the doctor has told of the connection.
+  const ScriptedServer server([isHeard = heard.get_future().share()](const std::string&) {
+    isHeard.wait();
+    return answer(200, "access=denied|host=http://127.0.0.1/|cmsVI=7");
+  });
+  RoleProcess doctor(
+      "", {"--server", server.url(), "--serial", "S", "--ca-bundle", "/none", "--assume-reachable"},
+      ORBIQ_DOCTOR);
+  bool isTold = false;
+  for (std::string line; !(line = doctor.readLine()).empty();) {
+    if (line != "ok        Connection") continue;
+    isTold = true;
+    heard.set_value();
+  }
+  EXPECT_TRUE(isTold);
+  if (!isTold) heard.set_value();
+  std::string end;
+  for (std::string line; !(line = doctor.readLine()).empty();) end += line + "\n";
+  EXPECT_EQ(doctor.wait(), 3);
+  for (const std::string step : {"Description and environment", "Access"}) {
+    EXPECT_NE(end.find("Failed at \"" + step + "\": "), std::string::npos) << end;
+  }
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
-"""Gives the checks of floors and of instruction counts one fault at a time. Its argument is the
-project's directory."""
+"""Gives the checks of floors and of instruction counts, and the benchmarks' report, one fault at a time.
+Its argument is the project's directory."""
 
+import importlib.util
+import json
 import pathlib
 import sys
 import tempfile
@@ -17,6 +19,12 @@ TAGGER = "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
 
 def counted(compiler="GNU 12.2.0", **counts):
     return {"architecture": "x86_64", "compiler": compiler, "counts": counts}
+
+
+def row(value, kind=None, bound=None, met=None, **others):
+    aim = {"kind": kind, "bound": bound} if kind else None
+    return {"group": "saving", "name": "a row", "value": value, "unit": "", "low": value,
+            "high": value, "aim": aim, "met": met, **others}
 
 
 class GatesTest(unittest.TestCase):
@@ -44,6 +52,17 @@ class GatesTest(unittest.TestCase):
             lines, came = instructions.compare(counted(save=1000), measured)
             self.assertEqual(came, status, lines)
             self.assertIn(said, "\n".join(lines))
+
+    @unittest.skipUnless(importlib.util.find_spec("matplotlib"), "Python's Matplotlib is not installed")
+    def test_report(self):
+        import report
+        rows, faults = report.read_rows("\n".join(map(json.dumps, (
+            row(20, "below", 20, False), row(1.5, "at most", 1.5, True),
+            row(0.5, "at least", 0.6, False), row(3, low=2.5, high=12),
+            row(1, low=2, high=3), row(5, "below", 3, True)))))
+        self.assertEqual(report.verdicts(rows), "4 rows, 3 of them with an aim, 2 missed")
+        self.assertEqual(faults, ["line 5: the value does not lie between the quartiles",
+                                  'line 6: "met" says True, and it should be False'])
 
 
 if __name__ == "__main__":

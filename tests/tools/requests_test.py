@@ -9,14 +9,14 @@ import ctypes
 import json
 import os
 import pathlib
-import plistlib
-import struct
 import subprocess
 import sys
 import tempfile
 import threading
 import unittest
 from plistlib import UID
+
+from write_archives import binary, cls, layout
 
 WRITER = sys.argv.pop(3)
 FIRST_HIT = sys.argv.pop(2)
@@ -27,14 +27,6 @@ def environment(**more):
     kept = {name: value for name, value in os.environ.items()
             if not name.startswith("ORBIQ_") and name != "NO_COLOR"}
     return kept | {"TZ": "UTC"} | more
-
-
-def cls(name):
-    return {"$classname": name, "$classes": [name, "NSObject"]}
-
-
-def binary(tree):
-    return plistlib.dumps(tree, fmt=plistlib.FMT_BINARY, sort_keys=False)
 
 
 def archive(*objects, **changes):
@@ -65,13 +57,6 @@ def foreign(elements=(UID(2), UID(3)), **fields):
          "orbiqAccess_baseURL": UID(13), "orbiqAccess_firstHitSuccessfullySent": True,
          "$class": UID(19)},
         cls("orbiqAuth"), cls("orbiqAccess"), {"NS.data": b"\x00\xff", "$class": UID(15)})
-
-
-def layout(data):
-    """Where the objects stand, by their numbers, the start of the offset table, and its width."""
-    width, _, count, _, table = struct.unpack(">6xBBQQQ", data[-32:])
-    return [int.from_bytes(data[table + i * width:table + (i + 1) * width], "big")
-            for i in range(count)], table, width
 
 
 def patched(data, offset, replacement):

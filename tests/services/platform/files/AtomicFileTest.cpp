@@ -10,7 +10,7 @@
 #include <vector>
 
 #include "orbiq/services/platform/files/AtomicFile.h"
-#include "tests/support/DiskCalls.h"
+#include "tests/support/CLibrary.h"
 #include "tests/support/TemporaryDirectory.h"
 
 namespace orbiq::test {
@@ -107,10 +107,10 @@ TEST_F(AtomicFileTest, FailsAndRecovers) {
   }
   // What a file system tells only when a file is closed is known before another file goes.
   fs::remove(path), write(path, "another");
-  DiskCalls::failFlushes(true);
+  DiskCalls::flushesFail = true;
   EXPECT_EQ(replace("one five"), "error " + std::to_string(EBADF));
   EXPECT_EQ(readFile(path, 100), "another");
-  DiskCalls::failFlushes(false);
+  DiskCalls::flushesFail = false;
   EXPECT_EQ(replace("one six"), "one six");
   const std::string away = directory.path() / "away";
   EXPECT_EQ(AtomicFile(away + "/file").replace("bytes", ChangedPages::all(5), false), ENOENT);

@@ -3,7 +3,6 @@
 #include <pthread.h>
 #include <sys/stat.h>
 
-#include <cerrno>
 #include <thread>
 
 #include "orbiq/services/platform/files/Descriptor.h"
@@ -22,14 +21,6 @@ TEST(Directories, AreWholeWhateverTheUmask) {
   struct stat status{};
   EXPECT_EQ(stat(made.c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0700U);
-}
-
-TEST(Directories, TellWhyTheFirstCouldNotBeMade) {
-  errno = 0;
-  mkdir("/sys/orbiq", 0700);
-  const int cause = errno;
-  ASSERT_TRUE(cause != 0 && cause != ENOENT) << cause;
-  EXPECT_EQ(makeDirectories("/sys/orbiq/a/b"), cause);
 }
 
 TEST(Descriptor, IsClosedBeforeItsThreadEnds) {

@@ -24,8 +24,7 @@
 #include "orbiq/services/platform/loop/MainLoop.h"
 #include "orbiq/services/platform/loop/SerialQueue.h"
 #include "orbiq/services/platform/network/NetworkReachability.h"
-#include "tests/support/NameLookups.h"
-#include "tests/support/NetlinkFaults.h"
+#include "tests/support/CLibrary.h"
 #include "tests/support/NetworkNamespace.h"
 #include "tests/support/RunOn.h"
 #include "tests/support/TemporaryDirectory.h"
@@ -75,19 +74,17 @@ class RouteReachabilityTest : public testing::Test {
   void SetUp() override {
     loop = MainLoop::mainLoop().adopt();
     ASSERT_GE(loop, 0);
-    enterNetwork();
+    setNetworkUp();
   }
   /// A fresh network, and a fresh source in it.
-  void enterNetwork() {
-    std::string refusal;
-    network = NetworkNamespace::enter(refusal);
-    if (!network) GTEST_SKIP() << refusal;
+  void setNetworkUp() {
+    if (const std::string refusal = enterNetwork(); !refusal.empty()) GTEST_SKIP() << refusal;
     source = makeRouteReachabilitySource();
     ASSERT_EQ(source->failure(), "");
     fence = address("10.9.9.9");
     fenced = watch(fence);
     internet = address("0.0.0.0");
-    batch(kLinks);
+    ip(kLinks);
     awaitRead(gate = address("10.0.0.2"), 'D');
     awaitRead(address("10.0.1.2"), 'B');
     for (const char* own : {"fd00::1", "fd01::1", "fe80::8%v0", "fe80::9%wwan0"}) {
@@ -95,12 +92,6 @@ class RouteReachabilityTest : public testing::Test {
     }
   }
 
-  void batch(const std::string& lines) {
-    const TemporaryDirectory directory;
-    const std::string file = directory.path() / "batch";
-    std::ofstream(file) << lines << std::flush;
-    network->ip("-batch " + file);
-  }
   Target address(const std::string& text) {
     addrinfo hints{};
     hints.ai_flags = AI_NUMERICHOST;
@@ -131,14 +122,13 @@ class RouteReachabilityTest : public testing::Test {
   /// Returns when the loop has looked at what was done until now, and delivered.
   void awaitLook() {
     const bool isUp = fenced->ends_with('L');
-    network->ip(std::string("address ") + (isUp ? "del" : "add") + " 10.9.9.9/32 dev lo");
+    ip(std::string("address ") + (isUp ? "del" : "add") + " 10.9.9.9/32 dev lo");
     await([&] { return isUp != fenced->ends_with('L'); });
   }
   void setGate(bool isUp) {
-    network->ip(std::string("route ") + (isUp ? "add" : "del") + " default via 10.0.0.2");
+    ip(std::string("route ") + (isUp ? "add" : "del") + " default via 10.0.0.2");
   }
 
-  std::unique_ptr<NetworkNamespace> network;
   int loop = -1;
   int turns = 0;
   std::shared_ptr<NetworkReachabilitySource> source;
@@ -191,10 +181,10 @@ TEST_F(RouteReachabilityTest, TargetsAreWhereTheKernelSendsThisProcess) {
       {"- 0.0.0.0", "route add default dev lo"},
   };
   for (const auto& [expected, commands, down] : cases) {
-    enterNetwork();
-    batch(commands);
+    setNetworkUp();
+    ip(commands);
     if (down) {
-      network->setDown(down);
+      ip(std::string("link set ") + down + " down");
       awaitRead(gate, '-');
     }
     char letter = '!';
@@ -214,9 +204,8 @@ TEST_F(RouteReachabilityTest, TargetsAreWhereTheKernelSendsThisProcess) {
 TEST_F(RouteReachabilityTest, EachChangeIsDeliveredOnce) {
   setGate(true);
   const auto deliveries = watch(internet);
-  batch(
-      "address add 10.0.0.5/24 dev v0\nroute add default via fd00::2\n"
-      "route add default via 10.0.1.2 metric 10\naddress del 10.0.0.5/24 dev v0");
+  ip("address add 10.0.0.5/24 dev v0\nroute add default via fd00::2\n"
+     "route add default via 10.0.1.2 metric 10\naddress del 10.0.0.5/24 dev v0");
   awaitLook();
   EXPECT_EQ(*deliveries, "");
 
@@ -236,7 +225,7 @@ TEST_F(RouteReachabilityTest, EachChangeIsDeliveredOnce) {
   };
   for (const auto& [change, letter] : changes) {
     if (*change != '\0') {
-      network->ip(change);
+      ip(change);
     } else {
       awaitRead(address("10.0.1.2"), 'B');
       std::ofstream("/proc/sys/net/ipv4/conf/all/ignore_routes_with_linkdown") << 1;
@@ -307,7 +296,7 @@ TEST_F(RouteReachabilityTest, ReportsThatKeepComingAreLookedAtTenTimesASecond) {
   for (int i = 0; i < 4000; ++i) {
     changes += "route replace 203.0.113.0/24 metric 1" + std::to_string(i) + " dev v0\n";
   }
-  const std::jthread changing([&] { batch(changes + "route del default via 10.0.0.2\n"); });
+  const std::jthread changing([&] { ip(changes + "route del default via 10.0.0.2\n"); });
   await([&] { return !deliveries->empty(); });
   EXPECT_EQ(*deliveries, "-");
   // A look takes two turns, as its time has to come.
@@ -319,7 +308,7 @@ TEST_F(RouteReachabilityTest, AnExpiringRouteEndsBeforeItsReport) {
   const Descriptor reports(socket(AF_NETLINK, SOCK_RAW | SOCK_NONBLOCK, NETLINK_ROUTE));
   const sockaddr_nl group{AF_NETLINK, 0, 0, RTMGRP_IPV6_ROUTE};
   ASSERT_EQ(bind(reports.number(), reinterpret_cast<const sockaddr*>(&group), sizeof group), 0);
-  network->addDefaultRoute("via fd00::2 expires 2");
+  ip("route add default via fd00::2 expires 2");
   await([&] { return deliveries->size() == 2; });
   EXPECT_EQ(*deliveries, "R-");
   for (nlmsghdr report{}; recv(reports.number(), &report, sizeof report, 0) > 0;) {
@@ -387,13 +376,13 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
   EXPECT_EQ(*deliveries, "D");
   // On another network it may have another address.
   write("10.0.1.9 later.test\n");
-  network->addDefaultRoute("via 10.0.1.2");
+  ip("route add default via 10.0.1.2");
   await([&] { return *deliveries == "DB"; });
   // But at most once a second.
   lookUps = nameLookupCount();
   const auto begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 40; ++i) {
-    network->ip(std::string("route ") + (i % 2 ? "add" : "del") + " default via 10.0.1.2");
+    ip(std::string("route ") + (i % 2 ? "add" : "del") + " default via 10.0.1.2");
     read(later);
   }
   const auto passed = (std::chrono::steady_clock::now() - begin) / 1s;
@@ -401,7 +390,7 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
   // The addresses stay known where the name is not found any more.
   write("");
   lookUps = nameLookupCount();
-  network->removeDefaultRoute("via 10.0.1.2");
+  ip("route del default via 10.0.1.2");
   await(areLookedUp);
   awaitLook();
   EXPECT_EQ(read(later), 'B');
