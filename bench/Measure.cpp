@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <cmath>
-#include <cstdio>
 #include <cstdlib>
 #include <exception>
 #include <filesystem>
@@ -63,23 +62,9 @@ double quantile(std::vector<double> samples, double part) {
   return *wanted;
 }
 
-bool isMet(double ratio, const Aim& aim) {
-  if (aim.kind == Aim::Kind::kBelow) return ratio < aim.bound;
-  return aim.kind == Aim::Kind::kAtMost ? ratio <= aim.bound : ratio >= aim.bound;
-}
-
 const char* nameOf(Aim::Kind kind) {
   if (kind == Aim::Kind::kBelow) return "below";
   return kind == Aim::Kind::kAtMost ? "at most" : "at least";
-}
-
-std::string ratioText(const std::vector<double>& ratios, const Aim& aim) {
-  const double ratio = median(ratios);
-  char text[160];
-  std::snprintf(text, sizeof text, "ratio %.2f (aim: %s %g)%s, half of the runs %.2f to %.2f",
-                ratio, nameOf(aim.kind), aim.bound, isMet(ratio, aim) ? "" : " missed",
-                quantile(ratios, 0.25), quantile(ratios, 0.75));
-  return text;
 }
 
 std::vector<std::vector<double>> rowsOfRuns(const std::string& role, std::size_t runs,
@@ -101,14 +86,6 @@ std::vector<double> columnOf(const std::vector<std::vector<double>>& rows, std::
   values.reserve(rows.size());
   for (const std::vector<double>& row : rows) values.push_back(row.at(column));
   return values;
-}
-
-std::vector<double> mediansOf(const std::vector<std::vector<double>>& rows) {
-  std::vector<double> medians;
-  for (std::size_t column = 0; column < rows.front().size(); ++column) {
-    medians.push_back(median(columnOf(rows, column)));
-  }
-  return medians;
 }
 
 std::vector<double> ratiosOf(const std::vector<std::vector<double>>& rows, std::size_t dividend,

@@ -18,13 +18,8 @@ struct Aim {
   Kind kind;
   double bound;
 };
-bool isMet(double ratio, const Aim& aim);
 /// "below", "at most" or "at least".
 const char* nameOf(Aim::Kind kind);
-
-/// "ratio 3.1 (aim: below 20)", with "missed" behind it where that is so. The ratio is the median
-/// of those of the single runs, whose range is shown as well.
-std::string ratioText(const std::vector<double>& ratios, const Aim& aim);
 
 /// Microseconds that the work takes.
 template <class Work>
@@ -42,8 +37,6 @@ std::vector<std::vector<double>> rowsOfRuns(const std::string& role, std::size_t
                                             const std::vector<std::string>& arguments);
 /// One column of the rows.
 std::vector<double> columnOf(const std::vector<std::vector<double>>& rows, std::size_t column);
-/// The medians of the rows' columns.
-std::vector<double> mediansOf(const std::vector<std::vector<double>>& rows);
 /// One column divided by another, for each row.
 std::vector<double> ratiosOf(const std::vector<std::vector<double>>& rows, std::size_t dividend,
                              std::size_t divisor);

@@ -18,12 +18,14 @@ struct Row {
   double low, high;  ///< half of the runs lie between; both equal to value where there was one run
 };
 
-/// Appends the row to the file that ORBIQ_BENCH_RESULTS names, one JSON object per line; does
-/// nothing without it.
+/// Prints the row, and appends it to the file that ORBIQ_BENCH_RESULTS names, if it does, one JSON
+/// object per line. What is missed of the aims report.py tells.
 void report(const Row& row);
 
-/// The same for a list of ratios: value is the median, low and high the quartiles.
-void reportRatios(const std::string& group, const std::string& name,
-                  const std::vector<double>& ratios, std::optional<Aim> aim);
+/// The same for a list of ratios, or of numbers in a unit: value is the median, low and high the
+/// quartiles.
+void reportSamples(const std::string& group, const std::string& name,
+                   const std::vector<double>& samples, const std::string& unit = "",
+                   std::optional<Aim> aim = {});
 
 }  // namespace orbiq::bench

@@ -10,9 +10,12 @@
 #include <stdexcept>
 #include <string_view>
 #include <utility>
+#include <vector>
 
+#include "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
 #include "orbiq/services/platform/host/HostApplication.h"
 #include "orbiq/services/platform/host/Platform.h"
+#include "orbiq/services/platform/loop/NotificationCenter.h"
 
 namespace orbiq::bench {
 namespace {
@@ -106,6 +109,21 @@ void SaveCounter::waitFor(std::size_t saves) {
     }
   }
   if (_saves != saves) throw std::runtime_error("more saves than there should be");
+}
+
+StalledApplication::StalledApplication(const std::string& directory, std::size_t depth)
+    : _server(
+          std::vector<test::Script>{{test::steps::readRequest(), test::steps::untilPeerCloses()}}) {
+  describeApplication(_server.url("/auth/"), directory);
+  setReachable(false);
+  SaveCounter saves(directory);
+  const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial("241041208600");
+  for (std::size_t hit = 0; hit < depth; ++hit) tagger->sendHit();
+  saves.waitFor(depth);
+  setReachable(true);
+  NotificationCenter::defaultCenter().postNotificationName(
+      UIApplicationWillEnterForegroundNotification);
+  if (!_server.waitForRequests(1)) throw std::runtime_error("nobody asks for an authorization");
 }
 
 }  // namespace orbiq::bench

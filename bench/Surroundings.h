@@ -3,6 +3,8 @@
 #include <cstddef>
 #include <string>
 
+#include "tests/support/ScriptedServer.h"
+
 namespace orbiq::bench {
 
 /// The application around the library, and its network, which counts as reachable at first. Before
@@ -27,6 +29,16 @@ class SaveCounter {
  private:
   int _watch = -1;
   std::size_t _saves = 0;
+};
+
+/// An application whose queue holds so many requests, the first of which an authorization server
+/// has taken and never answers: the agent's threads rest, and what is added stays aside.
+class StalledApplication {
+ public:
+  StalledApplication(const std::string& directory, std::size_t depth);
+
+ private:
+  test::ScriptedServer _server;
 };
 
 }  // namespace orbiq::bench

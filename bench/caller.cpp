@@ -26,8 +26,6 @@
 namespace orbiq::bench {
 namespace {
 
-namespace steps = test::steps;
-
 constexpr std::size_t kRuns = 15;
 constexpr std::size_t kCalls = 2'000;
 constexpr std::size_t kRestedCalls = 300;
@@ -46,19 +44,14 @@ class Baseline {
     _queue.push_back(std::move(dictionary));
   }
 
-  /// What an audience hit carries.
-  Dictionary audienceHit() {
+  /// The seven entries of a streaming request, the longest that there is.
+  Dictionary streamingRequest() {
     Dictionary dictionary;
     dictionary.emplace("serial", kSerial);
     dictionary.emplace("tn", "on-ios");
     dictionary.emplace("v", "1.0");
     dictionary.emplace("n", std::to_string(100'000'000 + _random() % 900'000'000));
     dictionary.emplace("did", "6D92078A-8246-4BA4-AE5B-76104861E7DC");
-    return dictionary;
-  }
-  /// The same and two numbers: the seven entries of a streaming request, the longest that there is.
-  Dictionary streamingRequest() {
-    Dictionary dictionary = audienceHit();
     dictionary.emplace("cmsRK", std::to_string(++_rank));
     dictionary.emplace("cmsPS", std::to_string(_rank % 13));
     return dictionary;
@@ -94,38 +87,19 @@ class SleepingTaker {
   std::jthread _thread{[this](const std::stop_token& stop) { takeAll(stop); }};
 };
 
-/// An application whose authorization server takes the first request and answers nothing.
-class StalledApplication {
- public:
-  explicit StalledApplication(const std::string& directory) {
-    describeApplication(_server.url("/auth/"), directory);
-  }
-  /// Returns once the request is there: from now on every hit stays in the queue.
-  bool stall() {
-    orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial)->sendHit();
-    return _server.waitForRequests(1);
-  }
-
- private:
-  test::ScriptedServer _server{
-      std::vector<test::Script>{{steps::readRequest(), steps::untilPeerCloses()}}};
-};
-
-/// Prints p50, p99 and max of `sendHit`, then of the two baselines.
+/// Prints p50 and p99 of `sendHit`, then of the baseline.
 int stalledRun(const std::vector<std::string>& arguments) {
-  StalledApplication application(arguments.at(1) + "/alone" + arguments.at(0));
-  if (!application.stall()) return 1;
+  const StalledApplication application(arguments.at(1) + "/alone" + arguments.at(0), 1);
   const auto tagger = orbiqAudienceTagger::orbiqAudienceTaggerWithSerial(kSerial);
   Baseline baseline;
-  std::vector<double> hits, sevens, fives;
-  for (std::vector<double>* side : {&hits, &sevens, &fives}) side->reserve(kCalls);
+  std::vector<double> hits, sevens;
+  for (std::vector<double>* side : {&hits, &sevens}) side->reserve(kCalls);
   for (std::size_t call = 0; call < kCalls; ++call) {
     hits.push_back(microseconds([&] { tagger->sendHit(); }));
     sevens.push_back(microseconds([&] { baseline.handOver(baseline.streamingRequest()); }));
-    fives.push_back(microseconds([&] { baseline.handOver(baseline.audienceHit()); }));
   }
-  for (const std::vector<double>& side : {hits, sevens, fives}) {
-    std::printf("%f %f %f ", quantile(side, 0.5), quantile(side, 0.99), quantile(side, 1));
+  for (const std::vector<double>& side : {hits, sevens}) {
+    std::printf("%f %f ", quantile(side, 0.5), quantile(side, 0.99));
   }
   std::printf("\n");
   return 0;
@@ -169,8 +143,7 @@ int restedRun(const std::vector<std::string>& arguments) {
 int crowdRun(const std::vector<std::string>& arguments) {
   const std::size_t threads = std::stoul(arguments.at(2));
   const std::size_t taggers = std::stoul(arguments.at(3));
-  StalledApplication application(arguments.at(1));
-  if (!application.stall()) return 1;
+  const StalledApplication application(arguments.at(1), 1);
 
   using Clock = std::chrono::steady_clock;
   std::latch ready(static_cast<std::ptrdiff_t>(threads) + 1);
@@ -199,49 +172,23 @@ const test::RoleRegistration kStalledRun("stalled", stalledRun);
 const test::RoleRegistration kRestedRun("rested", restedRun);
 const test::RoleRegistration kCrowdRun("crowd", crowdRun);
 
-void show(const std::string& name, const std::vector<double>& ratios, std::optional<Aim> aim) {
-  if (aim) {
-    std::printf("  %s: %s\n", name.c_str(), ratioText(ratios, *aim).c_str());
-  } else {
-    std::printf("  %s: ratio %.2f\n", name.c_str(), median(ratios));
-  }
-  reportRatios("caller", name, ratios, aim);
+void show(const std::string& name, const std::vector<double>& ratios, std::optional<Aim> aim = {}) {
+  reportSamples("caller", name, ratios, "", aim);
 }
 
 void measureAlone(const std::string& directory) {
-  const auto rows = rowsOfRuns("stalled", kRuns, 9, {directory});
-  const std::vector<double> medians = mediansOf(rows);
-  std::printf(
-      "sendHit on the caller's thread, %zu calls while the server stalls, in us; medians of "
-      "%zu runs\n  %-44s %8s %8s %8s\n",
-      kCalls, kRuns, "", "p50", "p99", "max");
-  const char* const names[] = {"sendHit", "composing seven entries and a locked push",
-                               "composing five entries and a locked push"};
-  for (std::size_t side = 0; side < 3; ++side) {
-    std::printf("  %-44s %8.2f %8.2f %8.2f\n", names[side], medians[3 * side],
-                medians[3 * side + 1], medians[3 * side + 2]);
-  }
-  show("sendHit, p50 / seven entries and a locked push", ratiosOf(rows, 0, 3),
+  const auto rows = rowsOfRuns("stalled", kRuns, 4, {directory});
+  std::printf("%zu calls of sendHit while the server stalls; %zu runs\n", kCalls, kRuns);
+  show("sendHit, p50 / seven entries and a locked push", ratiosOf(rows, 0, 2),
        Aim{Aim::Kind::kAtMost, 2});
-  show("sendHit, p99 / seven entries and a locked push", ratiosOf(rows, 1, 4),
+  show("sendHit, p99 / seven entries and a locked push", ratiosOf(rows, 1, 3),
        Aim{Aim::Kind::kAtMost, 5});
-  show("sendHit, max / seven entries and a locked push", ratiosOf(rows, 2, 5), std::nullopt);
-  // An audience hit has five of the seven.
-  show("sendHit, p50 / five entries and a locked push", ratiosOf(rows, 0, 6), std::nullopt);
 }
 
 void measureRested(const std::string& directory) {
   const auto rows = rowsOfRuns("rested", kRuns, 4, {directory});
-  const std::vector<double> medians = mediansOf(rows);
-  std::printf("%zu calls of sendHit, each when all is sent and every thread sleeps, in us\n",
-              kRestedCalls);
-  std::printf("  %-44s %8s %8s\n", "", "p50", "p99");
-  std::printf("  %-44s %8.2f %8.2f\n", "sendHit", medians[0], medians[1]);
-  std::printf("  %-44s %8.2f %8.2f\n", "seven entries and waking a thread", medians[2], medians[3]);
-  show("sendHit at rest, p50 / seven entries and waking a thread", ratiosOf(rows, 0, 2),
-       std::nullopt);
-  show("sendHit at rest, p99 / seven entries and waking a thread", ratiosOf(rows, 1, 3),
-       std::nullopt);
+  show("sendHit at rest, p50 / seven entries and waking a thread", ratiosOf(rows, 0, 2));
+  show("sendHit at rest, p99 / seven entries and waking a thread", ratiosOf(rows, 1, 3));
 }
 
 void measureCrowd(const std::string& directory) {
@@ -267,12 +214,6 @@ void measureCrowd(const std::string& directory) {
     for (Crowd& crowd : crowds) {
       crowd.ratios.push_back(crowd.rates.back() / crowds.front().rates.back());
     }
-  }
-  std::printf(
-      "%zu calls of sendHit while the server stalls, calls per second; medians of %zu runs\n",
-      kCrowdCalls, kRuns);
-  for (const Crowd& crowd : crowds) {
-    std::printf("  %-44s %8.0f\n", crowd.name, median(crowd.rates));
   }
   for (std::size_t i = 1; i < crowds.size(); ++i) {
     show("rate of " + std::string(crowds[i].name) + " / of one thread", crowds[i].ratios,

@@ -25,11 +25,6 @@
 #include "bench/Requests.h"
 #include "bench/Surroundings.h"
 #include "orbiq/orbiq.h"
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
-#include "orbiq/private/orbiqAgent/SendingRules.h"
-#include "orbiq/services/platform/archive/KeyedArchiver.h"
-#include "orbiq/services/platform/files/AtomicFile.h"
-#include "orbiq/services/platform/host/Platform.h"
 #include "tests/support/Role.h"
 #include "tests/support/ScriptedServer.h"
 #include "tools/collector/CollectorServer.h"
@@ -223,21 +218,7 @@ Cost bareLoop(const std::string& url, std::size_t hits) {
       hits);
 }
 
-/// Through the client that the agent sends with.
-Cost clientLoop(const std::string& url, std::size_t hits) {
-  const HttpRequest request{*Url::fromText(url), orbiqAgent::userAgent(),
-                            SendingRules::kHitTimeout};
-  return costOf(
-      [&] {
-        if (!Platform::send(request).response) {
-          throw std::runtime_error("the client got no answer");
-        }
-      },
-      hits);
-}
-
-/// Prints the times of the agent, of its client alone and of the bare loop, then the work of agent
-/// and bare loop.
+/// Prints the times of the agent and of the bare loop, then the work of both.
 int drainingRun(const std::vector<std::string>& arguments) {
   const std::string& kind = arguments.at(2);
   const std::size_t hits = std::stoul(arguments.at(3));
@@ -248,9 +229,8 @@ int drainingRun(const std::vector<std::string>& arguments) {
   const bool agentFirst = std::stoul(arguments.at(0)) % 2 == 0;
   const Cost before = agentFirst ? agent.drain() : Cost();
   const Cost bare = bareLoop(server->hitUrl(), hits);
-  const Cost client = clientLoop(server->hitUrl(), hits);
   const Cost drained = agentFirst ? before : agent.drain();
-  std::printf("%f %f %f %f %f\n", drained.time, client.time, bare.time, drained.work, bare.work);
+  std::printf("%f %f %f %f\n", drained.time, bare.time, drained.work, bare.work);
   return 0;
 }
 
@@ -268,29 +248,22 @@ constexpr Measured kMeasured[] = {
     {kInstant, "a server that only answers"},
 };
 
-void print(const std::string& name, const std::vector<double>& ratios, std::optional<Aim> aim) {
-  std::printf("  %s: ratio %.2f%s\n", name.c_str(), median(ratios),
-              aim && !isMet(median(ratios), *aim) ? ", missed" : "");
-  reportRatios("draining", name, ratios, aim);
-}
-
 void measure(const std::string& directory) {
   std::printf("draining %zu hits over one connection; medians of %zu runs\n", kHits, kRuns);
   std::vector<std::vector<double>> http;
   for (const Measured& one : kMeasured) {
     const auto rows =
-        rowsOfRuns("draining", kRuns, 5, {directory, one.kind, std::to_string(kHits)});
+        rowsOfRuns("draining", kRuns, 4, {directory, one.kind, std::to_string(kHits)});
     if (http.empty()) http = rows;
     const std::string server = one.server;
-    const std::vector<double> row = mediansOf(rows);
-    std::printf("  to %s, us per hit: agent %.1f, its client alone %.1f, bare loop %.1f\n",
-                one.server, row[0] / kHits, row[1] / kHits, row[2] / kHits);
     // Of rates, so the times stand the other way round.
-    print("agent's rate / bare rate, " + server, ratiosOf(rows, 2, 0), one.rate);
-    print("agent's processor time / a bare loop's, " + server, ratiosOf(rows, 3, 4), one.work);
+    reportSamples("draining", "agent's rate / bare rate, " + server, ratiosOf(rows, 1, 0), "",
+                  one.rate);
+    reportSamples("draining", "agent's processor time / a bare loop's, " + server,
+                  ratiosOf(rows, 2, 3), "", one.work);
   }
   for (const std::size_t hits : kFewerHits) {
-    const auto fewer = rowsOfRuns("draining", kRuns, 5, {directory, kHttp, std::to_string(hits)});
+    const auto fewer = rowsOfRuns("draining", kRuns, 4, {directory, kHttp, std::to_string(hits)});
     std::vector<double> ratios;
     for (std::size_t run = 0; run < kRuns; ++run) {
       ratios.push_back(http[run][0] / kHits / (fewer[run][0] / static_cast<double>(hits)));
@@ -299,8 +272,7 @@ void measure(const std::string& directory) {
                              " being drained / of " + std::to_string(hits);
     // Each save writes what the queue holds: to grow as the queue does would be five and fifty.
     const Aim linear{Aim::Kind::kAtMost, 2};
-    std::printf("  %s: %s\n", name.c_str(), ratioText(ratios, linear).c_str());
-    reportRatios("draining", name, ratios, linear);
+    reportSamples("draining", name, ratios, "", linear);
   }
 }
 

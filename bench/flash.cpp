@@ -1,7 +1,4 @@
 // What a hit writes to the disk, and what it costs to have it there before a power loss.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
@@ -29,12 +26,7 @@ constexpr std::size_t kSyncedHits = 10;
 constexpr std::array<std::size_t, 3> kDepths{1, 100, 500};
 
 /// As the host asks for it: settled once per process, so each has processes of its own.
-enum class Mode : std::size_t {
-  kOrdinary,
-  kSynced,  ///< the ordinary mode, and somebody who syncs the file after each save
-  kDurable
-};
-constexpr std::array<const char*, 3> kModes{"ordinary", "ordinary and fdatasync", "durable"};
+constexpr std::array<const char*, 2> kModes{"ordinary", "durable"};
 
 /// What the process has handed to `write`, in bytes.
 std::uint64_t writtenBytes() {
@@ -47,31 +39,22 @@ std::uint64_t writtenBytes() {
   throw std::runtime_error("the kernel does not count what is written");
 }
 
-void syncFile(const std::string& path) {
-  const int file = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-  if (file < 0 || fdatasync(file) != 0) throw std::runtime_error("cannot sync " + path);
-  close(file);
-}
-
 /// Prints the bytes that a hit writes, its microseconds, the file's size, and, in the ordinary
 /// mode, the bytes that a removal writes while the queue is drained. A hit comes to a queue of that
 /// depth and leaves it: two saves.
 int hits(const std::vector<std::string>& arguments) {
   const std::size_t depth = std::stoul(arguments.at(2));
-  const auto mode = static_cast<Mode>(std::stoul(arguments.at(3)));
+  const bool isDurable = arguments.at(3) == "1";
   const String problem = HostApplication::describe(
       {.bundleIdentifier = "tv.example.player",
-       .durability = mode == Mode::kDurable ? Durability::PowerLoss : Durability::ProcessEnd});
+       .durability = isDurable ? Durability::PowerLoss : Durability::ProcessEnd});
   if (!problem.isNull()) throw std::runtime_error(problem.toStdString());
   const std::string path =
       arguments.at(1) + "/flash-" + arguments.at(2) + "-" + arguments.at(3) + ".ser";
   RequestsFile file(path);
   RequestQueue queue;
   Requests requests;
-  const auto save = [&] {
-    file.save(queue);
-    if (mode == Mode::kSynced) syncFile(path);
-  };
+  const auto save = [&] { file.save(queue); };
   while (queue.size() < depth) queue.push_back(requests.next());
   save();
   const auto hit = [&] {
@@ -82,7 +65,7 @@ int hits(const std::vector<std::string>& arguments) {
     save();
   };
   hit();  // makes the spare file
-  const std::size_t count = mode == Mode::kOrdinary ? kHits : kSyncedHits;
+  const std::size_t count = isDurable ? kSyncedHits : kHits;
   const std::uint64_t before = writtenBytes();
   const double time = microseconds([&] {
                         for (std::size_t i = 0; i < count; ++i) hit();
@@ -93,7 +76,7 @@ int hits(const std::vector<std::string>& arguments) {
   if (file.load().size() != depth) throw std::runtime_error("the queue was not saved");
   const auto size = static_cast<double>(std::filesystem::file_size(path));
   const std::uint64_t beforeRemovals = writtenBytes();
-  while (mode == Mode::kOrdinary && !queue.empty()) {
+  while (!isDurable && !queue.empty()) {
     queue.pop_front();
     file.removed(0);
     save();
@@ -103,12 +86,6 @@ int hits(const std::vector<std::string>& arguments) {
   return 0;
 }
 const test::RoleRegistration kHitsRole("hits", hits);
-
-void reportColumn(const std::string& name, const std::vector<double>& samples,
-                  const std::string& unit) {
-  report({"flash", name, median(samples), unit, std::nullopt, quantile(samples, 0.25),
-          quantile(samples, 0.75)});
-}
 
 using Rows = std::vector<std::vector<double>>;
 
@@ -131,27 +108,22 @@ void measureDepth(const std::string& directory, std::size_t depth) {
   const std::vector<double> ordinary = columnOf(rows[0], 1);
   for (std::size_t mode = 0; mode < rows.size(); ++mode) {
     const std::vector<double> times = columnOf(rows[mode], 1);
-    std::printf("  %5zu %-24s %12.0f %12.1f %12.0f\n", depth, kModes[mode],
-                median(columnOf(rows[mode], 0)), median(times), median(columnOf(rows[mode], 2)));
-    reportColumn(std::string("a hit's saves, ") + kModes[mode] + suffix, times, "µs");
+    const std::string name = std::string("a hit's saves, ") + kModes[mode];
+    reportSamples("flash", name + suffix, times, "µs");
     if (mode == 0) continue;
     std::vector<double> ratios;
     for (std::size_t run = 0; run < kRuns; ++run) ratios.push_back(times[run] / ordinary[run]);
-    std::printf("        / ordinary: ratio %.1f\n", median(ratios));
-    reportRatios("flash", std::string("a hit's saves, ") + kModes[mode] + " / ordinary" + suffix,
-                 ratios, std::nullopt);
+    reportSamples("flash", name + " / ordinary" + suffix, ratios);
   }
-  std::printf("        a removal, while the queue is drained: %.0f bytes\n",
-              median(columnOf(rows[0], 3)));
-  reportColumn("written for a hit" + suffix, columnOf(rows[0], 0), "bytes");
-  reportColumn("the file" + suffix, columnOf(rows[0], 2), "bytes");
-  reportColumn("written for a removal, a queue of " + std::to_string(depth) + " being drained",
-               columnOf(rows[0], 3), "bytes");
+  reportSamples("flash", "written for a hit" + suffix, columnOf(rows[0], 0), "bytes");
+  reportSamples("flash", "the file" + suffix, columnOf(rows[0], 2), "bytes");
+  reportSamples("flash",
+                "written for a removal, a queue of " + std::to_string(depth) + " being drained",
+                columnOf(rows[0], 3), "bytes");
 }
 
 void measure(const std::string& directory) {
   std::printf("a hit that comes and goes: what it writes, and how long both saves take\n");
-  std::printf("  %5s %-24s %12s %12s %12s\n", "depth", "", "bytes", "us", "bytes of file");
   for (const std::size_t depth : kDepths) measureDepth(directory, depth);
 }
 

@@ -86,8 +86,6 @@ void describeBehaviour(CLI::App& app, Behaviour& behaviour) {
   app.add_option("--between-hits", behaviour.betweenHits, "Mean seconds")
       ->check(CLI::Range(0.1, 1e6))
       ->capture_default_str();
-  app.add_flag("--fixed-interval", behaviour.hitsAtFixedInterval,
-               "Each client has its hits at a fixed interval, else at random");
   seconds("--between-foregrounds", behaviour.betweenForegrounds, "Mean seconds; 0: never");
   seconds("--between-network-breaks", behaviour.betweenNetworkBreaks, "Mean seconds; 0: never");
   seconds("--network-break", behaviour.networkBreak, "Seconds without a network");
@@ -158,14 +156,10 @@ void printLoad(const std::string& label, const char* server, const Load& load,
   const double steady = steadyPerClient * clients;
   const double peak = load.peak();
   const auto at = std::max_element(load.asked.begin(), load.asked.end()) - load.asked.begin();
-  std::printf("    %-16s %12.3f %10.0f %8lld", server, steady, peak, static_cast<long long>(at));
-  if (steady > 0) {
-    const double ratio = peak / steady;
-    std::printf(" %12.1f\n", ratio);
-    report({"fleet", label + " / " + server + ", peak to mean", ratio, "", {}, ratio, ratio});
-  } else {
-    std::printf(" %12s\n", "-");
-  }
+  std::printf("    %-16s %12.3f %10.0f %8lld\n", server, steady, peak, static_cast<long long>(at));
+  if (steady <= 0) return;
+  const double ratio = peak / steady;
+  report({"fleet", label + " / " + server + ", peak to mean", ratio, "", {}, ratio, ratio});
 }
 
 /// The same options print the same.
@@ -183,8 +177,7 @@ Steady simulate(const Scenario& scenario, std::uint32_t clients, const Options& 
               scenario, servers);
   const std::string label =
       scenario.name + ", " + std::to_string(clients) + (clients == 1 ? " client" : " clients");
-  std::printf("  %-18s %12s %10s %8s %12s\n", label.c_str(), "steady/s", "peak/s", "at s",
-              "peak/steady");
+  std::printf("  %-18s %12s %10s %8s\n", label.c_str(), "steady/s", "peak/s", "at s");
   const Steady& reference = steady != nullptr ? *steady : found;
   printLoad(label, "authorizations", servers.authorizations(), clients, reference.authorizations);
   printLoad(label, "hits", servers.hits(), clients, reference.hits);

@@ -14,10 +14,8 @@
 #include <utility>
 #include <vector>
 
+#include "bench/Requests.h"
 #include "bench/Surroundings.h"
-#include "orbiq/private/orbiqAgent/RequestsFile.h"
-#include "orbiq/private/orbiqAuthManager/AuthAnswer.h"
-#include "orbiq/private/orbiqAuthManager/orbiqAuthManager.h"
 #include "orbiq/public/orbiqAudienceTagger/orbiqAudienceTagger.h"
 #include "orbiq/services/platform/host/Platform.h"
 #include "orbiq/services/platform/log/SystemLog.h"
@@ -90,40 +88,18 @@ class EvenClock final : public Clock {
   Date now() const override { return Date::sinceReferenceDate(8e8); }
 };
 
-std::shared_ptr<orbiqRequest> request(int number) {
-  static const String serial = kSerial;
-  static const auto tagger = std::make_shared<orbiqTaggerID>(serial, 3, true);
-  static const auto auth = orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
-      orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, "2817404411"),
-      orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
-          serial, AccessModeFull, "https://hits.example/audience/collect/"),
-      false);
-  auto made = std::make_shared<orbiqRequest>(
-      std::make_shared<const Parameters>(
-          Parameters{{"serial", serial},
-                     {"tn", "on-ios"},
-                     {"v", "1.0"},
-                     {"n", std::to_string(100'000'000 + number * 104'729)},
-                     {"cmsPS", "2"},
-                     {"cmsRK", std::to_string(number)},
-                     {"did", "6D92078A-8246-4BA4-AE5B-" + std::to_string(number)}}),
-      RequestTypeStreaming, SendingModeHost, serial, tagger);
-  made->setAuth(auth->copy());
-  return made;
-}
-
 /// Saves of 100 requests, after a removal and after an addition, the file's calls included. Fails
 /// if they allocate anything for the requests that stay.
 int save(const std::vector<std::string>& arguments) {
-  constexpr int kDepth = 100;
+  constexpr std::size_t kDepth = 100;
   constexpr int kPairs = 20;
   constexpr std::size_t kMostAllocations = 4;  // of a save
   if (!Platform::install({.clock = std::make_shared<EvenClock>()}).isNull()) return 1;
   const std::string path = arguments.at(0) + "/requests.ser";
   RequestsFile file(path);
   RequestQueue queue;
-  int number = 0;
-  while (number < kDepth) queue.push_back(request(++number));
+  Requests requests;
+  while (queue.size() < kDepth) queue.push_back(requests.next());
   for (int pair = 0; pair < 2 * kPairs; ++pair) {
     const bool isCounted = pair >= kPairs;
     queue.pop_front();
@@ -131,7 +107,7 @@ int save(const std::vector<std::string>& arguments) {
     file.removed(0);
     file.save(queue);
     if (isCounted) end();
-    queue.push_back(request(++number));
+    queue.push_back(requests.next());
     if (isCounted) begin();
     file.added(queue.back());
     file.save(queue);
@@ -144,30 +120,6 @@ int save(const std::vector<std::string>& arguments) {
   return file.load().size() == kDepth ? 0 : 1;
 }
 
-/// From the text of an authorization server's answer to the session and the access.
-int authorize(const std::vector<std::string>& /*arguments*/) {
-  constexpr std::size_t kAnswers = 200;
-  const std::string answer =
-      "access=full|host=https://hits.example/audience/collect/|cmsVI=2817404411";
-  const String serial = kSerial;
-  std::vector<std::shared_ptr<orbiqAuth>> read;
-  read.reserve(2 * kAnswers);
-  for (std::size_t i = 0; i < 2 * kAnswers; ++i) {
-    if (i == kAnswers) begin();
-    const AuthFields fields = parseAuthAnswer(answer);
-    read.push_back(orbiqAuth::orbiqAuthWithSession_withAccess_andIsDefault(
-        orbiqSession::orbiqSessionWithSerial_withCmsVI(serial, fields.at("cmsVI")),
-        orbiqAccess::orbiqAccessWithSerial_withAccessMode_withBaseURL(
-            serial, orbiqAuthManager::accessModeFromString(fields.at("access")), fields.at("host")),
-        false));
-  }
-  end();
-  return read.back()->currentAccess()->host().view() ==
-                 "https://hits.example/audience/collect/241041208600"
-             ? 0
-             : 1;
-}
-
 /// Prints what built this, and for what.
 int build(const std::vector<std::string>& /*arguments*/) {
   std::printf("%s\n%s\n", ORBIQ_COMPILER, ORBIQ_ARCHITECTURE);
@@ -177,7 +129,6 @@ int build(const std::vector<std::string>& /*arguments*/) {
 const test::RoleRegistration kBuild("build", build);
 const test::RoleRegistration kSendHit("sendHit", sendHit);
 const test::RoleRegistration kSave("save", save);
-const test::RoleRegistration kAuthorize("authorize", authorize);
 
 }  // namespace
 }  // namespace orbiq::bench

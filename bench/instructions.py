@@ -17,7 +17,6 @@ import tempfile
 WORK = {
     "sendHit": "200 calls of sendHit while the server stalls",
     "save": "40 saves of a queue of 100 requests, its file included",
-    "authorize": "200 answers of the authorization server, from text to records",
 }
 ALLOWED_GROWTH = 10  # percent
 

@@ -264,12 +264,6 @@ void watch(std::vector<State>& states, const std::string& directory) {
   }
 }
 
-void reportSamples(const std::string& name, const std::vector<double>& samples,
-                   const std::string& unit, std::optional<Aim> aim) {
-  report({"at rest", name, median(samples), unit, aim, quantile(samples, 0.25),
-          quantile(samples, 0.75)});
-}
-
 /// For each run, what there is more of it in one state than in the other, for each of so many.
 std::vector<double> more(const State& state, const State& than, double count) {
   std::vector<double> differences;
@@ -277,15 +271,6 @@ std::vector<double> more(const State& state, const State& than, double count) {
     differences.push_back((state.kibibytes[run] - than.kibibytes[run]) / count);
   }
   return differences;
-}
-
-void reportMemory(const std::string& name, const std::vector<double>& kibibytes,
-                  std::optional<Aim> aim) {
-  std::printf("  %s: %.2f KiB%s\n", name.c_str(), median(kibibytes),
-              !aim                             ? ""
-              : isMet(median(kibibytes), *aim) ? " (met)"
-                                               : " (missed)");
-  reportSamples(name, kibibytes, "KiB", aim);
 }
 
 void measure(const std::string& directory) {
@@ -299,16 +284,13 @@ void measure(const std::string& directory) {
   watch(states, directory);
   std::printf("at rest for %d s; the worst of %zu processes, memory: medians\n",
               static_cast<int>(kWatched.count()), kRuns);
-  std::printf("  %-42s %10s %10s %10s %10s\n", "", "wake-ups", "preempted", "threads", "KiB");
   for (const State& state : states) {
-    const auto worst = [](const std::vector<double>& samples) { return quantile(samples, 1); };
-    std::printf("  %-42s %10.0f %10.0f %10.0f %10.0f\n", state.text, worst(state.wakeups),
-                worst(state.forced), worst(state.threads), median(state.kibibytes));
     if (&state == &states.front()) continue;
     const auto reportWorst = [&](const std::string& what, const std::vector<double>& samples,
                                  const char* unit, double aim) {
-      report({"at rest", std::string(state.text) + ", " + what, worst(samples), unit,
-              Aim{Aim::Kind::kAtMost, aim}, quantile(samples, 0), worst(samples)});
+      const double worst = quantile(samples, 1);
+      report({"at rest", std::string(state.text) + ", " + what, worst, unit,
+              Aim{Aim::Kind::kAtMost, aim}, quantile(samples, 0), worst});
     };
     reportWorst("voluntary switches in 10 s", state.wakeups, "wake-ups", 0);
     reportWorst("forced switches in 10 s", state.forced, "switches", 0);
@@ -316,14 +298,15 @@ void measure(const std::string& directory) {
   }
   const State &baseline = states[0], &empty = states[1], &offline = states[2], &full = states[4],
               &drained = states[5], &taggers = states[6];
-  reportMemory("memory above one libcurl request's", more(empty, baseline, 1),
-               Aim{Aim::Kind::kAtMost, 1024});
-  reportMemory("memory for each request of a full queue",
-               more(full, offline, static_cast<double>(kFullQueue - 1)),
-               Aim{Aim::Kind::kAtMost, 1});
-  reportMemory("memory that a full queue leaves behind", more(drained, empty, 1), std::nullopt);
-  reportMemory("memory for each tagger", more(taggers, empty, static_cast<double>(kManyTaggers)),
-               std::nullopt);
+  reportSamples("at rest", "memory above one libcurl request's", more(empty, baseline, 1), "KiB",
+                Aim{Aim::Kind::kAtMost, 1024});
+  reportSamples("at rest", "memory for each request of a full queue",
+                more(full, offline, static_cast<double>(kFullQueue - 1)), "KiB",
+                Aim{Aim::Kind::kAtMost, 1});
+  reportSamples("at rest", "memory that a full queue leaves behind", more(drained, empty, 1),
+                "KiB");
+  reportSamples("at rest", "memory for each tagger",
+                more(taggers, empty, static_cast<double>(kManyTaggers)), "KiB");
 }
 
 }  // namespace

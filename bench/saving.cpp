@@ -1,7 +1,5 @@
 // What it costs to save the queue, against writing the same bytes and putting them in place.
-#include <fcntl.h>
 #include <plist/plist.h>
-#include <unistd.h>
 
 #include <array>
 #include <cstdint>
@@ -27,16 +25,6 @@ namespace {
 
 constexpr std::size_t kRepetitions = 301;
 constexpr std::array<std::size_t, 4> kDepths{1, 10, 100, 500};
-
-void writeAndRename(const std::string& path, std::string_view bytes) {
-  const std::string temporary = path + ".tmp";
-  const int file = open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  const bool written =
-      write(file, bytes.data(), bytes.size()) == static_cast<ssize_t>(bytes.size());
-  if (!written || close(file) != 0 || std::rename(temporary.c_str(), path.c_str()) != 0) {
-    throw std::runtime_error("cannot write " + path);
-  }
-}
 
 /// A queue that keeps its length, and what it took to save it.
 class Depth {
@@ -70,7 +58,6 @@ class Depth {
     if (!_archiver.isWhole()) throw std::runtime_error("an addition was not encoded alone");
   }
   void writePlainly() {
-    renaming.push_back(microseconds([&] { writeAndRename(_path + ".renamed", bytes); }));
     exchanging.push_back(microseconds([&] {
       if (_plain.replace(bytes, ChangedPages::all(bytes.size()), false) != 0) {
         throw std::runtime_error("cannot write beside " + _path);
@@ -80,7 +67,7 @@ class Depth {
 
   RequestQueue queue;
   std::string bytes;
-  std::vector<double> removal, addition, appending, encoding, renaming, exchanging;
+  std::vector<double> removal, addition, appending, encoding, exchanging;
 
  private:
   const std::string _path;
@@ -155,29 +142,17 @@ double additionsInARow(const std::string& path, std::size_t count) {
          1000;
 }
 
-void print(const Depth& depth) {
-  std::printf("  %5zu %8zu %10.1f %10.1f %10.1f %10.1f %10.1f %10.1f\n", depth.queue.size(),
-              depth.bytes.size(), median(depth.addition), median(depth.removal),
-              median(depth.encoding), median(depth.appending), median(depth.renaming),
-              median(depth.exchanging));
-}
-
 void reportDepth(const Depth& depth) {
   const std::string suffix = ", depth " + std::to_string(depth.queue.size());
-  const auto reportTimes = [&suffix](const char* what, const std::vector<double>& times) {
-    report({"saving", what + suffix, median(times), "µs", std::nullopt, quantile(times, 0.25),
-            quantile(times, 0.75)});
-  };
-  reportTimes("an addition", depth.addition);
-  reportTimes("a removal", depth.removal);
-  reportTimes("a first encoding", depth.encoding);
-  reportTimes("an addition's encoding", depth.appending);
-  reportTimes("writing the same bytes and exchanging", depth.exchanging);
+  reportSamples("saving", "an addition" + suffix, depth.addition, "µs");
+  reportSamples("saving", "a removal" + suffix, depth.removal, "µs");
+  reportSamples("saving", "a first encoding" + suffix, depth.encoding, "µs");
+  reportSamples("saving", "an addition's encoding" + suffix, depth.appending, "µs");
+  reportSamples("saving", "writing the same bytes and exchanging" + suffix, depth.exchanging, "µs");
 }
 
-void printRatio(const char* what, const std::vector<double>& ratios, const Aim& aim) {
-  std::printf("  %s: %s\n", what, ratioText(ratios, aim).c_str());
-  reportRatios("saving", what, ratios, aim);
+void reportRatio(const char* what, const std::vector<double>& ratios, std::optional<Aim> aim = {}) {
+  reportSamples("saving", what, ratios, "", aim);
 }
 
 void measure(const std::string& directory) {
@@ -197,46 +172,39 @@ void measure(const std::string& directory) {
       if (repetition % 2 == 1) depth->saveTwice();
     }
   }
-  std::printf("saving the queue, in us; medians of %zu repetitions\n", kRepetitions);
-  std::printf("  %5s %8s %10s %10s %10s %10s %10s %10s\n", "depth", "bytes", "addition", "removal",
-              "encode", "append", "rename", "exchange");
-  for (const auto& depth : depths) {
-    print(*depth);
-    reportDepth(*depth);
-  }
+  std::printf("saving the queue; medians of %zu repetitions\n", kRepetitions);
+  for (const auto& depth : depths) reportDepth(*depth);
 
   const Depth& one = *depths.front();
   const Depth& hundred = *depths[2];
   const Depth& full = *depths[3];
-  printRatio("addition at depth 500 / write and exchange", divided(full.addition, full.exchanging),
-             {Aim::Kind::kAtMost, 0.9});
-  printRatio("removal at depth 500 / write and exchange", divided(full.removal, full.exchanging),
-             {Aim::Kind::kAtMost, 0.9});
-  printRatio("addition at depth 1 / write and exchange", divided(one.addition, one.exchanging),
-             {Aim::Kind::kAtMost, 1.2});
-  printRatio("removal at depth 1 / write and exchange", divided(one.removal, one.exchanging),
-             {Aim::Kind::kAtMost, 1.2});
-  printRatio("an addition's encoding, depth 500 / depth 1", divided(full.appending, one.appending),
-             {Aim::Kind::kAtMost, 1.5});
+  reportRatio("addition at depth 500 / write and exchange", divided(full.addition, full.exchanging),
+              Aim{Aim::Kind::kAtMost, 0.9});
+  reportRatio("removal at depth 500 / write and exchange", divided(full.removal, full.exchanging),
+              Aim{Aim::Kind::kAtMost, 0.9});
+  reportRatio("addition at depth 1 / write and exchange", divided(one.addition, one.exchanging),
+              Aim{Aim::Kind::kAtMost, 1.2});
+  reportRatio("removal at depth 1 / write and exchange", divided(one.removal, one.exchanging),
+              Aim{Aim::Kind::kAtMost, 1.2});
+  reportRatio("an addition's encoding, depth 500 / depth 1", divided(full.appending, one.appending),
+              Aim{Aim::Kind::kAtMost, 1.5});
   // Linear: a request costs no more in a long queue than in a short one.
   const double fewer =
       static_cast<double>(hundred.queue.size()) / static_cast<double>(full.queue.size());
-  printRatio("encode per request, depth 500 / depth 100",
-             divided(full.encoding, hundred.encoding, fewer), {Aim::Kind::kBelow, 1.25});
+  reportRatio("encode per request, depth 500 / depth 100",
+              divided(full.encoding, hundred.encoding, fewer), Aim{Aim::Kind::kBelow, 1.25});
   const Encoders encoders(full.queue.size());
-  printRatio("libplist's encoding / an addition's, depth 500",
-             divided(encoders.libplist, encoders.addition), {Aim::Kind::kAtLeast, 500});
-  const std::vector<double> first = divided(encoders.libplist, encoders.whole);
-  std::printf("  libplist's encoding / a first one, depth 500: ratio %.1f\n", median(first));
-  reportRatios("saving", "libplist's encoding / a first one, depth 500", first, std::nullopt);
+  reportRatio("libplist's encoding / an addition's, depth 500",
+              divided(encoders.libplist, encoders.addition), Aim{Aim::Kind::kAtLeast, 500});
+  reportRatio("libplist's encoding / a first one, depth 500",
+              divided(encoders.libplist, encoders.whole));
 
   std::vector<double> rows;
   for (int run = 0; run < 9; ++run) {
     rows.push_back(additionsInARow(directory + "/row" + std::to_string(run) + ".ser", 500));
   }
-  std::printf("  500 additions in a row: %.1f ms (aim: at most 12)\n", median(rows));
-  report({"saving", "500 additions in a row, all saved", median(rows), "ms",
-          Aim{Aim::Kind::kAtMost, 12}, quantile(rows, 0.25), quantile(rows, 0.75)});
+  reportSamples("saving", "500 additions in a row, all saved", rows, "ms",
+                Aim{Aim::Kind::kAtMost, 12});
 }
 
 }  // namespace

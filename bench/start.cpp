@@ -62,9 +62,8 @@ int start(const std::vector<std::string>& arguments) {
 const test::RoleRegistration kStart("start", start);
 
 void reportTimes(const std::string& name, const std::vector<double>& samples,
-                 std::optional<Aim> aim = std::nullopt) {
-  report({"start", name, median(samples), "ms", aim, quantile(samples, 0.25),
-          quantile(samples, 0.75)});
+                 std::optional<Aim> aim = {}) {
+  reportSamples("start", name, samples, "ms", aim);
 }
 
 std::vector<double> column(const std::vector<std::vector<double>>& rows, std::size_t index) {
@@ -77,9 +76,6 @@ void measureStart(const std::string& directory, const std::string& size) {
   const bool isFirstEver = size == kFirstEver;
   if (!isFirstEver) rowsOfRuns("leave", kRuns, 0, {directory, size});
   const auto rows = rowsOfRuns("start", kRuns, 4, {directory, size});
-  const std::vector<double> medians = mediansOf(rows);
-  std::printf("  %-20s %10.3f %10.3f %10.3f %10.3f\n", size.c_str(), medians[0] / 1000,
-              medians[1] / 1000, medians[2] / 1000, medians[3] / 1000);
   const std::string suffix =
       isFirstEver ? ", whose directory is made" : ", " + size + " requests in the file";
   reportTimes("obtaining the first tagger" + suffix, column(rows, 1));
@@ -88,12 +84,10 @@ void measureStart(const std::string& directory, const std::string& size) {
   std::vector<double> more;
   for (const auto& row : rows) more.push_back((row[2] - row[3]) / 1000);
   reportTimes("first sendHit - second" + suffix, more, Aim{Aim::Kind::kAtMost, 1});
-  std::printf("  first hit - second: %.3f ms (aim: at most 1)\n", median(more));
 }
 
 void measure(const std::string& directory) {
-  std::printf("the start of a process, in ms; medians of %zu\n  %-20s %10s %10s %10s %10s\n", kRuns,
-              "requests in the file", "libcurl", "tagger", "first hit", "second");
+  std::printf("the start of a process; medians of %zu\n", kRuns);
   measureStart(directory, kFirstEver);
   for (const std::size_t size : kSizes) measureStart(directory, std::to_string(size));
 }

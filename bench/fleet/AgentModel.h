@@ -59,8 +59,6 @@ class AgentModel {
   bool isSilenced(const Client& client) const;
 
   const Accounts& accounts() const { return _accounts; }
-  /// Requests and markers in all queues.
-  std::size_t requestsKept() const { return _requests.used(); }
 
  private:
   void work(Client& client, Moment now);

@@ -30,7 +30,6 @@ struct Request {
 class RequestPool {
  public:
   std::uint32_t take(const Request& request) {
-    ++_used;
     if (_free == kNone) {
       _requests.push_back(request);
       return static_cast<std::uint32_t>(_requests.size() - 1);
@@ -41,19 +40,16 @@ class RequestPool {
     return place;
   }
   void giveBack(std::uint32_t place) {
-    --_used;
     _requests[place].next = _free;
     _free = place;
   }
   Request& at(std::uint32_t place) { return _requests[place]; }
   const Request& at(std::uint32_t place) const { return _requests[place]; }
-  std::size_t used() const { return _used; }
 
  private:
   static constexpr std::uint32_t kNone = UINT32_MAX;
   std::vector<Request> _requests;
   std::uint32_t _free = kNone;
-  std::size_t _used = 0;
 };
 
 /// A process that uses the library, and when its next events come. In one line of a cache.

@@ -48,9 +48,7 @@ void Fleet::run() {
 void Fleet::begin(Client& client) {
   client.random = Random(Random(_seed ^ (std::uint64_t{numberOf(client)} << 20U)).next());
   client.authorization = Authorization::Granted;
-  client.nextHit = _behaviour.hitsAtFixedInterval
-                       ? later(0, client.random.uniform() * _behaviour.betweenHits)
-                       : after(client, 0, _behaviour.betweenHits);
+  client.nextHit = after(client, 0, _behaviour.betweenHits);
   client.nextForeground = after(client, 0, _behaviour.betweenForegrounds);
   client.nextNetworkChange = after(client, 0, _behaviour.betweenNetworkBreaks);
   client.nextRestart = nextRestart(client, 0);
@@ -75,8 +73,7 @@ void Fleet::simulate(Client& client, Moment end) {
 }
 
 void Fleet::hit(Client& client, Moment now) {
-  client.nextHit = _behaviour.hitsAtFixedInterval ? later(now, _behaviour.betweenHits)
-                                                  : after(client, now, _behaviour.betweenHits);
+  client.nextHit = after(client, now, _behaviour.betweenHits);
   const bool isStreaming = client.random.isWithin(_behaviour.streamingShare);
   const bool renews = isStreaming && client.random.isWithin(_behaviour.renewingShare);
   _agent.add(client, isStreaming ? Kind::Streaming : Kind::Audience, renews, now);

@@ -20,13 +20,10 @@ class Fleet {
   void run();
 
   const Accounts& accounts() const { return _agent.accounts(); }
-  const std::vector<Client>& clients() const { return _clients; }
   /// Hits that wait, counted in the queues.
   std::uint64_t pending() const;
   /// Clients that the fallback keeps from sending.
   std::uint64_t silenced() const;
-  /// Requests kept for all queues, markers included.
-  std::size_t requestsKept() const { return _agent.requestsKept(); }
 
  private:
   void begin(Client& client);

@@ -27,8 +27,6 @@ enum class Failure {
 /// How the applications use the library. Times in seconds; those named "between" are means.
 struct Behaviour {
   double betweenHits = 120;
-  /// Each client at its own phase of one rhythm; else each hit comes when it comes.
-  bool hitsAtFixedInterval = false;
   double betweenForegrounds = 1800;
   double betweenNetworkBreaks = 6 * 3600;
   double networkBreak = 20;

@@ -24,16 +24,16 @@ AuthorizationAnswer authorizationAnswer(const Behaviour& behaviour, const std::s
                                         std::uint64_t session,
                                         std::chrono::system_clock::time_point now) {
   AuthorizationAnswer answer;
-  const Malformed malformed = behaviour.malformed;
-  if (malformed != Malformed::Empty) {
+  const std::string& malformed = behaviour.malformed;
+  if (malformed != "empty") {
     answer.body = "access=" + behaviour.access + "|host=" + behaviour.host.value_or(ownHost);
-    if (malformed != Malformed::MissingField) answer.body += "|cmsVI=" + std::to_string(session);
-    if (malformed == Malformed::NotUtf8) answer.body += "\xff";
+    if (malformed != "missing-field") answer.body += "|cmsVI=" + std::to_string(session);
+    if (malformed == "not-utf8") answer.body += "\xff";
   }
-  answer.declaredLength = answer.body.size() + (malformed == Malformed::Cut ? kMissingBytes : 0);
-  if (malformed == Malformed::BadDate) {
+  answer.declaredLength = answer.body.size() + (malformed == "cut" ? kMissingBytes : 0);
+  if (malformed == "bad-date") {
     answer.date = "yesterday";
-  } else if (malformed != Malformed::NoDate) {
+  } else if (malformed != "no-date") {
     answer.date = httpDate(now + behaviour.dateSkew);
   }
   return answer;

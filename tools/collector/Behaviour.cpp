@@ -1,55 +1,22 @@
 #include "tools/collector/Behaviour.h"
 
-#include <array>
-#include <cstdint>
-#include <functional>
-#include <map>
+#include <initializer_list>
 #include <stdexcept>
-#include <string_view>
-#include <utility>
 
 namespace orbiq::collector {
 namespace {
 
 using nlohmann::json;
 
-template <class Value, std::size_t size>
-using Names = std::array<std::pair<std::string_view, Value>, size>;
-
-constexpr Names<Stall, 4> kStalls{{
-    {"none", Stall::None},
-    {"auth", Stall::Auth},
-    {"hit", Stall::Hit},
-    {"both", Stall::Both},
-}};
-
-constexpr Names<Malformed, 7> kMalformed{{
-    {"none", Malformed::None},
-    {"missing-field", Malformed::MissingField},
-    {"no-date", Malformed::NoDate},
-    {"bad-date", Malformed::BadDate},
-    {"not-utf8", Malformed::NotUtf8},
-    {"empty", Malformed::Empty},
-    {"cut", Malformed::Cut},
-}};
-
-template <class Value, std::size_t size>
-std::string nameIn(const Names<Value, size>& names, Value value) {
-  for (const auto& [name, known] : names) {
-    if (known == value) return std::string(name);
-  }
-  return {};
-}
-
 [[noreturn]] void refuse(const std::string& key, const std::string& expected) {
   throw std::invalid_argument(key + " must be " + expected);
 }
 
-template <class Value, std::size_t size>
-Value valueIn(const Names<Value, size>& names, const std::string& key, const json& value) {
+std::string oneOf(std::initializer_list<const char*> names, const std::string& key,
+                  const json& value) {
   std::string expected = "one of";
-  for (const auto& [name, known] : names) {
-    if (value.is_string() && value.get_ref<const std::string&>() == name) return known;
+  for (const char* const name : names) {
+    if (value == name) return name;
     expected.append(" ").append(name);
   }
   refuse(key, expected);
@@ -73,42 +40,11 @@ int numberOf(const std::string& key, const json& value, int least, int most) {
   return value.get<int>();
 }
 
-using Setter = std::function<void(Behaviour&, const std::string& key, const json& value)>;
-
-const std::map<std::string, Setter>& setters() {
-  static const std::map<std::string, Setter> all{
-      {"access", [](Behaviour& b, const auto& key, const auto& v) { b.access = textOf(key, v); }},
-      {"host",
-       [](Behaviour& b, const auto& key, const auto& v) {
-         b.host = v.is_null() ? std::nullopt : std::optional(textOf(key, v));
-       }},
-      {"authStatus", [](Behaviour& b, const auto& key,
-                        const auto& v) { b.authStatus = numberOf(key, v, 200, 599); }},
-      {"hitStatus", [](Behaviour& b, const auto& key,
-                       const auto& v) { b.hitStatus = numberOf(key, v, 200, 599); }},
-      {"delayMs",
-       [](Behaviour& b, const auto& key, const auto& v) {
-         b.delay = std::chrono::milliseconds(numberOf(key, v, 0, 600'000));
-       }},
-      {"stall",
-       [](Behaviour& b, const auto& key, const auto& v) { b.stall = valueIn(kStalls, key, v); }},
-      {"dateSkewSeconds",
-       [](Behaviour& b, const auto& key, const auto& v) {
-         b.dateSkew = std::chrono::seconds(numberOf(key, v, -1'000'000'000, 1'000'000'000));
-       }},
-      {"malformed", [](Behaviour& b, const auto& key,
-                       const auto& v) { b.malformed = valueIn(kMalformed, key, v); }},
-  };
-  return all;
-}
-
 }  // namespace
 
 const char* nameOf(Kind kind) { return kind == Kind::Auth ? "auth" : "hit"; }
 
-bool Behaviour::stalls(Kind kind) const {
-  return stall == Stall::Both || stall == (kind == Kind::Auth ? Stall::Auth : Stall::Hit);
-}
+bool Behaviour::stalls(Kind kind) const { return stall == "both" || stall == nameOf(kind); }
 
 json toJson(const Behaviour& behaviour) {
   return {
@@ -117,9 +53,9 @@ json toJson(const Behaviour& behaviour) {
       {"authStatus", behaviour.authStatus},
       {"hitStatus", behaviour.hitStatus},
       {"delayMs", behaviour.delay.count()},
-      {"stall", nameIn(kStalls, behaviour.stall)},
+      {"stall", behaviour.stall},
       {"dateSkewSeconds", behaviour.dateSkew.count()},
-      {"malformed", nameIn(kMalformed, behaviour.malformed)},
+      {"malformed", behaviour.malformed},
   };
 }
 
@@ -138,9 +74,9 @@ json applied(const Behaviour& behaviour, Kind kind) {
   }
   keep("authStatus");
   keep("malformed");
-  const Malformed malformed = behaviour.malformed;
-  if (malformed != Malformed::NoDate && malformed != Malformed::BadDate) keep("dateSkewSeconds");
-  if (malformed != Malformed::Empty) {
+  const std::string& malformed = behaviour.malformed;
+  if (malformed != "no-date" && malformed != "bad-date") keep("dateSkewSeconds");
+  if (malformed != "empty") {
     keep("access");
     keep("host");
   }
@@ -150,9 +86,27 @@ json applied(const Behaviour& behaviour, Kind kind) {
 Behaviour changed(Behaviour behaviour, const json& changes) {
   if (!changes.is_object()) throw std::invalid_argument("the behaviour must be a JSON object");
   for (const auto& [key, value] : changes.items()) {
-    const auto setter = setters().find(key);
-    if (setter == setters().end()) throw std::invalid_argument("unknown key \"" + key + "\"");
-    setter->second(behaviour, key, value);
+    if (key == "access") {
+      behaviour.access = textOf(key, value);
+    } else if (key == "host") {
+      behaviour.host = value.is_null() ? std::nullopt : std::optional(textOf(key, value));
+    } else if (key == "authStatus") {
+      behaviour.authStatus = numberOf(key, value, 200, 599);
+    } else if (key == "hitStatus") {
+      behaviour.hitStatus = numberOf(key, value, 200, 599);
+    } else if (key == "delayMs") {
+      behaviour.delay = std::chrono::milliseconds(numberOf(key, value, 0, 600'000));
+    } else if (key == "stall") {
+      behaviour.stall = oneOf({"none", "auth", "hit", "both"}, key, value);
+    } else if (key == "dateSkewSeconds") {
+      constexpr int kMost = 1'000'000'000;
+      behaviour.dateSkew = std::chrono::seconds(numberOf(key, value, -kMost, kMost));
+    } else if (key == "malformed") {
+      behaviour.malformed = oneOf(
+          {"none", "missing-field", "no-date", "bad-date", "not-utf8", "empty", "cut"}, key, value);
+    } else {
+      throw std::invalid_argument("unknown key \"" + key + "\"");
+    }
   }
   return behaviour;
 }

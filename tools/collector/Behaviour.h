@@ -12,20 +12,6 @@ enum class Kind { Auth, Hit };
 
 const char* nameOf(Kind kind);
 
-/// Which exchanges are taken and not answered.
-enum class Stall { None, Auth, Hit, Both };
-
-/// What is wrong with the answer to an authorization.
-enum class Malformed {
-  None,
-  MissingField,  ///< no session identifier
-  NoDate,        ///< no Date header
-  BadDate,       ///< a Date header that is no date
-  NotUtf8,       ///< a body that is not UTF-8
-  Empty,         ///< an empty body
-  Cut,           ///< a Content-Length longer than the body, then the end of the connection
-};
-
 /// How the collector answers. The defaults are those of a server in good health.
 struct Behaviour {
   /// The text of the field "access".
@@ -36,10 +22,15 @@ struct Behaviour {
   int hitStatus = 200;
   /// Between the arrival of a request and its answer.
   std::chrono::milliseconds delay{0};
-  Stall stall = Stall::None;
+  /// Which exchanges are taken and not answered: "none", "auth", "hit" or "both".
+  std::string stall = "none";
   /// Added to the Date header of an authorization.
   std::chrono::seconds dateSkew{0};
-  Malformed malformed = Malformed::None;
+  /// What is wrong with the answer to an authorization: "none"; "missing-field", no session
+  /// identifier; "no-date", no Date header; "bad-date", one that is no date; "not-utf8", a body
+  /// that is not; "empty", an empty body; "cut", a Content-Length longer than the body, then the
+  /// end of the connection.
+  std::string malformed = "none";
 
   bool stalls(Kind kind) const;
 };

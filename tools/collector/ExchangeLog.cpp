@@ -15,16 +15,12 @@ using nlohmann::json;
 constexpr std::array<const char*, ExchangeLog::kOutcomes> kOutcomeNames{
     "authorizations", "hits", "hitsAnsweredOtherwise", "hitsUnanswered"};
 
+/// A hit that is answered has left the library, whatever the status; one that goes unanswered is
+/// still there and is tried again. The place in `kOutcomeNames`.
 std::size_t outcomeOf(const Exchange& exchange) {
-  Outcome outcome = Outcome::HitAnsweredOtherwise;
-  if (exchange.kind == Kind::Auth) {
-    outcome = Outcome::Authorization;
-  } else if (exchange.status == 200) {
-    outcome = Outcome::Hit;
-  } else if (exchange.status == 0) {
-    outcome = Outcome::HitUnanswered;
-  }
-  return static_cast<std::size_t>(outcome);
+  if (exchange.kind == Kind::Auth) return 0;
+  if (exchange.status == 200) return 1;
+  return exchange.status == 0 ? 3 : 2;
 }
 
 std::string timeText(std::chrono::system_clock::time_point time) {
@@ -53,9 +49,9 @@ std::string lineFor(const Exchange& exchange) {
          printable(exchange.userAgent) + "\"";
 }
 
-json jsonOf(const Exchange& exchange, std::uint64_t number) {
+json jsonOf(const Exchange& exchange) {
   return {
-      {"number", number},
+      {"number", exchange.number},
       {"time", timeText(exchange.time)},
       {"kind", nameOf(exchange.kind)},
       {"serial", exchange.serial},
@@ -66,6 +62,13 @@ json jsonOf(const Exchange& exchange, std::uint64_t number) {
       {"answer", exchange.answer},
       {"applied", exchange.applied},
   };
+}
+
+template <class Exchanges>
+json listOf(const Exchanges& exchanges) {
+  json list = json::array();
+  for (const Exchange& exchange : exchanges) list.push_back(jsonOf(exchange));
+  return list;
 }
 
 std::uint64_t now() {
@@ -83,8 +86,8 @@ void ExchangeLog::add(Exchange exchange) {
     const Lock lock(_mutex);
     // Under the lock, so that the lines stand in the order of the counts and none cuts another.
     _lines << line << std::endl;
-    ++_total;
-    if (_record != nullptr) _record->add(jsonOf(exchange, _total));
+    exchange.number = ++_total;
+    if (_record != nullptr) _record->add(jsonOf(exchange));
     const std::size_t outcome = outcomeOf(exchange);
     ++_totals[outcome];
     count(_counts[outcome], exchange.serial);
@@ -126,12 +129,7 @@ json ExchangeLog::countsJson() const {
 
 json ExchangeLog::toJson() const {
   const Lock lock(_mutex);
-  json exchanges = json::array();
-  std::uint64_t number = _total - _newest.size();
-  for (const Exchange& exchange : _newest) {
-    exchanges.push_back(jsonOf(exchange, ++number));
-  }
-  return {{"counts", counts()}, {"exchanges", std::move(exchanges)}};
+  return {{"counts", counts()}, {"exchanges", listOf(_newest)}};
 }
 
 std::string ExchangeLog::positionPrefix() const {
@@ -159,7 +157,6 @@ ExchangeLog::News ExchangeLog::since(const std::string& position) const {
   news.isMore = to < _total;
   news.position = positionPrefix() + std::to_string(to);
   news.totals = _totals;
-  news.first = from + 1;
   const auto at = [forgotten, oldest = _newest.begin()](std::uint64_t total) {
     return oldest + static_cast<std::ptrdiff_t>(total - forgotten);
   };
@@ -168,14 +165,11 @@ ExchangeLog::News ExchangeLog::since(const std::string& position) const {
 }
 
 json toJson(const ExchangeLog::News& news) {
-  json exchanges = json::array();
-  std::uint64_t number = news.first;
-  for (const Exchange& exchange : news.exchanges) exchanges.push_back(jsonOf(exchange, number++));
   json totals = json::object();
   for (std::size_t outcome = 0; outcome < kOutcomeNames.size(); ++outcome) {
     totals[kOutcomeNames[outcome]] = news.totals[outcome];
   }
-  return {{"totals", std::move(totals)}, {"exchanges", std::move(exchanges)}};
+  return {{"totals", std::move(totals)}, {"exchanges", listOf(news.exchanges)}};
 }
 
 }  // namespace orbiq::collector

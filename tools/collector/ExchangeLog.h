@@ -20,6 +20,8 @@
 namespace orbiq::collector {
 
 struct Exchange {
+  /// From 1 on since the last reset; the log sets it.
+  std::uint64_t number = 0;
   std::chrono::system_clock::time_point time;
   Kind kind = Kind::Auth;
   /// As it stood on the request line; a long one is cut, as is the User-Agent.
@@ -35,10 +37,6 @@ struct Exchange {
   /// As the function `applied` gives it.
   nlohmann::json applied = nlohmann::json::object();
 };
-
-/// What became of an exchange. A hit that is answered has left the library, whatever the status;
-/// one that goes unanswered is still there and is tried again.
-enum class Outcome { Authorization, Hit, HitAnsweredOtherwise, HitUnanswered };
 
 /// What the collector saw: one line of text per exchange, the newest exchanges, and counts by
 /// outcome. Bounded in memory and thread-safe.
@@ -60,8 +58,6 @@ class ExchangeLog {
     bool isMore = false;
     std::string position;
     Totals totals{};
-    /// The number of the first of the exchanges.
-    std::uint64_t first = 0;
     std::vector<Exchange> exchanges;
   };
 

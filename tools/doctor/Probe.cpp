@@ -1,10 +1,8 @@
 #include "tools/doctor/Probe.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <strings.h>
+#include <netdb.h>
 
-#include <cstring>
+#include <ctime>
 #include <string_view>
 #include <utility>
 
@@ -18,7 +16,7 @@ namespace {
 constexpr long kConnectMilliseconds = 10'000;  // a hit's whole exchange may take no longer
 constexpr std::size_t kMostBodyBytes = std::size_t{1} << 20;
 /// For documentation only, so nobody is ever asked there.
-constexpr char kPlaceholder[] = "192.0.2.1";
+constexpr char kPlaceholder[] = "192.0.2.1 port 9";
 
 struct Handle {
   CURL* const easy = curl_easy_init();
@@ -75,54 +73,16 @@ std::string peerOf(CURL* easy) {
   return address + std::string(" port ") + std::to_string(port);
 }
 
-struct FirstSocket {
-  bool isAsked = false;
-  std::string address;
-  int port = 0;
-};
-
 /// Notes where the first connection would lead to, and makes none.
 curl_socket_t refuseSocket(void* user, curlsocktype, curl_sockaddr* wanted) {
-  FirstSocket& socket = *static_cast<FirstSocket*>(user);
-  if (socket.isAsked) return CURL_SOCKET_BAD;
-  socket.isAsked = true;
-  char text[INET6_ADDRSTRLEN] = "";
-  if (wanted->family == AF_INET) {
-    sockaddr_in address{};
-    std::memcpy(&address, &wanted->addr, sizeof address);
-    inet_ntop(AF_INET, &address.sin_addr, text, sizeof text);
-    socket.port = ntohs(address.sin_port);
-  } else if (wanted->family == AF_INET6) {
-    sockaddr_in6 address{};
-    std::memcpy(&address, &wanted->addr, sizeof address);
-    inet_ntop(AF_INET6, &address.sin6_addr, text, sizeof text);
-    socket.port = ntohs(address.sin6_port);
-  }
-  socket.address = text;
+  std::string& first = *static_cast<std::string*>(user);
+  if (!first.empty()) return CURL_SOCKET_BAD;
+  char address[NI_MAXHOST] = "?";
+  char port[NI_MAXSERV] = "?";
+  getnameinfo(&wanted->addr, wanted->addrlen, address, sizeof address, port, sizeof port,
+              NI_NUMERICHOST | NI_NUMERICSERV);
+  first = address + std::string(" port ") + port;
   return CURL_SOCKET_BAD;
-}
-
-/// The port that the URL names, or its scheme's.
-std::string portOf(const std::string& text) {
-  const std::unique_ptr<CURLU, decltype(&curl_url_cleanup)> url(curl_url(), curl_url_cleanup);
-  char* port = nullptr;
-  if (!url || curl_url_set(url.get(), CURLUPART_URL, text.c_str(), 0) != CURLUE_OK ||
-      curl_url_get(url.get(), CURLUPART_PORT, &port, CURLU_DEFAULT_PORT) != CURLUE_OK) {
-    return {};
-  }
-  const std::unique_ptr<char, decltype(&curl_free)> owner(port, curl_free);
-  return port;
-}
-
-/// An address as the resolver writes it; empty for a name.
-std::string addressOf(const std::string& host) {
-  in6_addr address{};
-  char text[INET6_ADDRSTRLEN] = "";
-  for (const int family : {AF_INET, AF_INET6}) {
-    if (inet_pton(family, host.c_str(), &address) != 1) continue;
-    inet_ntop(family, &address, text, sizeof text);
-  }
-  return text;
 }
 
 std::optional<Date> dateOf(const char* text) {
@@ -186,28 +146,19 @@ std::size_t takeBody(char* bytes, std::size_t, std::size_t count, void* user) {
 
 Way wayTo(const Url& url) {
   Handle handle;
-  FirstSocket socket;
+  std::string first;
   setUp(handle.easy, url.textWithoutUser(), {}, handle.errorText);
   curl_easy_setopt(handle.easy, CURLOPT_OPENSOCKETFUNCTION, refuseSocket);
-  curl_easy_setopt(handle.easy, CURLOPT_OPENSOCKETDATA, &socket);
-  // With an address in the name's place it is seen whether the first connection leads there.
-  const std::string port = portOf(url.textWithoutUser());
-  const std::string address = addressOf(url.host());
-  const std::string expected = address.empty() ? kPlaceholder : address;
-  const List resolved(url.host() + ":" + port + ":" + kPlaceholder);
-  if (address.empty()) curl_easy_setopt(handle.easy, CURLOPT_RESOLVE, resolved.first);
+  curl_easy_setopt(handle.easy, CURLOPT_OPENSOCKETDATA, &first);
+  // A connection that leads elsewhere leads to a proxy.
+  const List placeholder("::192.0.2.1:9");
+  curl_easy_setopt(handle.easy, CURLOPT_CONNECT_TO, placeholder.first);
   const CURLcode code = curl_easy_perform(handle.easy);
-  Way way;
-  if (!socket.isAsked) {
-    // The server's name has its address, so only a proxy's can be missing: libcurl 8.14 now and then
-    // reports it as the server's.
-    way.isOverProxy = code == CURLE_COULDNT_RESOLVE_PROXY || code == CURLE_COULDNT_RESOLVE_HOST;
-    way.failure = way.isOverProxy ? errorOf(code, handle.errorText) : "";
-    return way;
-  }
-  way.isOverProxy = socket.address != expected || std::to_string(socket.port) != port;
-  way.address = socket.address + " port " + std::to_string(socket.port);
-  return way;
+  if (!first.empty()) return {first != kPlaceholder, first, {}};
+  // The placeholder is an address, so only a proxy's name can be missing: libcurl 8.14 now and then
+  // reports it as the server's.
+  if (code != CURLE_COULDNT_RESOLVE_PROXY && code != CURLE_COULDNT_RESOLVE_HOST) return {};
+  return {true, {}, errorOf(code, handle.errorText)};
 }
 
 Connected connectTo(const Url& url, const std::string& caBundle, Checks checks) {
@@ -225,7 +176,6 @@ Connected connectTo(const Url& url, const std::string& caBundle, Checks checks) 
   connected.address = peerOf(handle.easy);
   connected.isMade =
       url.scheme() == "https" ? isBeyondConnecting(connected) : connected.code == CURLE_OK;
-  connected.seconds = secondsOf(handle.easy, CURLINFO_TOTAL_TIME_T);
   connected.chain = chainOf(handle.easy);
   return connected;
 }

@@ -18,7 +18,7 @@ namespace orbiq::doctor {
 /// How a connection would begin.
 struct Way {
   bool isOverProxy = false;
-  std::string address;  ///< "192.0.2.7 port 3128"; of the proxy or, for an address, the server
+  std::string address;  ///< the proxy's: "192.0.2.7 port 3128"
   std::string failure;  ///< why the proxy's name has no address; empty if it has one
 };
 
@@ -47,7 +47,6 @@ struct Connected {
   long proxyStatus =
       0;                ///< how the proxy answered a CONNECT; 0 if it was not asked or said nothing
   std::string address;  ///< of the other end
-  double seconds = 0;
   std::vector<Certificate> chain;  ///< the server's own certificate first
 };
 

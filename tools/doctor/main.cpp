@@ -1,7 +1,4 @@
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <cstdlib>
 #include <exception>
 #include <iostream>
 #include <string>
@@ -18,12 +15,6 @@ using orbiq::doctor::Context;
 using orbiq::doctor::Options;
 
 enum ExitCode : int { kSound = 0, kBroken = 1, kUsage = 2 };
-
-std::string whatIsWrongWithIdentifier(const std::string& identifier) {
-  const bool isName = !identifier.empty() && !identifier.starts_with('.') &&
-                      identifier.find('/') == std::string::npos;
-  return isName ? "" : "the bundle identifier must be the name of a directory";
-}
 
 std::string whatIsWrongWithDirectory(const std::string& path) {
   return path.starts_with('/') ? "" : "the library directory must be an absolute path";
@@ -45,7 +36,7 @@ void describe(CLI::App& app, Settings& settings) {
   app.add_option("--serial", options.serial, "The account to ask for");
   auto* const identifier = app.add_option("--bundle-identifier", options.bundleIdentifier,
                                           "The application's, which names its library directory")
-                               ->check(whatIsWrongWithIdentifier);
+                               ->check(orbiq::requests::whatIsWrongWithIdentifier);
   auto* const directory = app.add_option("--library-directory", options.libraryDirectory,
                                          "The application's library directory, if it sets one "
                                          "(default: $ORBIQ_LIBRARY_DIRECTORY)")
@@ -78,8 +69,7 @@ int run(Settings& settings) {
     context.options.server = settings.checkedServer;
   }
   if (!orbiq::prepareHttpForProcess()) throw std::runtime_error("libcurl cannot be set up");
-  const char* const noColour = std::getenv("NO_COLOR");
-  const bool isColoured = isatty(STDOUT_FILENO) == 1 && (noColour == nullptr || *noColour == '\0');
+  const bool isColoured = orbiq::requests::isColoured();
   const auto walked = orbiq::doctor::walk(
       context.options.checksServer ? orbiq::doctor::serverSteps() : orbiq::doctor::roadSteps(),
       context, [&](const orbiq::doctor::Walked& each) {

@@ -5,8 +5,6 @@
 #include <string>
 #include <vector>
 
-#include "orbiq/services/platform/archive/BinaryPlistReader.h"
-
 namespace orbiq::requests {
 
 struct Access {
@@ -45,7 +43,6 @@ struct Request {
   Kind kind = Kind::kUnknown;
   std::string className;
   std::optional<std::uint64_t> uid;
-  PlistObject object;
   std::optional<std::string> serial;
   std::optional<std::uint64_t> sendingMode;
   std::optional<std::int64_t> status;

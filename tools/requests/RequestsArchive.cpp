@@ -197,7 +197,6 @@ void RequestsArchive::checkClasses() {
 
 Request RequestsArchive::readRequest(const PlistObject& object) {
   Request request;
-  request.object = object;
   request.className = text(_reader->classNameOf(object));
   if (request.className == orbiqClearCache::kArchivedClass.name()) {
     request.kind = Request::Kind::kMarker;

@@ -1,9 +1,11 @@
 #include "tools/requests/Text.h"
 
 #include <time.h>
+#include <unistd.h>
 
 #include <cmath>
 #include <cstdio>
+#include <cstdlib>
 
 #include "orbiq/services/platform/text/Utf8.h"
 
@@ -107,6 +109,17 @@ std::string distance(double seconds, double now) {
                            : apart < 172800 ? amount(3600, "h")
                                             : amount(86400, "days");
   return seconds > now ? "in " + text : text + " ago";
+}
+
+bool isColoured() {
+  const char* const refused = std::getenv("NO_COLOR");
+  return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
+}
+
+std::string whatIsWrongWithIdentifier(const std::string& identifier) {
+  const bool isName = !identifier.empty() && !identifier.starts_with('.') &&
+                      identifier.find('/') == std::string::npos;
+  return isName ? "" : "the bundle identifier must be the name of a directory";
 }
 
 }  // namespace orbiq::requests

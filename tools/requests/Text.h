@@ -20,4 +20,9 @@ std::string utcTime(double secondsSince1970);
 /// "5 min ago", "in 2 h".
 std::string distance(double secondsSince1970, double now);
 
+/// Whether standard output is a terminal that may have colours.
+bool isColoured();
+/// Empty for what may be the name of a library directory's application.
+std::string whatIsWrongWithIdentifier(const std::string& identifier);
+
 }  // namespace orbiq::requests

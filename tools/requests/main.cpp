@@ -41,12 +41,6 @@ struct Options {
   bool isWide = false;
 };
 
-std::string whatIsWrongWithIdentifier(const std::string& identifier) {
-  const bool isName = !identifier.empty() && !identifier.starts_with('.') &&
-                      identifier.find('/') == std::string::npos;
-  return isName ? "" : "the bundle identifier must be the name of a directory";
-}
-
 void describe(CLI::App& app, Options& options) {
   app.set_version_flag("--version", "orbiq-requests " ORBIQ_VERSION);
   auto* const file = app.add_option("FILE", options.file, "The requests file; - is standard input");
@@ -55,7 +49,7 @@ void describe(CLI::App& app, Options& options) {
                                          "application (default: $ORBIQ_LIBRARY_DIRECTORY)");
   auto* const identifier = app.add_option("--bundle-identifier", options.bundleIdentifier,
                                           "Show the file of the application of that name")
-                               ->check(whatIsWrongWithIdentifier);
+                               ->check(orbiq::requests::whatIsWrongWithIdentifier);
   file->excludes(directory)->excludes(identifier);
   directory->excludes(identifier);
   app.add_flag("--follow", options.isFollowing, "Show the file again whenever it changes");
@@ -83,11 +77,6 @@ std::optional<std::string> locate(const Options& options) {
   return std::string(directory) + kFileInLibrary;
 }
 
-bool isColoured() {
-  const char* const refused = std::getenv("NO_COLOR");
-  return isatty(STDOUT_FILENO) == 1 && (refused == nullptr || *refused == '\0');
-}
-
 std::string causeOf(int failure) { return std::generic_category().message(failure); }
 
 int show(const Options& options, const std::string& path, const Snapshot& snapshot) {
@@ -97,7 +86,7 @@ int show(const Options& options, const std::string& path, const Snapshot& snapsh
     std::cout << '\n';
   } else {
     const auto now = std::chrono::system_clock::now().time_since_epoch();
-    const TableStyle style{isColoured(), options.isWide,
+    const TableStyle style{orbiq::requests::isColoured(), options.isWide,
                            std::chrono::duration<double>(now).count()};
     printTable(std::cout, path, snapshot, archive, style);
   }
