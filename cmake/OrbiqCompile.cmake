@@ -10,6 +10,10 @@ target_compile_features(orbiq_compile INTERFACE cxx_std_20)
 target_compile_options(orbiq_compile INTERFACE
   -Wall -Wextra -Wpedantic -Wshadow -Wconversion
   -fvisibility=hidden $<$<COMPILE_LANGUAGE:CXX>:-fvisibility-inlines-hidden>)
+if(CMAKE_UNITY_BUILD AND CMAKE_CXX_COMPILER_ID STREQUAL GNU)
+  # A source counts as a header there.
+  target_compile_options(orbiq_compile INTERFACE $<$<COMPILE_LANGUAGE:CXX>:-Wno-subobject-linkage>)
+endif()
 if(CMAKE_CXX_COMPILER_ID MATCHES Clang)
   target_compile_options(orbiq_compile INTERFACE -Wthread-safety -Werror=thread-safety)
 endif()

@@ -28,7 +28,7 @@ using bench::Moment;
 using bench::Scenario;
 using bench::ScenarioServers;
 
-constexpr char kKept[] = "handling resulted in a timeout or lack of connection";
+constexpr char kUnanswered[] = "handling resulted in a timeout or lack of connection";
 
 TEST(Fleet, EveryHitHasOneFate) {
   const Behaviour busy{.betweenHits = 1,
@@ -150,14 +150,14 @@ class SideBySide : public testing::TestWithParam<std::uint64_t> {
   /// Waits for what the model says that the agent logs. A signal that does nothing is not awaited.
   void await() {
     ASSERT_TRUE(application.log().waitFor("We have now", queueChanges()));
-    ASSERT_TRUE(application.log().waitFor(kKept, failures.size()));
+    ASSERT_TRUE(application.log().waitFor(kUnanswered, failures.size()));
   }
   /// Whether the agent did that, and no more.
   void compare() {
     ASSERT_NO_FATAL_FAILURE(await());
     const bench::Accounts& accounts = model.accounts();
     EXPECT_EQ(application.log().count("We have now"), queueChanges());
-    EXPECT_EQ(application.log().count(kKept), failures.size());
+    EXPECT_EQ(application.log().count(kUnanswered), failures.size());
     EXPECT_EQ(server.requestLines("/auth/").size(), modelServers.authorizations);
     EXPECT_EQ(agentHits, modelServers.hits);
     const std::uint64_t pending = client.queued - (client.hasMarker ? 1U : 0U);

@@ -133,7 +133,7 @@ TEST(HostProcess, TheStandardDescriptorsStayTheHosts) {
 }
 
 const RoleRegistration kPrivileged("with-foreign-rights", [](const auto& arguments) -> int {
-  setenv("http_proxy", "http://127.0.0.1:9/", 1);
+  setenv("http_proxy", kNoServer, 1);
   const HttpResult result = makeHttpClient("")->send(requestFor(arguments.at(0)));
   std::cout << orbiq::libraryDirectory() << " "
             << HostApplication::current().authorizationServer.description() << " "

@@ -44,7 +44,7 @@ class RequestsFileTest : public testing::Test {
   const fs::path place = directory.path() / "cache";
   const std::string path = place / "requests.ser";
   const std::string lock = path + ".lock";
-  Application application{"http://127.0.0.1:9/"};
+  Application application{kNoServer};
 };
 
 TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
@@ -93,7 +93,7 @@ TEST_F(RequestsFileTest, WhatCannotBeReadIsMovedAsideAndNotSavedOver) {
 /// Prints how many requests it loaded, and whether it was told that another process has the file;
 /// then saves nine.
 const RoleRegistration kUses("use-the-file", [](const std::vector<std::string>& arguments) {
-  const Application application("http://127.0.0.1:9/");
+  const Application application(kNoServer);
   SavedQueue saved{RequestsFile(arguments[0])};
   const std::size_t loaded = saved.file.load().size();
   saved.save(9);

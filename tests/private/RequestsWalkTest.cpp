@@ -186,7 +186,7 @@ class Walk {
 };
 
 TEST(RequestsWalk, AnotherReaderFindsTheQueueAtEachStep) {
-  const Application application("http://127.0.0.1:9/");
+  const Application application(kNoServer);
   std::mt19937 random = seededRandom();
   for (std::size_t round = 0; round < tortured(1, 50); ++round) {
     Walk walk(random);

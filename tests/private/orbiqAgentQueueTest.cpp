@@ -17,9 +17,6 @@ namespace {
 namespace fs = std::filesystem;
 using Counts = std::vector<std::uint64_t>;
 
-/// Nothing is ever sent: the hit server that the fallback names is no server, so the head stays.
-constexpr char kNoServer[] = "http://127.0.0.1:9/";
-
 fs::path fileOf() {
   return fs::path(getenv("XDG_STATE_HOME")) / "tv.example.player/Library/orbiqCache/requests.ser";
 }

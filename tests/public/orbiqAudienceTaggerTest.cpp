@@ -11,8 +11,6 @@
 namespace orbiq::test {
 namespace {
 
-constexpr char kNoServer[] = "http://127.0.0.1:9/";
-
 TEST(AudienceTagger, ComposesAHit) {
   MutableString shared("AD-1");
   Application application(kNoServer, [&](HostDescription& host, Platform&) {

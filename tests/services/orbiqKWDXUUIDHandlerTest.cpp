@@ -17,11 +17,11 @@
 namespace orbiq::test {
 namespace {
 
-using Handler = orbiqKWDXUUIDHandler;
+using UUIDHandler = orbiqKWDXUUIDHandler;
 
 const RoleRegistration asks("ask for the identifier", [](const auto& arguments) {
   HostApplication::describe({.libraryDirectory = arguments[0]});
-  std::cout << Handler::UUID().description() << std::endl;
+  std::cout << UUIDHandler::UUID().description() << std::endl;
   return 0;
 });
 
@@ -30,23 +30,23 @@ TEST(DeviceIdentifier, IsKeptInTheFileKeychainUntilReset) {
   const auto anotherProcess = [] {
     return RoleProcess("ask for the identifier", {orbiq::libraryDirectory()}).readLine();
   };
-  Handler::reset();  // nothing there: nothing deleted, nothing logged
-  const String first = Handler::UUID();
-  EXPECT_EQ(Handler::UUID(), first);
+  UUIDHandler::reset();  // nothing there: nothing deleted, nothing logged
+  const String first = UUIDHandler::UUID();
+  EXPECT_EQ(UUIDHandler::UUID(), first);
   EXPECT_EQ(anotherProcess(), first.toStdString());
   EXPECT_EQ(application.log().lines(), std::vector<std::string>());
 
-  const String second = Handler::storeUUID(true);
-  EXPECT_EQ(Handler::UUID(), first) << "what is remembered stays";
+  const String second = UUIDHandler::storeUUID(true);
+  EXPECT_EQ(UUIDHandler::UUID(), first) << "what is remembered stays";
   EXPECT_EQ(anotherProcess(), second.toStdString());
 
-  Handler::setAccessGroup("group");
-  Handler::reset();  // of the group, which has none
-  const String groups = Handler::UUID();
+  UUIDHandler::setAccessGroup("group");
+  UUIDHandler::reset();  // of the group, which has none
+  const String groups = UUIDHandler::UUID();
   EXPECT_TRUE(groups != first && groups != second);
-  Handler::setAccessGroup(nullptr);
-  Handler::reset();
-  EXPECT_TRUE(Handler::storeUUID(true).isNull());
+  UUIDHandler::setAccessGroup(nullptr);
+  UUIDHandler::reset();
+  EXPECT_TRUE(UUIDHandler::storeUUID(true).isNull());
   EXPECT_EQ(application.log().count("Keychain Save Error: -25300"), 1U);
 }
 
@@ -56,9 +56,9 @@ TEST(DeviceIdentifier, IsMadeNowhereIfOnlyRefusedDescriptionsSayWhereItIs) {
                        .logSink = [&](const LogLine& line) { lines.emplace_back(line.text); }};
   SystemLog::setSink(host.logSink);
   EXPECT_FALSE(HostApplication::describe(host).isNull());
-  EXPECT_TRUE(Handler::UUID().isNull());
-  EXPECT_TRUE(Handler::storeUUID(true).isNull());
-  Handler::reset();
+  EXPECT_TRUE(UUIDHandler::UUID().isNull());
+  EXPECT_TRUE(UUIDHandler::storeUUID(true).isNull());
+  UUIDHandler::reset();
   EXPECT_EQ(std::vector(lines.begin() + 1, lines.end()),
             std::vector<std::string>({"KWDXUUIDHandler Unhandled Keychain Error -25291",
                                       "KWDXUUIDHandler Keychain Save Error: -25291",
@@ -97,7 +97,7 @@ TEST(DeviceIdentifier, OfAKeychainThatRefusesIsNullAndLogged) {
   const auto keychain = std::make_shared<ScriptedKeychain>();
   const Application application(
       "https://auth.example/", [&](HostDescription& host, Platform&) { host.keychain = keychain; });
-  Handler::setAccessGroup("group");
+  UUIDHandler::setAccessGroup("group");
   enum Question { kAsk, kReplace, kReset };
   const struct {
     Question question;
@@ -119,9 +119,9 @@ TEST(DeviceIdentifier, OfAKeychainThatRefusesIsNullAndLogged) {
     keychain->statuses = statuses;
     keychain->calls.clear();
     String answer;
-    if (question == kAsk) answer = Handler::UUID();
-    if (question == kReplace) answer = Handler::storeUUID(true);
-    if (question == kReset) Handler::reset();
+    if (question == kAsk) answer = UUIDHandler::UUID();
+    if (question == kReplace) answer = UUIDHandler::storeUUID(true);
+    if (question == kReset) UUIDHandler::reset();
     EXPECT_EQ(!answer.isNull(), isAnswered) << calls;
     EXPECT_EQ(keychain->calls, calls);
     if (*line == '\0') continue;

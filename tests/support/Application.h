@@ -65,6 +65,9 @@ class AccountServer {
   ScriptedServer _server;
 };
 
+/// Where nobody listens. No hit is ever sent: a fallback names no hit server, so the head stays.
+inline constexpr char kNoServer[] = "http://127.0.0.1:9/";
+
 /// The application around the library in a test: described host, manual clock, recorded log. One
 /// per process, before any use of the library.
 class Application {

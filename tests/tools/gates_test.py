@@ -31,12 +31,13 @@ class GatesTest(unittest.TestCase):
     def test_floors(self):
         project = pathlib.Path(self.enterContext(tempfile.TemporaryDirectory()))
         for name, text in (("orbiq/orbiq.h", f'#include <sys/types.h>\n#include "{TAGGER}"\n'),
-                           (TAGGER, f'#include <string>\n#include <c/c.h>\n#include "{TAGGER}"\n'),
+                           (TAGGER, f'#include <string>\n#include <c/c.h>\n#include "{TAGGER}"\nusing std::string;\n'),
                            (AGENT + "orbiqAgentRegistry.cpp", f'#include "{TAGGER}"\n'),
                            (AGENT + "A.cpp", f'#  include "{TAGGER}"\nstd::mutex a;  // std::mutex')):
             (project / name).parent.mkdir(parents=True, exist_ok=True)
             (project / name).write_text(text, encoding="utf-8")
-        expected = ("not below floor 6", "Mutex.h alone", "a circle", "would reach applications")
+        expected = ("not below floor 6", "Mutex.h alone", "using std::string;", "a circle",
+                    "would reach applications")
         found = list(floors.faults(project))
         self.assertEqual(len(found), len(expected), found)
         for fault, part in zip(found, expected):

@@ -61,6 +61,7 @@ LOCKS = "orbiq/services/platform/threads/Mutex.h"
 
 INCLUDE = re.compile(r'^\s*#\s*include\s*(?:"([^"]+)"|<([^>]+)>)', re.MULTILINE)
 LOCK_NAME = re.compile(r"\bstd::(mutex|shared_mutex|recursive_mutex|condition_variable)\b")
+USING = re.compile(r"^using [^=;]*;", re.MULTILINE)
 COMMENT = re.compile(r"//[^\n]*|/\*.*?\*/", re.DOTALL)
 
 
@@ -142,6 +143,10 @@ def faults(project):
         if name.startswith(("orbiq/", "tools/")) and name != LOCKS:
             for lock in LOCK_NAME.findall(COMMENT.sub("", texts[name])):
                 yield f"{name}: std::{lock} is for {LOCKS} alone"
+
+        if name.endswith(".h"):
+            for using in USING.findall(texts[name]):
+                yield f"{name}: {using} is there for whoever includes it"
 
     found = circle(own_includes)
     if found:

@@ -41,8 +41,8 @@ ArchiveLayout::ArchiveLayout(const Measure& measure)
   const std::uint64_t numbers = numbersFor(measure.elements);
   const std::uint64_t end = _at.longObjects + measure.longBytes + kOffsetSize * numbers;
   // Whole pages: a file that keeps its length is written faster.
-  const std::uint64_t size =
-      (end + kPlistTrailerSize + ChangedPages::kSize - 1) / ChangedPages::kSize * ChangedPages::kSize;
+  const std::uint64_t size = (end + kPlistTrailerSize + ChangedPages::kSize - 1) /
+                             ChangedPages::kSize * ChangedPages::kSize;
   if (size > UINT32_MAX) throw std::length_error("the archive is too long");
   _offsetsAt = static_cast<std::size_t>(size - kPlistTrailerSize - kOffsetSize * numbers);
   _bytes.resize(static_cast<std::size_t>(size));

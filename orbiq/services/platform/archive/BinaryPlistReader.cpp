@@ -9,7 +9,6 @@
 namespace orbiq {
 namespace {
 
-
 PlistNumber ofInteger(std::int64_t number) {
   return {static_cast<std::uint64_t>(number), static_cast<double>(number)};
 }
@@ -41,7 +40,8 @@ std::optional<BinaryPlistReader> BinaryPlistReader::open(std::string_view bytes,
 
 PlistDamage BinaryPlistReader::readFrame() {
   if (!_bytes.starts_with(kPlistMagic)) return {"the text \"bplist00\"", 0};
-  if (_bytes.size() < kPlistMagic.size() + kPlistTrailerSize) return {"a trailer of 32 bytes", _bytes.size()};
+  if (_bytes.size() < kPlistMagic.size() + kPlistTrailerSize)
+    return {"a trailer of 32 bytes", _bytes.size()};
   const std::size_t trailer = _bytes.size() - kPlistTrailerSize;
   _offsetSize = static_cast<unsigned char>(_bytes[trailer + 6]);
   _refSize = static_cast<unsigned char>(_bytes[trailer + 7]);

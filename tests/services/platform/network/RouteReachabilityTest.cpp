@@ -43,7 +43,7 @@ char letterOf(std::uint32_t flags) {
   constexpr std::uint32_t kValues[] = {0, 2, 131074, 262146, 393218, 65538};
   return "-RDWBL!"[std::find(std::begin(kValues), std::end(kValues), flags) - kValues];
 }
-char read(const Target& target) {
+char letterOf(const Target& target) {
   std::uint32_t flags = 0;
   return target->getFlags(flags) ? letterOf(flags) : '?';
 }
@@ -117,7 +117,7 @@ class RouteReachabilityTest : public testing::Test {
   }
   /// Whatever the kernel reports wakes the loop.
   void awaitRead(const Target& target, char letter) {
-    await([&] { return read(target) == letter; });
+    await([&] { return letterOf(target) == letter; });
   }
   /// Returns when the loop has looked at what was done until now, and delivered.
   void awaitLook() {
@@ -191,7 +191,7 @@ TEST_F(RouteReachabilityTest, TargetsAreWhereTheKernelSendsThisProcess) {
     std::istringstream words(expected);
     for (std::string word; words >> word;) {
       if (word.size() == 1) letter = word[0];
-      EXPECT_TRUE(word.size() == 1 || read(address(word)) == letter)
+      EXPECT_TRUE(word.size() == 1 || letterOf(address(word)) == letter)
           << word << " with " << commands;
     }
   }
@@ -270,7 +270,7 @@ TEST_F(RouteReachabilityTest, WhoSawTheNetworkAwayIsToldOfItsReturn) {
         {"forget", [&] { deliveries = std::make_shared<std::string>(); }},
         {"up", [&] { setGate(isUp = true); }},
         {"down", [&] { setGate(isUp = false); }},
-        {"read", [&, &text = script] { EXPECT_EQ(read(internet), isUp ? 'R' : '-') << text; }},
+        {"read", [&, &text = script] { EXPECT_EQ(letterOf(internet), isUp ? 'R' : '-') << text; }},
         {"look", [&] { awaitLook(); }},
         {"hold", [&] { slow->async([&] { released.get_future().wait(); }), isHeld = true; }},
         {"release", [&] { released.set_value(), isHeld = false; }},
@@ -319,12 +319,12 @@ TEST_F(RouteReachabilityTest, AnExpiringRouteEndsBeforeItsReport) {
 TEST_F(RouteReachabilityTest, OnlyAnErrorThatSaysSoMeansThatThereIsNoWay) {
   for (const int error : {ENETUNREACH, EHOSTUNREACH, EACCES, EINVAL, ENODEV, EOPNOTSUPP}) {
     NetlinkFaults::answers = error;
-    EXPECT_EQ(read(address("10.0.0.2")), '-') << error;
+    EXPECT_EQ(letterOf(address("10.0.0.2")), '-') << error;
   }
   for (const int error : {ENOBUFS, ENOMEM, EINTR, EMFILE, EPERM}) {
     NetlinkFaults::answers = error;
-    EXPECT_EQ(read(gate), 'D') << error;                 // as before
-    EXPECT_EQ(read(address("10.0.0.2")), 'R') << error;  // as if nobody could be asked
+    EXPECT_EQ(letterOf(gate), 'D') << error;                 // as before
+    EXPECT_EQ(letterOf(address("10.0.0.2")), 'R') << error;  // as if nobody could be asked
   }
   // Then the kernel is asked again, without a report.
   NetlinkFaults::answers = 0;
@@ -351,7 +351,7 @@ TEST_F(RouteReachabilityTest, AMobileLinkIsToldByTheDriver) {
     std::ofstream("/sys/class/net/v0/uevent")
         << "DEVTYPE=wwan\nIFINDEX=" << if_nametoindex("v0") + more << "\n";
     source = makeRouteReachabilitySource();
-    EXPECT_EQ(read(address("10.0.0.2")), letter);
+    EXPECT_EQ(letterOf(address("10.0.0.2")), letter);
   }
 }
 
@@ -383,7 +383,7 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
   const auto begin = std::chrono::steady_clock::now();
   for (int i = 0; i < 40; ++i) {
     ip(std::string("route ") + (i % 2 ? "add" : "del") + " default via 10.0.1.2");
-    read(later);
+    letterOf(later);
   }
   const auto passed = (std::chrono::steady_clock::now() - begin) / 1s;
   EXPECT_LE(nameLookupCount(), lookUps + 2 + static_cast<unsigned long>(passed));
@@ -393,7 +393,7 @@ TEST_F(RouteReachabilityTest, NamesAreResolvedAndResolvedAgain) {
   ip("route del default via 10.0.1.2");
   await(areLookedUp);
   awaitLook();
-  EXPECT_EQ(read(later), 'B');
+  EXPECT_EQ(letterOf(later), 'B');
 }
 
 TEST_F(RouteReachabilityTest, TheResolverTakesNoStandardNumber) {
@@ -415,7 +415,7 @@ TEST_F(RouteReachabilityTest, WhatCannotBeOpenedForNowIsOpenedLater) {
   }
   const Target target = address("0.0.0.0");
   const auto deliveries = watch(target);
-  EXPECT_EQ(read(target), 'R');
+  EXPECT_EQ(letterOf(target), 'R');
   NetlinkFaults::opening = 0;
   EXPECT_EQ(source->failure(), "");
   await([&] { return !deliveries->empty(); });
@@ -427,12 +427,12 @@ TEST_F(RouteReachabilityTest, WhatCannotBeOpenedForNowIsOpenedLater) {
   EXPECT_EQ(source->failure(), "the netlink sockets cannot be opened: Permission denied");
   for (const Target& every : {address("10.0.0.1"), source->createWithName("name.test")}) {
     watch(every);
-    EXPECT_EQ(read(every), 'R');
+    EXPECT_EQ(letterOf(every), 'R');
   }
 }
 
 TEST_F(RouteReachabilityTest, AForkedChildKnowsNothingAndTakesNothing) {
-  if (fork() == 0) _exit(read(internet) != '?' || internet->setCallback(nullptr, {}));
+  if (fork() == 0) _exit(letterOf(internet) != '?' || internet->setCallback(nullptr, {}));
   int status = -1;
   wait(&status);
   EXPECT_EQ(status, 0);
