@@ -49,11 +49,11 @@ std::uint32_t randomUint32() {
 std::string randomUuid() {
   std::array<std::uint32_t, 4> words;
   fillRandom(std::as_writable_bytes(std::span(words)));
-  constexpr unsigned kVersion = 0x4000;
+  constexpr unsigned kVersionBits = 0x4000;
   constexpr unsigned kVariant = 0x8000;
   char text[37];
   std::snprintf(text, sizeof text, "%08X-%04X-%04X-%04X-%04X%08X", words[0], words[1] >> 16,
-                (words[1] & 0x0FFF) | kVersion, (words[2] >> 18) | kVariant, words[2] & 0xFFFF,
+                (words[1] & 0x0FFF) | kVersionBits, (words[2] >> 18) | kVariant, words[2] & 0xFFFF,
                 words[3]);
   return text;
 }
