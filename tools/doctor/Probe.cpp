@@ -201,7 +201,8 @@ Hop Prober::get(const std::string& url, const std::string& userAgent) {
   Hop hop;
   long made = 0;
   curl_easy_getinfo(_easy, CURLINFO_NUM_CONNECTS, &made);
-  HttpResponse response = responseOf(_easy);
+  HttpResponse response;
+  readResponse(_easy, response);
   if (response.status >= 200) hop.result.response = std::move(response);
   if (code == CURLE_OK) hop.result.data = std::move(body);
   if (code != CURLE_OK) hop.result.error = HttpError{code, errorOf(code, errorText), false};

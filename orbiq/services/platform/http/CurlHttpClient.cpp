@@ -113,7 +113,7 @@ struct Added {
 };
 
 void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
-  hop.response = responseOf(hop.easy);
+  readResponse(hop.easy, hop.response.emplace());
   hop.redirect = redirectOf(url, *hop.response);
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
 }

@@ -42,10 +42,12 @@ std::optional<std::string> lastHeader(CURL* easy, const char* name) {
 
 }  // namespace
 
-HttpResponse responseOf(CURL* easy) {
+void readResponse(CURL* easy, HttpResponse& response) {
   long status = 0;
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &status);
-  return {static_cast<int>(status), lastHeader(easy, "Location"), lastHeader(easy, "Date")};
+  response.status = static_cast<int>(status);
+  response.location = lastHeader(easy, "Location");
+  response.date = lastHeader(easy, "Date");
 }
 
 bool isRedirect(int status) {

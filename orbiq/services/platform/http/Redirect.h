@@ -8,9 +8,9 @@
 
 namespace orbiq {
 
-/// The response whose headers the transfer has brought: not those of a proxy, of informational
-/// answers, and of a body's end.
-HttpResponse responseOf(CURL* easy);
+/// Reads the headers that the transfer has brought: not those of a proxy, of informational answers,
+/// and of a body's end. The status is there also where `std::bad_alloc` is thrown for the others.
+void readResponse(CURL* easy, HttpResponse& response);
 
 /// What to make of a response that may be a redirect. Both empty: it is none.
 struct Redirect {
