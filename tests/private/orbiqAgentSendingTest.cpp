@@ -81,6 +81,7 @@ TEST_F(Road, WhatMayNotBeSentIsDropped) {
   Application::tagger("DEN")->sendHit();
   ASSERT_TRUE(waitForRemovals(1));
   EXPECT_EQ(application.log().count("can't be sent because of access denied for its serial"), 1U);
+  EXPECT_EQ(agent().statistics().lastFailure, "DEN: the account is denied");
   // A restricted account sends one hit, also where others were queued before.
   const auto tagger = std::make_shared<orbiqTaggerID>("ABC", INTPTR_MAX, false);
   for (int i = 0; i < 2; ++i) {
@@ -88,11 +89,16 @@ TEST_F(Road, WhatMayNotBeSentIsDropped) {
                                                              SendingModeHost, "ABC", tagger));
   }
   ASSERT_TRUE(waitForRemovals(3));
+  Application::tagger("DEN")->sendHit();
+  EXPECT_EQ(agent().statistics().lastFailure, "DEN: the account is denied");
   Application::tagger("ABC")->sendHit();  // refused at the gate, without a line
+  EXPECT_EQ(agent().statistics().lastFailure,
+            "ABC: the account is restricted and has sent its hit");
   orbiqAudienceTagger().sendHit();
   Application::tagger(nullptr)->sendHit();
   ASSERT_TRUE(waitForRemovals(5));
-  EXPECT_EQ(accounts(), (Counts{6, 1, 5, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(accounts(), (Counts{7, 1, 6, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(agent().statistics().lastFailure, "(null): there is no access for it");
   const std::string anymore =
       "(ERROR) : orbiqAudienceTagger - Can't send hit anymore with this "
       "serial : ";
@@ -106,7 +112,8 @@ TEST_F(Road, WhatMayNotBeSentIsDropped) {
     agent().addRequestToQueue(request);
   }
   ASSERT_TRUE(waitForRemovals(8));
-  EXPECT_EQ(accounts(), (Counts{9, 3, 5, 0, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(accounts(), (Counts{10, 3, 6, 0, 1, 0, 0, 0, 0}));
+  EXPECT_EQ(agent().statistics().lastFailure, "the hit was created on a later day than today");
   EXPECT_EQ(server.requestLines("/hit/"), Lines(3, "GET /hit/ABC HTTP/1.1"));
 }
 

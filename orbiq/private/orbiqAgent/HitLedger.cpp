@@ -33,10 +33,11 @@ void HitLedger::countLoaded(std::uint64_t hits, std::uint64_t discarded) {
   _statistics.pending += hits - discarded;
 }
 
-void HitLedger::countHit(HitFate fate) {
+void HitLedger::countHit(HitFate fate, const String& failure) {
   const Lock lock(_lock);
   ++_statistics.accepted;
   ++countOf(fate);
+  if (!failure.isNull()) _statistics.lastFailure = failure;
 }
 
 void HitLedger::countFate(HitFate fate, Number hit, const String& failure) {

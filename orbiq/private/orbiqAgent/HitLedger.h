@@ -22,7 +22,7 @@ class HitLedger {
   /// Hits that the file held, some of which are discarded.
   void countLoaded(std::uint64_t hits, std::uint64_t discarded);
   /// A hit that never comes to the queue.
-  void countHit(HitFate fate);
+  void countHit(HitFate fate, const String& failure = {});
   /// A request is on its way to the queue.
   Number additionBegins(bool isHit);
   void additionEnds();

@@ -33,7 +33,7 @@ struct Statistics {
 
   /// When a request was last answered with status 200.
   std::optional<Date> lastSuccess;
-  /// Why the last request that failed did, or why all wait; null before the first failure.
+  /// Why the last request that failed or was refused did, or why all wait; null before the first.
   String lastFailure;
   /// The most additions that ever waited at once for a send to end.
   std::uint64_t additionsWaitingHighWater = 0;

@@ -131,10 +131,6 @@ bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
   return State::ofProcess().ledger.waitUntilSettled(timeout);
 }
 
-void orbiqAgent::countRefusedHit() {
-  if (!isForkedAway()) State::ofProcess().ledger.countHit(orbiq::HitFate::Refused);
-}
-
 void orbiqAgent::countLostHit() {
   if (!isForkedAway()) State::ofProcess().ledger.countHit(orbiq::HitFate::GivenUp);
 }

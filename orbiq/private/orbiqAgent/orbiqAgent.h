@@ -45,7 +45,7 @@ class ORBIQ_EXPORT orbiqAgent {
   /// waiting.
   bool flush(std::chrono::milliseconds timeout);
   /// Counts a hit that its cached access refused before it was queued. Any thread.
-  void countRefusedHit();
+  void countRefusedHit(const orbiq::String& serial, const std::shared_ptr<orbiqAccess>& access);
   /// Counts a hit that could not be composed, for want of memory. Any thread.
   void countLostHit();
 

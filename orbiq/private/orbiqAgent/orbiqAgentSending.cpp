@@ -33,8 +33,12 @@ void logAbout(const orbiqRequest& request, const char* what, orbiq::LoggingMode 
   orbiqLogger::log_withMode([&] { return "Request " + request.description() + what; }, mode);
 }
 
+bool isDenied(const std::shared_ptr<orbiqAccess>& access) {
+  return ask(access, &orbiqAccess::accessMode) == orbiq::AccessModeDenied;
+}
+
 void logRefusal(const orbiqRequest& request, const std::shared_ptr<orbiqAccess>& access) {
-  if (ask(access, &orbiqAccess::accessMode) == orbiq::AccessModeDenied) {
+  if (isDenied(access)) {
     logAbout(request, " can't be sent because of access denied for its serial",
              orbiq::LoggingModeError);
     return;
@@ -75,6 +79,14 @@ orbiq::String textOf(const MakeText& makeText) try {
   return makeText();
 } catch (const std::bad_alloc&) {
   return orbiq::String::outOfMemory();
+}
+
+orbiq::String causeOfRefusal(const orbiq::String& serial,
+                             const std::shared_ptr<orbiqAccess>& access) {
+  const char* const cause = !access            ? ": there is no access for it"
+                            : isDenied(access) ? ": the account is denied"
+                                               : ": the account is restricted and has sent its hit";
+  return textOf([&] { return serial.description() + cause; });
 }
 
 }  // namespace
@@ -133,7 +145,8 @@ void orbiqAgent::State::handleHead() {
     return;
   }
   if (!isValid(*head)) {
-    removeRequestFromQueue(head, HitFate::GivenUp);
+    removeRequestFromQueue(head, HitFate::GivenUp,
+                           textOf([] { return "the hit was created on a later day than today"; }));
     return;
   }
   orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },
@@ -182,7 +195,8 @@ orbiqAgent::State::Attempt orbiqAgent::State::handleRequest(
   const auto access = ask(request->auth(), &orbiqAuth::currentAccess);
   if (!ask(access, &orbiqAccess::canSendRequestFor, request->requestType())) {
     logRefusal(*request, access);
-    return {Error{kErrorDomain, kNotAllowed}, HitFate::Refused, {}};
+    return {Error{kErrorDomain, kNotAllowed}, HitFate::Refused,
+            causeOfRefusal(request->serial(), access)};
   }
   if (request->shouldRenewSessionAfter()) renewSession(*request);
 
@@ -234,6 +248,12 @@ orbiqAgent::State::Attempt orbiqAgent::State::send(orbiqRequest& request, const 
                    })};
   if (result.error) answered.error = Error{kHttpErrorDomain, result.error->code};
   return answered;
+}
+
+void orbiqAgent::countRefusedHit(const orbiq::String& serial,
+                                 const std::shared_ptr<orbiqAccess>& access) {
+  if (isForkedAway()) return;
+  State::ofProcess().ledger.countHit(HitFate::Refused, causeOfRefusal(serial, access));
 }
 
 bool orbiqAgent::isTheRequestValid(const orbiqRequest& request) const { return isValid(request); }

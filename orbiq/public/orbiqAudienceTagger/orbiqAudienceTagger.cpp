@@ -66,9 +66,9 @@ void orbiqAudienceTagger::sendHit() try {
   if (orbiqAgent::isForkedAway()) return;
   orbiqAgent& agent = orbiqAgent::sharedAgent();
   const auto auth = orbiqAuthManager::manager().authFromCacheForTagger(taggerID);
-  if (auth &&
-      !ask(auth->currentAccess(), &orbiqAccess::canSendRequestFor, orbiq::RequestTypeAudience)) {
-    agent.countRefusedHit();
+  const auto access = ask(auth, &orbiqAuth::currentAccess);
+  if (auth && !ask(access, &orbiqAccess::canSendRequestFor, orbiq::RequestTypeAudience)) {
+    agent.countRefusedHit(_serial, access);
     return;
   }
   const ConstantTexts& texts = ConstantTexts::shared();
