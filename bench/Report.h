@@ -19,7 +19,7 @@ struct Row {
 };
 
 /// Prints the row, and appends it to the file that ORBIQ_BENCH_RESULTS names, if it does, one JSON
-/// object per line. What is missed of the aims report.py tells.
+/// object per line. Which aims are missed, report.py says.
 void report(const Row& row);
 
 /// The same for a list of ratios, or of numbers in a unit: value is the median, low and high the

@@ -5,7 +5,7 @@
 
 namespace orbiq::test {
 
-/// The program's calls that sync files: counted, and one of them made to fail.
+/// The program's syncs of files, counted, and other calls on files that are made to fail.
 struct DiskCalls {
   std::size_t files = 0;        ///< syncs of files
   std::size_t directories = 0;  ///< and of directories

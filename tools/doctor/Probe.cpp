@@ -155,8 +155,8 @@ Way wayTo(const Url& url) {
   curl_easy_setopt(handle.easy, CURLOPT_CONNECT_TO, placeholder.first);
   const CURLcode code = curl_easy_perform(handle.easy);
   if (!first.empty()) return {first != kPlaceholder, first, {}};
-  // The placeholder is an address, so only a proxy's name can be missing: libcurl 8.14 now and then
-  // reports it as the server's.
+  // The placeholder is an address, so only a proxy's name can be missing: libcurl 7.88 reports that
+  // of a SOCKS proxy as the server's, 8.14 now and then any proxy's.
   if (code != CURLE_COULDNT_RESOLVE_PROXY && code != CURLE_COULDNT_RESOLVE_HOST) return {};
   return {true, {}, errorOf(code, handle.errorText)};
 }

@@ -18,7 +18,7 @@ namespace orbiq::doctor {
 /// How a connection would begin.
 struct Way {
   bool isOverProxy = false;
-  std::string address;  ///< the proxy's: "192.0.2.7 port 3128"
+  std::string address;  ///< a proxy's: "192.0.2.7 port 3128"; not to be used without one
   std::string failure;  ///< why the proxy's name has no address; empty if it has one
 };
 

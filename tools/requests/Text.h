@@ -22,7 +22,7 @@ std::string distance(double secondsSince1970, double now);
 
 /// Whether standard output is a terminal that may have colours.
 bool isColoured();
-/// Empty for what may be the name of a library directory's application.
+/// Why a bundle identifier cannot name a directory; empty if it can.
 std::string whatIsWrongWithIdentifier(const std::string& identifier);
 
 }  // namespace orbiq::requests

@@ -128,7 +128,8 @@ String accept(const HostDescription& description) {
     state().refused = true;
     return reason;
   }
-  Descriptions made{withDefaults(description)};
+  Descriptions made;
+  made.push_back(withDefaults(description));
   if (!SystemLog::setSink(description.logSink)) throw std::bad_alloc();
   state().add(std::move(made));  // nothing fails from here on
   state().accepted = true;
@@ -138,7 +139,11 @@ String accept(const HostDescription& description) {
 const HostDescription& known() {
   if (const auto* const current = state().current.load(std::memory_order_acquire)) return *current;
   const Lock lock(state().lock);
-  if (state().descriptions.empty()) state().add({withDefaults({})});
+  if (state().descriptions.empty()) {
+    Descriptions made;
+    made.push_back(withDefaults({}));
+    state().add(std::move(made));
+  }
   return state().descriptions.back();
 }
 

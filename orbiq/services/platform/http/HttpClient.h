@@ -21,13 +21,12 @@ struct HttpRequest {
   static constexpr std::chrono::milliseconds kUsualTimeout{60'000};
 };
 
-/// Of the last hop, and of all its headers those that somebody asks for: the last value where one
-/// is repeated, null where there is none.
+/// The last hop's answer, with the headers that somebody reads. Of a repeated one the last value.
 struct HttpResponse {
   int status = 0;
   /// Where a redirect leads.
   std::optional<std::string> location;
-  /// The server's clock, as it stands there.
+  /// The server's clock, as it was sent.
   std::optional<std::string> date;
 };
 

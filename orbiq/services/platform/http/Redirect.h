@@ -8,8 +8,9 @@
 
 namespace orbiq {
 
-/// Reads the headers that the transfer has brought: not those of a proxy, of informational answers,
-/// and of a body's end. The status is there also where `std::bad_alloc` is thrown for the others.
+/// Reads the status and the headers that the transfer has brought: not those of a proxy, of
+/// informational answers, and of a body's end. The status is set even if `std::bad_alloc` is thrown
+/// for a header.
 void readResponse(CURL* easy, HttpResponse& response);
 
 /// What to make of a response that may be a redirect. Both empty: it is none.
