@@ -47,8 +47,9 @@ export class Timeline {
       if (bar < first) this.#counts.delete(bar);
     }
     if (this.#chosen !== null && this.#chosen < first) this.#chosen = first;
-    const width = this.#size.width / BARS;
     const { height } = this.#size;
+    if (height === 0) return; // not laid out yet; the observer draws then
+    const width = this.#size.width / BARS;
     const sums = [...this.#counts.values()].map(sum);
     const peak = Math.max(0, ...sums);
     const shapes = [];

@@ -1,7 +1,5 @@
 #pragma once
 
-#include <cstdint>
-
 namespace orbiq {
 
 /// From now on a child that this process forks knows that it is one. A child goes on with the
@@ -12,10 +10,5 @@ void armForkGuard();
 /// True in a child that was forked (without an exec) after the arming, and in its children. A child
 /// forked before, that arms the guard itself, is a process like any other. Never blocks.
 bool inForkedChild() noexcept;
-
-/// Counts forks without arming the guard: false without memory for it.
-bool watchForks();
-/// How often this process is a fork's child, since they are counted. Never blocks.
-std::uint32_t forkCount() noexcept;
 
 }  // namespace orbiq

@@ -26,8 +26,6 @@ void fillRandom(std::span<std::byte> bytes) {
 struct Store {
   std::array<std::byte, 64 * sizeof(std::uint32_t)> bytes;
   std::size_t left = 0;
-  /// What the parent of a fork has in store would come twice.
-  std::uint32_t forks = 0;
 };
 
 }  // namespace
@@ -35,11 +33,10 @@ struct Store {
 std::uint32_t randomUint32() {
   thread_local constinit Store store{};
   std::uint32_t value = 0;
-  const std::uint32_t now = forkCount();
-  if (store.left == 0 || store.forks != now) {
+  if (store.left == 0) {
+    armForkGuard();  // a forked child has the same in store, so it must keep still
     fillRandom(store.bytes);
-    store.left = watchForks() ? store.bytes.size() : sizeof value;
-    store.forks = now;
+    store.left = store.bytes.size();
   }
   store.left -= sizeof value;
   std::memcpy(&value, store.bytes.data() + store.left, sizeof value);

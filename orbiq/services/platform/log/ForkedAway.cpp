@@ -1,7 +1,8 @@
 #include "orbiq/services/platform/log/ForkedAway.h"
 
+#include <unistd.h>
+
 #include <atomic>
-#include <cstdint>
 
 #include "orbiq/services/platform/base/ForkGuard.h"
 #include "orbiq/services/platform/log/SystemLog.h"
@@ -10,9 +11,8 @@ namespace orbiq {
 
 bool isForkedAway() {
   if (!inForkedChild()) return false;
-  // Their number tells a child of a child from its parent.
-  static std::atomic<std::uint32_t> saidAt{0};
-  if (const std::uint32_t now = forkCount(); saidAt.exchange(now) != now) {
+  static std::atomic<pid_t> saidBy{0};  // a child of a child has another number
+  if (const pid_t own = getpid(); saidBy.exchange(own) != own) {
     SystemLog::write(LoggingModeError,
                      "(ERROR) : This process was forked from one that uses the library: the "
                      "library does nothing in it");
