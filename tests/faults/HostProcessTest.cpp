@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -68,6 +69,36 @@ TEST(HostProcess, ALineToAPipeWithoutAReaderRaisesNoSignal) {
     sigpending(&signals);
     EXPECT_EQ(sigismember(&signals, SIGPIPE), pending);
   }
+  const TemporaryDirectory directory;
+  dup2(creat((directory.path() / "log").c_str(), 0600), STDERR_FILENO);
+  rlimit usual;
+  getrlimit(RLIMIT_FSIZE, &usual);
+  const rlimit none{0, usual.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &none);
+  SystemLog::write(LoggingModeError, "ends the process, too");
+  setrlimit(RLIMIT_FSIZE, &usual);
+}
+
+/// Uses the agent while no thread can be started, and then flushes. Exits 0 if it says both.
+const RoleRegistration kStarved("agent without threads", [](const auto&) {
+  // The limit on threads does not bind root.
+  if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) return 2;
+  rlimit usual;
+  getrlimit(RLIMIT_NPROC, &usual);
+  const rlimit none{0, usual.rlim_max};
+  setrlimit(RLIMIT_NPROC, &none);
+  const Application application(kNoServer);
+  Application::tagger("ABC")->sendHit();
+  const std::string failure = "no thread can be started: Resource temporarily unavailable";
+  if (orbiqAgent::sharedAgent().statistics().lastFailure != failure) return 3;
+  if (application.log().count("(WARNING) : The requests wait, as " + failure) != 1) return 4;
+  setrlimit(RLIMIT_NPROC, &usual);
+  orbiqAgent::sharedAgent().flush({});
+  return application.log().waitFor("There is a thread again") ? 0 : 5;
+});
+
+TEST(HostProcess, IsToldThatThereAreNoThreads) {
+  EXPECT_EQ(RoleProcess("agent without threads", {}).wait(), 0);
 }
 
 TEST(HostProcess, AFullPipeHoldsUpNoLineForEverAndCutsNoneInSilence) {

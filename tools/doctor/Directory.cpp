@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <string>
 
+#include "orbiq/services/platform/files/Descriptor.h"
 #include "orbiq/services/platform/host/LibraryDirectory.h"
 #include "tools/doctor/Shown.h"
 #include "tools/doctor/Steps.h"
@@ -33,12 +34,21 @@ std::string permissionsOf(const struct stat& status) {
   return text;
 }
 
-/// The directory, or what there is of the way to it.
-std::string existingPartOf(std::string path, struct stat& status) {
-  while (stat(path.c_str(), &status) != 0 && path.size() > 1) {
+/// The directory, or what there is of the way to it. With an error where that cannot be seen.
+std::string existingPartOf(std::string path, struct stat& status, int& error) {
+  while (stat(path.c_str(), &status) != 0) {
+    error = errno;
+    if ((error != ENOENT && error != ENOTDIR) || path.size() == 1) return path;
     path.resize(std::max<std::size_t>(path.rfind('/'), 1));
   }
+  error = 0;
   return path;
+}
+
+/// After a disk error a file system may say that it can be written, and refuse it.
+int tryToWrite(const std::string& path) {
+  const Descriptor file(open(path.c_str(), O_TMPFILE | O_WRONLY | O_CLOEXEC, 0600));
+  return !file.isOpen() && (errno == EROFS || errno == EIO) ? errno : 0;
 }
 
 void examineSpace(const std::string& path, Finding& finding) {
@@ -60,9 +70,9 @@ void examineSpace(const std::string& path, Finding& finding) {
 
 void examinePermissions(const std::string& path, const struct stat& status, bool isWhole,
                         Finding& finding) {
-  if (faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) != 0) {
-    const int error = errno;
-    const bool isReadOnly = error == EROFS;
+  const bool mayWrite = faccessat(AT_FDCWD, path.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+  if (const int error = mayWrite ? tryToWrite(path) : errno; error != 0) {
+    const bool isReadOnly = error == EROFS || error == EIO;
     finding.fail(isReadOnly ? "read-only-file-system" : "not-writable",
                  path + " cannot be written by " + nameOf(geteuid()) + ": " + causeOf(error) +
                      ". It belongs to " + nameOf(status.st_uid) + ", with permissions " +
@@ -96,7 +106,13 @@ Finding examineDirectory(Context& context) {
   }
   const std::string directory = libraryDirectory() + "/orbiqCache";
   struct stat status{};
-  const std::string existing = existingPartOf(directory, status);
+  int error = 0;
+  const std::string existing = existingPartOf(directory, status, error);
+  if (error != 0) {
+    finding.fail("not-readable", existing + " cannot be looked at: " + causeOf(error) + ".",
+                 "Mount its file system anew, or give its parents to the application's user.");
+    return finding;
+  }
   const bool isWhole = existing == directory;
   if (!S_ISDIR(status.st_mode)) {
     finding.fail("no-directory", existing + " is there and is no directory.",

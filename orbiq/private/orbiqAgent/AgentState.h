@@ -50,6 +50,8 @@ struct orbiqAgent::State {
 
   // What "orbiqRequestHandler" does.
   bool giveWork(const orbiq::HandlerWork::Item& item);
+  /// Says that a queue could have no thread, for that error, or that it has one again.
+  void noteThread(std::atomic<bool>& isMissing, int error);
   void work();
   void add(const orbiq::HandlerWork::Item& item);
   void lookAgain(orbiq::Trigger trigger);
@@ -120,4 +122,7 @@ struct orbiqAgent::State {
   orbiq::Mutex startLock;
   std::atomic<bool> isStarted = false;
   std::atomic<bool> isNotified = false;
+  // No thread could be had for it.
+  std::atomic<bool> lacksSender = false;
+  std::atomic<bool> lacksHandler = false;
 };

@@ -105,7 +105,7 @@ void orbiqAgent::State::observeAndHandleRequests() {
 // What could not be had when it was first asked for: the sending thread, whose one task gets no
 // successor that could start it, and the news of the network.
 void orbiqAgent::State::resume() {
-  requestSender->resume();
+  noteThread(lacksSender, requestSender->resume());
   if (isNotified) return;
   const orbiq::Lock lock(startLock);
   if (!isNotified) isNotified = reachability->startNotifier();
@@ -128,7 +128,9 @@ orbiq::Statistics orbiqAgent::statistics() const {
 
 bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
   if (isForkedAway() || orbiq::isLibraryThread() || orbiq::isInLogSink()) return false;
-  return State::ofProcess().ledger.waitUntilSettled(timeout);
+  State& state = State::ofProcess();
+  if (state.lacksHandler) state.noteThread(state.lacksHandler, state.requestHandler->resume());
+  return state.ledger.waitUntilSettled(timeout);
 }
 
 void orbiqAgent::countLostHit() {

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <new>
 #include <string>
 #include <utility>
@@ -109,11 +110,12 @@ bool orbiqAgent::State::giveWork(const orbiq::HandlerWork::Item& item) try {
     ledger.countFate(orbiq::HitFate::PushedOut, number);
   }
   if (!given.needsTaker) {
-    requestHandler->resume();  // the one who was sent for may have got no thread
+    noteThread(lacksHandler,
+               requestHandler->resume());  // the one who was sent for may have got no thread
     return true;
   }
   try {
-    requestHandler->async([this] { work(); });
+    noteThread(lacksHandler, requestHandler->async([this] { work(); }));
   } catch (const std::bad_alloc&) {
     handlerWork.takerFailed();  // the next item sends for another
   }
@@ -121,6 +123,22 @@ bool orbiqAgent::State::giveWork(const orbiq::HandlerWork::Item& item) try {
 } catch (const std::bad_alloc& error) {
   orbiqLogger::log_withMode(error.what(), orbiq::LoggingModeError);
   return false;
+}
+
+void orbiqAgent::State::noteThread(std::atomic<bool>& isMissing, int error) try {
+  if (isMissing.load(std::memory_order_relaxed) == (error != 0)) return;
+  if (isMissing.exchange(error != 0) == (error != 0)) return;
+  if (error == 0) {
+    orbiqLogger::log_withMode("There is a thread again", orbiq::LoggingModeWarning);
+    return;
+  }
+  const char* const cause = strerrordesc_np(error);
+  const std::string text =
+      "no thread can be started: " + (cause != nullptr ? cause : std::to_string(error));
+  ledger.noteFailure(text);
+  orbiqLogger::log_withMode("The requests wait, as " + text, orbiq::LoggingModeWarning);
+} catch (const std::bad_alloc&) {
+  isMissing = error == 0;  // told at the next use
 }
 
 void orbiqAgent::State::work() {

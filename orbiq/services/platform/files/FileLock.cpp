@@ -17,11 +17,22 @@ namespace {
 constexpr int kMostTries = 3;
 
 /// Returns 0 or the error number.
-int tryToLock(const Descriptor& file) {
+struct flock firstByte() {
   struct flock first{};
   first.l_type = F_WRLCK;
   first.l_whence = SEEK_SET;
   first.l_len = 1;
+  return first;
+}
+
+/// EACCES is also what security modules say to who may not lock at all.
+bool hasHolder(const Descriptor& file) {
+  struct flock first = firstByte();
+  return fcntl(file.number(), F_OFD_GETLK, &first) == 0 && first.l_type != F_UNLCK;
+}
+
+int tryToLock(const Descriptor& file) {
+  struct flock first = firstByte();
   // Of the open file, so that it goes only with this descriptor. It excludes the process's kind of
   // lock as well, which stands in for it where the system has no other.
   int failed = fcntl(file.number(), F_OFD_SETLK, &first) == 0 ? 0 : errno;
@@ -100,7 +111,7 @@ FileLock::State FileLock::lock() {
   // What is locked already stays so, until it is clear who has the new file.
   if (!file.isOpen() || fstat(file.number(), &opened) != 0) return fail(errno);
   const int failure = tryToLock(file);
-  const bool isHeldByAnother = failure == EAGAIN || failure == EACCES;
+  const bool isHeldByAnother = failure == EAGAIN || (failure == EACCES && hasHolder(file));
   if (failure != 0 && !isHeldByAnother) return fail(failure);
   _file = isHeldByAnother ? Descriptor() : std::move(file);
   _opened = opened;

@@ -118,6 +118,13 @@ void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
 }
 
+const char* whatTimedOut(const Hop& hop) {
+  if (hop.sends > 0) return "no answer came in time";
+  curl_off_t resolved = 0;
+  curl_easy_getinfo(hop.easy, CURLINFO_NAMELOOKUP_TIME_T, &resolved);
+  return resolved == 0 ? "the name was not resolved in time" : "no connection was made in time";
+}
+
 /// A header without a value takes libcurl's own one away. Null if that needs memory.
 curl_slist* unwantedHeaders() {
   curl_slist* const first = curl_slist_append(nullptr, "Accept:");
@@ -255,10 +262,6 @@ CURLcode CurlHttpClient::prepare(const Order& order, Hop& hop, bool overAnotherC
   setConstantOptions();
   set(CURLOPT_URL, order.url.c_str());
   set(CURLOPT_USERAGENT, order.userAgent.c_str());  // an empty one is not sent
-  const auto left =
-      std::chrono::ceil<Milliseconds>(order.deadline - std::chrono::steady_clock::now());
-  // 0 would mean no timeout at all.
-  set(CURLOPT_TIMEOUT_MS, static_cast<long>(std::max<Milliseconds::rep>(left.count(), 1)));
   set(CURLOPT_FRESH_CONNECT, overAnotherConnection ? 1L : 0L);
   set(CURLOPT_OPENSOCKETDATA, &hop);
   set(CURLOPT_PREREQDATA, &hop);
@@ -303,7 +306,16 @@ CURLcode CurlHttpClient::drive(const Order& order, Hop& hop, TransferStay& stay)
     if (running == 0) break;
     // The body of a redirect is not waited for.
     if (!hop.redirect.target.empty()) return CURLE_OK;
-    if (curl_multi_poll(_multi, nullptr, 0, kPollMilliseconds, nullptr) != CURLM_OK) {
+    // Asked here, as libcurl would look at its own time-out before it reads: what came while the
+    // process was frozen would be thrown away.
+    const auto left =
+        std::chrono::ceil<Milliseconds>(order.deadline - std::chrono::steady_clock::now());
+    if (left <= left.zero()) {
+      hop.problem = whatTimedOut(hop);
+      return CURLE_OPERATION_TIMEDOUT;
+    }
+    const auto longest = std::min<Milliseconds::rep>(left.count(), kPollMilliseconds);
+    if (curl_multi_poll(_multi, nullptr, 0, static_cast<int>(longest), nullptr) != CURLM_OK) {
       return CURLE_FAILED_INIT;
     }
     if (stay.mustEnd()) return CURLE_ABORTED_BY_CALLBACK;

@@ -16,6 +16,7 @@
 #include "orbiq/services/platform/files/Descriptor.h"
 #include "orbiq/services/platform/files/Directories.h"
 #include "orbiq/services/platform/text/Utf8.h"
+#include "orbiq/services/platform/threads/WriteSignalsHeld.h"
 
 namespace orbiq {
 namespace {
@@ -91,6 +92,7 @@ KeychainStatus readItem(const Descriptor& directory, const std::string& name, st
 
 /// Makes the spare file, with the item in it, and syncs it.
 bool writeSpare(const Descriptor& directory, std::string_view data) {
+  const WriteSignalsHeld held;
   const Descriptor file = createFile(directory.number(), kSpareName);
   const std::string bytes = headerOf(data).append(data);
   if (!file.isOpen() || bytes.size() > kSizeLimit) return false;
@@ -100,11 +102,13 @@ bool writeSpare(const Descriptor& directory, std::string_view data) {
 /// Makes the spare file an item's new file.
 KeychainStatus addSpareAs(const Descriptor& directory, const std::string& name) {
   // A link takes the place of nothing, even where others do not keep to the lock. Not every file
-  // system has links.
+  // system has links, or the renaming that replaces nothing.
   const int number = directory.number();
-  if (linkat(number, kSpareName, number, name.c_str(), 0) == 0 ||
-      (errno != EEXIST &&
-       renameat2(number, kSpareName, number, name.c_str(), RENAME_NOREPLACE) == 0)) {
+  const char* const file = name.c_str();
+  if (linkat(number, kSpareName, number, file, 0) == 0 ||
+      (errno != EEXIST && renameat2(number, kSpareName, number, file, RENAME_NOREPLACE) == 0) ||
+      (errno == EINVAL && faccessat(number, file, F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
+       errno == ENOENT && renameat(number, kSpareName, number, file) == 0)) {
     return errSecSuccess;
   }
   return errno == EEXIST ? errSecDuplicateItem : errSecNotAvailable;

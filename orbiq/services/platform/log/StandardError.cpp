@@ -16,6 +16,7 @@
 
 #include "orbiq/services/platform/files/Descriptor.h"
 #include "orbiq/services/platform/text/Utf8.h"
+#include "orbiq/services/platform/threads/WriteSignalsHeld.h"
 
 namespace orbiq {
 namespace {
@@ -28,34 +29,6 @@ constexpr std::string_view kCutMark = " [cut short]\n";
 /// The last line could not be written, or only in part.
 std::atomic<bool> isStuck{false};
 std::atomic<bool> isCut{false};
-
-/// Keeps a SIGPIPE of this thread's own from the host, which may have its own pending.
-class PipeSignalHeld {
- public:
-  PipeSignalHeld() {
-    sigemptyset(&_signal);
-    sigaddset(&_signal, SIGPIPE);
-    pthread_sigmask(SIG_BLOCK, &_signal, &_previous);
-    _wasPending = isPending();
-  }
-  ~PipeSignalHeld() {
-    constexpr timespec kAtOnce{};
-    if (!_wasPending && isPending()) sigtimedwait(&_signal, nullptr, &kAtOnce);
-    pthread_sigmask(SIG_SETMASK, &_previous, nullptr);
-  }
-  PipeSignalHeld(const PipeSignalHeld&) = delete;
-  PipeSignalHeld& operator=(const PipeSignalHeld&) = delete;
-
- private:
-  static bool isPending() {
-    sigset_t pending;
-    return sigpending(&pending) == 0 && sigismember(&pending, SIGPIPE) == 1;
-  }
-
-  sigset_t _signal;
-  sigset_t _previous;
-  bool _wasPending = false;
-};
 
 /// Standard error opened anew, without blocking, where it is a pipe or a terminal: these may
 /// promise room that another writer takes, or that is less than a line. None for anything else.
@@ -120,7 +93,7 @@ std::string printable(std::string_view text) {
 }
 
 void writeToStandardError(std::string_view line) {
-  const PipeSignalHeld held;
+  const WriteSignalsHeld held;
   const bool wasStuck = isStuck.load(std::memory_order_relaxed);
   const auto deadline = SteadyClock::now() + (wasStuck ? kPatience.zero() : kPatience);
   std::string marked;

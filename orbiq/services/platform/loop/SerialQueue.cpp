@@ -1,5 +1,6 @@
 #include "orbiq/services/platform/loop/SerialQueue.h"
 
+#include <cerrno>
 #include <chrono>
 #include <deque>
 #include <new>
@@ -34,13 +35,16 @@ struct SerialQueue::State {
   /// No task has come since `onIdle`.
   bool rested ORBIQ_GUARDED_BY(condition) = false;
 
-  /// Makes sure that there is a thread to run the tasks, if there can be one.
-  static void ensureThread(const std::shared_ptr<State>& state)
+  /// Makes sure that there is a thread to run the tasks, if there can be one. 0, or why not.
+  static int ensureThread(const std::shared_ptr<State>& state)
       ORBIQ_REQUIRES(state->condition) try {
-    if (state->attended || state->tasks.empty()) return;
+    if (state->attended || state->tasks.empty()) return 0;
     const auto run = [state] { state->runTasks(); };
-    state->attended = startThread(state->label, run, state->kind) == 0;
+    const int error = startThread(state->label, run, state->kind);
+    state->attended = error == 0;
+    return error;
   } catch (const std::bad_alloc&) {
+    return ENOMEM;
   }
 
   void runTasks() {
@@ -77,22 +81,24 @@ SerialQueue::~SerialQueue() {
   _state->condition.signal();
 }
 
-void SerialQueue::async(std::function<void()> task) {
-  if (isForkedAway()) return;
+int SerialQueue::async(std::function<void()> task) {
+  if (isForkedAway()) return 0;
   const auto state = _state;  // the task may destroy the queue before the signal
+  int error = 0;
   {
     const Lock lock(state->condition);
     state->tasks.push_back(std::move(task));
-    State::ensureThread(state);
+    error = State::ensureThread(state);
   }
   // Outside of the lock, or the thread would wake up only to wait for it.
   state->condition.signal();
+  return error;
 }
 
-void SerialQueue::resume() {
-  if (isForkedAway()) return;
+int SerialQueue::resume() {
+  if (isForkedAway()) return 0;
   const Lock lock(_state->condition);
-  State::ensureThread(_state);
+  return State::ensureThread(_state);
 }
 
 }  // namespace orbiq

@@ -27,11 +27,12 @@ class ORBIQ_EXPORT SerialQueue {
   SerialQueue& operator=(const SerialQueue&) = delete;
 
   /// Adds a task and returns at once. Any thread. Throws `std::bad_alloc` if there is no memory for
-  /// the task, which is not added then.
-  void async(std::function<void()> task);
+  /// the task, which is not added then. Returns 0, or why there is no thread for the tasks (an
+  /// error number).
+  int async(std::function<void()> task);
   /// Tries again to start the thread that waiting tasks could not get. For a queue that is given no
-  /// further tasks.
-  void resume();
+  /// further tasks. Returns as `async` does.
+  int resume();
 
  private:
   struct ORBIQ_HIDDEN State;

@@ -1,5 +1,8 @@
 #include <curl/curl.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+#include <unistd.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -147,6 +150,30 @@ TEST_F(HttpClientTest, boundsBodyAndHeaders) {
   expectData(getFrom(answer(200, "x", headers)), 200, "x");
   expectNothing(getFrom(answer(200, "x", headers + line)));
   expectNothing(getFrom("HTTP/1.1 200 OK\r\nX: " + body));
+}
+
+int goOn[2];
+void freeze(int) {
+  char byte = 0;
+  while (read(goOn[0], &byte, 1) != 1) continue;
+}
+
+TEST_F(HttpClientTest, takesWhatCameInTimeAlsoIfItReadsLate) {
+  constexpr auto kLimit = 2s;
+  ASSERT_EQ(pipe(goOn), 0);
+  struct sigaction action{};
+  action.sa_handler = freeze;
+  sigaction(SIGUSR1, &action, nullptr);
+  std::jthread later;
+  const ScriptedServer server([&, client = pthread_self()](const std::string&) {
+    pthread_kill(client, SIGUSR1);
+    later = std::jthread([=] {
+      std::this_thread::sleep_for(kLimit);  // so long the client is frozen
+      EXPECT_EQ(write(goOn[1], "x", 1), 1);
+    });
+    return answer(200, "in time");
+  });
+  expectData(get(server.url(), kLimit), 200, "in time");
 }
 
 TEST_F(HttpClientTest, guessesNoHostAndLooksNothingUp) {

@@ -5,6 +5,7 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -143,6 +144,16 @@ TEST_F(FileKeychainTest, IsReadWhereNothingCanBeWritten) {
   EXPECT_EQ(keychain.copyMatching(item()).data, "data");
   EXPECT_EQ(keychain.copyMatching(item("", "group")).status, errSecItemNotFound);
   expectNoChange(keychain);
+}
+
+TEST_F(FileKeychainTest, ALimitOfFileSizesRefusesAnItemAndEndsNobody) {
+  rlimit usual;
+  getrlimit(RLIMIT_FSIZE, &usual);
+  const rlimit none{0, usual.rlim_max};
+  setrlimit(RLIMIT_FSIZE, &none);
+  const KeychainStatus status = keychain.add(item());
+  setrlimit(RLIMIT_FSIZE, &usual);
+  EXPECT_EQ(status, errSecNotAvailable);
 }
 
 TEST_F(FileKeychainTest, AChangeGivesUpOnAHolderOfTheLockThatDoesNotMove) {
