@@ -113,7 +113,7 @@ TEST_F(Road, WhatMayNotBeSentIsDropped) {
   }
   ASSERT_TRUE(waitForRemovals(8));
   EXPECT_EQ(accounts(), (Counts{10, 3, 6, 0, 1, 0, 0, 0, 0}));
-  EXPECT_EQ(agent().statistics().lastFailure, "the hit was created on a later day than today");
+  EXPECT_EQ(agent().statistics().lastFailure, "ABC: the hit was created on a later day than today");
   EXPECT_EQ(server.requestLines("/hit/"), Lines(3, "GET /hit/ABC HTTP/1.1"));
 }
 

@@ -110,7 +110,9 @@ Finding examineDirectory(Context& context) {
   const std::string existing = existingPartOf(directory, status, error);
   if (error != 0) {
     finding.fail("not-readable", existing + " cannot be looked at: " + causeOf(error) + ".",
-                 "Mount its file system anew, or give its parents to the application's user.");
+                 error == EACCES
+                     ? "Give it to the application's user, or run the doctor as that user."
+                     : "See whether its file system is still mounted.");
     return finding;
   }
   const bool isWhole = existing == directory;

@@ -129,7 +129,10 @@ orbiq::Statistics orbiqAgent::statistics() const {
 bool orbiqAgent::flush(std::chrono::milliseconds timeout) {
   if (isForkedAway() || orbiq::isLibraryThread() || orbiq::isInLogSink()) return false;
   State& state = State::ofProcess();
-  if (state.lacksHandler) state.noteThread(state.lacksHandler, state.requestHandler->resume());
+  if (state.isStarted) {
+    state.noteThread(state.lacksHandler, state.requestHandler->resume());
+    state.noteThread(state.lacksSender, state.requestSender->resume());
+  }
   return state.ledger.waitUntilSettled(timeout);
 }
 

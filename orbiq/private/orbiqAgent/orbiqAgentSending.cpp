@@ -145,8 +145,10 @@ void orbiqAgent::State::handleHead() {
     return;
   }
   if (!isValid(*head)) {
-    removeRequestFromQueue(head, HitFate::GivenUp,
-                           textOf([] { return "the hit was created on a later day than today"; }));
+    removeRequestFromQueue(head, HitFate::GivenUp, textOf([&] {
+                             return head->serial().description() +
+                                    ": the hit was created on a later day than today";
+                           }));
     return;
   }
   orbiqLogger::log_withMode([&] { return "Handling request " + head->description(); },

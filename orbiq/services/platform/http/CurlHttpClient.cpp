@@ -118,13 +118,6 @@ void noteResponse(const std::string& url, bool mayLeadOn, Hop& hop) {
   if (!mayLeadOn && !hop.redirect.target.empty()) hop.redirect = {{}, "too many redirects"};
 }
 
-const char* whatTimedOut(const Hop& hop) {
-  if (hop.sends > 0) return "no answer came in time";
-  curl_off_t resolved = 0;
-  curl_easy_getinfo(hop.easy, CURLINFO_NAMELOOKUP_TIME_T, &resolved);
-  return resolved == 0 ? "the name was not resolved in time" : "no connection was made in time";
-}
-
 /// A header without a value takes libcurl's own one away. Null if that needs memory.
 curl_slist* unwantedHeaders() {
   curl_slist* const first = curl_slist_append(nullptr, "Accept:");
@@ -150,6 +143,9 @@ class CurlHttpClient final : public HttpClient {
     bool mayLeadOn;
   };
 
+  static Milliseconds timeLeft(const Order& order) {
+    return std::chrono::ceil<Milliseconds>(order.deadline - std::chrono::steady_clock::now());
+  }
   bool make();
   HttpResult follow(const HttpRequest& request, TransferStay& stay);
   CURLcode runHop(const Order& order, Hop& hop, TransferStay& stay);
@@ -262,6 +258,9 @@ CURLcode CurlHttpClient::prepare(const Order& order, Hop& hop, bool overAnotherC
   setConstantOptions();
   set(CURLOPT_URL, order.url.c_str());
   set(CURLOPT_USERAGENT, order.userAgent.c_str());  // an empty one is not sent
+  // Of all before the request is sent; a second address gets its part of it. 0 would mean 300 s.
+  set(CURLOPT_CONNECTTIMEOUT_MS,
+      static_cast<long>(std::max(timeLeft(order), Milliseconds{1}).count()));
   set(CURLOPT_FRESH_CONNECT, overAnotherConnection ? 1L : 0L);
   set(CURLOPT_OPENSOCKETDATA, &hop);
   set(CURLOPT_PREREQDATA, &hop);
@@ -306,15 +305,15 @@ CURLcode CurlHttpClient::drive(const Order& order, Hop& hop, TransferStay& stay)
     if (running == 0) break;
     // The body of a redirect is not waited for.
     if (!hop.redirect.target.empty()) return CURLE_OK;
-    // Asked here, as libcurl would look at its own time-out before it reads: what came while the
-    // process was frozen would be thrown away.
-    const auto left =
-        std::chrono::ceil<Milliseconds>(order.deadline - std::chrono::steady_clock::now());
-    if (left <= left.zero()) {
-      hop.problem = whatTimedOut(hop);
+    // Asked here, as libcurl would look at a time-out of its own before it reads: what came while
+    // the process was frozen would be thrown away.
+    const Milliseconds left = timeLeft(order);
+    if (hop.sends > 0 && left <= left.zero()) {
+      hop.problem =
+          hop.headersComplete ? "the body did not come in time" : "no answer came in time";
       return CURLE_OPERATION_TIMEDOUT;
     }
-    const auto longest = std::min<Milliseconds::rep>(left.count(), kPollMilliseconds);
+    const auto longest = std::clamp<Milliseconds::rep>(left.count(), 1, kPollMilliseconds);
     if (curl_multi_poll(_multi, nullptr, 0, static_cast<int>(longest), nullptr) != CURLM_OK) {
       return CURLE_FAILED_INIT;
     }
@@ -340,7 +339,7 @@ HttpResult CurlHttpClient::resultOf(Hop& hop, CURLcode code) const {
   const char* const shortage =
       hop.shortage != nullptr ? hop.shortage : shortageBehind(code, _errorText);
   result.response = std::move(hop.response);
-  if (hop.problem != nullptr) {
+  if (hop.problem != nullptr && shortage == nullptr) {
     result.error = errorOf(code, hop.problem);
   } else if (code != CURLE_OK && shortage != nullptr) {
     result.error = errorOf(CURLE_OUT_OF_MEMORY, shortage);

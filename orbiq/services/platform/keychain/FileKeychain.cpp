@@ -107,8 +107,9 @@ KeychainStatus addSpareAs(const Descriptor& directory, const std::string& name) 
   const char* const file = name.c_str();
   if (linkat(number, kSpareName, number, file, 0) == 0 ||
       (errno != EEXIST && renameat2(number, kSpareName, number, file, RENAME_NOREPLACE) == 0) ||
-      (errno == EINVAL && faccessat(number, file, F_OK, AT_SYMLINK_NOFOLLOW) != 0 &&
-       errno == ENOENT && renameat(number, kSpareName, number, file) == 0)) {
+      ((errno == EINVAL || errno == ENOSYS) &&
+       faccessat(number, file, F_OK, AT_SYMLINK_NOFOLLOW) != 0 && errno == ENOENT &&
+       renameat(number, kSpareName, number, file) == 0)) {
     return errSecSuccess;
   }
   return errno == EEXIST ? errSecDuplicateItem : errSecNotAvailable;

@@ -188,7 +188,9 @@ TEST_F(HttpClientTest, guessesNoHostAndLooksNothingUp) {
   }
   EXPECT_EQ(nameLookupCount(), 0u);
   HangingLookup hanging;  // a look-up that is wanted does not delay the end
-  expectNothing(get(std::string("http://") + HangingLookup::kName + "/", kShort));
+  const HttpResult unresolved = get(std::string("http://") + HangingLookup::kName + "/", kShort);
+  expectNothing(unresolved);
+  EXPECT_TRUE(unresolved.error->text.starts_with("Resolving timed out")) << unresolved.error->text;
   hanging.await();  // its thread may come late
   EXPECT_EQ(nameLookupCount(), 1u);
 }
@@ -328,7 +330,9 @@ TEST_F(HttpClientTest, hasNoResponseWhenAHopBringsNoneOrAllTakeTooLong) {
     std::this_thread::sleep_for(100ms);
     return redirect("/");
   });
-  expectNothing(get(server.url(), 1s));
+  const HttpResult slow = get(server.url(), 1s);
+  expectNothing(slow);
+  EXPECT_TRUE(slow.error->text.ends_with(": no answer came in time")) << slow.error->text;
 }
 
 }  // namespace
