@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -15,6 +14,7 @@
 #include <latch>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -23,6 +23,7 @@
 #include "orbiq/services/platform/host/LibraryDirectory.h"
 #include "tests/support/Application.h"
 #include "tests/support/HttpExpectations.h"
+#include "tests/support/NothingAllowed.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -53,7 +54,7 @@ struct ErrorPipe {
   int ends[2];
 };
 
-TEST(HostProcess, ALineToAPipeWithoutAReaderRaisesNoSignal) {
+TEST(HostProcess, ALineThatCannotBeWrittenRaisesNoSignal) {
   const ErrorPipe pipe(0);
   close(pipe.ends[0]);
   sigset_t signals;
@@ -71,28 +72,21 @@ TEST(HostProcess, ALineToAPipeWithoutAReaderRaisesNoSignal) {
   }
   const TemporaryDirectory directory;
   dup2(creat((directory.path() / "log").c_str(), 0600), STDERR_FILENO);
-  rlimit usual;
-  getrlimit(RLIMIT_FSIZE, &usual);
-  const rlimit none{0, usual.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &none);
+  const NothingAllowed inFiles(RLIMIT_FSIZE);
   SystemLog::write(LoggingModeError, "ends the process, too");
-  setrlimit(RLIMIT_FSIZE, &usual);
 }
 
 /// Uses the agent while no thread can be started, and then flushes. Exits 0 if it says both.
 const RoleRegistration kStarved("agent without threads", [](const auto&) {
   // The limit on threads does not bind root.
   if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) return 2;
-  rlimit usual;
-  getrlimit(RLIMIT_NPROC, &usual);
-  const rlimit none{0, usual.rlim_max};
-  setrlimit(RLIMIT_NPROC, &none);
+  std::optional<NothingAllowed> threads(RLIMIT_NPROC);
   const Application application(kNoServer);
   Application::tagger("ABC")->sendHit();
   const std::string failure = "no thread can be started: Resource temporarily unavailable";
   if (orbiqAgent::sharedAgent().statistics().lastFailure != failure) return 3;
   if (application.log().count("(WARNING) : The requests wait, as " + failure) != 1) return 4;
-  setrlimit(RLIMIT_NPROC, &usual);
+  threads.reset();
   orbiqAgent::sharedAgent().flush({});
   return application.log().waitFor("There is a thread again") ? 0 : 5;
 });

@@ -50,7 +50,7 @@ struct orbiqAgent::State {
 
   // What "orbiqRequestHandler" does.
   bool giveWork(const orbiq::HandlerWork::Item& item);
-  /// Says that a queue could have no thread, for that error, or that it has one again.
+  /// Says once that a queue got no thread, for that error, and once that it has one again.
   void noteThread(std::atomic<bool>& isMissing, int error);
   void work();
   void add(const orbiq::HandlerWork::Item& item);
@@ -122,7 +122,7 @@ struct orbiqAgent::State {
   orbiq::Mutex startLock;
   std::atomic<bool> isStarted = false;
   std::atomic<bool> isNotified = false;
-  // No thread could be had for it.
+  // Whether no thread could be started for that queue.
   std::atomic<bool> lacksSender = false;
   std::atomic<bool> lacksHandler = false;
 };

@@ -258,7 +258,7 @@ CURLcode CurlHttpClient::prepare(const Order& order, Hop& hop, bool overAnotherC
   setConstantOptions();
   set(CURLOPT_URL, order.url.c_str());
   set(CURLOPT_USERAGENT, order.userAgent.c_str());  // an empty one is not sent
-  // Of all before the request is sent; a second address gets its part of it. 0 would mean 300 s.
+  // For look-up, connection and TLS; each address gets its part of it. 0 would mean 300 s.
   set(CURLOPT_CONNECTTIMEOUT_MS,
       static_cast<long>(std::max(timeLeft(order), Milliseconds{1}).count()));
   set(CURLOPT_FRESH_CONNECT, overAnotherConnection ? 1L : 0L);
@@ -305,8 +305,8 @@ CURLcode CurlHttpClient::drive(const Order& order, Hop& hop, TransferStay& stay)
     if (running == 0) break;
     // The body of a redirect is not waited for.
     if (!hop.redirect.target.empty()) return CURLE_OK;
-    // Asked here, as libcurl would look at a time-out of its own before it reads: what came while
-    // the process was frozen would be thrown away.
+    // libcurl looks at its own time-out before it reads. What came while the process was frozen
+    // would be thrown away.
     const Milliseconds left = timeLeft(order);
     if (hop.sends > 0 && left <= left.zero()) {
       hop.problem =

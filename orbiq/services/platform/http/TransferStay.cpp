@@ -16,8 +16,6 @@
 namespace orbiq {
 namespace {
 
-constexpr std::chrono::milliseconds kLongestStayAtExit{250};
-
 struct Stays {
   Condition changed;
   /// Those of the threads inside.
@@ -36,7 +34,7 @@ Stays& stays() {
 }
 
 void waitUntilAllHaveLeft() {
-  const auto deadline = std::chrono::steady_clock::now() + kLongestStayAtExit;
+  const auto deadline = std::chrono::steady_clock::now() + kLongestWaitAtExit;
   Lock lock(stays().changed);
   while (stays().first != nullptr) {
     const auto left = deadline - std::chrono::steady_clock::now();

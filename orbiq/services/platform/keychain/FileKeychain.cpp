@@ -92,11 +92,14 @@ KeychainStatus readItem(const Descriptor& directory, const std::string& name, st
 
 /// Makes the spare file, with the item in it, and syncs it.
 bool writeSpare(const Descriptor& directory, std::string_view data) {
-  const WriteSignalsHeld held;
   const Descriptor file = createFile(directory.number(), kSpareName);
   const std::string bytes = headerOf(data).append(data);
   if (!file.isOpen() || bytes.size() > kSizeLimit) return false;
-  return writeAll(file, bytes) == 0 && fsync(file.number()) == 0;
+  const auto write = [&] {
+    const WriteSignalsHeld held;
+    return writeAll(file, bytes);
+  };
+  return write() == 0 && fsync(file.number()) == 0;
 }
 
 /// Makes the spare file an item's new file.

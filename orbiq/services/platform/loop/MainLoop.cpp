@@ -18,6 +18,7 @@
 #include "orbiq/services/platform/loop/LoopDescriptors.h"
 #include "orbiq/services/platform/loop/TimerTable.h"
 #include "orbiq/services/platform/threads/Mutex.h"
+#include "orbiq/services/platform/threads/ProcessExit.h"
 #include "orbiq/services/platform/threads/Thread.h"
 
 namespace orbiq {
@@ -34,7 +35,6 @@ constexpr nanoseconds kShortestInterval = std::chrono::microseconds{100};
 /// where the kernel's seconds have 32 bits.
 constexpr nanoseconds kLongestInterval = std::chrono::seconds{1'000'000'000};
 constexpr nanoseconds kDescriptorRetry = std::chrono::seconds{1};
-constexpr nanoseconds kLongestWaitAtExit = std::chrono::milliseconds{250};
 /// Added to a watched descriptor's number, so that an event of a closed descriptor is not taken for
 /// one of its successor of the same number.
 constexpr std::uint64_t kKeyStep = std::uint64_t{1} << 32;

@@ -1,8 +1,12 @@
 #pragma once
 
 #include <atomic>
+#include <chrono>
 
 namespace orbiq {
+
+/// So long an exit waits for what the library's other threads are in the middle of.
+inline constexpr std::chrono::milliseconds kLongestWaitAtExit{250};
 
 /// For the library's exit handler alone to set.
 inline constinit std::atomic<bool> exitHandlerRuns{false};

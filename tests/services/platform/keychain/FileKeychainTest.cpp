@@ -5,7 +5,6 @@
 #include <signal.h>
 #include <sys/file.h>
 #include <sys/mount.h>
-#include <sys/resource.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -21,6 +20,7 @@
 #include "orbiq/services/platform/files/AtomicFile.h"
 #include "orbiq/services/platform/keychain/FileKeychain.h"
 #include "tests/support/NetworkNamespace.h"
+#include "tests/support/NothingAllowed.h"
 #include "tests/support/Role.h"
 #include "tests/support/TemporaryDirectory.h"
 
@@ -147,13 +147,8 @@ TEST_F(FileKeychainTest, IsReadWhereNothingCanBeWritten) {
 }
 
 TEST_F(FileKeychainTest, ALimitOfFileSizesRefusesAnItemAndEndsNobody) {
-  rlimit usual;
-  getrlimit(RLIMIT_FSIZE, &usual);
-  const rlimit none{0, usual.rlim_max};
-  setrlimit(RLIMIT_FSIZE, &none);
-  const KeychainStatus status = keychain.add(item());
-  setrlimit(RLIMIT_FSIZE, &usual);
-  EXPECT_EQ(status, errSecNotAvailable);
+  const NothingAllowed inFiles(RLIMIT_FSIZE);
+  EXPECT_EQ(keychain.add(item()), errSecNotAvailable);
 }
 
 TEST_F(FileKeychainTest, AChangeGivesUpOnAHolderOfTheLockThatDoesNotMove) {

@@ -1,16 +1,17 @@
 #include <gtest/gtest.h>
 #include <pthread.h>
 #include <signal.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <future>
 #include <memory>
+#include <optional>
 #include <stdexcept>
 #include <string>
 
 #include "orbiq/services/platform/loop/SerialQueue.h"
+#include "tests/support/NothingAllowed.h"
 #include "tests/support/Role.h"
 #include "tests/support/RunOn.h"
 
@@ -75,17 +76,14 @@ TEST(SerialQueueTest, TasksOutliveTheQueueAndEachOther) {
 const test::RoleRegistration starving("starving", [](const auto&) {
   // The limit on threads does not bind root.
   if (geteuid() == 0 && setresuid(65534, 65534, 65534) != 0) return 2;
-  rlimit usual;
-  getrlimit(RLIMIT_NPROC, &usual);
-  const rlimit none{0, usual.rlim_max};
-  setrlimit(RLIMIT_NPROC, &none);
+  std::optional<test::NothingAllowed> threads(RLIMIT_NPROC);
   std::string order;
   SerialQueue queue("starved");
   queue.async([&] { order += 'A'; });
   std::promise<void> outlived;
   auto gone = std::make_unique<SerialQueue>("gone");
   gone->async([&] { outlived.set_value(); });
-  setrlimit(RLIMIT_NPROC, &usual);
+  threads.reset();
   gone.reset();
   outlived.get_future().wait();
   test::runOn(queue, [&] { order += 'B'; });
